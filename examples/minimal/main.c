@@ -1,0 +1,30 @@
+/* Opens and closes a session through the installed package. */
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <velquin/twin_lens.h>
+
+int main(void) {
+    static TwinLensParams params; /* 25 KB: keep it off the stack */
+    TwinLensHandle handle = {0};
+    memset(&params, 0, sizeof params);
+    params.mainWidth = 1440;
+    params.mainHeight = 1080;
+    params.subWidth = 1440;
+    params.subHeight = 1080;
+    params.depthWidth = 480;
+    params.depthHeight = 360;
+    params.format = "YUV420_SEMIPLANAR";
+    params.cameraParamCount = 1;
+
+    const int32_t size = velquin_TwinLens_getBufferSize(&params);
+    if (size < 0) return 1;
+    void* buffer = malloc((size_t)size);
+    if (buffer == NULL) return 1;
+    TLResult r = velquin_TwinLens_initialize(&handle, buffer, size, &params);
+    if (r == TL_OK) r = velquin_TwinLens_finalize(&handle);
+    free(buffer);
+    printf("%s: session %s\n", velquin_TwinLens_getVersion(), r == TL_OK ? "opened and closed" : "failed");
+    return r == TL_OK ? 0 : 1;
+}

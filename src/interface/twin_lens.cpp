@@ -1,0 +1,156 @@
+// Life cycle of a session: version, buffer size, initialize, finalize.
+#include <atomic>
+#include <cstring>
+
+#include "interface/twin_lens_session.h"
+
+namespace vq_tl {
+
+namespace {
+
+constexpr int32_t kMaxSide = 16384;
+constexpr int32_t kMinFramePixels = 76800;  // 320 x 240
+constexpr int32_t kMinDepthPixels = 19200;  // 160 x 120
+constexpr double kMaxAspectDifference = 0.1;
+
+bool sideValid(int32_t side) {
+    // Sizes must also be positive: a pair of negative sides passes the other tests.
+    return side > 0 && side <= kMaxSide && (side & 1) == 0;
+}
+
+double aspect(int32_t width, int32_t height) { return static_cast<double>(width) / static_cast<double>(height); }
+
+double absDiff(double a, double b) { return a > b ? a - b : b - a; }
+
+uint32_t guardOf(const TwinLensHandle* handle) {
+    return kSessionGuardKey ^ static_cast<uint32_t>(reinterpret_cast<uintptr_t>(handle));
+}
+
+// The tail shared by the failure path of initialize and by finalize.
+TLResult closeSession(TwinLensHandle* handle, TwinLensSession* session, TLResult success) {
+    if (static_cast<int32_t>(destruct_Env(&session->env)) < 0) return TL_ERROR_SYSTEM;
+    std::memset(static_cast<void*>(session), 0, sizeof *session);
+    handle->session = nullptr;
+    return success;
+}
+
+}  // namespace
+
+bool TwinLens_sizesValid(const TwinLensParams* p) {
+    const int32_t sides[6] = {p->mainWidth, p->mainHeight, p->subWidth, p->subHeight, p->depthWidth, p->depthHeight};
+    for (int32_t side : sides) {
+        if (!sideValid(side)) return false;
+    }
+    // With every side in 2..16384 the products fit 32-bit signed arithmetic.
+    if (p->mainWidth * p->mainHeight < kMinFramePixels) return false;
+    if (p->subWidth * p->subHeight < kMinFramePixels) return false;
+    if (p->depthWidth * p->depthHeight < kMinDepthPixels) return false;
+    const double mainAspect = aspect(p->mainWidth, p->mainHeight);
+    if (absDiff(mainAspect, aspect(p->subWidth, p->subHeight)) > kMaxAspectDifference) return false;
+    if (absDiff(mainAspect, aspect(p->depthWidth, p->depthHeight)) > kMaxAspectDifference) return false;
+    return true;
+}
+
+TwinLensSession* TwinLens_sessionInBuffer(void* buffer, int32_t bufferSize) {
+    // A buffer from a byte array need not be aligned for the record's doubles;
+    // the reported size leaves room to move to the next aligned address.
+    const uintptr_t start = reinterpret_cast<uintptr_t>(buffer);
+    const uintptr_t align = alignof(TwinLensSession);
+    const uintptr_t aligned = (start + align - 1) & ~(align - 1);
+    if (bufferSize < 0 || aligned - start + sizeof(TwinLensSession) > static_cast<uintptr_t>(bufferSize)) {
+        return nullptr;
+    }
+    return reinterpret_cast<TwinLensSession*>(aligned);
+}
+
+}  // namespace vq_tl
+
+using namespace vq_tl;
+
+extern "C" {
+
+const char* velquin_TwinLens_getVersion(void) { return "Velquin Twin Lens Suite Ver.1.0.0 2019/03/26"; }
+
+int32_t velquin_TwinLens_getBufferSize(const TwinLensParams* params) {
+    if (params == nullptr || !TwinLens_sizesValid(params)) return static_cast<int32_t>(TL_ERROR_PARAM);
+    return static_cast<int32_t>(sizeof(TwinLensSession) + alignof(TwinLensSession) - 1);
+}
+
+TLResult velquin_TwinLens_initialize(TwinLensHandle* handle, void* buffer, int32_t bufferSize,
+                                     const TwinLensParams* params) {
+    if (params == nullptr) return TL_ERROR_PARAM;
+    const uint32_t formatCode = Image_getImageFormat(params->format);
+    if (formatCode != IMAGE_FORMAT_YUV420_PLANAR && formatCode != IMAGE_FORMAT_YUV420_SEMIPLANAR &&
+        formatCode != IMAGE_FORMAT_YVU420_SEMIPLANAR) {
+        return TL_ERROR_UNSUPPORTED;
+    }
+    if (handle == nullptr || buffer == nullptr || bufferSize < 1) return TL_ERROR_PARAM;
+    if (!TwinLens_sizesValid(params)) return TL_ERROR_PARAM;
+    handle->session = nullptr;
+    TwinLensSession* s = TwinLens_sessionInBuffer(buffer, bufferSize);
+    if (s == nullptr) return TL_ERROR_SYSTEM;
+
+    std::memset(static_cast<void*>(s), 0, sizeof *s);
+    construct_Env(&s->env, nullptr, 0);
+
+    s->mainWidth = params->mainWidth;
+    s->mainHeight = params->mainHeight;
+    s->subWidth = params->subWidth;
+    s->subHeight = params->subHeight;
+    s->depthWidth = params->depthWidth;
+    s->depthHeight = params->depthHeight;
+    s->formatCode = formatCode;
+    s->matchingMode = params->matchingMode;
+    s->refineLevel = params->refineLevel;
+    s->blurBackend = params->blurBackend;
+    s->asyncMode = params->asyncMode;
+    s->rotation = params->rotation;
+    s->callback = params->completionCallback;
+    s->callbackUserData = params->callbackUserData;
+    s->nextSequence = 0;
+    s->coarseBokehLevel = 40;
+    // The count is taken as given; rows beyond the table's 20 are not copied.
+    s->cameraParamCount = params->cameraParamCount;
+    int32_t rows = params->cameraParamCount;
+    if (rows > TWIN_LENS_MAX_CAMERA_PARAMS) rows = TWIN_LENS_MAX_CAMERA_PARAMS;
+    if (rows > 0) std::memcpy(s->cameraParams, params->cameraParams, sizeof(TwinLensCameraParam) * rows);
+
+    s->cameraDirty = 1;
+    // The middle row; for an even count the lower of the two middle rows.
+    int32_t index = (params->cameraParamCount - 1) / 2;
+    if (index < 0 || index >= TWIN_LENS_MAX_CAMERA_PARAMS) index = 0;
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    s->cameraParamIndex = index;
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    s->focusX = 0.5;
+    s->focusY = 0.5;
+    s->frameCounter = -1;
+    s->refineOnlyRate = 2;
+    s->priorityEnabled = params->workerPriorityEnabled;
+    s->priority = params->workerPriority;
+    s->calibWidth = s->cameraParams[index].mainCalibWidth;
+    s->calibHeight = s->cameraParams[index].mainCalibHeight;
+
+    if (TwinLens_assembleSession(s) != TL_OK) {
+        // Members already built are deliberately not taken down one by one.
+        return closeSession(handle, s, TL_ERROR_GENERAL);
+    }
+
+    s->magic = kSessionMagic;
+    s->state = kStateReady;
+    s->guard = guardOf(handle);
+    handle->session = s;
+    return TL_OK;
+}
+
+TLResult velquin_TwinLens_finalize(TwinLensHandle* handle) {
+    if (handle == nullptr || handle->session == nullptr) return TL_ERROR_PARAM;
+    TwinLensSession* s = handle->session;
+    if (s->magic != kSessionMagic || s->guard != guardOf(handle) || (s->state & kStateReady) == 0) {
+        return TL_ERROR_STATE;
+    }
+    TwinLens_destructMembers(s);
+    return closeSession(handle, s, TL_OK);
+}
+
+}  // extern "C"

@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build and the tests need, each only when it
+# is missing. Usage: tools/setup.sh [native|armhf]
+set -euo pipefail
+want=(cmake ninja-build g++ pkg-config googletest libgtest-dev libbenchmark-dev)
+if [ "${1:-native}" = armhf ]; then
+  want+=(g++-arm-linux-gnueabihf qemu-user)
+fi
+missing=()
+for p in "${want[@]}"; do
+  dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "installing: ${missing[*]}"
+  sudo_cmd=""
+  [ "$(id -u)" -ne 0 ] && sudo_cmd=sudo
+  $sudo_cmd apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $sudo_cmd apt-get install -y -qq "${missing[@]}"
+fi

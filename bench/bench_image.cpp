@@ -25,7 +25,8 @@ static void BM_ImageCopyYuv420(benchmark::State& state) {
     construct_Image(&dst, &env);
     Image_init(&src, 1440, 1080, nullptr, IMAGE_FORMAT_YUV420_SEMIPLANAR);
     for (auto _ : state) benchmark::DoNotOptimize(Image_copy(&dst, &src));
-    state.SetBytesProcessed(state.iterations() * Image_getSize(1440, 1080, IMAGE_FORMAT_YUV420_SEMIPLANAR, 0));
+    state.SetBytesProcessed(state.iterations() *
+                            Image_getSize(1440, 1080, IMAGE_FORMAT_YUV420_SEMIPLANAR, 0));
     destruct_Image(&src);
     destruct_Image(&dst);
 }

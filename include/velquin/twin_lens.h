@@ -48,8 +48,7 @@ VELQUIN_TL_API int32_t velquin_TwinLens_getBufferSize(const TwinLensParams* para
  * (TL_ERROR_PARAM), buffer size (TL_ERROR_SYSTEM). Sizes: each even, at most
  * 16384; main and sub at least 76800 pixels, depth at least 19200; aspect
  * ratios of sub and depth within 0.1 of main. */
-VELQUIN_TL_API TLResult velquin_TwinLens_initialize(TwinLensHandle* handle, void* buffer,
-                                                    int32_t bufferSize,
+VELQUIN_TL_API TLResult velquin_TwinLens_initialize(TwinLensHandle* handle, void* buffer, int32_t bufferSize,
                                                     const TwinLensParams* params);
 
 /* Stops the frame worker, releases everything and clears the handle.

@@ -23,7 +23,8 @@ bool subImageArgsValid(const Image* self, const Image* source, int32_t x, int32_
                        int32_t height) {
     if (self == nullptr || source == nullptr || x < 0 || y < 0) return false;
     if (width > source->width || height > source->height) return false;
-    if (static_cast<int64_t>(x) + width > source->width || static_cast<int64_t>(y) + height > source->height) {
+    if (static_cast<int64_t>(x) + width > source->width ||
+        static_cast<int64_t>(y) + height > source->height) {
         return false;
     }
     const int32_t planes = Image_getPlaneCount(source->format);
@@ -271,7 +272,8 @@ TLResult initChromaView(Image* self, const Image* source, int k, int32_t x, int3
     uint8_t* plane = source->plane[k];
     const int32_t pitch = source->pitch[k];
     switch (source->format) {
-        case 36: return initOnePlaneView(self, at(plane, pitch, y, x), pitch, width, height, IMAGE_FORMAT_UINT8);
+        case 36:
+            return initOnePlaneView(self, at(plane, pitch, y, x), pitch, width, height, IMAGE_FORMAT_UINT8);
         case 26:
             return initOnePlaneView(self, at(plane, pitch, y >> 1, x >> 1), pitch, width >> 1, height >> 1,
                                     IMAGE_FORMAT_UINT8);
@@ -363,7 +365,8 @@ TLResult Image_partialCopy(Image* dst, const Image* src, int32_t x, int32_t y, c
     if (d == nullptr) return TL_ERROR_PARAM;
     const int32_t hUnit = d->hUnit > 0 ? d->hUnit : 1;
     const int32_t vUnit = 1 << d->vShift;
-    if (x % hUnit != 0 || rect[0] % hUnit != 0 || y % vUnit != 0 || rect[1] % vUnit != 0) return TL_ERROR_PARAM;
+    if (x % hUnit != 0 || rect[0] % hUnit != 0 || y % vUnit != 0 || rect[1] % vUnit != 0)
+        return TL_ERROR_PARAM;
     const int64_t w64 = int64_t{rect[2]} - rect[0];
     const int64_t h64 = int64_t{rect[3]} - rect[1];
     if (w64 > INT32_MAX || h64 > INT32_MAX) return TL_ERROR_PARAM;

@@ -112,7 +112,7 @@ enum ImageSizeSelector : int32_t {
 };
 
 const ImageFormatDesc* Image_getFormatDesc(uint32_t format);  // null above 71
-int32_t Image_getPlaneCount(uint32_t format);                  // 0 to 3
+int32_t Image_getPlaneCount(uint32_t format);                 // 0 to 3
 
 uint32_t Image_getImageFormat(const char* name);  // 0 for null or unknown
 const char* Image_getImageFormatStr(uint32_t format);

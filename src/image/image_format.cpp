@@ -103,39 +103,78 @@ constexpr ImageFormatDesc kRgb161616 = {6, 1, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1
 constexpr ImageFormatDesc kYuv9 = {1, 1, 1, 0, 2, 4, 1, 2, 0, 0, 0, 0, 0, 4, 0, 2};
 
 constexpr ImageFormatDesc kFormatDescs[kImageFormatCount] = {
-    kNone,                                                                  // 0
-    kPacked2,                                                               // 1 RGB565
-    kPacked3, kPacked3,                                                     // 2, 3
-    kPacked4, kPacked4, kPacked4, kPacked4, kPacked4, kPacked4,             // 4 to 9
-    kPacked4, kPacked4, kPacked4, kPacked4, kPacked4, kPacked4,             // 10 to 15
-    kYuv422Interleaved, kYuv422Interleaved, kYuv422Interleaved, kYuv422Interleaved,  // 16 to 19
-    kYuv422Interleaved, kYuv422Interleaved, kYuv422Interleaved, kYuv422Interleaved,  // 20 to 23
-    kYuv422Planar,                                                          // 24
-    kYuv422Semi,                                                            // 25
-    kYuv420Planar,                                                          // 26
-    kYuv420Semi,                                                            // 27
-    kYuv422Semi,                                                            // 28
-    kYuv420Semi,                                                            // 29
-    kPacked3, kPacked3, kPacked3, kPacked3, kPacked3, kPacked3,             // 30 to 35
-    kYuv444Planar,                                                          // 36
-    kYuv10b420Semi, kYuv10b420Semi,                                         // 37, 38
-    kYuv10bPacked,                                                          // 39
-    kPacked1, kPacked1, kPacked1, kPacked1,                                 // 40 to 43
-    kPacked2, kPacked2, kPacked2, kPacked2,                                 // 44 to 47
-    kBayer10Packed, kBayer10Packed, kBayer10Packed, kBayer10Packed,         // 48 to 51
-    kPacked2, kPacked2, kPacked2, kPacked2,                                 // 52 to 55
-    kPacked2, kPacked2, kPacked2, kPacked2,                                 // 56 to 59
-    kPacked1,                                                               // 60 UINT8
-    kPacked4,                                                               // 61 INT32
-    kPacked3,                                                               // 62 HSV
-    kLab,                                                                   // 63 LAB
-    kPacked2,                                                               // 64 UINT16
-    kRgb161616,                                                             // 65
-    kPacked4,                                                               // 66 FLOAT
-    kPacked2,                                                               // 67 UINT88
-    kPacked2,                                                               // 68 INT16
-    kPacked4,                                                               // 69 UINT1616
-    kYuv9, kYuv9,                                                           // 70, 71
+    kNone,     // 0
+    kPacked2,  // 1 RGB565
+    kPacked3,
+    kPacked3,  // 2, 3
+    kPacked4,
+    kPacked4,
+    kPacked4,
+    kPacked4,
+    kPacked4,
+    kPacked4,  // 4 to 9
+    kPacked4,
+    kPacked4,
+    kPacked4,
+    kPacked4,
+    kPacked4,
+    kPacked4,  // 10 to 15
+    kYuv422Interleaved,
+    kYuv422Interleaved,
+    kYuv422Interleaved,
+    kYuv422Interleaved,  // 16 to 19
+    kYuv422Interleaved,
+    kYuv422Interleaved,
+    kYuv422Interleaved,
+    kYuv422Interleaved,  // 20 to 23
+    kYuv422Planar,       // 24
+    kYuv422Semi,         // 25
+    kYuv420Planar,       // 26
+    kYuv420Semi,         // 27
+    kYuv422Semi,         // 28
+    kYuv420Semi,         // 29
+    kPacked3,
+    kPacked3,
+    kPacked3,
+    kPacked3,
+    kPacked3,
+    kPacked3,       // 30 to 35
+    kYuv444Planar,  // 36
+    kYuv10b420Semi,
+    kYuv10b420Semi,  // 37, 38
+    kYuv10bPacked,   // 39
+    kPacked1,
+    kPacked1,
+    kPacked1,
+    kPacked1,  // 40 to 43
+    kPacked2,
+    kPacked2,
+    kPacked2,
+    kPacked2,  // 44 to 47
+    kBayer10Packed,
+    kBayer10Packed,
+    kBayer10Packed,
+    kBayer10Packed,  // 48 to 51
+    kPacked2,
+    kPacked2,
+    kPacked2,
+    kPacked2,  // 52 to 55
+    kPacked2,
+    kPacked2,
+    kPacked2,
+    kPacked2,    // 56 to 59
+    kPacked1,    // 60 UINT8
+    kPacked4,    // 61 INT32
+    kPacked3,    // 62 HSV
+    kLab,        // 63 LAB
+    kPacked2,    // 64 UINT16
+    kRgb161616,  // 65
+    kPacked4,    // 66 FLOAT
+    kPacked2,    // 67 UINT88
+    kPacked2,    // 68 INT16
+    kPacked4,    // 69 UINT1616
+    kYuv9,
+    kYuv9,  // 70, 71
 };
 
 bool inRange(uint32_t format, uint32_t lo, uint32_t hi) { return format >= lo && format <= hi; }

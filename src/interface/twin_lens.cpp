@@ -18,7 +18,9 @@ bool sideValid(int32_t side) {
     return side > 0 && side <= kMaxSide && (side & 1) == 0;
 }
 
-double aspect(int32_t width, int32_t height) { return static_cast<double>(width) / static_cast<double>(height); }
+double aspect(int32_t width, int32_t height) {
+    return static_cast<double>(width) / static_cast<double>(height);
+}
 
 double absDiff(double a, double b) { return a > b ? a - b : b - a; }
 
@@ -37,7 +39,8 @@ TLResult closeSession(TwinLensHandle* handle, TwinLensSession* session, TLResult
 }  // namespace
 
 bool TwinLens_sizesValid(const TwinLensParams* p) {
-    const int32_t sides[6] = {p->mainWidth, p->mainHeight, p->subWidth, p->subHeight, p->depthWidth, p->depthHeight};
+    const int32_t sides[6] = {p->mainWidth, p->mainHeight, p->subWidth,
+                              p->subHeight, p->depthWidth, p->depthHeight};
     for (int32_t side : sides) {
         if (!sideValid(side)) return false;
     }

@@ -1,0 +1,35 @@
+// Valid session parameters for tests, to be changed one field at a time.
+#pragma once
+
+#include <cstring>
+#include <memory>
+
+#include "velquin/twin_lens.h"
+
+namespace vq_tl_test {
+
+inline std::unique_ptr<TwinLensParams> makeParams(int32_t mainWidth = 640, int32_t mainHeight = 480,
+                                                  int32_t depthWidth = 320, int32_t depthHeight = 240) {
+    auto p = std::make_unique<TwinLensParams>();
+    std::memset(p.get(), 0, sizeof *p);
+    p->mainWidth = mainWidth;
+    p->mainHeight = mainHeight;
+    p->subWidth = mainWidth;
+    p->subHeight = mainHeight;
+    p->depthWidth = depthWidth;
+    p->depthHeight = depthHeight;
+    p->format = "YUV420_SEMIPLANAR";
+    p->cameraParamCount = 1;
+    for (int i = 0; i < TWIN_LENS_MAX_CAMERA_PARAMS; ++i) {
+        TwinLensCameraParam& row = p->cameraParams[i];
+        row.focusPosition = i;
+        row.mainCalibWidth = 4000 + i;
+        row.mainCalibHeight = 3000 + i;
+        row.subCalibWidth = 4000;
+        row.subCalibHeight = 3000;
+        row.stereoTranslation[0] = 10.0;
+    }
+    return p;
+}
+
+}  // namespace vq_tl_test

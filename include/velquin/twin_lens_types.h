@@ -122,6 +122,28 @@ typedef struct TwinLensParams {
     int32_t workerPriority; /* nice value -20..19, honoured with asyncMode 1 only */
 } TwinLensParams;
 
+/* A frame or picture with tight rows. The format is the one named at
+ * initialize for frames, UINT8 for depth pictures; unused planes are not read. */
+typedef struct TwinLensImage {
+    int32_t width;
+    int32_t height;
+    void* plane0; /* luminance, or the only plane */
+    void* plane1; /* U plane of a planar format, chroma plane of a semi-planar one */
+    void* plane2; /* V plane of a planar format */
+} TwinLensImage;
+
+/* The same with explicit pitches in bytes. */
+typedef struct TwinLensImageEx {
+    int32_t width;
+    int32_t height;
+    void* plane0;
+    void* plane1;
+    void* plane2;
+    int32_t pitch0;
+    int32_t pitch1;
+    int32_t pitch2;
+} TwinLensImageEx;
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif
@@ -166,6 +188,11 @@ VQ_TL_STATIC_ASSERT(offsetof(TwinLensParams, cameraParamCount) == 56, "params of
 VQ_TL_STATIC_ASSERT(offsetof(TwinLensParams, cameraParams) == 64, "params offset");
 VQ_TL_STATIC_ASSERT(offsetof(TwinLensParams, workerPriorityEnabled) == 25664, "params offset");
 VQ_TL_STATIC_ASSERT(offsetof(TwinLensParams, workerPriority) == 25668, "params offset");
+VQ_TL_STATIC_ASSERT(sizeof(TwinLensImage) == 20, "image record is 20 bytes");
+VQ_TL_STATIC_ASSERT(offsetof(TwinLensImage, plane2) == 16, "image offset");
+VQ_TL_STATIC_ASSERT(sizeof(TwinLensImageEx) == 32, "image record with pitches is 32 bytes");
+VQ_TL_STATIC_ASSERT(offsetof(TwinLensImageEx, pitch0) == 20, "image offset");
+VQ_TL_STATIC_ASSERT(offsetof(TwinLensImageEx, pitch2) == 28, "image offset");
 #undef VQ_TL_STATIC_ASSERT
 #endif
 

@@ -1,8 +1,8 @@
 // Life cycle of a session: version, buffer size, initialize, finalize.
-#include <atomic>
 #include <cstring>
 
 #include "interface/twin_lens_session.h"
+#include "runtime/fenced_word.h"
 
 namespace vq_tl {
 
@@ -122,9 +122,7 @@ TLResult velquin_TwinLens_initialize(TwinLensHandle* handle, void* buffer, int32
     // The middle row; for an even count the lower of the two middle rows.
     int32_t index = (params->cameraParamCount - 1) / 2;
     if (index < 0 || index >= TWIN_LENS_MAX_CAMERA_PARAMS) index = 0;
-    std::atomic_thread_fence(std::memory_order_seq_cst);
-    s->cameraParamIndex = index;
-    std::atomic_thread_fence(std::memory_order_seq_cst);
+    FencedWord_store(&s->cameraParamIndex, index);
     s->focusX = 0.5;
     s->focusY = 0.5;
     s->frameCounter = -1;

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <time.h>
 
 #include <chrono>
 #include <cstring>
@@ -85,13 +86,28 @@ TEST(Condition, WaitNeedsAnInitialisedMutexLock) {
     destroyGuarded(&g);
 }
 
+namespace {
+
+// A limit above one second whose millisecond part, added to the clock's
+// nanoseconds now, passes the next full second: the deadline needs both the
+// seconds part and the carry out of the nanoseconds.
+int32_t millisCarryingIntoSeconds() {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const int32_t nowMillis = static_cast<int32_t>(now.tv_nsec / 1000000);
+    return 1000 + (1002 - nowMillis) % 1000;  // 2 ms of margin for the time until the wait reads the clock
+}
+
+}  // namespace
+
 TEST(Condition, TimedWaitRunsOutAfterItsTime) {
     Guarded g;
     initGuarded(&g);
+    const int32_t carrying = millisCarryingIntoSeconds();
     const struct {
         int32_t millis;
         double atLeast;
-    } cases[] = {{-20, 0.0}, {0, 0.0}, {30, 30.0}, {1250, 1250.0}};  // 1250 carries into the seconds
+    } cases[] = {{-20, 0.0}, {0, 0.0}, {30, 30.0}, {carrying, static_cast<double>(carrying)}};
     for (const auto& c : cases) {
         ASSERT_EQ(Lock_lock(&g.lock), TL_OK);
         const auto start = std::chrono::steady_clock::now();

@@ -136,6 +136,38 @@ TEST(CountDownLatch, ReleasesEveryWaiterAfterTheLastCountDownInManyRounds) {
     }
 }
 
+TEST(CountDownLatch, ACountDownBetweenAWaitersLookAndItsLockIsNotLost) {
+    // The waiter sees a positive count outside the lock, then finds the lock
+    // taken: the test holds it and counts down to zero meanwhile (the lock is
+    // recursive, so countDown's own locking passes and its signal finds
+    // nobody). The waiter must look at the count again once it has the lock
+    // instead of sleeping for a signal that has come and gone.
+    Round r{};
+    for (int i = 0; i < kWorkers; ++i) r.work[i] = i + 1;
+    construct_CountDownLatch(&r.latch, nullptr);
+    ASSERT_EQ(CountDownLatch_init(&r.latch, 1), TL_OK);
+    ASSERT_EQ(Lock_lock(&r.latch.lock), TL_OK);
+    Thread thread;
+    construct_Thread(&thread, nullptr);
+    ASSERT_EQ(Thread_start(&thread, waiter, &r), TL_OK);
+    // Long enough for the waiter to be blocked on the lock; if it is not
+    // there yet the test is merely less strict this time.
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(CountDownLatch_countDown(&r.latch), TL_OK);
+    ASSERT_EQ(Lock_unlock(&r.latch.lock), TL_OK);
+    const auto start = std::chrono::steady_clock::now();
+    while (r.released.load() < 1 && millisSince(start) < 5000.0) sched_yield();
+    if (r.released.load() < 1) {
+        ADD_FAILURE() << "the waiter slept through the last countDown";
+        Lock_lock(&r.latch.lock);
+        Condition_signalAll(&r.latch.condition);
+        Lock_unlock(&r.latch.lock);
+    }
+    EXPECT_EQ(destruct_Thread(&thread), TL_OK);
+    EXPECT_EQ(r.wrongSums.load(), 0);
+    EXPECT_EQ(destruct_CountDownLatch(&r.latch), TL_OK);
+}
+
 TEST(CountDownLatch, ConcurrentCountDownsNeverGoBelowZero) {
     // More countDowns than the count, from several threads at once.
     constexpr int kThreads = 4;

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstring>
 
 #include "runtime/thread.h"
@@ -105,32 +104,4 @@ TEST(Thread, DestructKeepsARecordWhoseThreadFailedThenLetsGo) {
     Thread zero;
     std::memset(&zero, 0, sizeof zero);
     EXPECT_EQ(std::memcmp(&thread, &zero, sizeof zero), 0);
-}
-
-namespace {
-
-uint32_t recordId(void* argument) {
-    static_cast<std::atomic<uintptr_t>*>(argument)->store(Thread_getId());
-    return 0;
-}
-
-}  // namespace
-
-TEST(Thread, IdsDifferBetweenLiveThreadsAndStayPutOnOne) {
-    constexpr int kThreads = 4;
-    std::atomic<uintptr_t> ids[kThreads];
-    Thread threads[kThreads];
-    for (int i = 0; i < kThreads; ++i) {
-        construct_Thread(&threads[i], nullptr);
-        ASSERT_EQ(Thread_start(&threads[i], recordId, &ids[i]), TL_OK);
-    }
-    for (Thread& t : threads) ASSERT_EQ(destruct_Thread(&t), TL_OK);
-    // None was joined before all had started, so all four were alive at
-    // once and may not share an id (a joined thread's id may come back).
-    const uintptr_t self = Thread_getId();
-    EXPECT_EQ(Thread_getId(), self);
-    for (int i = 0; i < kThreads; ++i) {
-        EXPECT_NE(ids[i].load(), self);
-        for (int j = i + 1; j < kThreads; ++j) EXPECT_NE(ids[i].load(), ids[j].load()) << i << " " << j;
-    }
 }

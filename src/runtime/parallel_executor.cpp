@@ -207,13 +207,14 @@ void dropTask(ParallelExecutor* self, void* item) {
 }
 
 // The working caller empties the waiting queue itself. An entry that does
-// not fit into the finished queue is counted here: results or'ed into
-// *results and freed for a task, one more in *sharesDone for a share.
-TLResult callerWork(ParallelExecutor* self, uint32_t* results, int32_t* sharesDone) {
+// not fit into the finished queue, which only this thread drains, is counted
+// here instead: its result or'ed into *results and the task freed, or one
+// more in *sharesDone for a share. Nothing is lost that way, so a full
+// finished queue is no error.
+void callerWork(ParallelExecutor* self, uint32_t* results, int32_t* sharesDone) {
     if (self->setAffinity != 0) {
         Syscall_setThreadAffinityMask(self->env, self->cpuCount > 0 ? 1u << self->cpus[0] : 1u);
     }
-    TLResult r = TL_OK;
     for (;;) {
         void* item = LinkedBlockingQueue_poll(&self->waitingQueue);
         if (item == nullptr) break;
@@ -223,7 +224,6 @@ TLResult callerWork(ParallelExecutor* self, uint32_t* results, int32_t* sharesDo
         }
         runItem(self, item);
         if (LinkedBlockingQueue_offer(&self->finishedQueue, item) == 1) continue;
-        r |= TL_ERROR_STATE;
         if (item == self) {
             ++*sharesDone;
         } else {
@@ -232,7 +232,6 @@ TLResult callerWork(ParallelExecutor* self, uint32_t* results, int32_t* sharesDo
         }
     }
     restoreMask(self);
-    return r;
 }
 
 TLResult poolJoin(ParallelExecutor* self, uint32_t* resultOut) {
@@ -240,7 +239,7 @@ TLResult poolJoin(ParallelExecutor* self, uint32_t* resultOut) {
     TLResult r = TL_OK;
     if (self->callerWorks != 0) {
         int32_t shares = 0;
-        r |= callerWork(self, &results, &shares);
+        callerWork(self, &results, &shares);
     }
     while (__atomic_load_n(&self->taskCount, __ATOMIC_SEQ_CST) > 0) {
         void* item = LinkedBlockingQueue_take(&self->finishedQueue);
@@ -282,7 +281,7 @@ TLResult poolExecute(ParallelExecutor* self, ParallelExecutorIndexFunction funct
     int32_t done = 0;
     if (self->callerWorks != 0) {
         uint32_t results = 0;
-        r |= callerWork(self, &results, &done);
+        callerWork(self, &results, &done);
     }
     // Every share offered must come back before the function and its
     // argument may go; entries of forked tasks found meanwhile are errors.
@@ -318,13 +317,16 @@ TLResult poolFork(ParallelExecutor* self, ParallelExecutorTask* task, bool* queu
     *queued = false;
     if (isShuttingDown(self)) return TL_MARK_CANCELLED;
     const TLResult grown = growPool(self);
+    // Nobody would ever run it.
+    if (self->runningThreads == 0 && self->callerWorks == 0) return grown | TL_ERROR_STATE;
     __atomic_fetch_add(&self->taskCount, 1, __ATOMIC_SEQ_CST);
     if (LinkedBlockingQueue_offer(&self->waitingQueue, task) != 1) {
         __atomic_fetch_sub(&self->taskCount, 1, __ATOMIC_SEQ_CST);
         return grown | TL_ERROR_STATE;
     }
+    // Queued, it runs on the threads there are, whatever the growth gave.
     *queued = true;
-    return grown;
+    return TL_OK;
 }
 
 size_t taskHeaderSize() {

@@ -425,3 +425,34 @@ TEST(ParallelExecutor, InitAgainKeepsSettingsAndPoolsWithAffinityWork) {
     owner.join();
     EXPECT_EQ(destruct_ParallelExecutor(&e), TL_OK);
 }
+
+// A small pool with a working caller: forks beyond the waiting queue are
+// refused, the finished queue fills up while the caller helps, and join
+// still accounts for every accepted task exactly once.
+TEST(ParallelExecutor, FullQueuesLoseNoTask) {
+    ParallelExecutor e;
+    construct_ParallelExecutor(&e, nullptr);
+    e.numberOfThreads = 1;
+    e.callerWorks = 1;
+    e.setAffinity = 0;
+    ASSERT_EQ(ParallelExecutor_init(&e, 2, 3), TL_OK);
+    for (int round = 0; round < stressCount(50); ++round) {
+        gCounter = 0;
+        int32_t accepted = 0;
+        int32_t refused = 0;
+        for (int i = 0; i < 20; ++i) {
+            const TLResult r = ParallelExecutor_fork(&e, countTask, nullptr, 0);
+            if (r == TL_OK) {
+                ++accepted;
+            } else {
+                ASSERT_EQ(r, TL_ERROR_STATE);
+                ++refused;
+            }
+        }
+        EXPECT_GT(refused, 0) << "20 forks cannot all fit";
+        ASSERT_EQ(ParallelExecutor_join(&e), TL_OK);
+        EXPECT_EQ(gCounter.load(), accepted);
+        EXPECT_EQ(ParallelExecutor_getNumberOfTasks(&e), 0);
+    }
+    EXPECT_EQ(destruct_ParallelExecutor(&e), TL_OK);
+}

@@ -41,8 +41,11 @@ struct PelParams {
     int32_t dynamicBalance;      // non-zero: range splitting; zero: fixed shares
     int32_t timeoutMillis;       // longest wait for one completion by a thread that cannot help
     void* workerStartArg;
-    PelWorkerCallback workerStart;  // runs on each worker thread before its loop
-    PelWorkerCallback workerEnd;    // runs on each worker thread after its loop
+    // Run on each worker thread before and after its loop (thread priority,
+    // thread names); they must not call into this Pel. Pel_init may return
+    // before the last start callback has run.
+    PelWorkerCallback workerStart;
+    PelWorkerCallback workerEnd;
 };
 
 // Handed to every kernel call. On the serial path (no Pel) all is zero but count.

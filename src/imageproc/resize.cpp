@@ -159,6 +159,10 @@ TLResult halfStripe(void* arg, int32_t index, int32_t count) {
 
 int32_t minInt(int32_t a, int32_t b) { return a < b ? a : b; }
 
+// Work blocks put tables and accumulator rows one after another; each part
+// starts on 16 bytes so that 64-bit accumulators are aligned.
+size_t alignUp(size_t bytes) { return (bytes + 15) & ~size_t{15}; }
+
 template <typename T, int C>
 TLResult halfPlane(const ImageStripeExec* exec, Image* dst, const Image* src) {
     PlaneArgs args{dst, src, nullptr, nullptr, nullptr};
@@ -173,7 +177,7 @@ TLResult resizePlane(const ImageStripeExec* exec, Image* dst, const Image* src) 
     if (Resize_isAboutHalf(dst->width, dst->height, src->width, src->height))
         return halfPlane<T, C>(exec, dst, src);
     const int32_t parts = minInt(2 * ImageStripeExec_getWorkerCount(exec), dst->height);
-    const size_t tapBytes = sizeof(ResizeTap) * (static_cast<size_t>(dst->width) + dst->height);
+    const size_t tapBytes = alignUp(sizeof(ResizeTap) * (static_cast<size_t>(dst->width) + dst->height));
     const size_t cacheBytes = sizeof(H) * 2 * static_cast<size_t>(dst->width) * C * parts;
     uint8_t* block = static_cast<uint8_t*>(std::malloc(tapBytes + cacheBytes));
     if (block == nullptr) return TL_ERROR_MEMORY;
@@ -278,9 +282,9 @@ TLResult areaPlane(const ImageStripeExec* exec, Image* dst, const Image* src) {
     using A = AreaAcc<T>;
     if (dst->width < 1 || dst->height < 1) return TL_ERROR_GENERAL;
     const int32_t parts = minInt(4, dst->height);
-    const size_t spanBytes = sizeof(AreaSpan) * (static_cast<size_t>(dst->width) + dst->height);
+    const size_t spanBytes = alignUp(sizeof(AreaSpan) * (static_cast<size_t>(dst->width) + dst->height));
     const size_t weightBytes =
-        sizeof(int32_t) * (static_cast<size_t>(dst->width) + src->width + dst->height + src->height);
+        alignUp(sizeof(int32_t) * (static_cast<size_t>(dst->width) + src->width + dst->height + src->height));
     const size_t workBytes = sizeof(A) * 2 * static_cast<size_t>(dst->width) * C * parts;
     uint8_t* block = static_cast<uint8_t*>(std::malloc(spanBytes + weightBytes + workBytes));
     if (block == nullptr) return TL_ERROR_MEMORY;

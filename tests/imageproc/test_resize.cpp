@@ -32,7 +32,7 @@ struct Picture {
         for (int k = 0; k < planes; ++k) {
             rowBytes[k] = Image_getSize(w, h, format, pitchSel[k]);
             rows[k] = Image_getSize(w, h, format, rowSel[k]);
-            pitch[k] = rowBytes[k] + 5;
+            pitch[k] = rowBytes[k] + 8;  // padding that keeps 16- and 32-bit rows aligned
             offset[k] = total;
             total += static_cast<size_t>(pitch[k]) * rows[k];
         }

@@ -37,7 +37,8 @@ void storeLink(void* block, int32_t link) {
 int32_t loadLink(const void* block) {
     const uint8_t* b = static_cast<const uint8_t*>(block);
     uint32_t v = 0;
-    for (int i = 0; i < 4; ++i) v |= static_cast<uint32_t>(__atomic_load_n(b + i, __ATOMIC_RELAXED)) << (8 * i);
+    for (int i = 0; i < 4; ++i)
+        v |= static_cast<uint32_t>(__atomic_load_n(b + i, __ATOMIC_RELAXED)) << (8 * i);
     return static_cast<int32_t>(v);
 }
 

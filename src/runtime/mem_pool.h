@@ -10,9 +10,9 @@ namespace vq_tl {
 
 struct MemPool {
     Env* env;
-    uint8_t* blocks;     // owned: blockSize * blockCount bytes
-    uint32_t blockSize;  // at least 4
-    uint32_t reciprocal; // 0xFFFFFFFF / blockSize: byte offset to index without a division
+    uint8_t* blocks;      // owned: blockSize * blockCount bytes
+    uint32_t blockSize;   // at least 4
+    uint32_t reciprocal;  // 0xFFFFFFFF / blockSize: byte offset to index without a division
     uint32_t blockCount;
     // Upper 20 bits: index of the first free block (all ones when empty);
     // lower 12 bits: change counter against ABA.

@@ -281,13 +281,12 @@ uint64_t Double_div(uint64_t a, uint64_t b) {
     }
     // Restoring division, one quotient bit per step: 63 bits with the leading
     // one at bit 62; the remainder (below 2^55) decides the sticky bit.
+    // Without branches: the outcome of each step is a coin toss a predictor cannot learn.
     uint64_t q = 0, r = mA;
     for (int i = 0; i < 63; ++i) {
-        q <<= 1;
-        if (r >= mB) {
-            r -= mB;
-            q |= 1;
-        }
+        const uint64_t take = 0 - static_cast<uint64_t>(r >= mB);  // all ones or zero
+        r -= mB & take;
+        q = (q << 1) | (take & 1);
         r <<= 1;
     }
     return roundPack(sign, eA - eB + 1023, q | (r != 0 ? 1u : 0u));
@@ -333,11 +332,9 @@ uint64_t Double_sqrt(uint64_t a) {
         const uint64_t pair = i < 27 ? (m >> (52 - 2 * i)) & 3 : 0;
         rem = (rem << 2) | pair;
         const uint64_t trial = (root << 2) | 1;
-        root <<= 1;
-        if (rem >= trial) {
-            rem -= trial;
-            root |= 1;
-        }
+        const uint64_t take = 0 - static_cast<uint64_t>(rem >= trial);
+        rem -= trial & take;
+        root = (root << 1) | (take & 1);
     }
     return roundPack(0, u / 2 + 1023, (root << 4) | (rem != 0 ? 1u : 0u));
 }

@@ -122,14 +122,22 @@ typename Ops::Real horner(const std::array<typename Ops::Real, N>& c, typename O
 template <class Ops>
 struct Kernels {
     using Real = typename Ops::Real;
+    // Constants converted at compile time: the integer policy never sees a double.
+    static constexpr Real kMinus1075 = Ops::fromDouble(-1075.0);
+    static constexpr Real kMinus1074 = Ops::fromDouble(-1074.0);
+    static constexpr Real k1024 = Ops::fromDouble(1024.0);
+    static constexpr Real kOne = Ops::fromDouble(1.0);
+    static constexpr Real kPiR = Ops::fromDouble(kPi);
+    static constexpr Real kTwoPiR = Ops::fromDouble(kTwoPi);
+    static constexpr Real kHalfPiR = Ops::fromDouble(kHalfPi);
 
     static Real exp2(Real x) {
         static constexpr auto poly = toReals<Ops>(kExp2Poly);
         const uint64_t xb = Ops::toBits(x);
         if (isNaN(xb)) return x;
-        if (!Ops::less(Ops::fromDouble(-1075.0), x)) return Ops::fromBits(0);
-        if (Ops::less(x, Ops::fromDouble(-1074.0))) return Ops::fromBits(1);  // the smallest subnormal
-        if (!Ops::less(x, Ops::fromDouble(1024.0))) return Ops::fromBits(kPosInf);
+        if (!Ops::less(kMinus1075, x)) return Ops::fromBits(0);
+        if (Ops::less(x, kMinus1074)) return Ops::fromBits(1);  // the smallest subnormal
+        if (!Ops::less(x, k1024)) return Ops::fromBits(kPosInf);
         const uint64_t nb = floorBits(xb);
         const int32_t n = integralToInt32(nb);  // -1074..1023
         const uint64_t power =
@@ -159,27 +167,24 @@ struct Kernels {
             e += 1;
         }
         const Real m = Ops::fromBits(mb);
-        const Real one = Ops::fromDouble(1.0);
-        const Real t = Ops::div(Ops::sub(m, one), Ops::add(m, one));
+        const Real t = Ops::div(Ops::sub(m, kOne), Ops::add(m, kOne));
         const Real s = Ops::mul(t, t);
         return Ops::add(Ops::fromInt(e), Ops::mul(t, horner<Ops>(poly, s)));
     }
 
     static Real cos(Real x) {
         static constexpr auto poly = toReals<Ops>(kCosPoly);
-        const Real pi = Ops::fromDouble(kPi);
-        const Real twoPi = Ops::fromDouble(kTwoPi);
         const uint64_t xb = Ops::toBits(x);
         if ((xb & kExpMask) == kExpMask) return Ops::fromBits(kDefaultNaN);
         Real a = Ops::fromBits(xb & ~kSignBit);
-        if (Ops::less(pi, a)) {
-            const Real k = Ops::fromBits(ceilBits(Ops::toBits(Ops::div(Ops::sub(a, pi), twoPi))));
-            a = Ops::sub(a, Ops::mul(k, twoPi));
+        if (Ops::less(kPiR, a)) {
+            const Real k = Ops::fromBits(ceilBits(Ops::toBits(Ops::div(Ops::sub(a, kPiR), kTwoPiR))));
+            a = Ops::sub(a, Ops::mul(k, kTwoPiR));
             a = Ops::fromBits(Ops::toBits(a) & ~kSignBit);
         }
         bool negate = false;
-        if (Ops::less(Ops::fromDouble(kHalfPi), a)) {
-            a = Ops::sub(pi, a);
+        if (Ops::less(kHalfPiR, a)) {
+            a = Ops::sub(kPiR, a);
             negate = true;
         }
         const uint64_t r = Ops::toBits(horner<Ops>(poly, Ops::mul(a, a)));

@@ -339,10 +339,16 @@ uint64_t Double_sqrt(uint64_t a) {
     return roundPack(0, u / 2 + 1023, (root << 4) | (rem != 0 ? 1u : 0u));
 }
 
+namespace {
+constexpr uint64_t kMinusHalfPiBits = SoftOps::fromDouble(-kHalfPi);
+constexpr uint64_t kLog2EBits = SoftOps::fromDouble(kLog2E);
+constexpr uint64_t kLn2Bits = SoftOps::fromDouble(kLn2);
+}  // namespace
+
 uint64_t Double_cos(uint64_t x) { return K::cos(x); }
-uint64_t Double_sin(uint64_t x) { return K::cos(Double_add(x, SoftOps::fromDouble(-kHalfPi))); }
-uint64_t Double_exp(uint64_t x) { return K::exp2(Double_mul(x, SoftOps::fromDouble(kLog2E))); }
-uint64_t Double_log(uint64_t x) { return Double_mul(K::log2(x), SoftOps::fromDouble(kLn2)); }
+uint64_t Double_sin(uint64_t x) { return K::cos(Double_add(x, kMinusHalfPiBits)); }
+uint64_t Double_exp(uint64_t x) { return K::exp2(Double_mul(x, kLog2EBits)); }
+uint64_t Double_log(uint64_t x) { return Double_mul(K::log2(x), kLn2Bits); }
 uint64_t Double_pow(uint64_t x, uint64_t y) { return K::exp2(Double_mul(K::log2(x), y)); }
 
 }  // namespace vq_tl

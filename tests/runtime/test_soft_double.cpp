@@ -38,40 +38,15 @@ constexpr double kMax = std::numeric_limits<double>::max();
 
 // Values where rounding, overflow and the special cases live.
 std::vector<double> specials() {
-    std::vector<double> v = {0.0,
-                             kMinSub,
-                             2 * kMinSub,
-                             3 * kMinSub,
-                             real(0x000FFFFFFFFFFFFFull),  // largest subnormal
-                             real(0x0008000000000000ull),
-                             kMinNormal,
-                             real(0x0010000000000001ull),
-                             0x1p-1022 * 1.5,
-                             1e-300,
-                             0.5,
-                             1.0,
-                             real(0x3FF0000000000001ull),  // 1 + ulp
-                             real(0x3FEFFFFFFFFFFFFFull),  // 1 - ulp / 2
-                             1.5,
-                             2.0,
-                             3.0,
-                             0.1,
-                             1.0 / 3.0,
-                             0x1p-53,
-                             0x1p-54,
-                             0x1p-53 * 3,
-                             0x1p52,
-                             0x1p53,
-                             0x1p53 + 2,
-                             1e300,
-                             0x1p1023,
-                             0x1p970,
-                             0x1p969,
-                             kMax,
-                             real(0x7FEFFFFFFFFFFFFEull),
-                             kInf,
-                             std::numeric_limits<double>::quiet_NaN(),
-                             real(0x7FF0000000000001ull)};  // signalling NaN
+    // clang-format off
+    std::vector<double> v = {
+        0.0, kMinSub, 2 * kMinSub, 3 * kMinSub, real(0x000FFFFFFFFFFFFFull) /* largest subnormal */,
+        0x1p-1023, kMinNormal, real(0x0010000000000001ull), 0x1.8p-1022, 1e-300,
+        0.5, 1.0, real(0x3FF0000000000001ull) /* 1 + ulp */, real(0x3FEFFFFFFFFFFFFFull) /* largest below 1 */,
+        1.5, 2.0, 3.0, 0.1, 1.0 / 3.0, 0x1p-53, 0x1p-54, 0x1.8p-52, 0x1p52, 0x1p53, 0x1p53 + 2,
+        1e300, 0x1p1023, 0x1p970, 0x1p969, kMax, real(0x7FEFFFFFFFFFFFFEull), kInf,
+        std::numeric_limits<double>::quiet_NaN(), real(0x7FF0000000000001ull) /* signalling NaN */};
+    // clang-format on
     const size_t n = v.size();
     for (size_t i = 0; i < n; ++i) v.push_back(-v[i]);
     return v;

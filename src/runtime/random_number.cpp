@@ -31,8 +31,14 @@ constexpr int32_t kMaxCount = 624;
 // through all 2^32 values.
 inline uint32_t seedStep(uint32_t x) { return x * (2u * x + 3u) + 1u; }
 
+// By the state size init gave, so that a kind changed after init cannot run
+// the wrong parameters over the state.
+inline const TwisterParams& paramsOf(const RandomNumber* self) {
+    return kParams[self->count == kParams[RANDOM_NUMBER_KIND_MT19937].count ? 1 : 0];
+}
+
 void twist(RandomNumber* self) {
-    const TwisterParams& p = kParams[self->kind];
+    const TwisterParams& p = paramsOf(self);
     uint32_t* mt = self->state;
     const int32_t n = p.count;
     for (int32_t k = 0; k < n; ++k) {
@@ -113,7 +119,7 @@ TLResult RandomNumber_init(RandomNumber* self, uint32_t seed) {
 uint32_t RandomNumber_get(RandomNumber* self) {
     if (self->state == nullptr) return 0;
     if (self->index >= self->count) twist(self);
-    const TwisterParams& p = kParams[self->kind];
+    const TwisterParams& p = paramsOf(self);
     uint32_t y = self->state[self->index++];
     y ^= y >> 11;
     y ^= (y << 7) & p.maskB;

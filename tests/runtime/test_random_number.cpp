@@ -136,6 +136,9 @@ TEST(RandomNumber, LifeCycleAndBadArguments) {
     RandomNumber_get(&rn);
     ASSERT_EQ(RandomNumber_init(&rn, 42), TL_OK);  // init again restarts the sequence
     EXPECT_EQ(RandomNumber_get(&rn), first);
+    rn.kind = RANDOM_NUMBER_KIND_351;  // a late change of kind keeps the generator init made
+    for (int i = 0; i < 1000; ++i) RandomNumber_get(&rn);
+    EXPECT_EQ(rn.count, 624);
     EXPECT_EQ(RandomNumber_recycle(&rn), TL_OK);
     EXPECT_EQ(rn.state, nullptr);
     EXPECT_EQ(rn.env, &env);

@@ -139,9 +139,11 @@ int32_t TwinLens_enqueueFrame(TwinLensSession* s, const Image* mainView, const I
     }
     job->mainFrame = mainFrame;
     job->subFrame = subFrame;
-    job->sequence = s->nextSequence++;
+    const uint32_t sequence = s->nextSequence++;
+    job->sequence = sequence;
+    // From here on the worker owns the job and may already have freed it.
     LinkedBlockingQueue_put(&s->jobQueue, job);
-    return static_cast<int32_t>(job->sequence);
+    return static_cast<int32_t>(sequence);
 }
 
 uint32_t TwinLens_frameWorker(void* argument) {

@@ -5,6 +5,7 @@
 #include <random>
 #include <vector>
 
+#include "imageproc/picture.h"
 #include "imageproc/resize.h"
 #include "support/test_env.h"
 
@@ -12,60 +13,7 @@ using namespace vq_tl;
 
 namespace {
 
-constexpr uint8_t kCanary = 0x5C;
-
-// A single-plane or YUV picture in caller memory, rows padded with canaries.
-struct Picture {
-    Env env{};
-    Image image;
-    std::vector<uint8_t> storage;
-    int32_t rowBytes[3] = {0, 0, 0};
-    int32_t rows[3] = {0, 0, 0};
-
-    Picture(int32_t w, int32_t h, uint32_t format) {
-        construct_Image(&image, &env);
-        const int32_t planes = Image_getPlaneCount(format);
-        const int32_t pitchSel[3] = {IMAGE_SIZE_PITCH0, IMAGE_SIZE_PITCH1, IMAGE_SIZE_PITCH2};
-        const int32_t rowSel[3] = {IMAGE_SIZE_ROWS0, IMAGE_SIZE_ROWS1, IMAGE_SIZE_ROWS2};
-        int32_t pitch[3] = {0, 0, 0};
-        size_t offset[3] = {0, 0, 0}, total = 0;
-        for (int k = 0; k < planes; ++k) {
-            rowBytes[k] = Image_getSize(w, h, format, pitchSel[k]);
-            rows[k] = Image_getSize(w, h, format, rowSel[k]);
-            pitch[k] = rowBytes[k] + 8;  // padding that keeps 16- and 32-bit rows aligned
-            offset[k] = total;
-            total += static_cast<size_t>(pitch[k]) * rows[k];
-        }
-        storage.assign(total + 8, kCanary);
-        uint8_t* b = storage.data();
-        ImagePlanes p;
-        std::memset(&p, 0, sizeof p);
-        if (planes == 1) p.one = ImagePlanes1{b, pitch[0]};
-        if (planes == 2) p.two = ImagePlanes2{b + offset[0], b + offset[1], pitch[0], pitch[1]};
-        if (planes == 3)
-            p.three = ImagePlanes3{b + offset[0], b + offset[1], b + offset[2], pitch[0], pitch[1], pitch[2]};
-        EXPECT_EQ(Image_initWithPitch(&image, w, h, &p, format), TL_OK);
-    }
-    ~Picture() { destruct_Image(&image); }
-
-    template <typename T>
-    T& at(int32_t x, int32_t y, int k = 0) {
-        return reinterpret_cast<T*>(image.plane[k] + static_cast<size_t>(image.pitch[k]) * y)[x];
-    }
-    uint8_t& u8(int32_t x, int32_t y) { return at<uint8_t>(x, y); }
-
-    bool canariesIntact() const {
-        for (int k = 0; k < 3; ++k) {
-            for (int32_t r = 0; r < rows[k]; ++r) {
-                const uint8_t* row = image.plane[k] + static_cast<size_t>(image.pitch[k]) * r;
-                for (int32_t i = rowBytes[k]; i < image.pitch[k]; ++i) {
-                    if (row[i] != kCanary) return false;
-                }
-            }
-        }
-        return storage.back() == kCanary;
-    }
-};
+using vq_tl_test::Picture;
 
 // Independent bilinear model in double: centre-aligned samples clamped to
 // the edge, rounded to nearest.
@@ -138,17 +86,12 @@ TEST(Resize, ConstantsStayConstantInEveryLayout) {
     for (const Case& c : cases) {
         Picture src(c.sw, c.sh, c.format), dst(c.dw, c.dh, c.format);
         // Each plane's bytes alike: a constant in every element type.
-        for (int k = 0; k < 3; ++k) {
-            for (int32_t r = 0; r < src.rows[k]; ++r) {
-                std::memset(src.image.plane[k] + src.image.pitch[k] * r, 0x41 + k, src.rowBytes[k]);
-            }
-        }
+        src.fillPlanes(0x41);
         ASSERT_EQ(Resize_resizeImage(nullptr, &dst.image, &src.image), TL_OK) << c.format;
         for (int k = 0; k < 3; ++k) {
             for (int32_t r = 0; r < dst.rows[k]; ++r) {
-                const uint8_t* row = dst.image.plane[k] + dst.image.pitch[k] * r;
                 for (int32_t i = 0; i < dst.rowBytes[k]; ++i)
-                    ASSERT_EQ(row[i], 0x41 + k) << c.format << " plane " << k;
+                    ASSERT_EQ(dst.row(k, r)[i], 0x41 + k) << c.format << " plane " << k;
             }
         }
         EXPECT_TRUE(dst.canariesIntact()) << c.format;

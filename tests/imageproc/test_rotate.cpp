@@ -4,90 +4,18 @@
 #include <random>
 #include <vector>
 
+#include "imageproc/picture.h"
 #include "imageproc/rotate.h"
 
 using namespace vq_tl;
 
 namespace {
 
-constexpr uint8_t kCanary = 0xA5;
-
-// A picture in caller memory with rows padded by 7 canary bytes and a
-// canary tail, so that writes outside the pixels are seen.
-struct Picture {
-    Env env{};
-    Image image;
-    std::vector<uint8_t> storage;
-    Picture(int32_t w, int32_t h, uint32_t format) {
-        construct_Image(&image, &env);
-        ImagePlanes p;
-        std::memset(&p, 0, sizeof p);
-        int32_t pitch[3] = {0, 0, 0};
-        int32_t rows[3] = {0, 0, 0};
-        size_t offset[3] = {0, 0, 0};
-        size_t total = 0;
-        const int32_t planes = Image_getPlaneCount(format);
-        const int32_t pitchSel[3] = {IMAGE_SIZE_PITCH0, IMAGE_SIZE_PITCH1, IMAGE_SIZE_PITCH2};
-        const int32_t rowSel[3] = {IMAGE_SIZE_ROWS0, IMAGE_SIZE_ROWS1, IMAGE_SIZE_ROWS2};
-        for (int k = 0; k < planes; ++k) {
-            pitch[k] = Image_getSize(w, h, format, pitchSel[k]) + 7;
-            rows[k] = Image_getSize(w, h, format, rowSel[k]);
-            offset[k] = total;
-            total += static_cast<size_t>(pitch[k]) * rows[k] + 16;
-        }
-        storage.assign(total, kCanary);
-        uint8_t* base = storage.data();
-        p.three =
-            ImagePlanes3{base + offset[0], base + offset[1], base + offset[2], pitch[0], pitch[1], pitch[2]};
-        if (planes == 1) p.one = ImagePlanes1{base, pitch[0]};
-        if (planes == 2) p.two = ImagePlanes2{base + offset[0], base + offset[1], pitch[0], pitch[1]};
-        EXPECT_EQ(Image_initWithPitch(&image, w, h, &p, format), TL_OK);
-        planeBytes[0] = Image_getSize(w, h, format, IMAGE_SIZE_PITCH0);
-        planeBytes[1] = planes > 1 ? Image_getSize(w, h, format, IMAGE_SIZE_PITCH1) : 0;
-        planeBytes[2] = planes > 2 ? Image_getSize(w, h, format, IMAGE_SIZE_PITCH2) : 0;
-        for (int k = 0; k < 3; ++k) planeRows[k] = rows[k];
-    }
-    ~Picture() { destruct_Image(&image); }
-    int32_t planeBytes[3];
-    int32_t planeRows[3];
-
-    void fillRandom(std::mt19937& rng) {
-        for (int k = 0; k < 3; ++k) {
-            for (int32_t r = 0; r < planeRows[k]; ++r) {
-                uint8_t* row = image.plane[k] + static_cast<size_t>(image.pitch[k]) * r;
-                for (int32_t i = 0; i < planeBytes[k]; ++i) row[i] = static_cast<uint8_t>(rng());
-            }
-        }
-    }
-    bool samePixels(const Picture& o) const {
-        for (int k = 0; k < 3; ++k) {
-            for (int32_t r = 0; r < planeRows[k]; ++r) {
-                if (std::memcmp(image.plane[k] + static_cast<size_t>(image.pitch[k]) * r,
-                                o.image.plane[k] + static_cast<size_t>(o.image.pitch[k]) * r,
-                                planeBytes[k]) != 0) {
-                    return false;
-                }
-            }
-        }
-        return true;
-    }
-    // The padding after every row and the tail of every plane.
-    bool canariesIntact() const {
-        for (int k = 0; k < 3; ++k) {
-            for (int32_t r = 0; r < planeRows[k]; ++r) {
-                const uint8_t* row = image.plane[k] + static_cast<size_t>(image.pitch[k]) * r;
-                for (int32_t i = planeBytes[k]; i < image.pitch[k]; ++i) {
-                    if (row[i] != kCanary) return false;
-                }
-            }
-        }
-        return storage.back() == kCanary;
-    }
-};
+using vq_tl_test::Picture;
 
 struct FormatCase {
     uint32_t format;
-    int32_t elementBytes;  // of plane 0
+    int32_t elementBytes;  // of plane 0, for the messages
 };
 
 // Every element width, the formats reached through views, and the YUV layouts.
@@ -157,17 +85,19 @@ TEST(Rotate, EveryOrientationAndItsInverseGiveBackTheImage) {
         // Odd sizes, above one tile and one band; YUV 4:2:0 needs even sizes.
         const int32_t w = isYuv420(fc.format) ? 134 : 131;
         const int32_t h = isYuv420(fc.format) ? 78 : 77;
-        Picture src(w, h, fc.format);
+        // Rows padded by 7 bytes: the turning kernels take any pitch.
+        Picture src(w, h, fc.format, 7);
         src.fillRandom(rng);
         for (int from = 1; from <= 8; ++from) {
             for (int to = 1; to <= 8; ++to) {
                 const bool swaps = Rotate_operation(from, to) >= 5;
-                Picture turned(swaps ? h : w, swaps ? w : h, fc.format);
-                Picture back(w, h, fc.format);
+                Picture turned(swaps ? h : w, swaps ? w : h, fc.format, 7);
+                Picture back(w, h, fc.format, 7);
                 ASSERT_EQ(Rotate_rotateImageEx(nullptr, &turned.image, &src.image, from, to), TL_OK)
                     << fc.format << " " << from << "->" << to;
                 ASSERT_EQ(Rotate_rotateImageEx(nullptr, &back.image, &turned.image, to, from), TL_OK);
-                EXPECT_TRUE(back.samePixels(src)) << fc.format << " " << from << "->" << to;
+                EXPECT_TRUE(back.samePixels(src))
+                    << fc.elementBytes << " bytes, " << fc.format << " " << from << "->" << to;
                 EXPECT_TRUE(turned.canariesIntact()) << fc.format << " " << from << "->" << to;
                 EXPECT_TRUE(back.canariesIntact());
                 if (HasFailure()) return;

@@ -56,6 +56,22 @@ VELQUIN_TL_API TLResult velquin_TwinLens_initialize(TwinLensHandle* handle, void
  * a copied handle or a buffer that holds no live session. */
 VELQUIN_TL_API TLResult velquin_TwinLens_finalize(TwinLensHandle* handle);
 
+/* Offers one synchronised pair of frames in the session's format and sizes.
+ * Synchronous sessions estimate on the calling thread and store 0 in
+ * *sequenceOut. Asynchronous sessions hand the pair to the frame worker
+ * without copying it and store its sequence number (0, 1, 2, ...); the caller
+ * keeps both frames untouched until the completion callback for that number
+ * has run. While a frame is in progress a pair is not taken: the result is
+ * TL_OK with *sequenceOut -1, and the pixels are the caller's again at once.
+ * sequenceOut may be null. The callback runs on the worker thread (or, for a
+ * superseded frame, inside this call) and must not call finalize. */
+VELQUIN_TL_API TLResult velquin_TwinLens_process(TwinLensHandle* handle, const TwinLensImage* main,
+                                                 const TwinLensImage* sub, int32_t* sequenceOut);
+
+/* The same with records that carry pitches. */
+VELQUIN_TL_API TLResult velquin_TwinLens_processEx(TwinLensHandle* handle, const TwinLensImageEx* main,
+                                                   const TwinLensImageEx* sub, int32_t* sequenceOut);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

@@ -21,6 +21,22 @@ TLResult TwinLens_assembleSession(TwinLensSession* s) {
     }
     if (r != TL_OK) return r;
 
+    // The frame worker and its queues exist in every mode; only asynchronous
+    // sessions start the worker and fill the pools.
+    r = construct_Thread(&s->worker, env);
+    r |= construct_LinkedBlockingQueue(&s->jobQueue, env);
+    r |= construct_LinkedBlockingQueue(&s->mainFramePool, env);
+    r |= construct_LinkedBlockingQueue(&s->subFramePool, env);
+    if (r != TL_OK) return r;
+    r = LinkedBlockingQueue_init(&s->jobQueue, kJobQueueCapacity);
+    if (r != TL_OK) return r;
+    r = LinkedBlockingQueue_init(&s->mainFramePool, kFramePoolCapacity);
+    if (r != TL_OK) return r;
+    r = LinkedBlockingQueue_init(&s->subFramePool, kFramePoolCapacity);
+    if (r != TL_OK) return r;
+    s->workerPollMillis = kWorkerPollMillis;
+    s->estimationStep = TwinLens_estimationStep;
+
     // Result images at depth size.
     for (int i = 0; i < 2; ++i) {
         r = Image_init(&s->foregroundMask[i], s->depthWidth, s->depthHeight, nullptr, IMAGE_FORMAT_FLOAT);
@@ -29,6 +45,17 @@ TLResult TwinLens_assembleSession(TwinLensSession* s) {
         if (r != TL_OK) return r;
         r = Image_init(&s->cocImage[i], s->depthWidth, s->depthHeight, nullptr, IMAGE_FORMAT_UINT8);
         if (r != TL_OK) return r;
+    }
+
+    if (s->asyncMode != 0) {
+        for (int i = 0; i < 2; ++i) {
+            r = Image_init(&s->mainFrames[i], s->mainWidth, s->mainHeight, nullptr, s->formatCode);
+            if (r != TL_OK) return r;
+            if (LinkedBlockingQueue_offer(&s->mainFramePool, &s->mainFrames[i]) != 1) return TL_ERROR_GENERAL;
+            r = Image_init(&s->subFrames[i], s->subWidth, s->subHeight, nullptr, s->formatCode);
+            if (r != TL_OK) return r;
+            if (LinkedBlockingQueue_offer(&s->subFramePool, &s->subFrames[i]) != 1) return TL_ERROR_GENERAL;
+        }
     }
 
     s->writeSlot = 0;
@@ -47,6 +74,10 @@ TLResult TwinLens_assembleSession(TwinLensSession* s) {
 }
 
 void TwinLens_destructMembers(TwinLensSession* s) {
+    destruct_Thread(&s->worker);
+    destruct_LinkedBlockingQueue(&s->jobQueue);
+    destruct_LinkedBlockingQueue(&s->mainFramePool);
+    destruct_LinkedBlockingQueue(&s->subFramePool);
     for (int i = 0; i < 2; ++i) {
         destruct_Image(&s->foregroundMask[i]);
         destruct_Image(&s->depthImage[i]);

@@ -138,8 +138,14 @@ TLResult velquin_TwinLens_initialize(TwinLensHandle* handle, void* buffer, int32
     }
 
     s->magic = kSessionMagic;
-    s->state = kStateReady;
+    FencedWord_store(&s->state, kStateReady);
     s->guard = guardOf(handle);
+    if (s->asyncMode != 0) {
+        FencedWord_store(&s->workerFlags, kWorkerRun);
+        if (Thread_start(&s->worker, TwinLens_frameWorker, s) != TL_OK) {
+            return closeSession(handle, s, TL_ERROR_GENERAL);
+        }
+    }
     handle->session = s;
     return TL_OK;
 }
@@ -147,8 +153,14 @@ TLResult velquin_TwinLens_initialize(TwinLensHandle* handle, void* buffer, int32
 TLResult velquin_TwinLens_finalize(TwinLensHandle* handle) {
     if (handle == nullptr || handle->session == nullptr) return TL_ERROR_PARAM;
     TwinLensSession* s = handle->session;
-    if (s->magic != kSessionMagic || s->guard != guardOf(handle) || (s->state & kStateReady) == 0) {
+    if (s->magic != kSessionMagic || s->guard != guardOf(handle) ||
+        (FencedWord_load(&s->state) & kStateReady) == 0) {
         return TL_ERROR_STATE;
+    }
+    if (s->asyncMode != 0) {
+        // The worker finishes a frame in progress, drains the queues and leaves.
+        FencedWord_fetchOr(&s->workerFlags, kWorkerStop);
+        Thread_join(&s->worker);
     }
     TwinLens_destructMembers(s);
     return closeSession(handle, s, TL_OK);

@@ -5,6 +5,8 @@
 
 #include "image/image.h"
 #include "runtime/env.h"
+#include "runtime/linked_blocking_queue.h"
+#include "runtime/thread.h"
 #include "velquin/twin_lens.h"
 
 namespace vq_tl {
@@ -15,6 +17,29 @@ constexpr uint32_t kStateReady = 1u;
 constexpr uint32_t kStateFrameInProgress = 2u;
 constexpr uint32_t kWorkerRun = 2u;
 constexpr uint32_t kWorkerStop = 8u;
+constexpr int32_t kJobQueueCapacity = 128;
+constexpr int32_t kFramePoolCapacity = 2;
+constexpr int32_t kWorkerPollMillis = 10;
+
+// One asynchronous frame; owns no pixels.
+struct TwinLensFrameJob {
+    Image* mainFrame;
+    Image* subFrame;
+    uint32_t sequence;
+};
+
+// The work between taking the row in force and publishing the result: fills
+// depthImage[slot] from the two frames.
+using TwinLensEstimationStep = TLResult (*)(TwinLensSession* session, const TwinLensCameraParam* row,
+                                            int32_t slot, Image* main, Image* sub);
+
+// The frame path: the driver, the asynchronous hand-off and the worker body.
+TLResult TwinLens_estimateFrame(TwinLensSession* session, Image* main, Image* sub);
+int32_t TwinLens_enqueueFrame(TwinLensSession* session, const Image* mainView, const Image* subView);
+uint32_t TwinLens_frameWorker(void* session);
+// The estimation step of a live session.
+TLResult TwinLens_estimationStep(TwinLensSession* session, const TwinLensCameraParam* row, int32_t slot,
+                                 Image* main, Image* sub);
 
 }  // namespace vq_tl
 
@@ -41,6 +66,10 @@ struct TwinLensSession {
     uint32_t guard;        // 0xCAFEBABE ^ address of the handle
     uint32_t workerFlags;  // bit 1 may run, bit 3 must stop; changed with atomic or
     int32_t workerPollMillis;
+    vq_tl::Thread worker;                      // the frame worker
+    vq_tl::LinkedBlockingQueue jobQueue;       // TwinLensFrameJob records
+    vq_tl::LinkedBlockingQueue mainFramePool;  // free members of mainFrames
+    vq_tl::LinkedBlockingQueue subFramePool;
     vq_tl::Image mainFrames[2];  // pool members, asynchronous mode only
     vq_tl::Image subFrames[2];
     TwinLensCompletionCallback callback;
@@ -53,6 +82,7 @@ struct TwinLensSession {
     double focusX, focusY;               // normalised focus point
     int32_t frameCounter;                // raised before each frame; the first sees 0
     int32_t refineOnlyRate;
+    vq_tl::TwinLensEstimationStep estimationStep;  // set by assembly; tests may replace it
 };
 
 namespace vq_tl {
@@ -69,5 +99,13 @@ bool TwinLens_sizesValid(const TwinLensParams* params);
 
 // The session's place in a caller's buffer: the first suitably aligned address.
 TwinLensSession* TwinLens_sessionInBuffer(void* buffer, int32_t bufferSize);
+
+// The frame path: the driver, the asynchronous hand-off and the worker body.
+TLResult TwinLens_estimateFrame(TwinLensSession* session, Image* main, Image* sub);
+int32_t TwinLens_enqueueFrame(TwinLensSession* session, const Image* mainView, const Image* subView);
+uint32_t TwinLens_frameWorker(void* session);
+// The estimation step of a live session.
+TLResult TwinLens_estimationStep(TwinLensSession* session, const TwinLensCameraParam* row, int32_t slot,
+                                 Image* main, Image* sub);
 
 }  // namespace vq_tl

@@ -22,4 +22,9 @@ inline T FencedWord_fetchOr(T* word, T bits) {
     return __atomic_fetch_or(word, bits, __ATOMIC_SEQ_CST);
 }
 
+template <typename T>
+inline T FencedWord_fetchAnd(T* word, T bits) {
+    return __atomic_fetch_and(word, bits, __ATOMIC_SEQ_CST);
+}
+
 }  // namespace vq_tl

@@ -48,4 +48,8 @@ TLResult ImageProc_setParallelExecutor(ImageProc* self, ParallelExecutor* execut
     return TL_OK;
 }
 
+ImageStripeExec ImageProc_getStripeExec(const ImageProc* self) {
+    return ImageStripeExec{nullptr, self != nullptr ? self->parallelExecutor : nullptr};
+}
+
 }  // namespace vq_tl

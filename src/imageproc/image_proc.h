@@ -1,7 +1,8 @@
 // ImageProc: the pixel kernels that run over ParallelExecutor fork and join.
 // The object holds no pixel state: each operation takes its destination and
-// sources and divides the rows into stripes (imageproc/stripes.h). Kernels
-// join this object with the families that define them.
+// sources and divides the rows into stripes of the executor rule
+// (imageproc/image_stripes.h). Kernels join this object with the families
+// that define them.
 //
 // Threads: one caller at a time per object; each operation returns when its
 // stripes are done.
@@ -9,6 +10,7 @@
 
 #include <cstdint>
 
+#include "imageproc/image_stripes.h"
 #include "runtime/env.h"
 #include "runtime/parallel_executor.h"
 
@@ -30,5 +32,7 @@ TLResult ImageProc_recycle(ImageProc* self);
 // Nothing to set up; kept for the uniform life cycle.
 TLResult ImageProc_init(ImageProc* self);
 TLResult ImageProc_setParallelExecutor(ImageProc* self, ParallelExecutor* executor);
+// The layer record its kernels hand to ImageStripeExec_run.
+ImageStripeExec ImageProc_getStripeExec(const ImageProc* self);
 
 }  // namespace vq_tl

@@ -36,4 +36,8 @@ TLResult ImageProc2_setPel(ImageProc2* self, Pel* pel) {
     return TL_OK;
 }
 
+ImageStripeExec ImageProc2_getStripeExec(const ImageProc2* self) {
+    return ImageStripeExec{self != nullptr ? self->pel : nullptr, nullptr};
+}
+
 }  // namespace vq_tl

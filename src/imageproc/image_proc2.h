@@ -1,7 +1,8 @@
 // ImageProc2: the pixel kernels that run over Pel. Like ImageProc it holds
 // no pixel state; each operation divides the rows of its destination into
-// Pel stripes (imageproc/stripes.h). Kernels join this object with the
-// families that define them, each with its getBufferSizeFor query.
+// stripes of the Pel rule (imageproc/image_stripes.h). Kernels join this
+// object with the families that define them, each with its getBufferSizeFor
+// query.
 //
 // Threads: one caller at a time per object; each operation returns when its
 // stripes are done.
@@ -10,6 +11,7 @@
 #include <cstdint>
 
 #include "image/image.h"
+#include "imageproc/image_stripes.h"
 #include "runtime/env.h"
 #include "runtime/pel.h"
 
@@ -30,5 +32,7 @@ TLResult destruct_ImageProc2(ImageProc2* self);
 TLResult ImageProc2_recycle(ImageProc2* self);
 TLResult ImageProc2_init(ImageProc2* self);
 TLResult ImageProc2_setPel(ImageProc2* self, Pel* pel);
+// The layer record its kernels hand to ImageStripeExec_run.
+ImageStripeExec ImageProc2_getStripeExec(const ImageProc2* self);
 
 }  // namespace vq_tl

@@ -22,6 +22,9 @@ TEST(ImageProc, LifeCycleAndExecutor) {
     EXPECT_EQ(ImageProc_setParallelExecutor(&p, &e), TL_OK);
     EXPECT_EQ(ImageProc_init(&p), TL_OK);
     EXPECT_EQ(p.parallelExecutor, &e);
+    const ImageStripeExec exec = ImageProc_getStripeExec(&p);
+    EXPECT_EQ(exec.pel, nullptr);
+    EXPECT_EQ(exec.executor, &e);
     EXPECT_EQ(ImageProc_recycle(&p), TL_OK);
     EXPECT_EQ(destruct_ImageProc(&p), TL_OK);
     EXPECT_EQ(p.parallelExecutor, nullptr);
@@ -65,6 +68,9 @@ TEST(ImageProc2, LifeCycleAndPel) {
     EXPECT_EQ(ImageProc2_setPel(&p, &pel), TL_OK);
     EXPECT_EQ(ImageProc2_init(&p), TL_OK);
     EXPECT_EQ(p.pel, &pel);
+    const ImageStripeExec exec = ImageProc2_getStripeExec(&p);
+    EXPECT_EQ(exec.pel, &pel);
+    EXPECT_EQ(exec.executor, nullptr);
     // A work image left in the scratch record is released by init and recycle.
     ASSERT_EQ(Image_init(&p.scratch, 16, 8, nullptr, IMAGE_FORMAT_UINT8), TL_OK);
     EXPECT_NE(p.scratch.plane[0], nullptr);

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <type_traits>
 
+#include "imageproc/image_proc.h"
+#include "imageproc/image_proc2.h"
 #include "imageproc/plane_views.h"
 #include "runtime/raw_double.h"
 
@@ -490,6 +492,40 @@ TLResult ImageProc_getSizeArea(int32_t* outWidth, int32_t* outHeight, int32_t wi
     *outWidth = w;
     *outHeight = h;
     return TL_OK;
+}
+
+}  // namespace vq_tl
+
+namespace vq_tl {
+
+TLResult ImageProc2_resizeImage(ImageProc2* self, Image* dst, const Image* src) {
+    if (self == nullptr) return TL_ERROR_PARAM;
+    const ImageStripeExec exec = ImageProc2_getStripeExec(self);
+    return Resize_resizeImage(&exec, dst, src);
+}
+
+TLResult ImageProc2_averageShrink(ImageProc2* self, Image* dst, const Image* src) {
+    if (self == nullptr) return TL_ERROR_PARAM;
+    const ImageStripeExec exec = ImageProc2_getStripeExec(self);
+    return Resize_averageShrink(&exec, dst, src);
+}
+
+TLResult ImageProc_resizeImage(ImageProc* self, Image* dst, const Image* src) {
+    if (self == nullptr) return TL_ERROR_PARAM;
+    const ImageStripeExec exec = ImageProc_getStripeExec(self);
+    return Resize_resizeImage(&exec, dst, src);
+}
+
+TLResult ImageProc_shrinkImage(ImageProc* self, Image* dst, const Image* src) {
+    if (self == nullptr) return TL_ERROR_PARAM;
+    const ImageStripeExec exec = ImageProc_getStripeExec(self);
+    return Resize_averageShrink(&exec, dst, src);
+}
+
+TLResult ImageProc_shrink2(ImageProc* self, Image* dst, const Image* src) {
+    if (self == nullptr) return TL_ERROR_PARAM;
+    const ImageStripeExec exec = ImageProc_getStripeExec(self);
+    return Resize_shrink2(&exec, dst, src);
 }
 
 }  // namespace vq_tl

@@ -13,6 +13,9 @@
 
 namespace vq_tl {
 
+struct ImageProc;
+struct ImageProc2;
+
 // Sample position of one destination column (or row) on the source: the
 // centres are aligned, pos = (x + 0.5) * src / dst - 0.5 in Q15, and the
 // taps are clamped to the edge, so destination pixels outside the first and
@@ -46,6 +49,14 @@ TLResult Resize_averageShrink(const ImageStripeExec* exec, Image* dst, const Ima
 // (a + b + c + d + 2) >> 2 of 2 by 2 blocks; dst must be about half of src
 // (see Resize_isAboutHalf) and of the same format, else TL_ERROR_PARAM.
 TLResult Resize_shrink2(const ImageStripeExec* exec, Image* dst, const Image* src);
+
+// The same operations on the kernel objects: ImageProc2 runs them over its Pel,
+// ImageProc over its ParallelExecutor. A null object gives TL_ERROR_PARAM.
+TLResult ImageProc2_resizeImage(ImageProc2* self, Image* dst, const Image* src);
+TLResult ImageProc2_averageShrink(ImageProc2* self, Image* dst, const Image* src);
+TLResult ImageProc_resizeImage(ImageProc* self, Image* dst, const Image* src);
+TLResult ImageProc_shrinkImage(ImageProc* self, Image* dst, const Image* src);
+TLResult ImageProc_shrink2(ImageProc* self, Image* dst, const Image* src);
 
 // Sizes with the aspect of width by height kept, each at least 1; the
 // results are truncated, so they never exceed the bound. All three give

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "imageproc/image_proc2.h"
 #include "imageproc/plane_views.h"
 
 namespace vq_tl {
@@ -174,6 +175,16 @@ TLResult Rotate_rotateImageEx(const ImageStripeExec* exec, Image* dst, const Ima
         total += job.bands;
     }
     return total > 0 ? ImageStripeExec_run(exec, rotateStripe, &jobs, total) : TL_OK;
+}
+
+}  // namespace vq_tl
+
+namespace vq_tl {
+
+TLResult ImageProc2_rotateImageEx(ImageProc2* self, Image* dst, const Image* src, int32_t from, int32_t to) {
+    if (self == nullptr) return TL_ERROR_PARAM;
+    const ImageStripeExec exec = ImageProc2_getStripeExec(self);
+    return Rotate_rotateImageEx(&exec, dst, src, from, to);
 }
 
 }  // namespace vq_tl

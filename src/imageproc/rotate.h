@@ -9,6 +9,8 @@
 
 namespace vq_tl {
 
+struct ImageProc2;
+
 // Operation 1 copy, 2 mirror left to right, 3 half turn, 4 mirror top to
 // bottom, 5 transpose, 6 quarter turn counter-clockwise, 7 anti-transpose,
 // 8 quarter turn clockwise. Operations 5 to 8 exchange width and height.
@@ -23,5 +25,8 @@ int32_t Rotate_operation(int32_t from, int32_t to);
 // gives, or planes shared between dst and src. In those cases nothing is written.
 TLResult Rotate_rotateImageEx(const ImageStripeExec* exec, Image* dst, const Image* src, int32_t from,
                               int32_t to);
+
+// The same over the Pel of an ImageProc2; a null object gives TL_ERROR_PARAM.
+TLResult ImageProc2_rotateImageEx(ImageProc2* self, Image* dst, const Image* src, int32_t from, int32_t to);
 
 }  // namespace vq_tl

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "image/image.h"
+#include "imageproc/image_stripes.h"
 #include "rectify/rectify_util.h"
 #include "runtime/raw_double.h"
 
@@ -172,13 +173,11 @@ TLResult fillSampleRows(void* arg, int32_t task, int32_t taskCount) {
     return TL_OK;
 }
 
-// The tasks of one parallel step, or'ing their results. The tasks write
-// disjoint rows; until a Pel is given they run here one after another.
-TLResult runTasks(Pel* pel, TLResult (*task)(void*, int32_t, int32_t), void* arg, int32_t count) {
-    (void)pel;
-    TLResult result = TL_OK;
-    for (int32_t t = 0; t < count; ++t) result |= task(arg, t, count);
-    return result;
+// The tasks of one parallel step over the Pel, or'ing their results. The tasks
+// write disjoint rows; without a Pel they run here one after another.
+TLResult runTasks(Pel* pel, ImageStripeFn task, void* arg, int32_t count) {
+    const ImageStripeExec exec = {pel, nullptr};
+    return ImageStripeExec_run(&exec, task, arg, count);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "rectify/rectify_lens_dist.h"
+#include "runtime/pel.h"
 
 using namespace vq_tl;
 
@@ -123,6 +124,26 @@ TEST(RectifyLensDist, FittedInverseUndoesPhoneLenses) {
         // The inverse's first radial term opposes the lens's.
         EXPECT_LT(d.coeff.invK[0] * lens.k1, 0.0) << lens.name;
     }
+}
+
+// The sample rows are shared out over the Pel; the fit must not depend on it.
+TEST(RectifyLensDist, FitOverAPelMatchesTheSerialFit) {
+    Pel pel;
+    construct_Pel(&pel, nullptr);
+    pel.params.numberOfWorkers = 3;
+    ASSERT_EQ(Pel_init(&pel), TL_OK);
+    const Mvec8Real k = cameraMatrix(kFocal, kCx, kCy);
+    for (const Lens& lens : kLenses) {
+        Fixture serial;
+        Fixture parallel;
+        Rectify_setPel(&parallel.rectify, &pel);
+        RectifyLensDist a = coeffDist(lens.k1, lens.k2, lens.k3, lens.p1, lens.p2);
+        RectifyLensDist b = a;
+        ASSERT_EQ(Rectify_estimateUndistortCoeff(&serial.rectify, &a.coeff, &k, kWidth, kHeight), TL_OK);
+        ASSERT_EQ(Rectify_estimateUndistortCoeff(&parallel.rectify, &b.coeff, &k, kWidth, kHeight), TL_OK);
+        EXPECT_EQ(std::memcmp(&a, &b, sizeof a), 0) << lens.name;
+    }
+    destruct_Pel(&pel);
 }
 
 TEST(RectifyLensDist, FitIsIdempotentAndSkipsTheIdentity) {

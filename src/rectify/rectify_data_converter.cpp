@@ -17,14 +17,6 @@ float* floatAt(Image* m, int32_t row, int32_t col) {
     return reinterpret_cast<float*>(m->plane[0] + static_cast<intptr_t>(m->pitch[0]) * row) + col;
 }
 
-void mult3(double out[9], const double a[9], const double b[9]) {
-    for (int r = 0; r < 3; ++r) {
-        for (int c = 0; c < 3; ++c) {
-            out[3 * r + c] = a[3 * r] * b[c] + a[3 * r + 1] * b[3 + c] + a[3 * r + 2] * b[6 + c];
-        }
-    }
-}
-
 // Degrees to radians in double, then through a float on purpose.
 double radiansAsFloat(float degrees) {
     return static_cast<float>(static_cast<double>(degrees) * kPi / 180.0);
@@ -79,17 +71,9 @@ TLResult RectifyDataConverter_init(RectifyDataConverter* self, int32_t tableCapa
 TLResult RectifyDataConverter_convertAngleToRotationMatrix(RectifyDataConverter* self, Mvec8Real* out,
                                                            float angleX, float angleY, float angleZ) {
     if (self == nullptr || out == nullptr) return TL_ERROR_PARAM;
-    const double a = radiansAsFloat(angleX), b = radiansAsFloat(angleY), c = radiansAsFloat(angleZ);
-    const double ca = RawDouble_cos(a), sa = RawDouble_sin(a);
-    const double cb = RawDouble_cos(b), sb = RawDouble_sin(b);
-    const double cc = RawDouble_cos(c), sc = RawDouble_sin(c);
-    const double rx[9] = {1.0, 0.0, 0.0, 0.0, ca, -sa, 0.0, sa, ca};
-    const double ry[9] = {cb, 0.0, sb, 0.0, 1.0, 0.0, -sb, 0.0, cb};
-    const double rz[9] = {cc, -sc, 0.0, sc, cc, 0.0, 0.0, 0.0, 1.0};
-    double ryx[9];
-    mult3(ryx, ry, rx);
-    mult3(out->m, rz, ryx);
-    return TL_OK;
+    // Rz * (Ry * Rx), with the angles at float accuracy.
+    return Mvec8Real_setRotationAngle(out, radiansAsFloat(angleX), radiansAsFloat(angleY),
+                                      radiansAsFloat(angleZ));
 }
 
 TLResult RectifyDataConverter_calculateCameraMatrix(RectifyDataConverter* self, Mvec8Real* out,

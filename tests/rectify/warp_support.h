@@ -1,0 +1,138 @@
+// Helpers of the grid warp tests: owned grids and renderers, where each
+// format keeps its luma and chroma samples, smooth test pictures, and a
+// direct per-pixel bilinear reference.
+#pragma once
+
+#include <cmath>
+#include <cstdint>
+#include <functional>
+
+#include "../imageproc/picture.h"
+#include "rectify/renderer2.h"
+
+namespace vq_tl_test {
+
+// A source position for each destination pixel.
+using Map = std::function<void(double x, double y, double* sx, double* sy)>;
+
+struct Grid {
+    vq_tl::Env env{};
+    vq_tl::Renderer2_Params g;
+    Grid() { vq_tl::construct_Renderer2_Params(&g, &env); }
+    Grid(int32_t width, int32_t height, int32_t cell) : Grid() {
+        const int32_t rect[4] = {0, 0, width, height};
+        vq_tl::Renderer2_Params_initWithGridSize(&g, rect, cell, cell);
+    }
+    ~Grid() { vq_tl::destruct_Renderer2_Params(&g); }
+    Grid(const Grid&) = delete;
+    Grid& operator=(const Grid&) = delete;
+    int32_t count() const { return g.cols * g.rows; }
+    void apply(const Map& map) {
+        for (int32_t v = 0; v < count(); ++v) map(g.xs[v], g.ys[v], &g.x[v], &g.y[v]);
+    }
+};
+
+struct Renderer {
+    vq_tl::Env env{};
+    vq_tl::Renderer2 r;
+    explicit Renderer(int32_t mode = 0, int32_t boundaryCheck = 0) {
+        vq_tl::construct_Renderer2(&r, &env);
+        vq_tl::Renderer2_initWithPel(&r, nullptr);
+        vq_tl::Renderer2_setMode(&r, mode);
+        vq_tl::Renderer2_setBoundaryCheck(&r, boundaryCheck);
+    }
+    ~Renderer() { vq_tl::destruct_Renderer2(&r); }
+    Renderer(const Renderer&) = delete;
+    Renderer& operator=(const Renderer&) = delete;
+};
+
+// Where a format keeps its samples. Chroma coordinates are in chroma samples;
+// component 0 and 1 are the two chroma bytes in memory order.
+struct Layout {
+    uint32_t format;
+    int32_t chromaShiftX, chromaShiftY;  // 1, 1 for 4:2:0; 1, 0 for 4:2:2; none for UINT8
+    bool hasChroma;
+
+    static Layout of(uint32_t format) {
+        switch (format) {
+            case vq_tl::IMAGE_FORMAT_UINT8: return {format, 0, 0, false};
+            case 16:
+            case 17:
+            case 20:
+            case 21:
+            case vq_tl::IMAGE_FORMAT_YUV422_PLANAR: return {format, 1, 0, true};
+            default: return {format, 1, 1, true};
+        }
+    }
+    int32_t chromaWidth(int32_t w) const { return (w + 1) >> 1; }
+    int32_t chromaHeight(int32_t h) const { return chromaShiftY != 0 ? (h + 1) >> 1 : h; }
+
+    uint8_t& luma(const Picture& p, int32_t x, int32_t y) const {
+        switch (format) {
+            case 16:
+            case 17: return p.row(0, y)[2 * x];
+            case 20:
+            case 21: return p.row(0, y)[2 * x + 1];
+            default: return p.row(0, y)[x];
+        }
+    }
+    uint8_t& chroma(const Picture& p, int component, int32_t cx, int32_t cy) const {
+        switch (format) {
+            case 16:
+            case 17: return p.row(0, cy)[4 * cx + 1 + 2 * component];
+            case 20:
+            case 21: return p.row(0, cy)[4 * cx + 2 * component];
+            case vq_tl::IMAGE_FORMAT_YUV420_SEMIPLANAR:
+            case vq_tl::IMAGE_FORMAT_YVU420_SEMIPLANAR: return p.row(1, cy)[2 * cx + component];
+            default: return p.row(1 + component, cy)[cx];
+        }
+    }
+};
+
+// Smooth pictures: luma changes by at most 2.7 levels per pixel across and
+// 2.1 down, chroma by about 2 per chroma sample. Groups place their samples
+// up to an eighth of a pixel short on each axis (the phase and the lane
+// offset are both truncated to sixteenths), which moves such a luma sample
+// by at most 0.6 of a level: with the rounding, within one level.
+inline double smoothLuma(double x, double y) {
+    return 128.0 + 24.0 * std::sin(0.09 * x + 0.04 * y) + 18.0 * std::cos(0.06 * y - 0.03 * x);
+}
+inline double smoothChroma(int component, double cx, double cy) {
+    return component == 0 ? 128.0 + 50.0 * std::sin(0.035 * cx + 0.02 * cy)
+                          : 120.0 + 45.0 * std::cos(0.03 * cy - 0.025 * cx);
+}
+
+inline void fillSmooth(Picture& p, const Layout& l, int32_t w, int32_t h) {
+    for (int32_t y = 0; y < h; ++y) {
+        for (int32_t x = 0; x < w; ++x) l.luma(p, x, y) = static_cast<uint8_t>(std::lround(smoothLuma(x, y)));
+    }
+    if (!l.hasChroma) return;
+    for (int32_t cy = 0; cy < l.chromaHeight(h); ++cy) {
+        for (int32_t cx = 0; cx < l.chromaWidth(w); ++cx) {
+            for (int c = 0; c < 2; ++c) {
+                l.chroma(p, c, cx, cy) = static_cast<uint8_t>(std::lround(smoothChroma(c, cx, cy)));
+            }
+        }
+    }
+}
+
+// Bilinear sample of the luma of p at (sx, sy) with real weights, edges
+// repeated: the warp as it would be done per pixel in real arithmetic.
+inline double referenceLuma(const Picture& p, const Layout& l, int32_t w, int32_t h, double sx, double sy) {
+    const double fx = std::floor(sx), fy = std::floor(sy);
+    const double ax = sx - fx, ay = sy - fy;
+    auto at = [&](double x, double y) {
+        const int32_t xi = static_cast<int32_t>(std::fmin(std::fmax(x, 0.0), w - 1.0));
+        const int32_t yi = static_cast<int32_t>(std::fmin(std::fmax(y, 0.0), h - 1.0));
+        return static_cast<double>(l.luma(p, xi, yi));
+    };
+    const double top = at(fx, fy) * (1 - ax) + at(fx + 1, fy) * ax;
+    const double bottom = at(fx, fy + 1) * (1 - ax) + at(fx + 1, fy + 1) * ax;
+    return top * (1 - ay) + bottom * ay;
+}
+
+inline TLResult render(Renderer& r, Picture& dst, const Picture& src, const Grid& grid) {
+    return vq_tl::Renderer2_render(&r.r, &dst.image, &src.image, &grid.g);
+}
+
+}  // namespace vq_tl_test

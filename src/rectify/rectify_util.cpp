@@ -144,4 +144,35 @@ TLResult RectifyUtil_laSolveGaussianElimination(Image* a, Image* b) {
     return TL_OK;
 }
 
+TLResult RectifyUtil_addMvec8Real(Mvec8Real* out, const Mvec8Real* a, const Mvec8Real* b) {
+    if (out == nullptr || a == nullptr || b == nullptr) return TL_ERROR_PARAM;
+    for (int i = 0; i < 9; ++i) out->m[i] = a->m[i] + b->m[i];
+    return TL_OK;
+}
+
+TLResult RectifyUtil_scaleMvec8Real(Mvec8Real* out, double factor, const Mvec8Real* in) {
+    if (out == nullptr || in == nullptr) return TL_ERROR_PARAM;
+    for (int i = 0; i < 9; ++i) out->m[i] = in->m[i] * factor;
+    return TL_OK;
+}
+
+TLResult RectifyUtil_invRotMatrix(Mvec8Real* out, const Mvec8Real* in) {
+    if (out == nullptr || in == nullptr) return TL_ERROR_PARAM;
+    const Mvec8Real copy = *in;
+    for (int r = 0; r < 3; ++r) {
+        for (int c = 0; c < 3; ++c) out->m[3 * r + c] = copy.m[3 * c + r];
+    }
+    return TL_OK;
+}
+
+TLResult RectifyUtil_invCameraMatrix(Mvec8Real* out, const Mvec8Real* in) {
+    if (out == nullptr || in == nullptr) return TL_ERROR_PARAM;
+    const double* k = in->m;
+    if (k[1] != 0.0 || k[3] != 0.0 || k[6] != 0.0 || k[7] != 0.0 || k[8] != 1.0) return TL_ERROR_GENERAL;
+    const double fx = k[0], cx = k[2], fy = k[4], cy = k[5];
+    Mvec8Real inverse = {{1.0 / fx, 0.0, -cx / fx, 0.0, 1.0 / fy, -cy / fy, 0.0, 0.0, 1.0}};
+    *out = inverse;
+    return TL_OK;
+}
+
 }  // namespace vq_tl

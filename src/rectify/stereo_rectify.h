@@ -49,7 +49,9 @@ TLResult StereoRectify_stereoRectify(StereoRectify* stereo, Mvec8Real* rotation1
 // The grid of one camera: camera (calibrated at calibWidth by calibHeight)
 // fitted to images of imageWidth by imageHeight, newCamera (made for
 // newCalibWidth by newCalibHeight) fitted to the rectified frame of
-// rectWidth by rectHeight, then Rectify_calcRectifyGridParams.
+// rectWidth by rectHeight, then Rectify_calcRectifyGridParams. The fitted
+// matrices carry fx, fy, cx and cy only, so a skew term is dropped here;
+// StereoRectify_stereoRectify refuses a skewed first camera.
 TLResult StereoRectify_calcRectifyGridParams(StereoRectify* stereo, Renderer2_Params* grid,
                                              Renderer2_Params* inverseGrid, const Mvec8Real* rotation,
                                              const Mvec8Real* newCamera, const Mvec8Real* camera,

@@ -12,19 +12,26 @@ namespace {
 // misaligned by anything near this many rows.
 constexpr int32_t kMaxRowWindow = 255;
 
+// Candidates per lane: D is a multiple of it.
+constexpr int32_t kLane = 8;
+
 inline int32_t clampIndex(int32_t i, int32_t n) { return i < 0 ? 0 : (i >= n ? n - 1 : i); }
 
 inline uint8_t popcount(uint8_t v) {
-    uint32_t x = v;
-    x = x - ((x >> 1) & 0x55u);
-    x = (x & 0x33u) + ((x >> 2) & 0x33u);
-    return static_cast<uint8_t>((x + (x >> 4)) & 0x0Fu);
+    v = static_cast<uint8_t>(v - ((v >> 1) & 0x55u));
+    v = static_cast<uint8_t>((v & 0x33u) + ((v >> 2) & 0x33u));
+    return static_cast<uint8_t>((v + (v >> 4)) & 0x0Fu);
 }
 
-inline uint8_t popcount(uint32_t v) {
+// Shifts and adds only, so that the lane loops vectorise without a 32-bit
+// vector multiply.
+inline uint32_t popcount(uint32_t v) {
     v = v - ((v >> 1) & 0x55555555u);
     v = (v & 0x33333333u) + ((v >> 2) & 0x33333333u);
-    return static_cast<uint8_t>((((v + (v >> 4)) & 0x0F0F0F0Fu) * 0x01010101u) >> 24);
+    v = (v + (v >> 4)) & 0x0F0F0F0Fu;
+    v = v + (v >> 8);
+    v = v + (v >> 16);
+    return v & 0x3Fu;
 }
 
 // --- Census ---------------------------------------------------------------
@@ -97,6 +104,27 @@ struct HammingJob {
     int32_t halfWindow;
 };
 
+// The Hamming distances of one lane of candidates, then their minimum with
+// another row's, then the masked store. The lane is kept in census words, so
+// that the loops need no narrowing until the store.
+template <typename Word>
+inline void laneFirst(Word* __restrict lane, const Word* __restrict match, Word base) {
+    for (int32_t k = 0; k < kLane; ++k) lane[k] = popcount(static_cast<Word>(base ^ match[k]));
+}
+
+template <typename Word>
+inline void laneMin(Word* __restrict lane, const Word* __restrict match, Word base) {
+    for (int32_t k = 0; k < kLane; ++k) {
+        const Word h = popcount(static_cast<Word>(base ^ match[k]));
+        lane[k] = h < lane[k] ? h : lane[k];
+    }
+}
+
+template <typename Word>
+inline void laneStore(uint8_t* __restrict cost, const Word* __restrict lane, uint8_t mask) {
+    for (int32_t k = 0; k < kLane; ++k) cost[k] = static_cast<uint8_t>(lane[k]) & mask;
+}
+
 // One row of the volume. kRows is the row window (1 to 9), or 0 for the
 // generic form with 2 * halfWindow + 1 rows. Candidates run innermost and
 // the rows of the window are unrolled outside them, so the loop over slots
@@ -127,20 +155,16 @@ void hammingRow(const HammingJob& j, int32_t y) {
                 static_cast<size_t>(j.width - xEnd) * D);
 
     for (int32_t x = xBegin; x < xEnd; ++x) {
-        uint8_t* c = out + static_cast<size_t>(x) * D;
         const Word b = base[x];
-        const Word* m0 = match[0] + x + j.dLow;
-        for (int32_t k = 0; k < D; ++k) c[k] = popcount(static_cast<Word>(b ^ m0[k]));
-        for (int32_t i = 1; i < rows; ++i) {
-            const Word* mi = match[i] + x + j.dLow;
-            for (int32_t k = 0; k < D; ++k) {
-                const uint8_t h = popcount(static_cast<Word>(b ^ mi[k]));
-                c[k] = h < c[k] ? h : c[k];
-            }
-        }
-        if (mask != nullptr) {
-            const uint8_t m = mask[x];
-            for (int32_t k = 0; k < D; ++k) c[k] &= m;
+        const uint8_t m = mask != nullptr ? mask[x] : 0xFF;  // no mask: all ones
+        const intptr_t at = x + j.dLow;
+        // Eight candidates at a time, the lane of the aggregation: the
+        // minimum over the rows stays in `lane` and is stored once.
+        for (int32_t k0 = 0; k0 < D; k0 += kLane) {
+            Word lane[kLane];
+            laneFirst(lane, match[0] + at + k0, b);
+            for (int32_t i = 1; i < rows; ++i) laneMin(lane, match[i] + at + k0, b);
+            laneStore(out + static_cast<size_t>(x) * D + k0, lane, m);
         }
     }
 }

@@ -1,6 +1,7 @@
 #include "imageproc/image_proc.h"
 
 #include "image/image.h"
+#include "imageproc/rank_filter.h"
 
 namespace vq_tl {
 
@@ -15,7 +16,9 @@ constexpr int32_t kHalfMinHeight = 1080;
 
 int32_t ImageProc_getBufferSize(int32_t width, int32_t height, uint32_t format) {
     if (width < 1 || height < 1 || format >= kImageFormatCount) return -1;
-    const int64_t rows = int64_t{height} * (int64_t{width} + 10) * 4;
+    const int64_t rowBuffer = int64_t{height} * (int64_t{width} + 10) * 4;
+    const int64_t rank = ImageProc_filterRank_getBufferSize(width, height, format);
+    const int64_t rows = rank > rowBuffer ? rank : rowBuffer;
     const int64_t halfWidth = width > 2 * kHalfMinWidth ? width / 2 : kHalfMinWidth;
     const int64_t halfHeight = height > 2 * kHalfMinHeight ? height / 2 : kHalfMinHeight;
     const int64_t total = rows + halfHeight * (halfWidth + 10) * 4;

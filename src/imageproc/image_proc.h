@@ -21,10 +21,10 @@ struct ImageProc {
     ParallelExecutor* parallelExecutor;  // not owned; null: kernels run on the calling thread
 };
 
-// Work memory of the family for images of this size, for planning: a 32-bit
-// row buffer of width + 10 per row, plus a block for work at half size,
-// counted as at least 1440 by 1080. -1 for sizes below 1, an unknown format
-// or a total beyond 31 bits.
+// Work memory of the family for images of this size, for planning: the larger
+// of the rank filters' work image and a 32-bit row buffer of width + 10 per
+// row, plus a block for work at half size, counted as at least 1440 by 1080.
+// -1 for sizes below 1, an unknown format or a total beyond 31 bits.
 int32_t ImageProc_getBufferSize(int32_t width, int32_t height, uint32_t format);
 TLResult construct_ImageProc(ImageProc* self, Env* env);
 TLResult destruct_ImageProc(ImageProc* self);

@@ -1,0 +1,115 @@
+// Semi-global matching at the sizes of the depth pipeline: the normal mode on
+// a 1080 x 810 pair (27 percent of a 4000 x 3000 frame) with 24 candidates,
+// and the fine mode on 720 x 540 (18 percent) with 64. Each iteration is one
+// Sgm_createDisparityU8 writing both maps, volumes allocated and freed inside
+// as in the pipeline.
+#include <benchmark/benchmark.h>
+
+#include <cstring>
+#include <memory>
+#include <random>
+
+#include "image/image.h"
+#include "runtime/pel.h"
+#include "stereo/sgm.h"
+
+using namespace vq_tl;
+
+namespace {
+
+struct Owned {
+    Env env{};
+    Image image;
+    Owned(int32_t w, int32_t h, uint32_t format) {
+        construct_Image(&image, &env);
+        Image_init(&image, w, h, nullptr, format);
+        std::memset(image.plane[0], 0, static_cast<size_t>(Image_getSize(w, h, format, IMAGE_SIZE_TOTAL)));
+    }
+    ~Owned() { destruct_Image(&image); }
+    uint8_t* row(int32_t y) { return image.plane[0] + static_cast<size_t>(image.pitch[0]) * y; }
+};
+
+// A random-dot pair: dots of 2 by 2 pixels, the match view shifted by a
+// disparity that grows from 4 to 12 across the width, so that the search
+// has a true answer everywhere but at the edges.
+struct StereoPair {
+    Owned base, match, guide, mask;
+    StereoPair(int32_t w, int32_t h)
+        : base(w, h, IMAGE_FORMAT_UINT8),
+          match(w, h, IMAGE_FORMAT_UINT8),
+          guide(w, h, IMAGE_FORMAT_UINT88),
+          mask(w, h, IMAGE_FORMAT_UINT8) {
+        std::mt19937 rng(7);
+        std::unique_ptr<uint8_t[]> dots(new uint8_t[static_cast<size_t>(w / 2 + 16) * (h / 2 + 2)]);
+        const int32_t dw = w / 2 + 16;
+        for (int32_t i = 0; i < dw * (h / 2 + 2); ++i) dots[i] = static_cast<uint8_t>(rng());
+        for (int32_t y = 0; y < h; ++y) {
+            for (int32_t x = 0; x < w; ++x) {
+                const int32_t d = 4 + 8 * x / w;
+                base.row(y)[x] = dots[(y / 2) * dw + x / 2];
+                match.row(y)[x] = dots[(y / 2) * dw + (x + d) / 2];
+                guide.row(y)[2 * x] = static_cast<uint8_t>(100 + (x * 64) / w);
+                guide.row(y)[2 * x + 1] = static_cast<uint8_t>(150 - (y * 64) / h);
+                mask.row(y)[x] = 255;
+            }
+        }
+    }
+};
+
+struct Case {
+    int32_t width, height;
+    uint32_t candidates;
+    uint32_t mode;
+    int32_t rowWindow;
+    int32_t fractionBits;
+};
+
+void runSgm(benchmark::State& state, const Case& c) {
+    Env env{};
+    auto pel = std::make_unique<Pel>();
+    construct_Pel(pel.get(), &env);  // one worker per processor, the caller among them
+    if (Pel_init(pel.get()) != TL_OK) {
+        state.SkipWithError("Pel_init failed");
+        return;
+    }
+    Sgm sgm;
+    construct_Sgm(&sgm, &env);
+    Sgm_setPel(&sgm, pel.get());
+    if (Sgm_init(&sgm, c.width, c.height, c.candidates, c.mode) != TL_OK) {
+        state.SkipWithError("Sgm_init failed");
+        destruct_Pel(pel.get());
+        return;
+    }
+    StereoPair pair(c.width, c.height);
+    Owned d1(c.width, c.height, IMAGE_FORMAT_UINT8), d2(c.width, c.height, IMAGE_FORMAT_UINT8);
+    for (auto _ : state) {
+        const TLResult r = Sgm_createDisparityU8(&sgm, &d1.image, &d2.image, &pair.base.image,
+                                                 &pair.match.image, &pair.mask.image, &pair.guide.image,
+                                                 c.candidates, -4, c.rowWindow, c.fractionBits, 5, 40, 1, 1);
+        if (r != TL_OK) state.SkipWithError("Sgm_createDisparityU8 failed");
+        benchmark::DoNotOptimize(d1.image.plane[0][0]);
+    }
+    const double evaluations = static_cast<double>(c.width) * c.height * c.candidates;
+    state.counters["Mdisp/s"] =
+        benchmark::Counter(evaluations / 1e6, benchmark::Counter::kIsIterationInvariantRate);
+    // Memory from the allocation sizes: the path work image that init keeps,
+    // and at the peak of a call the cost and aggregated volumes with the
+    // larger of the census pair and the guide and penalty scratch.
+    const int64_t all = Sgm_getBufferSize(c.width, c.height, IMAGE_FORMAT_UINT8, c.candidates, c.mode);
+    const int64_t imageProc = ImageProc_getBufferSize(c.width, c.height, IMAGE_FORMAT_UINT8);
+    const int64_t planes = int64_t{sgm.pathCosts.pitch[0]} * sgm.pathCosts.height;
+    state.counters["init_MiB"] = static_cast<double>(planes) / (1 << 20);
+    state.counters["call_peak_MiB"] = static_cast<double>(all - imageProc - planes) / (1 << 20);
+    destruct_Sgm(&sgm);
+    destruct_Pel(pel.get());
+}
+
+}  // namespace
+
+// Normal mode: 3x3 census, row window 9, 4 paths, one Pel task per path.
+static void BM_SgmNormal1080x810x24(benchmark::State& state) { runSgm(state, Case{1080, 810, 24, 0, 9, 3}); }
+BENCHMARK(BM_SgmNormal1080x810x24)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// Fine mode: 5x5 census, row window 21, 8 paths, serial on the calling thread.
+static void BM_SgmFine720x540x64(benchmark::State& state) { runSgm(state, Case{720, 540, 64, 1, 21, 2}); }
+BENCHMARK(BM_SgmFine720x540x64)->Unit(benchmark::kMillisecond)->UseRealTime();

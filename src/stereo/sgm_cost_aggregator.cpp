@@ -1,0 +1,636 @@
+#include "stereo/sgm_cost_aggregator.h"
+
+#include <cstring>
+
+#include "imageproc/image_stripes.h"
+
+namespace vq_tl {
+
+namespace {
+
+constexpr int8_t kDx[kSgmMaxPaths] = {-1, +1, 0, 0, -1, +1, +1, -1};
+constexpr int8_t kDy[kSgmMaxPaths] = {0, 0, -1, +1, -1, +1, -1, +1};
+// The directions of each pass of the 2-way and serial shapes, in order.
+constexpr int32_t kForward[4] = {0, 2, 4, 6};
+constexpr int32_t kBackward[4] = {1, 3, 5, 7};
+
+constexpr int32_t kBands = 4;  // row bands of the preparing and summing kernels
+constexpr uint8_t kSeparator = 255;
+
+enum GuideKind : int32_t { GUIDE_NONE = 0, GUIDE_U8 = 1, GUIDE_U88 = 2 };
+
+enum Shape : int32_t { SHAPE_PARALLEL, SHAPE_TWO_WAY, SHAPE_SERIAL };
+
+template <typename T>
+inline T minOf(T a, T b) {
+    return b < a ? b : a;
+}
+
+// Everything a pass needs, checked once.
+struct AggInputs {
+    const uint8_t* cost;
+    int32_t costPitch;
+    const uint8_t* guide;  // the bordered guide; null without one
+    int32_t guidePitch;
+    int32_t guideKind;
+    const uint8_t* penalty;  // the penalty image; null: the constant largePenalty
+    int32_t penaltyPitch;
+    uint8_t* rowPenalty;  // with a guide
+    int32_t rowPenaltyPitch;
+    uint8_t* path;
+    int32_t pathPitch;
+    int32_t width, height, numDisparities, numPaths;
+    uint8_t smallPenalty, largePenalty;
+};
+
+// One pixel of one path: out gets L' of p from prev, L' of the previous
+// pixel q, and the pixel's costs. prev[-1] and prev[D] are separators, so
+// the loop over the slots has no range test.
+inline void pathStep(uint8_t* __restrict out, const uint8_t* __restrict prev, const uint8_t* __restrict cost,
+                     int32_t D, uint8_t P1, uint8_t P2) {
+    uint8_t m = 255;
+    for (int32_t k = 0; k < D; ++k) {
+        const uint8_t a = minOf(prev[k - 1], prev[k + 1]);
+        const uint8_t b = minOf(static_cast<uint8_t>(a + P1), P2);
+        const uint8_t l = static_cast<uint8_t>(minOf(b, prev[k]) + cost[k]);
+        out[k] = l;
+        m = minOf(m, l);
+    }
+    for (int32_t k = 0; k < D; ++k) out[k] = static_cast<uint8_t>(out[k] - m);
+}
+
+// P2 of every pixel of row y in direction dir, from the guide step between
+// the pixel and its previous one. The guide has a border of 1, so the
+// previous pixel of a path's first pixel is read from the border.
+template <int kGuide, bool kVariable>
+void fillPenaltyRow(const AggInputs& in, int32_t dir, int32_t y, uint8_t* out) {
+    const int32_t dx = kDx[dir], dy = kDy[dir];
+    const uint8_t* base = kVariable ? in.penalty + static_cast<intptr_t>(in.penaltyPitch) * y : nullptr;
+    const uint8_t* gp = in.guide + static_cast<intptr_t>(in.guidePitch) * (y + 1);
+    const uint8_t* gq = in.guide + static_cast<intptr_t>(in.guidePitch) * (y + 1 + dy);
+    const int32_t lower = in.smallPenalty + 1;
+    for (int32_t x = 0; x < in.width; ++x) {
+        const int32_t p2 = kVariable ? base[x] : in.largePenalty;
+        int32_t g;
+        if (kGuide == GUIDE_U8) {
+            const int32_t d = gp[x + 1] - gq[x + 1 + dx];
+            g = d < 0 ? -d : d;
+        } else {
+            const int32_t i = 2 * (x + 1), j = 2 * (x + 1 + dx);
+            const int32_t du = gp[i] - gq[j], dv = gp[i + 1] - gq[j + 1];
+            g = ((du < 0 ? -du : du) + (dv < 0 ? -dv : dv)) >> 1;
+        }
+        // 1 + g reaches 256 only for g = 255; as a byte that would wrap to a
+        // division by zero, so the unwrapped 256 is taken there.
+        const int32_t den = 1 + g;
+        const int32_t q = (p2 + (den >> 1)) / den;
+        out[x] = static_cast<uint8_t>(q > lower ? q : lower);
+    }
+}
+
+using PenaltyRowFn = void (*)(const AggInputs&, int32_t, int32_t, uint8_t*);
+
+PenaltyRowFn penaltyRowFn(const AggInputs& in) {
+    const bool variable = in.penalty != nullptr;
+    if (in.guideKind == GUIDE_U8)
+        return variable ? fillPenaltyRow<GUIDE_U8, true> : fillPenaltyRow<GUIDE_U8, false>;
+    if (in.guideKind == GUIDE_U88)
+        return variable ? fillPenaltyRow<GUIDE_U88, true> : fillPenaltyRow<GUIDE_U88, false>;
+    return nullptr;
+}
+
+// Where a row's P2 values are: the row penalty segment with a guide, the
+// penalty image's row, or the one constant (step 0).
+struct PenaltyRow {
+    const uint8_t* p;
+    int32_t step;
+};
+
+PenaltyRow penaltyRow(const AggInputs& in, PenaltyRowFn fill, int32_t dir, int32_t y, uint8_t* segment) {
+    if (fill != nullptr) {
+        fill(in, dir, y, segment);
+        return PenaltyRow{segment, 1};
+    }
+    if (in.penalty != nullptr) return PenaltyRow{in.penalty + static_cast<intptr_t>(in.penaltyPitch) * y, 1};
+    return PenaltyRow{&in.largePenalty, 0};
+}
+
+// --- Parallel shape: one task per direction over its own plane -------------
+
+TLResult directionTask(void* arg, int32_t dir, int32_t count) {
+    (void)count;
+    const AggInputs& in = *static_cast<const AggInputs*>(arg);
+    const int32_t W = in.width, H = in.height, D = in.numDisparities, S = D + 1;
+    const int32_t dx = kDx[dir], dy = kDy[dir];
+    const bool forward = (dir & 1) == 0;
+    const PenaltyRowFn fill = penaltyRowFn(in);
+    uint8_t* segment =
+        in.rowPenalty != nullptr ? in.rowPenalty + static_cast<intptr_t>(in.rowPenaltyPitch) * dir : nullptr;
+    const intptr_t planeRow = static_cast<intptr_t>(H + 1) * dir;
+    for (int32_t n = 0; n < H; ++n) {
+        const int32_t y = forward ? n : H - 1 - n;
+        const PenaltyRow p2 = penaltyRow(in, fill, dir, y, segment);
+        uint8_t* outRow = in.path + in.pathPitch * (planeRow + y + 1);
+        const uint8_t* prevRow = in.path + in.pathPitch * (planeRow + y + dy + 1);
+        const uint8_t* costRow = in.cost + static_cast<intptr_t>(in.costPitch) * y;
+        for (int32_t m = 0; m < W; ++m) {
+            const int32_t x = forward ? m : W - 1 - m;
+            pathStep(outRow + (x + 1) * S + 1, prevRow + (x + dx + 1) * S + 1, costRow + x * D, D,
+                     in.smallPenalty, p2.p[x * p2.step]);
+        }
+    }
+    return TL_OK;
+}
+
+// --- 2-way and serial shapes: passes over rings of two rows ----------------
+
+struct Pass {
+    const AggInputs* in;
+    uint16_t* aggregated;
+    int32_t aggregatedPitch;  // in bytes
+    const int32_t* dirs;
+    int32_t count;
+    bool set;                 // the first direction sets the entries, the others add
+    bool segmentByDirection;  // row penalty segment: direction index (2-way) or place in the pass
+};
+
+void runPass(const Pass& pass) {
+    const AggInputs& in = *pass.in;
+    const int32_t W = in.width, H = in.height, D = in.numDisparities, S = D + 1;
+    const bool forward = (pass.dirs[0] & 1) == 0;
+    const PenaltyRowFn fill = penaltyRowFn(in);
+    PenaltyRow p2[4];
+    uint8_t* cur[4];
+    const uint8_t* prev[4];
+    for (int32_t n = 0; n < H; ++n) {
+        const int32_t y = forward ? n : H - 1 - n;
+        for (int32_t j = 0; j < pass.count; ++j) {
+            const int32_t d = pass.dirs[j];
+            uint8_t* segment =
+                in.rowPenalty != nullptr
+                    ? in.rowPenalty + static_cast<intptr_t>(W) * (pass.segmentByDirection ? d : j)
+                    : nullptr;
+            p2[j] = penaltyRow(in, fill, d, y, segment);
+            // Direction d keeps rows 2d and 2d + 1; row y goes to 2d + (y & 1).
+            cur[j] = in.path + static_cast<intptr_t>(in.pathPitch) * (2 * d + (y & 1));
+            prev[j] = in.path + static_cast<intptr_t>(in.pathPitch) * (2 * d + ((y + kDy[d]) & 1));
+        }
+        const uint8_t* costRow = in.cost + static_cast<intptr_t>(in.costPitch) * y;
+        uint16_t* aggRow = reinterpret_cast<uint16_t*>(reinterpret_cast<uint8_t*>(pass.aggregated) +
+                                                       static_cast<intptr_t>(pass.aggregatedPitch) * y);
+        for (int32_t m = 0; m < W; ++m) {
+            const int32_t x = forward ? m : W - 1 - m;
+            uint16_t* A = aggRow + static_cast<intptr_t>(x) * (D + 2) + 1;
+            for (int32_t j = 0; j < pass.count; ++j) {
+                const int32_t d = pass.dirs[j];
+                uint8_t* out = cur[j] + (x + 1) * S + 1;
+                pathStep(out, prev[j] + (x + kDx[d] + 1) * S + 1, costRow + x * D, D, in.smallPenalty,
+                         p2[j].p[x * p2[j].step]);
+                if (j == 0 && pass.set) {
+                    for (int32_t k = 0; k < D; ++k) A[k] = out[k];
+                } else {
+                    for (int32_t k = 0; k < D; ++k) A[k] = static_cast<uint16_t>(A[k] + out[k]);
+                }
+            }
+            A[-1] = A[1];
+            A[D] = A[D - 2];
+        }
+    }
+}
+
+struct TwoWayTask {
+    Pass passes[2];
+    int32_t passCount;
+    int32_t ran;
+};
+
+uint32_t twoWayTask(void* arg, PelWorkInfo* info) {
+    (void)info;
+    TwoWayTask* t = static_cast<TwoWayTask*>(arg);
+    for (int32_t i = 0; i < t->passCount; ++i) runPass(t->passes[i]);
+    t->ran = 1;
+    return TL_OK;
+}
+
+constexpr PelKernel kTwoWayKernel = PelKernel_task<twoWayTask>();
+
+// --- Checks ------------------------------------------------------------------
+
+struct Request {
+    Shape shape;
+    Image* pathCosts;
+    const Image* costVolume;
+    const Image* guide;
+    Image* rowPenalty;
+    const Image* penaltyImage;  // variable forms only
+    bool variable;
+    Image* aggregated;    // 2-way and serial
+    Image* secondVolume;  // 2-way with 8 paths
+    int32_t numDisparities;
+    int32_t numPaths;
+    uint8_t smallPenalty, largePenalty;
+};
+
+bool isImage(const Image* i, uint32_t format) {
+    return i != nullptr && i->format == format && i->plane[0] != nullptr;
+}
+
+// TL_OK with *skip set: a guide without a kernel, nothing to do.
+TLResult check(const SgmCostAggregator* agg, const Request& r, AggInputs* in, bool* skip) {
+    *skip = false;
+    if (agg == nullptr) return TL_ERROR_PARAM;
+    if (agg->width == 0 || agg->height == 0) return TL_ERROR_STATE;
+    if (r.numPaths == 16)
+        return r.shape == SHAPE_SERIAL && r.guide != nullptr ? TL_ERROR_UNSUPPORTED : TL_ERROR_PARAM;
+    if (r.numPaths != 4 && r.numPaths != 8) return TL_ERROR_PARAM;
+    const int32_t D = r.numDisparities;
+    if (D == 0 || (D & 7) != 0) return TL_ERROR_PARAM;
+    const int64_t W = agg->width, H = agg->height;
+    if (W * (D + 2) * 2 > INT32_MAX) return TL_ERROR_PARAM;
+    if (!isImage(r.costVolume, IMAGE_FORMAT_UINT8) || r.costVolume->width != W * D ||
+        r.costVolume->height != H)
+        return TL_ERROR_PARAM;
+    if ((r.guide == nullptr) != (r.rowPenalty == nullptr)) return TL_ERROR_PARAM;
+    if (r.variable && (!isImage(r.penaltyImage, IMAGE_FORMAT_UINT8) || r.penaltyImage->width != W ||
+                       r.penaltyImage->height != H))
+        return TL_ERROR_PARAM;
+    const int64_t pathRows = r.shape == SHAPE_PARALLEL ? r.numPaths * (H + 1) + 1 : 2 * r.numPaths;
+    if (!isImage(r.pathCosts, IMAGE_FORMAT_UINT8) ||
+        r.pathCosts->width != SgmCostAggregator_getPathCostsWidth(static_cast<int32_t>(W), D) ||
+        r.pathCosts->height < pathRows)
+        return TL_ERROR_PARAM;
+    if (r.shape != SHAPE_PARALLEL) {
+        if (r.aggregated == nullptr) return TL_ERROR_PARAM;
+        if (r.aggregated->format != IMAGE_FORMAT_UINT16) return TL_ERROR_UNSUPPORTED;
+        if (r.aggregated->plane[0] == nullptr || r.aggregated->width != W * (D + 2) ||
+            r.aggregated->height != H)
+            return TL_ERROR_PARAM;
+        if (r.shape == SHAPE_TWO_WAY && r.numPaths == 8) {
+            if (r.secondVolume == nullptr) return TL_ERROR_PARAM;
+            if (r.secondVolume->format != IMAGE_FORMAT_UINT16) return TL_ERROR_UNSUPPORTED;
+            if (r.secondVolume->plane[0] == nullptr || r.secondVolume->width != r.aggregated->width ||
+                r.secondVolume->height != H)
+                return TL_ERROR_PARAM;
+        }
+    }
+    int32_t guideKind = GUIDE_NONE;
+    if (r.guide != nullptr) {
+        if (r.guide->format == IMAGE_FORMAT_UINT8) {
+            guideKind = GUIDE_U8;
+        } else if (r.guide->format == IMAGE_FORMAT_UINT88) {
+            guideKind = GUIDE_U88;
+        } else {
+            *skip = true;
+            return TL_OK;
+        }
+        if (r.guide->plane[0] == nullptr || r.guide->width != W + 2 || r.guide->height != H + 2)
+            return TL_ERROR_PARAM;
+        const int64_t segments = r.shape == SHAPE_PARALLEL ? 1 : (r.shape == SHAPE_TWO_WAY ? r.numPaths : 4);
+        const int64_t rows = r.shape == SHAPE_PARALLEL ? r.numPaths : 1;
+        if (!isImage(r.rowPenalty, IMAGE_FORMAT_UINT8) || r.rowPenalty->width < W * segments ||
+            r.rowPenalty->height < rows)
+            return TL_ERROR_PARAM;
+    }
+    std::memset(in, 0, sizeof *in);
+    in->cost = r.costVolume->plane[0];
+    in->costPitch = r.costVolume->pitch[0];
+    in->guideKind = guideKind;
+    if (guideKind != GUIDE_NONE) {
+        in->guide = r.guide->plane[0];
+        in->guidePitch = r.guide->pitch[0];
+        in->rowPenalty = r.rowPenalty->plane[0];
+        in->rowPenaltyPitch = r.rowPenalty->pitch[0];
+    }
+    if (r.variable) {
+        in->penalty = r.penaltyImage->plane[0];
+        in->penaltyPitch = r.penaltyImage->pitch[0];
+    }
+    in->path = r.pathCosts->plane[0];
+    in->pathPitch = r.pathCosts->pitch[0];
+    in->width = static_cast<int32_t>(W);
+    in->height = static_cast<int32_t>(H);
+    in->numDisparities = D;
+    in->numPaths = r.numPaths;
+    in->smallPenalty = r.smallPenalty;
+    in->largePenalty = r.largePenalty;
+    return TL_OK;
+}
+
+TLResult aggregateParallel(SgmCostAggregator* agg, const Request& r) {
+    AggInputs in;
+    bool skip;
+    const TLResult c = check(agg, r, &in, &skip);
+    if (c != TL_OK || skip) return c;
+    const ImageStripeExec exec{agg->pel, nullptr};
+    return ImageStripeExec_run(&exec, directionTask, &in, r.numPaths);
+}
+
+Pass makePass(const AggInputs* in, Image* volume, bool forward, int32_t count, bool set, bool byDirection) {
+    Pass p;
+    p.in = in;
+    p.aggregated = reinterpret_cast<uint16_t*>(volume->plane[0]);
+    p.aggregatedPitch = volume->pitch[0];
+    p.dirs = forward ? kForward : kBackward;
+    p.count = count;
+    p.set = set;
+    p.segmentByDirection = byDirection;
+    return p;
+}
+
+TLResult aggregateSerial(SgmCostAggregator* agg, const Request& r) {
+    AggInputs in;
+    bool skip;
+    const TLResult c = check(agg, r, &in, &skip);
+    if (c != TL_OK || skip) return c;
+    const int32_t half = r.numPaths / 2;
+    runPass(makePass(&in, r.aggregated, true, half, true, false));
+    runPass(makePass(&in, r.aggregated, false, half, false, false));
+    return TL_OK;
+}
+
+}  // namespace
+
+int32_t SgmCostAggregator_getBufferSize() { return 0; }
+
+TLResult construct_SgmCostAggregator(SgmCostAggregator* aggregator, Env* env) {
+    if (aggregator == nullptr) return TL_ERROR_PARAM;
+    *aggregator = SgmCostAggregator{};
+    aggregator->env = env;
+    return TL_OK;
+}
+
+TLResult destruct_SgmCostAggregator(SgmCostAggregator* aggregator) {
+    if (aggregator == nullptr) return TL_ERROR_PARAM;
+    *aggregator = SgmCostAggregator{};
+    return TL_OK;
+}
+
+TLResult SgmCostAggregator_recycle(SgmCostAggregator* aggregator) {
+    return aggregator == nullptr ? TL_ERROR_PARAM : TL_OK;
+}
+
+TLResult SgmCostAggregator_init(SgmCostAggregator* aggregator, uint32_t width, uint32_t height) {
+    if (aggregator == nullptr || width < 1 || height < 1 || width > INT32_MAX / 2 || height > INT32_MAX / 2)
+        return TL_ERROR_PARAM;
+    aggregator->width = width;
+    aggregator->height = height;
+    return TL_OK;
+}
+
+TLResult SgmCostAggregator_setPel(SgmCostAggregator* aggregator, Pel* pel) {
+    if (aggregator == nullptr) return TL_ERROR_PARAM;
+    aggregator->pel = pel;
+    return TL_OK;
+}
+
+int32_t SgmCostAggregator_getPathCostsWidth(int32_t width, int32_t numDisparities) {
+    if (width < 1 || numDisparities < 1) return -1;
+    const int64_t w = (int64_t{width} + 2) * (numDisparities + 1) + 1;
+    return w > INT32_MAX ? -1 : static_cast<int32_t>(w);
+}
+
+namespace {
+
+struct PrepareJob {
+    uint8_t* rows;
+    int32_t pitch, width, height, step;
+};
+
+TLResult prepareStripe(void* arg, int32_t index, int32_t count) {
+    const PrepareJob& j = *static_cast<const PrepareJob*>(arg);
+    int32_t first, last;
+    ImageStripe_rows(j.height, index, count, &first, &last);
+    for (int32_t y = first; y < last; ++y) {
+        uint8_t* row = j.rows + static_cast<intptr_t>(j.pitch) * y;
+        std::memset(row, 0, static_cast<size_t>(j.width));
+        for (int32_t b = 0; b < j.width; b += j.step) row[b] = kSeparator;
+    }
+    return TL_OK;
+}
+
+struct SumArgs {
+    uint8_t* out;
+    int32_t outPitch;
+    const uint8_t* path;
+    int32_t pathPitch;
+    int32_t width, height, numDisparities;
+};
+
+template <typename T, int kPaths>
+TLResult sumStripe(void* arg, int32_t index, int32_t count) {
+    const SumArgs& j = *static_cast<const SumArgs*>(arg);
+    const int32_t D = j.numDisparities, S = D + 1;
+    int32_t first, last;
+    ImageStripe_rows(j.height, index, count, &first, &last);
+    for (int32_t y = first; y < last; ++y) {
+        const uint8_t* planes[kPaths];
+        for (int32_t i = 0; i < kPaths; ++i)
+            planes[i] = j.path + static_cast<intptr_t>(j.pathPitch) *
+                                     (static_cast<intptr_t>(j.height + 1) * i + y + 1);
+        T* row = reinterpret_cast<T*>(j.out + static_cast<intptr_t>(j.outPitch) * y);
+        for (int32_t x = 0; x < j.width; ++x) {
+            T* A = row + static_cast<intptr_t>(x) * (D + 2);
+            const int32_t off = (x + 1) * S + 1;
+            for (int32_t k = 0; k < D; ++k) {
+                uint32_t s = 0;
+                for (int32_t i = 0; i < kPaths; ++i) s += planes[i][off + k];
+                A[k + 1] = static_cast<T>(s);
+            }
+            A[0] = A[2];
+            A[D + 1] = A[D - 1];
+        }
+    }
+    return TL_OK;
+}
+
+}  // namespace
+
+TLResult SgmCostAggregator_preparePathCosts(Pel* pel, Image* pathCosts, int32_t numDisparities) {
+    if (!isImage(pathCosts, IMAGE_FORMAT_UINT8) || numDisparities < 1) return TL_ERROR_PARAM;
+    const int32_t step = numDisparities + 1;
+    if (pathCosts->width < 2 * step + 1 || (pathCosts->width - 1) % step != 0) return TL_ERROR_PARAM;
+    PrepareJob job{pathCosts->plane[0], pathCosts->pitch[0], pathCosts->width, pathCosts->height, step};
+    const ImageStripeExec exec{pel, nullptr};
+    return ImageStripeExec_run(&exec, prepareStripe, &job, kBands);
+}
+
+TLResult SgmCostAggregator_aggregateParallel(SgmCostAggregator* aggregator, Image* pathCosts,
+                                             const Image* costVolume, const Image* guide, Image* rowPenalty,
+                                             uint8_t numDisparities, uint8_t smallPenalty,
+                                             uint8_t largePenalty, uint8_t numPaths) {
+    Request r{};
+    r.shape = SHAPE_PARALLEL;
+    r.pathCosts = pathCosts;
+    r.costVolume = costVolume;
+    r.guide = guide;
+    r.rowPenalty = rowPenalty;
+    r.numDisparities = numDisparities;
+    r.numPaths = numPaths;
+    r.smallPenalty = smallPenalty;
+    r.largePenalty = largePenalty;
+    return aggregateParallel(aggregator, r);
+}
+
+TLResult SgmCostAggregator_aggregateParallelVariablePenalty(SgmCostAggregator* aggregator, Image* pathCosts,
+                                                            const Image* costVolume, const Image* guide,
+                                                            uint8_t smallPenalty, const Image* penaltyImage,
+                                                            Image* rowPenalty, uint8_t numDisparities,
+                                                            uint8_t numPaths) {
+    Request r{};
+    r.shape = SHAPE_PARALLEL;
+    r.pathCosts = pathCosts;
+    r.costVolume = costVolume;
+    r.guide = guide;
+    r.rowPenalty = rowPenalty;
+    r.penaltyImage = penaltyImage;
+    r.variable = true;
+    r.numDisparities = numDisparities;
+    r.numPaths = numPaths;
+    r.smallPenalty = smallPenalty;
+    return aggregateParallel(aggregator, r);
+}
+
+TLResult SgmCostAggregator_aggregate2wayParallel(SgmCostAggregator* aggregator, Image* aggregated,
+                                                 Image* secondVolume, const Image* costVolume,
+                                                 const Image* guide, Image* pathCosts, Image* rowPenalty,
+                                                 uint8_t numDisparities, uint8_t smallPenalty,
+                                                 uint8_t largePenalty, uint8_t numPaths) {
+    Request r{};
+    r.shape = SHAPE_TWO_WAY;
+    r.pathCosts = pathCosts;
+    r.costVolume = costVolume;
+    r.guide = guide;
+    r.rowPenalty = rowPenalty;
+    r.aggregated = aggregated;
+    r.secondVolume = secondVolume;
+    r.numDisparities = numDisparities;
+    r.numPaths = numPaths;
+    r.smallPenalty = smallPenalty;
+    r.largePenalty = largePenalty;
+    AggInputs in;
+    bool skip;
+    const TLResult c = check(aggregator, r, &in, &skip);
+    if (c != TL_OK || skip) return c;
+
+    const int32_t half = numPaths / 2;
+    TwoWayTask tasks[2];
+    std::memset(tasks, 0, sizeof tasks);
+    int32_t taskCount;
+    if (numPaths == 4) {
+        // One task does both halves into the one volume.
+        tasks[0].passes[0] = makePass(&in, aggregated, true, half, true, true);
+        tasks[0].passes[1] = makePass(&in, aggregated, false, half, false, true);
+        tasks[0].passCount = 2;
+        taskCount = 1;
+    } else {
+        tasks[0].passes[0] = makePass(&in, aggregated, true, half, true, true);
+        tasks[1].passes[0] = makePass(&in, secondVolume, false, half, true, true);
+        tasks[0].passCount = tasks[1].passCount = 1;
+        taskCount = 2;
+    }
+    Pel* pel = aggregator->pel;
+    uint32_t events[2] = {0, 0};
+    TLResult result = TL_OK;
+    int32_t enqueued = 0;
+    for (int32_t i = 0; i < taskCount; ++i) {
+        result = Pel_enqueueTask(pel, &kTwoWayKernel, &tasks[i], 0, nullptr, &events[i]);
+        if (result != TL_OK) break;
+        ++enqueued;
+    }
+    // Events of tasks that went to the pool; a null Pel ran them at once.
+    uint32_t pending[2];
+    int32_t pendingCount = 0;
+    for (int32_t i = 0; i < enqueued; ++i) {
+        if (events[i] != 0) pending[pendingCount++] = events[i];
+    }
+    if (pendingCount > 0) {
+        const TLResult w = Pel_waitForEvents(pel, pendingCount, pending);
+        // After a failed wait a task may still run on `tasks`: the references
+        // stay held so that its slot is not reused under it.
+        if (w != TL_OK) return w;
+        for (int32_t i = 0; i < pendingCount; ++i) {
+            uint32_t error = 0;
+            if (Pel_getEventInfo(pel, pending[i], 0, &error) == TL_OK) result |= error;
+            result |= Pel_releaseEvent(pel, pending[i]);
+        }
+    }
+    if (result != TL_OK) return result;
+    // A Pel that is not running takes no task: the work is done here.
+    for (int32_t i = 0; i < taskCount; ++i) {
+        if (tasks[i].ran == 0) twoWayTask(&tasks[i], nullptr);
+    }
+    return TL_OK;
+}
+
+TLResult SgmCostAggregator_aggregateSerial(SgmCostAggregator* aggregator, Image* aggregated,
+                                           const Image* costVolume, const Image* guide, Image* pathCosts,
+                                           Image* rowPenalty, uint8_t numDisparities, uint8_t smallPenalty,
+                                           uint8_t largePenalty, uint8_t numPaths) {
+    Request r{};
+    r.shape = SHAPE_SERIAL;
+    r.pathCosts = pathCosts;
+    r.costVolume = costVolume;
+    r.guide = guide;
+    r.rowPenalty = rowPenalty;
+    r.aggregated = aggregated;
+    r.numDisparities = numDisparities;
+    r.numPaths = numPaths;
+    r.smallPenalty = smallPenalty;
+    r.largePenalty = largePenalty;
+    return aggregateSerial(aggregator, r);
+}
+
+TLResult SgmCostAggregator_aggregateSerialVariablePenalty(SgmCostAggregator* aggregator, Image* aggregated,
+                                                          const Image* costVolume, const Image* guide,
+                                                          Image* pathCosts, uint8_t smallPenalty,
+                                                          const Image* penaltyImage, Image* rowPenalty,
+                                                          uint8_t numDisparities, uint8_t numPaths) {
+    Request r{};
+    r.shape = SHAPE_SERIAL;
+    r.pathCosts = pathCosts;
+    r.costVolume = costVolume;
+    r.guide = guide;
+    r.rowPenalty = rowPenalty;
+    r.penaltyImage = penaltyImage;
+    r.variable = true;
+    r.aggregated = aggregated;
+    r.numDisparities = numDisparities;
+    r.numPaths = numPaths;
+    r.smallPenalty = smallPenalty;
+    return aggregateSerial(aggregator, r);
+}
+
+TLResult SgmCostAggregator_sumPaths(SgmCostAggregator* aggregator, Image* aggregated, const Image* pathCosts,
+                                    uint8_t numDisparities, uint8_t numPaths) {
+    if (aggregator == nullptr) return TL_ERROR_PARAM;
+    if (aggregator->width == 0) return TL_ERROR_STATE;
+    const int32_t D = numDisparities;
+    if (D == 0 || (D & 7) != 0 || (numPaths != 4 && numPaths != 8)) return TL_ERROR_PARAM;
+    const int64_t W = aggregator->width, H = aggregator->height;
+    if (aggregated == nullptr || aggregated->plane[0] == nullptr || aggregated->width != W * (D + 2) ||
+        aggregated->height != H)
+        return TL_ERROR_PARAM;
+    if (!isImage(pathCosts, IMAGE_FORMAT_UINT8) ||
+        pathCosts->width != SgmCostAggregator_getPathCostsWidth(static_cast<int32_t>(W), D) ||
+        pathCosts->height < numPaths * (H + 1) + 1)
+        return TL_ERROR_PARAM;
+    ImageStripeFn fn;
+    if (aggregated->format == IMAGE_FORMAT_UINT8) {
+        fn = numPaths == 4 ? sumStripe<uint8_t, 4> : sumStripe<uint8_t, 8>;
+    } else if (aggregated->format == IMAGE_FORMAT_UINT16) {
+        fn = numPaths == 4 ? sumStripe<uint16_t, 4> : sumStripe<uint16_t, 8>;
+    } else {
+        return TL_ERROR_UNSUPPORTED;
+    }
+    SumArgs args{aggregated->plane[0],
+                 aggregated->pitch[0],
+                 pathCosts->plane[0],
+                 pathCosts->pitch[0],
+                 static_cast<int32_t>(W),
+                 static_cast<int32_t>(H),
+                 D};
+    const ImageStripeExec exec{aggregator->pel, nullptr};
+    return ImageStripeExec_run(&exec, fn, &args, kBands);
+}
+
+}  // namespace vq_tl

@@ -16,6 +16,7 @@
 
 using namespace vq_tl;
 using vq_tl_test::Grid;
+using vq_tl_test::rodrigues;
 
 namespace {
 
@@ -29,18 +30,6 @@ struct Fixture {
 Mvec8Real camera(double f, double cx, double cy) { return Mvec8Real{{f, 0, cx, 0, f, cy, 0, 0, 1}}; }
 
 Mvec8Real identity() { return Mvec8Real{{1, 0, 0, 0, 1, 0, 0, 0, 1}}; }
-
-// Rotation about a unit axis, written out: Rodrigues' formula.
-Mvec8Real rodrigues(double ax, double ay, double az, double angle) {
-    const double n = std::sqrt(ax * ax + ay * ay + az * az);
-    ax /= n;
-    ay /= n;
-    az /= n;
-    const double c = std::cos(angle), s = std::sin(angle), t = 1 - c;
-    return Mvec8Real{{t * ax * ax + c, t * ax * ay - s * az, t * ax * az + s * ay, t * ax * ay + s * az,
-                      t * ay * ay + c, t * ay * az - s * ax, t * ax * az - s * ay, t * ay * az + s * ax,
-                      t * az * az + c}};
-}
 
 Mvec8Real multiply(const Mvec8Real& a, const Mvec8Real& b) {
     Mvec8Real r;

@@ -16,6 +16,7 @@
 
 using namespace vq_tl;
 using vq_tl_test::Grid;
+using vq_tl_test::rodrigues;
 
 namespace {
 
@@ -170,17 +171,6 @@ void project(const PhoneCamera& c, const Mvec8Real& fitted, const double p[3], d
     const double dy = y * radial + t[0] * (r2 + 2 * y * y) + 2 * t[1] * x * y;
     *u = fitted.m[0] * dx + fitted.m[2];
     *v = fitted.m[4] * dy + fitted.m[5];
-}
-
-Mvec8Real rodrigues(double ax, double ay, double az, double angle) {
-    const double n = std::sqrt(ax * ax + ay * ay + az * az);
-    ax /= n;
-    ay /= n;
-    az /= n;
-    const double c = std::cos(angle), s = std::sin(angle), t = 1 - c;
-    return Mvec8Real{{t * ax * ax + c, t * ax * ay - s * az, t * ax * az + s * ay, t * ax * ay + s * az,
-                      t * ay * ay + c, t * ay * az - s * ax, t * ax * az - s * ay, t * ay * az + s * ax,
-                      t * az * az + c}};
 }
 
 // The warp's map at a rectified pixel: the bilinear blend of the four

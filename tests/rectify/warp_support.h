@@ -8,6 +8,7 @@
 #include <functional>
 
 #include "../imageproc/picture.h"
+#include "alignment/mvec.h"
 #include "rectify/renderer2.h"
 
 namespace vq_tl_test {
@@ -133,6 +134,18 @@ inline double referenceLuma(const Picture& p, const Layout& l, int32_t w, int32_
 
 inline TLResult render(Renderer& r, Picture& dst, const Picture& src, const Grid& grid) {
     return vq_tl::Renderer2_render(&r.r, &dst.image, &src.image, &grid.g);
+}
+
+// Rotation about a unit axis, written out: Rodrigues' formula.
+inline vq_tl::Mvec8Real rodrigues(double ax, double ay, double az, double angle) {
+    const double n = std::sqrt(ax * ax + ay * ay + az * az);
+    ax /= n;
+    ay /= n;
+    az /= n;
+    const double c = std::cos(angle), s = std::sin(angle), t = 1 - c;
+    return vq_tl::Mvec8Real{{t * ax * ax + c, t * ax * ay - s * az, t * ax * az + s * ay,
+                             t * ax * ay + s * az, t * ay * ay + c, t * ay * az - s * ax,
+                             t * ax * az - s * ay, t * ay * az + s * ax, t * az * az + c}};
 }
 
 }  // namespace vq_tl_test

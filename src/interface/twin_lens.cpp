@@ -119,9 +119,10 @@ TLResult velquin_TwinLens_initialize(TwinLensHandle* handle, void* buffer, int32
     if (rows > 0) std::memcpy(s->cameraParams, params->cameraParams, sizeof(TwinLensCameraParam) * rows);
 
     s->cameraDirty = 1;
-    // The middle row; for an even count the lower of the two middle rows.
-    int32_t index = (params->cameraParamCount - 1) / 2;
-    if (index < 0 || index >= TWIN_LENS_MAX_CAMERA_PARAMS) index = 0;
+    // The middle row; for an even count the lower of the two middle rows. A
+    // count below 1 gives row 0 without forming count - 1, which overflows for INT32_MIN.
+    int32_t index = params->cameraParamCount > 0 ? (params->cameraParamCount - 1) / 2 : 0;
+    if (index >= TWIN_LENS_MAX_CAMERA_PARAMS) index = 0;
     FencedWord_store(&s->cameraParamIndex, index);
     s->focusX = 0.5;
     s->focusY = 0.5;

@@ -8,7 +8,7 @@
 #include "imageproc/image_proc2.h"
 #include "imageproc/resize.h"
 #include "imageproc/rotate.h"
-#include "picture.h"
+#include "support/picture.h"
 #include "runtime/parallel_executor.h"
 #include "runtime/pel.h"
 

@@ -9,20 +9,18 @@
 #include "imageproc/image_stripes.h"
 #include "imageproc/resize.h"
 #include "imageproc/rotate.h"
-#include "picture.h"
 #include "runtime/parallel_executor.h"
 #include "runtime/pel.h"
+#include "support/layers.h"
+#include "support/picture.h"
 #include "support/test_env.h"
 
 using namespace vq_tl;
+using vq_tl_test::Layers;
 using vq_tl_test::Picture;
+using vq_tl_test::sharedLayers;
 
 namespace {
-
-struct Layer {
-    const char* name;
-    ImageStripeExec exec;
-};
 
 using Operation = TLResult (*)(const ImageStripeExec* exec, Image* dst, const Image* src);
 
@@ -33,30 +31,7 @@ TLResult rotateQuarter(const ImageStripeExec* exec, Image* dst, const Image* src
 }  // namespace
 
 TEST(KernelsOnLayers, SamePixelsOnEveryLayer) {
-    auto pel = std::make_unique<Pel>();
-    construct_Pel(pel.get(), nullptr);
-    pel->params.numberOfWorkers = 3;
-    pel->params.callerParticipates = 0;
-    ASSERT_EQ(Pel_init(pel.get()), TL_OK);
-    auto balanced = std::make_unique<Pel>();
-    construct_Pel(balanced.get(), nullptr);
-    balanced->params.numberOfWorkers = 4;
-    balanced->params.dynamicBalance = 1;
-    ASSERT_EQ(Pel_init(balanced.get()), TL_OK);
-    ParallelExecutor overPel, pool;
-    construct_ParallelExecutor(&overPel, nullptr);
-    overPel.pel = pel.get();
-    ASSERT_EQ(ParallelExecutor_init(&overPel, 64, 64), TL_OK);
-    construct_ParallelExecutor(&pool, nullptr);
-    pool.numberOfThreads = 2;
-    pool.setAffinity = 0;
-    ASSERT_EQ(ParallelExecutor_init(&pool, 4, 16), TL_OK);
-    const Layer layers[] = {
-        {"pel", {pel.get(), nullptr}},
-        {"balanced pel", {balanced.get(), nullptr}},
-        {"executor over pel", {nullptr, &overPel}},
-        {"pool executor", {nullptr, &pool}},
-    };
+    Layers& layers = sharedLayers();
     const struct {
         const char* name;
         Operation op;
@@ -76,16 +51,13 @@ TEST(KernelsOnLayers, SamePixelsOnEveryLayer) {
             src.fillRandom(rng);
             Picture reference(c.dw, c.dh, c.format);
             ASSERT_EQ(c.op(nullptr, &reference.image, &src.image), TL_OK) << c.name;
-            for (const Layer& layer : layers) {
+            for (int i = 0; i < Layers::kCount; ++i) {
+                const ImageStripeExec exec = layers.exec(i);
                 Picture dst(c.dw, c.dh, c.format);
-                ASSERT_EQ(c.op(&layer.exec, &dst.image, &src.image), TL_OK) << c.name << " on " << layer.name;
-                EXPECT_TRUE(dst.samePixels(reference)) << c.name << " on " << layer.name;
-                EXPECT_TRUE(dst.canariesIntact()) << c.name << " on " << layer.name;
+                ASSERT_EQ(c.op(&exec, &dst.image, &src.image), TL_OK) << c.name << " on " << layers.names[i];
+                EXPECT_TRUE(dst.samePixels(reference)) << c.name << " on " << layers.names[i];
+                EXPECT_TRUE(dst.canariesIntact()) << c.name << " on " << layers.names[i];
             }
         }
     }
-    EXPECT_EQ(destruct_ParallelExecutor(&pool), TL_OK);
-    EXPECT_EQ(destruct_ParallelExecutor(&overPel), TL_OK);
-    EXPECT_EQ(destruct_Pel(balanced.get()), TL_OK);
-    EXPECT_EQ(destruct_Pel(pel.get()), TL_OK);
 }

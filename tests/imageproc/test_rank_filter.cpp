@@ -11,7 +11,7 @@
 
 #include "imageproc/plane_views.h"
 #include "imageproc/rank_filter.h"
-#include "picture.h"
+#include "support/picture.h"
 #include "runtime/parallel_executor.h"
 #include "runtime/pel.h"
 #include "support/test_env.h"

@@ -5,7 +5,7 @@
 #include <random>
 #include <vector>
 
-#include "imageproc/picture.h"
+#include "support/picture.h"
 #include "imageproc/resize.h"
 #include "support/test_env.h"
 

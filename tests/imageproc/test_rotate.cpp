@@ -4,7 +4,7 @@
 #include <random>
 #include <vector>
 
-#include "imageproc/picture.h"
+#include "support/picture.h"
 #include "imageproc/rotate.h"
 
 using namespace vq_tl;

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cstring>
 #include <vector>
 
@@ -164,7 +165,7 @@ TEST(Session, RowInForceIsTheLowerMiddleRow) {
     struct Case {
         int32_t count, index;
     };
-    const Case cases[] = {{1, 0}, {2, 0}, {4, 1}, {5, 2}, {20, 9}, {0, 0}};
+    const Case cases[] = {{1, 0}, {2, 0}, {4, 1}, {5, 2}, {20, 9}, {0, 0}, {INT32_MIN, 0}};
     for (const Case& c : cases) {
         auto p = makeParams();
         p->cameraParamCount = c.count;

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <functional>
 
-#include "../imageproc/picture.h"
+#include "support/picture.h"
 #include "alignment/mvec.h"
 #include "rectify/renderer2.h"
 

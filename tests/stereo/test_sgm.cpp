@@ -10,7 +10,7 @@
 #include <random>
 #include <vector>
 
-#include "imageproc/picture.h"
+#include "support/picture.h"
 #include "runtime/parallel_executor.h"
 #include "runtime/pel.h"
 #include "stereo/sgm.h"

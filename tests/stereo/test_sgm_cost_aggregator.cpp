@@ -9,7 +9,7 @@
 #include <random>
 #include <vector>
 
-#include "imageproc/picture.h"
+#include "support/picture.h"
 #include "runtime/pel.h"
 #include "stereo/sgm_cost_aggregator.h"
 #include "support/test_env.h"

@@ -6,7 +6,7 @@
 #include <random>
 #include <vector>
 
-#include "imageproc/picture.h"
+#include "support/picture.h"
 #include "stereo/sgm_cost_matcher.h"
 #include "support/test_env.h"
 

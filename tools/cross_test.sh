@@ -9,6 +9,6 @@ tools/setup.sh armhf
 dir=${1:-build-armhf}
 shift || true
 cmake -S . -B "$dir" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchains/armhf-linux-gnueabihf.cmake" \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVQ_TL_WERROR=ON -DVQ_TL_GTEST_FROM_SOURCE=ON -DVQ_TL_BUILD_BENCH=OFF "$@"
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVQ_TL_WERROR=ON -DVQ_TL_ALLOC_FAULTS=ON -DVQ_TL_GTEST_FROM_SOURCE=ON -DVQ_TL_BUILD_BENCH=OFF "$@"
 cmake --build "$dir" -j "$(nproc)"
 ctest --test-dir "$dir" --output-on-failure -j "$(nproc)"

@@ -64,7 +64,15 @@ VELQUIN_TL_API TLResult velquin_TwinLens_finalize(TwinLensHandle* handle);
  * has run. While a frame is in progress a pair is not taken: the result is
  * TL_OK with *sequenceOut -1, and the pixels are the caller's again at once.
  * sequenceOut may be null. The callback runs on the worker thread (or, for a
- * superseded frame, inside this call) and must not call finalize. */
+ * superseded frame, inside this call) and must not call finalize.
+ *
+ * Out of memory in an asynchronous session: when the small record that
+ * carries the pair to the worker cannot be allocated, the call still answers
+ * TL_OK with *sequenceOut 0, but the pair is never estimated, no completion
+ * callback ever comes for it, and the session refuses every later pair with
+ * -1. A caller that waits for a callback should wait with a time limit; when
+ * it runs out, or when pairs keep being refused, finalize the session and
+ * initialize it again. */
 VELQUIN_TL_API TLResult velquin_TwinLens_process(TwinLensHandle* handle, const TwinLensImage* main,
                                                  const TwinLensImage* sub, int32_t* sequenceOut);
 

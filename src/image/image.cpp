@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "image/image_geometry.h"
+#include "runtime/memory.h"
 
 namespace vq_tl {
 
@@ -68,7 +69,7 @@ TLResult construct_Image(Image* self, Env* env) {
 
 TLResult destruct_Image(Image* self) {
     if (self == nullptr) return TL_ERROR_PARAM;
-    if (ownsBlock(self)) std::free(self->plane[0]);
+    if (ownsBlock(self)) Memory_free(self->plane[0]);
     std::memset(self, 0, sizeof *self);
     return TL_OK;
 }
@@ -90,10 +91,10 @@ TLResult Image_initWithPitch(Image* self, int32_t width, int32_t height, const I
     if (newSize > INT32_MAX) return TL_ERROR_PARAM;
     uint8_t* block = ownsBlock(self) ? self->plane[0] : nullptr;
     if (oldSize != newSize) {
-        if (block != nullptr) std::free(block);
+        if (block != nullptr) Memory_free(block);
         block = nullptr;
         if (newSize != 0) {
-            block = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(newSize)));
+            block = static_cast<uint8_t*>(Memory_alloc(static_cast<size_t>(newSize)));
             if (block == nullptr) {
                 Env* env = self->env;
                 construct_Image(self, env);

@@ -7,6 +7,7 @@
 #include "imageproc/image_proc.h"
 #include "imageproc/image_proc2.h"
 #include "imageproc/plane_views.h"
+#include "runtime/memory.h"
 #include "runtime/raw_double.h"
 
 namespace vq_tl {
@@ -181,7 +182,7 @@ TLResult resizePlane(const ImageStripeExec* exec, Image* dst, const Image* src) 
     const int32_t parts = minInt(2 * ImageStripeExec_getWorkerCount(exec), dst->height);
     const size_t tapBytes = alignUp(sizeof(ResizeTap) * (static_cast<size_t>(dst->width) + dst->height));
     const size_t cacheBytes = sizeof(H) * 2 * static_cast<size_t>(dst->width) * C * parts;
-    uint8_t* block = static_cast<uint8_t*>(std::malloc(tapBytes + cacheBytes));
+    uint8_t* block = static_cast<uint8_t*>(Memory_alloc(tapBytes + cacheBytes));
     if (block == nullptr) return TL_ERROR_MEMORY;
     ResizeTap* xTaps = reinterpret_cast<ResizeTap*>(block);
     ResizeTap* yTaps = xTaps + dst->width;
@@ -189,7 +190,7 @@ TLResult resizePlane(const ImageStripeExec* exec, Image* dst, const Image* src) 
     ResizeTap_fill(yTaps, dst->height, src->height);
     PlaneArgs args{dst, src, xTaps, yTaps, block + tapBytes};
     const TLResult r = ImageStripeExec_run(exec, resizeStripe<T, C>, &args, parts);
-    std::free(block);
+    Memory_free(block);
     return r;
 }
 
@@ -288,7 +289,7 @@ TLResult areaPlane(const ImageStripeExec* exec, Image* dst, const Image* src) {
     const size_t weightBytes =
         alignUp(sizeof(int32_t) * (static_cast<size_t>(dst->width) + src->width + dst->height + src->height));
     const size_t workBytes = sizeof(A) * 2 * static_cast<size_t>(dst->width) * C * parts;
-    uint8_t* block = static_cast<uint8_t*>(std::malloc(spanBytes + weightBytes + workBytes));
+    uint8_t* block = static_cast<uint8_t*>(Memory_alloc(spanBytes + weightBytes + workBytes));
     if (block == nullptr) return TL_ERROR_MEMORY;
     AreaSpan* xSpans = reinterpret_cast<AreaSpan*>(block);
     AreaSpan* ySpans = xSpans + dst->width;
@@ -298,7 +299,7 @@ TLResult areaPlane(const ImageStripeExec* exec, Image* dst, const Image* src) {
     fillAreaSpans(ySpans, yWeights, dst->height, src->height);
     AreaArgs args{dst, src, xSpans, ySpans, xWeights, yWeights, block + spanBytes + weightBytes};
     const TLResult r = ImageStripeExec_run(exec, areaStripe<T, C>, &args, parts);
-    std::free(block);
+    Memory_free(block);
     return r;
 }
 

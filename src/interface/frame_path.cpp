@@ -6,6 +6,7 @@
 #include "image/public_image.h"
 #include "interface/twin_lens_session.h"
 #include "runtime/fenced_word.h"
+#include "runtime/memory.h"
 
 namespace vq_tl {
 
@@ -125,12 +126,12 @@ int32_t TwinLens_enqueueFrame(TwinLensSession* s, const Image* mainView, const I
     if (mainFrame == nullptr || subFrame == nullptr ||
         Image_initSubImage(mainFrame, mainView, 0, 0, mainView->width, mainView->height) != TL_OK ||
         Image_initSubImage(subFrame, subView, 0, 0, subView->width, subView->height) != TL_OK) {
-        std::free(job);
+        Memory_free(job);
         returnToPools(s, mainFrame, subFrame);
         return static_cast<int32_t>(TL_ERROR_GENERAL);
     }
     if (job == nullptr) {
-        job = static_cast<TwinLensFrameJob*>(std::malloc(sizeof *job));
+        job = static_cast<TwinLensFrameJob*>(Memory_alloc(sizeof *job));
         if (job == nullptr) {
             // Kept as it is: success with sequence 0 and no job; the frames go back.
             returnToPools(s, mainFrame, subFrame);
@@ -157,7 +158,7 @@ uint32_t TwinLens_frameWorker(void* argument) {
                 TwinLens_estimateFrame(s, job->mainFrame, job->subFrame);
                 if (s->callback != nullptr) s->callback(s->callbackUserData, job->sequence, 0);
                 returnToPools(s, job->mainFrame, job->subFrame);
-                std::free(job);
+                Memory_free(job);
             } else {
                 LinkedBlockingQueue_put(&s->jobQueue, job);
             }
@@ -166,7 +167,7 @@ uint32_t TwinLens_frameWorker(void* argument) {
     }
     // Jobs left are dropped without a callback; the pools are drained so that
     // their destructors find them empty.
-    while (void* job = LinkedBlockingQueue_poll(&s->jobQueue)) std::free(job);
+    while (void* job = LinkedBlockingQueue_poll(&s->jobQueue)) Memory_free(job);
     while (LinkedBlockingQueue_poll(&s->mainFramePool) != nullptr) {
     }
     while (LinkedBlockingQueue_poll(&s->subFramePool) != nullptr) {

@@ -75,6 +75,12 @@ TLResult TwinLens_assembleSession(TwinLensSession* s) {
 
 void TwinLens_destructMembers(TwinLensSession* s) {
     destruct_Thread(&s->worker);
+    // A queue is taken down only when empty: the frame worker drains the
+    // pools when it stops, but a session that failed in assembly never ran it.
+    while (LinkedBlockingQueue_poll(&s->mainFramePool) != nullptr) {
+    }
+    while (LinkedBlockingQueue_poll(&s->subFramePool) != nullptr) {
+    }
     destruct_LinkedBlockingQueue(&s->jobQueue);
     destruct_LinkedBlockingQueue(&s->mainFramePool);
     destruct_LinkedBlockingQueue(&s->subFramePool);

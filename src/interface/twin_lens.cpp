@@ -134,7 +134,10 @@ TLResult velquin_TwinLens_initialize(TwinLensHandle* handle, void* buffer, int32
     s->calibHeight = s->cameraParams[index].mainCalibHeight;
 
     if (TwinLens_assembleSession(s) != TL_OK) {
-        // Members already built are deliberately not taken down one by one.
+        // The members built so far are taken down too, although the short
+        // path would leave them: a service that retries after a memory
+        // failure cannot afford what they took. The result code stays.
+        TwinLens_destructMembers(s);
         return closeSession(handle, s, TL_ERROR_GENERAL);
     }
 
@@ -144,6 +147,7 @@ TLResult velquin_TwinLens_initialize(TwinLensHandle* handle, void* buffer, int32
     if (s->asyncMode != 0) {
         FencedWord_store(&s->workerFlags, kWorkerRun);
         if (Thread_start(&s->worker, TwinLens_frameWorker, s) != TL_OK) {
+            TwinLens_destructMembers(s);
             return closeSession(handle, s, TL_ERROR_GENERAL);
         }
     }

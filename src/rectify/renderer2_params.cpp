@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "runtime/memory.h"
+
 namespace vq_tl {
 
 namespace {
@@ -12,10 +14,10 @@ constexpr int32_t kBytesPerVertex = 2 * sizeof(double) + 2 * sizeof(int32_t);
 
 template <typename Grid>
 void freeArrays(Grid* g) {
-    std::free(g->x);
-    std::free(g->y);
-    std::free(g->xs);
-    std::free(g->ys);
+    Memory_free(g->x);
+    Memory_free(g->y);
+    Memory_free(g->xs);
+    Memory_free(g->ys);
     g->x = nullptr;
     g->y = nullptr;
     g->xs = nullptr;
@@ -32,10 +34,10 @@ TLResult allocateArrays(Grid* g, int32_t cols, int32_t rows) {
     freeArrays(g);
     const size_t count = static_cast<size_t>(cols) * static_cast<size_t>(rows);
     const size_t n = count > 0 ? count : 1;
-    g->x = static_cast<double*>(std::malloc(n * sizeof(double)));
-    g->y = static_cast<double*>(std::malloc(n * sizeof(double)));
-    g->xs = static_cast<int32_t*>(std::malloc(n * sizeof(int32_t)));
-    g->ys = static_cast<int32_t*>(std::malloc(n * sizeof(int32_t)));
+    g->x = static_cast<double*>(Memory_alloc(n * sizeof(double)));
+    g->y = static_cast<double*>(Memory_alloc(n * sizeof(double)));
+    g->xs = static_cast<int32_t*>(Memory_alloc(n * sizeof(int32_t)));
+    g->ys = static_cast<int32_t*>(Memory_alloc(n * sizeof(int32_t)));
     if (g->x == nullptr || g->y == nullptr || g->xs == nullptr || g->ys == nullptr) return TL_ERROR_MEMORY;
     g->cols = cols;
     g->rows = rows;

@@ -2,6 +2,8 @@
 
 #include <cstdlib>
 
+#include "runtime/memory.h"
+
 namespace vq_tl {
 
 namespace {
@@ -79,14 +81,14 @@ TLResult construct_ConcurrentLinkedQueue(ConcurrentLinkedQueue* self, Env* env) 
 
 TLResult destruct_ConcurrentLinkedQueue(ConcurrentLinkedQueue* self) {
     if (self == nullptr) return TL_ERROR_PARAM;
-    std::free(self->block);
+    Memory_free(self->block);
     clear(self, nullptr);
     return TL_OK;
 }
 
 TLResult ConcurrentLinkedQueue_recycle(ConcurrentLinkedQueue* self) {
     if (self == nullptr) return TL_ERROR_PARAM;
-    std::free(self->block);
+    Memory_free(self->block);
     clear(self, self->env);
     return TL_OK;
 }
@@ -95,7 +97,7 @@ TLResult ConcurrentLinkedQueue_init(ConcurrentLinkedQueue* self, int32_t capacit
     if (self == nullptr || ConcurrentLinkedQueue_getBufferSize(capacity) < 0) return TL_ERROR_PARAM;
     ConcurrentLinkedQueue_recycle(self);
     const size_t slots = static_cast<size_t>(capacity) + 1;
-    self->block = std::malloc(slots * (sizeof(void*) + sizeof(uint32_t)));
+    self->block = Memory_alloc(slots * (sizeof(void*) + sizeof(uint32_t)));
     if (self->block == nullptr) return TL_ERROR_MEMORY;
     self->capacity = capacity;
     self->items = static_cast<void**>(self->block);

@@ -5,6 +5,8 @@
 
 #include <cstdlib>
 
+#include "runtime/memory.h"
+
 namespace vq_tl {
 
 namespace {
@@ -60,7 +62,7 @@ TLResult condSignalAll(Condition* self) {
 
 TLResult condDestroy(Condition* self) {
     const int e = pthread_cond_destroy(self->impl);
-    std::free(self->impl);
+    Memory_free(self->impl);
     self->impl = nullptr;
     return e == 0 ? TL_OK : TL_ERROR_SYSTEM;
 }
@@ -99,11 +101,11 @@ TLResult destruct_Condition(Condition* self) {
 TLResult Condition_init(Condition* self, Lock* lock) {
     if (self == nullptr || lock == nullptr) return TL_ERROR_PARAM;
     Condition_recycle(self);
-    pthread_cond_t* c = static_cast<pthread_cond_t*>(std::malloc(sizeof(pthread_cond_t)));
+    pthread_cond_t* c = static_cast<pthread_cond_t*>(Memory_alloc(sizeof(pthread_cond_t)));
     if (c == nullptr) return TL_ERROR_MEMORY;
     pthread_condattr_t attr;
     if (pthread_condattr_init(&attr) != 0) {
-        std::free(c);
+        Memory_free(c);
         return TL_ERROR_SYSTEM;
     }
     // Deadlines on the monotonic clock: a wall-clock step (network time, the
@@ -112,7 +114,7 @@ TLResult Condition_init(Condition* self, Lock* lock) {
     if (e == 0) e = pthread_cond_init(c, &attr);
     pthread_condattr_destroy(&attr);
     if (e != 0) {
-        std::free(c);
+        Memory_free(c);
         return TL_ERROR_SYSTEM;
     }
     self->impl = c;

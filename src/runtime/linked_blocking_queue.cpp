@@ -2,6 +2,8 @@
 
 #include <cstdlib>
 
+#include "runtime/memory.h"
+
 namespace vq_tl {
 
 namespace {
@@ -94,7 +96,7 @@ TLResult constructMembers(LinkedBlockingQueue* self, Env* env) {
 TLResult release(LinkedBlockingQueue* self, Env* env) {
     const TLResult r = destruct_Condition(&self->notFull) | destruct_Condition(&self->notEmpty) |
                        destruct_Lock(&self->putLock) | destruct_Lock(&self->takeLock);
-    std::free(self->nodes);
+    Memory_free(self->nodes);
     return r | constructMembers(self, env);
 }
 
@@ -131,7 +133,7 @@ TLResult LinkedBlockingQueue_init(LinkedBlockingQueue* self, int32_t capacity) {
     if (recycled != TL_OK) return recycled;
     const size_t nodeCount = static_cast<size_t>(capacity) + 2;
     self->nodes =
-        static_cast<LinkedBlockingQueueNode*>(std::malloc(nodeCount * sizeof(LinkedBlockingQueueNode)));
+        static_cast<LinkedBlockingQueueNode*>(Memory_alloc(nodeCount * sizeof(LinkedBlockingQueueNode)));
     if (self->nodes == nullptr) return TL_ERROR_MEMORY;
     self->capacity = capacity;
     TLResult r = Lock_init(&self->putLock, LOCK_KIND_RECURSIVE_MUTEX);

@@ -5,6 +5,8 @@
 
 #include <cstdlib>
 
+#include "runtime/memory.h"
+
 namespace vq_tl {
 
 namespace {
@@ -39,7 +41,7 @@ TLResult mutexDestroy(Lock* self) {
     const int e = pthread_mutex_destroy(m);
     // The block goes back even when pthread refuses (a held mutex): the
     // record is being torn down either way and must not keep a dangling word.
-    std::free(m);
+    Memory_free(m);
     self->impl = 0;
     return e == 0 ? TL_OK : TL_ERROR_SYSTEM;
 }
@@ -74,18 +76,18 @@ TLResult spinUnlock(Lock* self) {
 }
 
 TLResult initMutex(Lock* self) {
-    pthread_mutex_t* m = static_cast<pthread_mutex_t*>(std::malloc(sizeof(pthread_mutex_t)));
+    pthread_mutex_t* m = static_cast<pthread_mutex_t*>(Memory_alloc(sizeof(pthread_mutex_t)));
     if (m == nullptr) return TL_ERROR_MEMORY;
     pthread_mutexattr_t attr;
     if (pthread_mutexattr_init(&attr) != 0) {
-        std::free(m);
+        Memory_free(m);
         return TL_ERROR_SYSTEM;
     }
     int e = pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
     if (e == 0) e = pthread_mutex_init(m, &attr);
     pthread_mutexattr_destroy(&attr);
     if (e != 0) {
-        std::free(m);
+        Memory_free(m);
         return TL_ERROR_SYSTEM;
     }
     self->impl = reinterpret_cast<uintptr_t>(m);

@@ -2,6 +2,8 @@
 
 #include <cstdlib>
 
+#include "runtime/memory.h"
+
 namespace vq_tl {
 
 namespace {
@@ -64,13 +66,13 @@ TLResult construct_MemPool(MemPool* self, Env* env) {
 TLResult MemPool_recycle(MemPool* self) {
     if (self == nullptr) return TL_ERROR_PARAM;
     Env* env = self->env;
-    std::free(self->blocks);
+    Memory_free(self->blocks);
     return construct_MemPool(self, env);
 }
 
 TLResult destruct_MemPool(MemPool* self) {
     if (self == nullptr) return TL_ERROR_PARAM;
-    std::free(self->blocks);
+    Memory_free(self->blocks);
     construct_MemPool(self, nullptr);
     return TL_OK;
 }
@@ -80,7 +82,7 @@ TLResult MemPool_init(MemPool* self, int32_t blockSize, int32_t blockCount) {
     const int32_t total = MemPool_getBufferSize(blockSize, blockCount);
     if (total < 0) return TL_ERROR_PARAM;
     MemPool_recycle(self);
-    self->blocks = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(total)));
+    self->blocks = static_cast<uint8_t*>(Memory_alloc(static_cast<size_t>(total)));
     if (self->blocks == nullptr) return TL_ERROR_MEMORY;
     self->blockSize = static_cast<uint32_t>(blockSize < 5 ? 4 : blockSize);
     self->reciprocal = 0xFFFFFFFFu / self->blockSize;

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "runtime/fenced_word.h"
+#include "runtime/memory.h"
 #include "runtime/syscall.h"
 
 namespace vq_tl {
@@ -60,7 +61,7 @@ TLResult pelFork(ParallelExecutor* self, ParallelExecutorFunction function, cons
     task->copy = nullptr;
     t->events[place] = 0;
     if (size > 0) {
-        task->copy = std::malloc(static_cast<size_t>(size));
+        task->copy = Memory_alloc(static_cast<size_t>(size));
         if (task->copy == nullptr) return TL_ERROR_MEMORY;
         std::memcpy(task->copy, arguments, static_cast<size_t>(size));
     }
@@ -71,7 +72,7 @@ TLResult pelFork(ParallelExecutor* self, ParallelExecutorFunction function, cons
     if (r == TL_OK && t->events[place] == 0) r = TL_ERROR_STATE;
     if (r != TL_OK) {
         task->function = nullptr;
-        std::free(task->copy);
+        Memory_free(task->copy);
         task->copy = nullptr;
     }
     return r;
@@ -94,7 +95,7 @@ TLResult pelJoin(ParallelExecutor* self, uint32_t* resultOut) {
             if (r == TL_OK) r = Pel_releaseEvent(t->pel, t->events[i]);
             if (r != TL_OK) break;
             results |= info;
-            std::free(task->copy);
+            Memory_free(task->copy);
             *task = ParallelExecutorPelTask{};
         }
         __atomic_store_n(&t->forkCount, 0, __ATOMIC_SEQ_CST);
@@ -202,7 +203,7 @@ TLResult growPool(ParallelExecutor* self) {
 // Frees a finished task that join will not see and takes it off the count.
 void dropTask(ParallelExecutor* self, void* item) {
     if (item == self || item == stopMark()) return;
-    std::free(item);
+    Memory_free(item);
     __atomic_fetch_sub(&self->taskCount, 1, __ATOMIC_SEQ_CST);
 }
 
@@ -336,7 +337,7 @@ size_t taskHeaderSize() {
 
 ParallelExecutorTask* allocateTask(ParallelExecutorFunction function, int32_t size) {
     ParallelExecutorTask* task =
-        static_cast<ParallelExecutorTask*>(std::malloc(taskHeaderSize() + static_cast<size_t>(size)));
+        static_cast<ParallelExecutorTask*>(Memory_alloc(taskHeaderSize() + static_cast<size_t>(size)));
     if (task == nullptr) return nullptr;
     task->result = 0;
     task->function = function;
@@ -413,7 +414,7 @@ TLResult tearDown(ParallelExecutor* self) {
             dropTask(self, item);
         }
         for (int32_t i = 0; i < self->maxThreads; ++i) r |= destruct_Thread(&self->threads[i]);
-        std::free(self->threads);
+        Memory_free(self->threads);
         self->threads = nullptr;
         const int32_t caller = self->callerWorks != 0 ? 1 : 0;
         if (__atomic_sub_fetch(&self->liveThreads, caller, __ATOMIC_SEQ_CST) != 0) r |= TL_ERROR_STATE;
@@ -423,7 +424,7 @@ TLResult tearDown(ParallelExecutor* self) {
     if (self->pelTasks != nullptr) {
         // Forks still out would run on freed places: join them first.
         if (__atomic_load_n(&self->pelTasks->forkCount, __ATOMIC_SEQ_CST) > 0) r |= pelJoin(self, nullptr);
-        std::free(self->pelTasks);
+        Memory_free(self->pelTasks);
         self->pelTasks = nullptr;
     }
     return r;
@@ -481,7 +482,7 @@ TLResult ParallelExecutor_init(ParallelExecutor* self, int32_t maxThreads, int32
         const size_t bytes =
             sizeof(ParallelExecutorPelTasks) +
             static_cast<size_t>(capacity) * (sizeof(ParallelExecutorPelTask) + sizeof(uint32_t));
-        uint8_t* block = static_cast<uint8_t*>(std::malloc(bytes));
+        uint8_t* block = static_cast<uint8_t*>(Memory_alloc(bytes));
         if (block == nullptr) return TL_ERROR_MEMORY;
         std::memset(block, 0, bytes);
         ParallelExecutorPelTasks* t = reinterpret_cast<ParallelExecutorPelTasks*>(block);
@@ -503,7 +504,7 @@ TLResult ParallelExecutor_init(ParallelExecutor* self, int32_t maxThreads, int32
     for (int32_t cpu = 0; cpu < 32; ++cpu) {
         if ((self->affinityMask >> cpu) & 1u) self->cpus[self->cpuCount++] = static_cast<uint8_t>(cpu);
     }
-    Thread* threads = static_cast<Thread*>(std::malloc(sizeof(Thread) * static_cast<size_t>(maxThreads)));
+    Thread* threads = static_cast<Thread*>(Memory_alloc(sizeof(Thread) * static_cast<size_t>(maxThreads)));
     if (threads == nullptr) {
         ParallelExecutor_recycle(self);
         return TL_ERROR_MEMORY;
@@ -526,7 +527,7 @@ TLResult ParallelExecutor_fork(ParallelExecutor* self, ParallelExecutorFunction 
     if (task == nullptr) return TL_ERROR_MEMORY;
     bool queued = false;
     const TLResult r = poolFork(self, task, &queued);
-    if (!queued) std::free(task);
+    if (!queued) Memory_free(task);
     return r;
 }
 
@@ -613,7 +614,7 @@ TLResult ParallelExecutor_fork_v1(ParallelExecutor* self, ParallelExecutorTask* 
 TLResult ParallelExecutor_deleteTask(ParallelExecutor* self, ParallelExecutorTask* task) {
     if (self == nullptr || task == nullptr) return TL_ERROR_PARAM;
     if (!isPoolEngine(self)) return TL_ERROR_UNSUPPORTED;
-    std::free(task);
+    Memory_free(task);
     return TL_OK;
 }
 

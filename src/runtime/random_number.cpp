@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "runtime/memory.h"
+
 namespace vq_tl {
 
 namespace {
@@ -64,7 +66,7 @@ TLResult construct_RandomNumber(RandomNumber* self, Env* env) {
 
 TLResult destruct_RandomNumber(RandomNumber* self) {
     if (self == nullptr) return TL_ERROR_PARAM;
-    free(self->state);
+    Memory_free(self->state);
     memset(self, 0, sizeof(*self));
     return TL_OK;
 }
@@ -72,7 +74,7 @@ TLResult destruct_RandomNumber(RandomNumber* self) {
 TLResult RandomNumber_recycle(RandomNumber* self) {
     if (self == nullptr) return TL_ERROR_PARAM;
     Env* env = self->env;
-    free(self->state);
+    Memory_free(self->state);
     memset(self, 0, sizeof(*self));
     self->env = env;
     return TL_OK;
@@ -82,17 +84,17 @@ TLResult RandomNumber_init(RandomNumber* self, uint32_t seed) {
     if (self == nullptr) return TL_ERROR_PARAM;
     if (self->kind != RANDOM_NUMBER_KIND_351 && self->kind != RANDOM_NUMBER_KIND_MT19937)
         return TL_ERROR_GENERAL;
-    free(self->state);
+    Memory_free(self->state);
     self->state = nullptr;
     self->count = 0;
     self->index = 0;
 
     const int32_t n = kParams[self->kind].count;
-    uint32_t* state = static_cast<uint32_t*>(malloc(sizeof(uint32_t) * n));
-    uint32_t* table = static_cast<uint32_t*>(malloc(sizeof(uint32_t) * kSeedTableSize));
+    uint32_t* state = static_cast<uint32_t*>(Memory_alloc(sizeof(uint32_t) * n));
+    uint32_t* table = static_cast<uint32_t*>(Memory_alloc(sizeof(uint32_t) * kSeedTableSize));
     if (state == nullptr || table == nullptr) {
-        free(state);
-        free(table);
+        Memory_free(state);
+        Memory_free(table);
         return TL_ERROR_MEMORY;
     }
     // Each table entry: the high half of the first of two steps over the high
@@ -109,7 +111,7 @@ TLResult RandomNumber_init(RandomNumber* self, uint32_t seed) {
         x = seedStep(x);
         state[i] = table[x >> 20];
     }
-    free(table);
+    Memory_free(table);
     self->state = state;
     self->count = n;
     self->index = n;

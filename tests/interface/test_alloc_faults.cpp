@@ -1,0 +1,115 @@
+// Every allocation of a scenario is made to fail in turn, from the first
+// until a run needs no more: each failure must give the documented code, no
+// crash, and every block taken must be given back.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <vector>
+
+#include "runtime/memory.h"
+#include "support/session_params.h"
+#include "velquin/rectify_data_converter.h"
+
+using namespace vq_tl;
+
+namespace {
+
+// Runs `scenario(n)` with the n-th allocation failing, for n = 1, 2, ...
+// until a run asks for fewer than n allocations, checking after each run
+// that no block is left. Returns the number of runs.
+int walk(const std::function<void(int64_t n)>& scenario) {
+    for (int64_t n = 1;; ++n) {
+        const int64_t live = Memory_getLiveCount();
+        Memory_failAt(n);
+        scenario(n);
+        const int64_t asked = Memory_getAllocCount();
+        Memory_failAt(0);
+        EXPECT_EQ(Memory_getLiveCount(), live) << "blocks left when allocation " << n << " failed";
+        if (asked < n || ::testing::Test::HasFailure()) return static_cast<int>(n);
+    }
+}
+
+std::atomic<int> gCallbacks{0};
+int32_t countCallback(void*, uint32_t, int32_t) {
+    ++gCallbacks;
+    return 0;
+}
+
+void sessionScenario(int32_t asyncMode, int64_t n) {
+    auto p = vq_tl_test::makeParams(320, 240, 160, 120);
+    p->asyncMode = asyncMode;
+    p->completionCallback = countCallback;
+    std::vector<uint8_t> buffer(static_cast<size_t>(velquin_TwinLens_getBufferSize(p.get())));
+    TwinLensHandle handle{nullptr};
+    const TLResult init =
+        velquin_TwinLens_initialize(&handle, buffer.data(), static_cast<int32_t>(buffer.size()), p.get());
+    if (init != TL_OK) {
+        ASSERT_EQ(init, TL_ERROR_GENERAL) << "allocation " << n;
+        ASSERT_EQ(handle.session, nullptr);
+        return;
+    }
+    std::vector<uint8_t> y(320 * 240), uv(320 * 120);
+    const TwinLensImage frame = {320, 240, y.data(), uv.data(), nullptr};
+    gCallbacks = 0;
+    const int64_t before = Memory_getAllocCount();
+    int32_t sequence = -2;
+    ASSERT_EQ(velquin_TwinLens_process(&handle, &frame, &frame, &sequence), TL_OK) << "allocation " << n;
+    const bool jobRefused = before < n && Memory_getAllocCount() >= n;
+    EXPECT_EQ(sequence, 0);
+    if (jobRefused && asyncMode != 0) {
+        // The documented consequence: the frame stays in progress for good.
+        EXPECT_EQ(velquin_TwinLens_process(&handle, &frame, &frame, &sequence), TL_OK);
+        EXPECT_EQ(sequence, -1);
+    }
+    // finalize lets the worker finish a queued frame before it stops.
+    ASSERT_EQ(velquin_TwinLens_finalize(&handle), TL_OK) << "allocation " << n;
+    // A job record that could not be allocated is never run and never called back.
+    if (asyncMode != 0) {
+        EXPECT_EQ(gCallbacks.load(), jobRefused ? 0 : 1) << "allocation " << n;
+    }
+}
+
+}  // namespace
+
+class AllocFaults : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!Memory_canInjectFaults()) GTEST_SKIP() << "built without VQ_TL_ALLOC_FAULTS";
+    }
+};
+
+TEST_F(AllocFaults, SessionLifeCycle) {
+    for (int32_t asyncMode : {0, 1}) {
+        const int runs = walk([&](int64_t n) { sessionScenario(asyncMode, n); });
+        // The session takes at least its queues, locks and result images.
+        EXPECT_GT(runs, 20) << "asyncMode " << asyncMode;
+    }
+}
+
+TEST_F(AllocFaults, Converter) {
+    // A kind-0 table on both cameras: the fit is where the converter allocates.
+    const float table[9] = {0.0f, 0.126f, 0.252f, 0.379f, 0.507f, 0.636f, 0.766f, 0.898f, 1.031f};
+    RectifyDataConverterParam param{};
+    param.mainPixelPitch = param.subPixelPitch = 1.12f;
+    param.mainFocalLength = param.subFocalLength = 4.2f;
+    param.mainSensorWidth = param.subSensorWidth = 4000;
+    param.mainSensorHeight = param.subSensorHeight = 3000;
+    param.mainCropWidth = param.subCropWidth = 4000.0f;
+    param.mainCropHeight = param.subCropHeight = 3000.0f;
+    param.mainDistCount = param.subDistCount = 9;
+    param.mainDistTable = param.subDistTable = table;
+    param.translationX = 10.0f;
+    const int runs = walk([&](int64_t n) {
+        std::vector<uint8_t> buffer(velquin_RectifyDataConverter_getBufferSize(41, 3));
+        RectifyDataConverterHandle handle{nullptr};
+        ASSERT_EQ(velquin_RectifyDataConverter_initialize(&handle, buffer.data(),
+                                                          static_cast<int32_t>(buffer.size()), 41, 3),
+                  TL_OK);
+        TwinLensCameraParam row{};
+        const TLResult r = velquin_RectifyDataConverter_convert(&handle, &row, &param);
+        EXPECT_TRUE(r == TL_OK || r == TL_ERROR_MEMORY) << std::hex << r << " at allocation " << n;
+        EXPECT_EQ(velquin_RectifyDataConverter_finalize(&handle), TL_OK);
+    });
+    EXPECT_GT(runs, 10);
+}

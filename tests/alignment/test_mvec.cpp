@@ -94,7 +94,7 @@ TEST(Mvec, RefusalsLeaveTheResultAlone) {
     const Mvec8Real atInfinity{{1, 0, 0, 0, 1, 0, 1, 0, 0}};
     int32_t ox = 11, oy = 12;
     EXPECT_EQ(Mvec8Real_trans2DF32(&atInfinity, &ox, &oy, 0, 5), TL_ERROR_PARAM);
-    EXPECT_EQ(ox * 100 + oy, 1112);
+    EXPECT_TRUE(ox == 11 && oy == 12);
 
     const Mvec6F32 id{32768, 0, 0, 0, 32768, 0}, canary{1, 2, 3, 4, 5, 6};
     Mvec6F32 r6 = canary;
@@ -152,8 +152,7 @@ TEST(Mvec8Real, RotationsRoundTripAndAreOrthonormal) {
     Mvec8Real_setIdentity(&id);
     for (const auto& a : angles) {
         ASSERT_EQ(Mvec8Real_setRotationAngle(&r, a[0], a[1], a[2]), TL_OK);
-        const Mvec8Real rt =
-            Mvec8Real{{r.m[0], r.m[3], r.m[6], r.m[1], r.m[4], r.m[7], r.m[2], r.m[5], r.m[8]}};
+        const Mvec8Real rt{{r.m[0], r.m[3], r.m[6], r.m[1], r.m[4], r.m[7], r.m[2], r.m[5], r.m[8]}};
         Mvec8Real_mult(&p, &r, &rt);
         expectNear(p, id, 1e-12);
         double x, y, z;

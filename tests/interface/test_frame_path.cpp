@@ -13,16 +13,6 @@ using vq_tl_test::OpenSession;
 
 namespace {
 
-// One synchronised pair of frames in YUV420_SEMIPLANAR.
-struct Frames {
-    std::vector<uint8_t> mainY, mainUV, subY, subUV;
-    TwinLensImage main, sub;
-    Frames(int32_t w, int32_t h) : mainY(w * h), mainUV(w * h / 2), subY(w * h), subUV(w * h / 2) {
-        main = {w, h, mainY.data(), mainUV.data(), nullptr};
-        sub = {w, h, subY.data(), subUV.data(), nullptr};
-    }
-};
-
 // What the estimation step and the completion callback of the tests see,
 // and a gate that holds a frame in progress until the test opens it.
 struct Probe {
@@ -88,8 +78,15 @@ protected:
         p->callbackUserData = to != nullptr ? to : &probe;
         return p;
     }
+    // Offers `frame` as both main and sub; the sequence number it was given.
+    int32_t offer(OpenSession& session) {
+        int32_t sequence = -9;
+        EXPECT_EQ(velquin_TwinLens_process(&session.handle, &frame, &frame, &sequence), TL_OK);
+        return sequence;
+    }
     Probe probe;
-    Frames frames{640, 480};
+    std::vector<uint8_t> pixels = std::vector<uint8_t>(640 * 480 * 3 / 2);
+    TwinLensImage frame{640, 480, pixels.data(), pixels.data() + 640 * 480, nullptr};  // YUV420_SEMIPLANAR
 };
 
 }  // namespace
@@ -100,27 +97,25 @@ TEST_F(FramePath, SynchronousFramesFlipTheSlotUnlessTheStepFails) {
     TwinLensSession* s = session.s();
     s->estimationStep = probeStep;
     for (int i = 0; i < 4; ++i) {
-        int32_t sequence = 77;
-        ASSERT_EQ(velquin_TwinLens_process(&session.handle, &frames.main, &frames.sub, &sequence), TL_OK);
-        EXPECT_EQ(sequence, 0);
+        EXPECT_EQ(offer(session), 0);
         EXPECT_EQ(probe.lastSlot, i % 2);
         EXPECT_EQ(s->writeSlot, (i + 1) % 2);
         EXPECT_EQ(s->frameCounter, i);
         EXPECT_EQ(s->state, 1u);  // no frame in progress afterwards
     }
     // The step sees the caller's pixels, not a copy.
-    EXPECT_EQ(probe.mainPlane, frames.mainY.data());
+    EXPECT_EQ(probe.mainPlane, pixels.data());
+    EXPECT_EQ(velquin_TwinLens_process(&session.handle, &frame, &frame, nullptr), TL_OK);
     // A failed step keeps the last good result in force and the sequence as it was.
     probe.result = TL_ERROR_MEMORY;
     int32_t sequence = 5;
-    EXPECT_EQ(velquin_TwinLens_process(&session.handle, &frames.main, &frames.sub, &sequence),
-              TL_ERROR_MEMORY);
+    EXPECT_EQ(velquin_TwinLens_process(&session.handle, &frame, &frame, &sequence), TL_ERROR_MEMORY);
     EXPECT_EQ(sequence, 5);
-    EXPECT_EQ(s->writeSlot, 0);
+    EXPECT_EQ(s->writeSlot, 1);
     EXPECT_EQ(s->state, 1u);  // the next frame is taken
     probe.result = TL_OK;
-    EXPECT_EQ(velquin_TwinLens_process(&session.handle, &frames.main, &frames.sub, nullptr), TL_OK);
-    EXPECT_EQ(s->writeSlot, 1);
+    EXPECT_EQ(offer(session), 0);
+    EXPECT_EQ(s->writeSlot, 0);
 }
 
 TEST_F(FramePath, PitchedFramesKeepTheirPitch) {
@@ -130,8 +125,8 @@ TEST_F(FramePath, PitchedFramesKeepTheirPitch) {
     ASSERT_EQ(session.opened, TL_OK);
     session.s()->estimationStep = probeStep;
     std::vector<uint8_t> y(704 * 480), u(352 * 240), v(352 * 240);
-    TwinLensImageEx frame{640, 480, y.data(), u.data(), v.data(), 704, 352, 352};
-    ASSERT_EQ(velquin_TwinLens_processEx(&session.handle, &frame, &frame, nullptr), TL_OK);
+    TwinLensImageEx ex{640, 480, y.data(), u.data(), v.data(), 704, 352, 352};
+    ASSERT_EQ(velquin_TwinLens_processEx(&session.handle, &ex, &ex, nullptr), TL_OK);
     EXPECT_EQ(probe.mainPitch, 704);
     EXPECT_EQ(probe.mainPlane, y.data());
 }
@@ -143,20 +138,18 @@ TEST_F(FramePath, BadFramesAndHandlesLeaveTheSequenceAlone) {
     OpenSession session(p.get());
     ASSERT_EQ(session.opened, TL_OK);
     session.s()->estimationStep = probeStep;
-    Frames large(800, 600);
-    TwinLensImage noPlane = frames.main;
+    std::vector<uint8_t> big(800 * 600 * 3 / 2);
+    TwinLensImage large{800, 600, big.data(), big.data() + 800 * 600, nullptr}, noPlane = frame;
     noPlane.plane0 = nullptr;
-    TwinLensHandle* h = &session.handle;
-    TwinLensHandle never{nullptr};
+    TwinLensHandle *h = &session.handle, never{nullptr};
     const struct {
         TwinLensHandle* handle;
         const TwinLensImage *main, *sub;
     } cases[] = {
-        {h, &frames.main, &frames.sub},  // sub too small
-        {h, &large.main, &large.sub},    // main too large
-        {h, nullptr, &large.sub},           {h, &frames.main, nullptr},
-        {h, &noPlane, &large.sub},          {nullptr, &frames.main, &large.sub},
-        {&never, &frames.main, &large.sub},
+        {h, &frame, &frame},  // sub too small
+        {h, &large, &large},  // main too large
+        {h, nullptr, &large},      {h, &frame, nullptr},     {h, &noPlane, &large},
+        {nullptr, &frame, &large}, {&never, &frame, &large},
     };
     int32_t sequence = 9;
     for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i)
@@ -165,10 +158,10 @@ TEST_F(FramePath, BadFramesAndHandlesLeaveTheSequenceAlone) {
             << i;
     EXPECT_EQ(sequence, 9);
     EXPECT_EQ(probe.entered, 0);
-    ASSERT_EQ(velquin_TwinLens_process(h, &frames.main, &large.sub, &sequence), TL_OK);
+    ASSERT_EQ(velquin_TwinLens_process(h, &frame, &large, &sequence), TL_OK);
     EXPECT_EQ(probe.entered, 1);
     ASSERT_EQ(velquin_TwinLens_finalize(h), TL_OK);
-    EXPECT_EQ(velquin_TwinLens_process(h, &frames.main, &large.sub, &sequence), TL_ERROR_PARAM);
+    EXPECT_EQ(velquin_TwinLens_process(h, &frame, &large, &sequence), TL_ERROR_PARAM);
 }
 
 TEST_F(FramePath, AsynchronousSequencesSkipFramesOfferedWhileOneRuns) {
@@ -180,19 +173,13 @@ TEST_F(FramePath, AsynchronousSequencesSkipFramesOfferedWhileOneRuns) {
         session.s()->estimationStep = probeStep;
         for (int32_t expected = 0; expected < 3; ++expected) {
             done.setGate(false);
-            int32_t sequence = -9;
-            ASSERT_EQ(velquin_TwinLens_process(&session.handle, &frames.main, &frames.sub, &sequence), TL_OK);
-            EXPECT_EQ(sequence, expected);
+            EXPECT_EQ(offer(session), expected);
             done.waitUntil([&] { return done.entered > expected; });
             // The worker holds the frame: more pairs are refused and use up no number.
-            for (int i = 0; i < 3; ++i) {
-                ASSERT_EQ(velquin_TwinLens_process(&session.handle, &frames.main, &frames.sub, &sequence),
-                          TL_OK);
-                EXPECT_EQ(sequence, -1);
-            }
-            EXPECT_EQ(velquin_TwinLens_process(&session.handle, &frames.main, &frames.sub, nullptr), TL_OK);
+            for (int i = 0; i < 3; ++i) EXPECT_EQ(offer(session), -1);
+            EXPECT_EQ(velquin_TwinLens_process(&session.handle, &frame, &frame, nullptr), TL_OK);
             // The pool frame borrows the caller's planes.
-            EXPECT_EQ(done.mainPlane, frames.mainY.data());
+            EXPECT_EQ(done.mainPlane, pixels.data());
             done.setGate(true);
             done.waitUntil([&] { return done.completed.size() > static_cast<size_t>(expected); });
         }
@@ -207,29 +194,24 @@ TEST_F(FramePath, AsynchronousStress) {
     OpenSession session(params(1).get());
     ASSERT_EQ(session.opened, TL_OK);
     const int32_t wanted = vq_tl_test_scaled(3000, 300);
-    int32_t expected = 0;
-    while (expected < wanted) {
-        int32_t sequence = -2;
-        ASSERT_EQ(velquin_TwinLens_process(&session.handle, &frames.main, &frames.sub, &sequence), TL_OK);
+    for (int32_t expected = 0; expected < wanted && !HasFailure();) {
+        const int32_t sequence = offer(session);
         ASSERT_EQ(sequence, sequence >= 0 ? expected : -1);
         if (sequence >= 0) ++expected;
     }
-    probe.waitUntil([&] { return probe.completed.size() >= static_cast<size_t>(expected); });
+    probe.waitUntil([&] { return probe.completed.size() >= static_cast<size_t>(wanted); });
     ASSERT_EQ(velquin_TwinLens_finalize(&session.handle), TL_OK);
-    probe.expectCompletedInOrder(static_cast<size_t>(expected));
+    probe.expectCompletedInOrder(static_cast<size_t>(wanted));
 }
 
 // finalize right after an offer: the job is either finished with its callback
 // or dropped without one, and nothing leaks (the sanitizer build checks).
 TEST_F(FramePath, FinalizeRacesAQueuedJob) {
-    const int rounds = vq_tl_test_scaled(200, 20);
-    for (int i = 0; i < rounds; ++i) {
+    for (int i = 0; i < vq_tl_test_scaled(200, 20); ++i) {
         Probe done;
         OpenSession session(params(1 + (i & 1), &done).get());
         ASSERT_EQ(session.opened, TL_OK);
-        int32_t sequence = -2;
-        ASSERT_EQ(velquin_TwinLens_process(&session.handle, &frames.main, &frames.sub, &sequence), TL_OK);
-        ASSERT_EQ(sequence, 0);
+        ASSERT_EQ(offer(session), 0);
         ASSERT_EQ(velquin_TwinLens_finalize(&session.handle), TL_OK);
         EXPECT_LE(done.completions(), 1u);
     }

@@ -335,12 +335,30 @@ void yuvBandToPixels(const Image* dst, const L& s, const ConvArea& a, int32_t y,
     const uint8_t* v = s.vRow(y);
     const int32_t pairEnd = a.left + ((a.right - a.left) & ~1);
     int32_t x = a.left;
-    for (; x < pairEnd; x += 2) {
-        const ChromaTerms t = chromaTermsOf(u[L::chromaAt(x)], v[L::chromaAt(x)]);
-        for (int r = 0; r < Rows; ++r) {
-            out.put(ds[r] + x * Out::kBytes, rgbOf(ys[r][L::lumaAt(x)], t));
-            out.put(ds[r] + (x + 1) * Out::kBytes, rgbOf(ys[r][L::lumaAt(x + 1)], t));
+    // Chunks of up to 64 blocks: their chroma terms first, in a loop of its
+    // own that the compiler vectorises, then the pixels of each row.
+    constexpr int32_t kBlocks = 64;
+    while (x < pairEnd) {
+        const int32_t blocks = minInt(kBlocks, (pairEnd - x) >> 1);
+        const uint8_t* uc = u + L::chromaAt(x);
+        const uint8_t* vc = v + L::chromaAt(x);
+        int16_t tr[kBlocks], tg[kBlocks], tb[kBlocks];
+        for (int32_t c = 0; c < blocks; ++c) {
+            const ChromaTerms t = chromaTermsOf(uc[c * L::kCStep], vc[c * L::kCStep]);
+            tr[c] = static_cast<int16_t>(t.r);
+            tg[c] = static_cast<int16_t>(t.g);
+            tb[c] = static_cast<int16_t>(t.b);
         }
+        for (int r = 0; r < Rows; ++r) {
+            const uint8_t* yc = ys[r] + L::lumaAt(x);
+            uint8_t* d = ds[r] + x * Out::kBytes;
+            for (int32_t c = 0; c < blocks; ++c) {
+                const ChromaTerms t{tr[c], tg[c], tb[c]};
+                out.put(d + 2 * c * Out::kBytes, rgbOf(yc[c * L::kYBlock], t));
+                out.put(d + (2 * c + 1) * Out::kBytes, rgbOf(yc[c * L::kYBlock + L::kYOdd], t));
+            }
+        }
+        x += 2 * blocks;
     }
     if (x < a.right) {
         const ChromaTerms t = chromaTermsOf(u[L::chromaAt(x)], v[L::chromaAt(x)]);

@@ -108,7 +108,10 @@ TLResult Image_conv_toRgb161616(Image* dst, const Image* src);
 // ---- Workers --------------------------------------------------------------
 // Each checks its own source and destination codes (TL_ERROR_UNSUPPORTED)
 // and the geometry above (TL_ERROR_PARAM). Workers without a rectangle
-// argument convert whole images of equal size.
+// argument convert whole images of equal size. "Rgb888" workers read and
+// write both byte orders, 2 and 3, and "Uint8888" workers all of 4 to 15,
+// each order found by the index helpers above; the dispatchers offer the
+// routes listed with them.
 
 // RGB to YUV (BT.601 full range, 15 fractional bits; chroma of a 4:2:2 or
 // 4:2:0 block from the rounded mean of its pixels' R, G, B).
@@ -126,8 +129,7 @@ TLResult ImageUint8888_toYuv420Planar(Image* dst, const Image* src, const ImageR
 TLResult ImageRgb888_toYuv420Semiplanar(Image* dst, const Image* src, const ImageRect* rect);
 TLResult ImageUint8888_toYuv420Semiplanar(Image* dst, const Image* src, const ImageRect* rect);
 
-// YUV to RGB: every pixel of a chroma block takes the block's chroma.
-// Destination 2 or 4 to 15 for all of these.
+// YUV to RGB: every pixel of a chroma block takes the block's chroma; alpha 255.
 TLResult ImageYuv422Interleaved_toRgb888(Image* dst, const Image* src, const ImageRect* rect);
 TLResult ImageYuv422Interleaved_toUint8888(Image* dst, const Image* src, const ImageRect* rect);
 TLResult ImageYuv422Planar_toRgb888(Image* dst, const Image* src, const ImageRect* rect);

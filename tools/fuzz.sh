@@ -36,7 +36,7 @@ for t in $targets; do
   work="$dir/fuzz-run/$t"
   rm -rf "$work"
   mkdir -p "$work/corpus" "$work/findings"
-  cp tests/fuzz/corpus/"$t"/* "$work/corpus/"
+  [ -d tests/fuzz/corpus/"$t" ] && cp tests/fuzz/corpus/"$t"/* "$work/corpus/"
   # -timeout: seconds for one input; -rss_limit_mb: memory of the whole process.
   if "$dir/tests/fuzz/$t" -max_total_time="$seconds" -timeout=5 -rss_limit_mb=2048 -print_final_stats=1 \
       -artifact_prefix="$work/findings/" "$work/corpus" >"$work/log" 2>&1; then

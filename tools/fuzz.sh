@@ -8,18 +8,7 @@
 # VQ_TL_JOBS: parallel build jobs (default 2).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-want=(clang llvm libclang-rt-dev cmake ninja-build)
-missing=()
-for p in "${want[@]}"; do
-  dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  echo "installing: ${missing[*]}"
-  sudo_cmd=""
-  [ "$(id -u)" -ne 0 ] && sudo_cmd=sudo
-  $sudo_cmd apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $sudo_cmd apt-get install -y -qq "${missing[@]}"
-fi
+tools/setup.sh fuzz
 dir=${1:-build-fuzz}
 seconds=${2:-30}
 targets=$(cd tests/fuzz && ls fuzz_*.cpp | sed 's/\.cpp$//')

@@ -1,6 +1,6 @@
 // The grid warp: identity and known answers, agreement with a per-pixel
-// bilinear reference, the classification of cells, skipped cells, the three
-// ways of running cells, and refused input.
+// bilinear reference, trimmed and skipped cells, the classification of
+// cells, every way of running cells, and refused input.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,8 +10,10 @@
 #include <vector>
 
 #include "rectify/renderer2.h"
+#include "rectify/renderer2_kernels.h"
 #include "runtime/parallel_executor.h"
 #include "runtime/pel.h"
+#include "support/layers.h"
 #include "support/test_env.h"
 #include "warp_support.h"
 
@@ -50,45 +52,25 @@ bool isNearest(const FormatMode& f) {
            (f.format == IMAGE_FORMAT_YUV420_SEMIPLANAR || f.format == IMAGE_FORMAT_YVU420_SEMIPLANAR);
 }
 
-// Whether the cell of destination pixel (x, y) is drawn: without the
-// boundary check only when its four vertices lie in the source.
-bool drawn(const Grid& grid, int32_t x, int32_t y, int32_t boundaryCheck, int32_t w, int32_t h) {
-    if (boundaryCheck != 0) return true;
-    const int32_t cx = std::min(x / grid.g.gridWidth, grid.g.cols - 2);
-    const int32_t cy = std::min(y / grid.g.gridHeight, grid.g.rows - 2);
-    for (int32_t j = 0; j < 2; ++j) {
-        for (int32_t i = 0; i < 2; ++i) {
-            const int32_t v = (cy + j) * grid.g.cols + cx + i;
-            if (grid.g.x[v] < 0 || grid.g.x[v] > w || grid.g.y[v] < 0 || grid.g.y[v] > h) return false;
-        }
-    }
-    return true;
+std::string nameOf(const FormatMode& f) {
+    return std::string(Image_getImageFormatStr(f.format)) + " mode " + std::to_string(f.mode);
 }
 
-// Whether the cell of (x, y) is neither in the last column or row of cells
-// nor has a vertex beyond width - 2 or height - 2 of the source, where rows
-// are trimmed.
-bool inner(const Grid& grid, int32_t x, int32_t y, int32_t w, int32_t h) {
-    const int32_t cx = x / grid.g.gridWidth, cy = y / grid.g.gridHeight;
-    if (cx >= grid.g.cols - 2 || cy >= grid.g.rows - 2) return false;
+// Whether the four vertices of the cell of destination pixel (x, y) lie in
+// [0, w - margin] by [0, h - margin]; `last` is the last cell index taken.
+bool cellInside(const Grid& grid, int32_t x, int32_t y, int32_t w, int32_t h, int32_t margin, int32_t last) {
+    const int32_t cx = std::min(x / grid.g.gridWidth, grid.g.cols - last);
+    const int32_t cy = std::min(y / grid.g.gridHeight, grid.g.rows - last);
     for (int32_t j = 0; j < 2; ++j) {
         for (int32_t i = 0; i < 2; ++i) {
             const int32_t v = (cy + j) * grid.g.cols + cx + i;
-            if (grid.g.x[v] < 0 || grid.g.x[v] > w - 2 || grid.g.y[v] < 0 || grid.g.y[v] > h - 2)
+            if (!(grid.g.x[v] >= 0 && grid.g.x[v] <= w - margin && grid.g.y[v] >= 0 &&
+                  grid.g.y[v] <= h - margin))
                 return false;
         }
     }
     return true;
 }
-
-std::string nameOf(const FormatMode& f) {
-    return std::string(Image_getImageFormatStr(f.format)) + " mode " + std::to_string(f.mode);
-}
-
-const Map kIdentity = [](double x, double y, double* sx, double* sy) {
-    *sx = x;
-    *sy = y;
-};
 
 Map affine(double a, double b, double c, double d, double e, double f) {
     return [=](double x, double y, double* sx, double* sy) {
@@ -106,19 +88,23 @@ Map projective(const double h[9]) {
     };
 }
 
-// Every sample of dst equal to src's (the padding of odd sizes aside).
-void expectSamePictures(const Picture& dst, const Picture& src, const Layout& l, int32_t w, int32_t h,
-                        const std::string& what) {
-    for (int32_t y = 0; y < h; ++y) {
+// Samples moved by whole steps: luma (when checked) from (x + d, y + d), the
+// column limited to `lastColumn(y)` where given; chroma from (cx + cdx, cy + cdy).
+void expectMoved(const Picture& dst, const Picture& src, const Layout& l, int32_t w, int32_t h, bool luma,
+                 int32_t d, int32_t cdx, int32_t cdy, const std::string& what,
+                 const std::function<int32_t(int32_t)>& lastColumn = nullptr) {
+    for (int32_t y = 0; luma && y < h; ++y) {
+        const int32_t limit = lastColumn ? lastColumn(y) : INT32_MAX;
         for (int32_t x = 0; x < w; ++x) {
-            ASSERT_EQ(l.luma(dst, x, y), l.luma(src, x, y)) << what << " at " << x << "," << y;
+            ASSERT_EQ(l.luma(dst, x, y), l.luma(src, std::min(x + d, limit), y + d))
+                << what << " at " << x << "," << y;
         }
     }
     if (!l.hasChroma) return;
     for (int32_t cy = 0; cy < l.chromaHeight(h); ++cy) {
         for (int32_t cx = 0; cx < l.chromaWidth(w); ++cx) {
             for (int c = 0; c < 2; ++c) {
-                ASSERT_EQ(l.chroma(dst, c, cx, cy), l.chroma(src, c, cx, cy))
+                ASSERT_EQ(l.chroma(dst, c, cx, cy), l.chroma(src, c, cx + cdx, cy + cdy))
                     << what << " chroma " << c << " at " << cx << "," << cy;
             }
         }
@@ -133,7 +119,6 @@ TEST(Renderer2, IdentityReproducesTheSource) {
     for (const FormatMode& f : kAllKernels) {
         for (const auto& s : sizes) {
             const std::string what = nameOf(f) + " " + std::to_string(s.w) + "x" + std::to_string(s.h);
-            const Layout l = Layout::of(f.format);
             Picture src(s.w, s.h, f.format), dst(s.w, s.h, f.format);
             src.fillRandom(random);
             dst.fillPlanes(7);
@@ -142,7 +127,7 @@ TEST(Renderer2, IdentityReproducesTheSource) {
             ASSERT_EQ(render(r, dst, src, grid), TL_OK) << what;
             EXPECT_TRUE(dst.canariesIntact()) << what;
             if (isCopy(f) || isNearest(f)) {
-                expectSamePictures(dst, src, l, s.w, s.h, what);
+                expectMoved(dst, src, Layout::of(f.format), s.w, s.h, true, 0, 0, 0, what);
                 continue;
             }
             // Bilinear luma: exact, except where the last column falls to the
@@ -152,65 +137,9 @@ TEST(Renderer2, IdentityReproducesTheSource) {
             // a multiple of 8.
             const int32_t lastLeft = grid.g.xs[grid.g.cols - 2];
             const int32_t lastTop = grid.g.ys[(grid.g.rows - 2) * grid.g.cols];
-            for (int32_t y = 0; y < s.h; ++y) {
-                const bool tail = y >= lastTop || (s.w - lastLeft) % 8 != 0;
-                for (int32_t x = 0; x < s.w; ++x) {
-                    const int32_t from = x == s.w - 1 && tail ? s.w - 2 : x;
-                    ASSERT_EQ(l.luma(dst, x, y), l.luma(src, from, y)) << what << " at " << x << "," << y;
-                }
-            }
-            if (!l.hasChroma) continue;
-            for (int32_t cy = 0; cy < l.chromaHeight(s.h); ++cy) {
-                for (int32_t cx = 0; cx < l.chromaWidth(s.w); ++cx) {
-                    for (int c = 0; c < 2; ++c) {
-                        ASSERT_EQ(l.chroma(dst, c, cx, cy), l.chroma(src, c, cx, cy))
-                            << what << " chroma " << c << " at " << cx << "," << cy;
-                    }
-                }
-            }
-        }
-    }
-}
-
-TEST(Renderer2, IdentityOnAWiderSourceIsExactEverywhere) {
-    // The destination stops a column short of the source's edge, so no pixel
-    // needs the column limit: every pixel is the source's, groups taking the
-    // whole-pixel lane steps of dx = 32768.
-    std::mt19937 random(12);
-    for (const int32_t w : {40, 41, 77}) {
-        Picture src(w + 1, 30, IMAGE_FORMAT_UINT8), dst(w, 30, IMAGE_FORMAT_UINT8);
-        src.fillRandom(random);
-        Grid grid(w, 30, 16);
-        Renderer r;
-        ASSERT_EQ(render(r, dst, src, grid), TL_OK);
-        for (int32_t y = 0; y < 30; ++y) {
-            for (int32_t x = 0; x < w; ++x)
-                ASSERT_EQ(dst.u8(x, y), src.u8(x, y)) << w << " " << x << "," << y;
-        }
-    }
-}
-
-TEST(Renderer2, IdentityWithBoundaryCheckTrimsTheLastColumnsAndRow) {
-    // Rows are trimmed in steps of two pixels until their ends map at most to
-    // width - 2 and height - 2: what lies beyond stays as it was.
-    std::mt19937 random(13);
-    const struct {
-        int32_t w, h, drawnWidth, drawnHeight;
-    } cases[] = {{37, 29, 35, 28}, {36, 30, 34, 30}, {40, 17, 38, 16}};
-    for (const auto& c : cases) {
-        Picture src(c.w, c.h, IMAGE_FORMAT_YUV420_SEMIPLANAR), dst(c.w, c.h, IMAGE_FORMAT_YUV420_SEMIPLANAR);
-        src.fillRandom(random);
-        dst.fillPlanes(3);
-        Grid grid(c.w, c.h, 8);
-        Renderer r(1, 1);
-        ASSERT_EQ(render(r, dst, src, grid), TL_OK);
-        EXPECT_TRUE(dst.canariesIntact());
-        for (int32_t y = 0; y < c.h; ++y) {
-            for (int32_t x = 0; x < c.w; ++x) {
-                const bool drawn = x < c.drawnWidth && y < c.drawnHeight;
-                ASSERT_EQ(dst.u8(x, y), drawn ? src.u8(x, y) : 3)
-                    << c.w << "x" << c.h << " at " << x << "," << y;
-            }
+            expectMoved(dst, src, Layout::of(f.format), s.w, s.h, true, 0, 0, 0, what, [&](int32_t y) {
+                return y >= lastTop || (s.w - lastLeft) % 8 != 0 ? s.w - 2 : s.w - 1;
+            });
         }
     }
 }
@@ -219,28 +148,22 @@ TEST(Renderer2, GroupsRoundAndTailsTruncate) {
     // A half-pixel shift between columns of 10 and 13: groups of 8 give the
     // rounded mean 12, the pixels of the tail the truncated 11. In the grid's
     // last cell groups stop 16 pixels before the end: on a 40-pixel row the
-    // groups cover 0 to 31 and the tail 32 to 39.
-    Picture src(48, 8, IMAGE_FORMAT_UINT8), dst(40, 8, IMAGE_FORMAT_UINT8);
+    // groups cover 0 to 31 and the tail 32 to 39. The same cell as the first
+    // of two runs its groups to 8 pixels before its end.
+    Picture src(96, 8, IMAGE_FORMAT_UINT8);
     for (int32_t y = 0; y < 8; ++y) {
-        for (int32_t x = 0; x < 48; ++x) src.u8(x, y) = x % 2 == 0 ? 10 : 13;
+        for (int32_t x = 0; x < 96; ++x) src.u8(x, y) = x % 2 == 0 ? 10 : 13;
     }
-    Grid grid(40, 8, 40);
-    grid.apply(affine(1, 0, 0.5, 0, 1, 0));
-    Renderer r;
-    ASSERT_EQ(render(r, dst, src, grid), TL_OK);
-    for (int32_t y = 0; y < 8; ++y) {
-        for (int32_t x = 0; x < 40; ++x) ASSERT_EQ(dst.u8(x, y), x < 32 ? 12 : 11) << x << "," << y;
+    for (const int32_t w : {40, 80}) {
+        Picture dst(w, 8, IMAGE_FORMAT_UINT8);
+        Grid grid(w, 8, 40);
+        grid.apply(affine(1, 0, 0.5, 0, 1, 0));
+        Renderer r;
+        ASSERT_EQ(render(r, dst, src, grid), TL_OK);
+        for (int32_t y = 0; y < 8; ++y) {
+            for (int32_t x = 0; x < w; ++x) ASSERT_EQ(dst.u8(x, y), x % 40 < 32 || x < w - 40 ? 12 : 11) << x;
+        }
     }
-    // The same cell as one of several: groups run to 8 pixels before the end.
-    Grid two(80, 8, 40);
-    two.apply(affine(1, 0, 0.5, 0, 1, 0));
-    Picture wide(96, 8, IMAGE_FORMAT_UINT8), out(80, 8, IMAGE_FORMAT_UINT8);
-    for (int32_t y = 0; y < 8; ++y) {
-        for (int32_t x = 0; x < 96; ++x) wide.u8(x, y) = x % 2 == 0 ? 10 : 13;
-    }
-    ASSERT_EQ(render(r, out, wide, two), TL_OK);
-    for (int32_t x = 0; x < 40; ++x) EXPECT_EQ(out.u8(x, 3), 12) << x;
-    for (int32_t x = 40; x < 80; ++x) EXPECT_EQ(out.u8(x, 3), x < 72 ? 12 : 11) << x;
 }
 
 TEST(Renderer2, GroupLanesRoundNegativeRowStepsUp) {
@@ -268,50 +191,93 @@ TEST(Renderer2, GroupLanesRoundNegativeRowStepsUp) {
     }
 }
 
-TEST(Renderer2, BoundaryCheckTrimsRowsAboveAndBelowTheSource) {
-    // A map 5 rows up: pairs of rows that start above the source (y < 0) or
-    // below height - 2 are left as they were, whole pairs at a time.
-    std::mt19937 random(21);
-    Picture src(64, 40, IMAGE_FORMAT_UINT8), dst(64, 48, IMAGE_FORMAT_UINT8);
-    src.fillRandom(random);
-    dst.fillPlanes(1);
-    Grid grid(64, 48, 16);
-    grid.apply(affine(1, 0, 0, 0, 1, -5));
-    Renderer r(0, 1);
-    ASSERT_EQ(render(r, dst, src, grid), TL_OK);
-    for (int32_t y = 0; y < 48; ++y) {
-        // Pair 4 starts at -1; pair 42 at 37 is drawn, pair 44 at 39 is past 38.
-        const bool drawn = y >= 6 && y < 44;
-        for (int32_t x = 0; x < 62; ++x) {
-            ASSERT_EQ(dst.u8(x, y), drawn ? src.u8(x, y - 5) : 1) << x << "," << y;
-        }
-    }
-}
-
-TEST(Renderer2, BoundaryCheckTrimsTheLeftEndOfSlopingRows) {
-    // Rows that fall by 0.1 pixel per pixel from 3 above the source: the
-    // left ends of the first pairs are above it and move right until they
-    // are inside; the right ends are inside from the start.
-    Picture src(80, 60, IMAGE_FORMAT_UINT8), dst(64, 48, IMAGE_FORMAT_UINT8);
-    src.fillPlanes(200);
-    dst.fillPlanes(1);
-    Grid grid(64, 48, 16);
-    grid.apply(affine(1, 0, 0, 0.1, 1, -3));
-    Renderer r(0, 1);
-    ASSERT_EQ(render(r, dst, src, grid), TL_OK);
-    int32_t untouched = 0;
-    for (int32_t y = 0; y < 8; ++y) {
-        for (int32_t x = 0; x < 64; ++x) {
-            const double pairStart = (y & ~1) + 0.1 * x - 3;  // source row of the pair's first row
-            if (pairStart < 0) {
-                ASSERT_EQ(dst.u8(x, y), 1) << x << "," << y;
-                ++untouched;
-            } else if (pairStart >= 0.2) {
-                ASSERT_EQ(dst.u8(x, y), 200) << x << "," << y;
+TEST(Renderer2, TrimmedRowsAndSkippedCellsLeaveTheDestinationAlone) {
+    // The boundary check trims rows in steps of two pixels until their ends
+    // map inside [0, width - 2] by [0, height - 2]; without it a cell with a
+    // vertex outside the source is skipped, and a cell with an invalid
+    // vertex is skipped either way. What is not drawn keeps its fill of 1;
+    // the source has no sample below 100. Expected: 0 untouched, 1 the
+    // source sample at the rounded map, 2 drawn, -1 not checked.
+    using Expect = int (*)(int32_t x, int32_t y);
+    auto marker = [](double x, double y, double* sx, double* sy) {
+        const bool at = x == 32 && y == 32;
+        *sx = at ? kRenderer2InvalidVertex : x;
+        *sy = at ? kRenderer2InvalidVertex : y;
+    };
+    auto low = [](double x, double y, double* sx, double* sy) {
+        *sx = x == 16 && y == 0 ? -0.5 : x;
+        *sy = y;
+    };
+    const struct {
+        const char* name;
+        uint32_t format;
+        int32_t srcW, srcH, dstW, dstH, gridW, gridH, cell, boundaryCheck;
+        Map map;
+        Expect expect;
+    } cases[] = {
+        // Identity: odd sizes lose their last column and row, then pairs
+        // until width - 2.
+        {"identity 37x29", IMAGE_FORMAT_YUV420_SEMIPLANAR, 37, 29, 37, 29, 37, 29, 8, 1,
+         affine(1, 0, 0, 0, 1, 0), [](int32_t x, int32_t y) { return int{x < 35 && y < 28}; }},
+        {"identity 36x30", IMAGE_FORMAT_YUV420_SEMIPLANAR, 36, 30, 36, 30, 36, 30, 8, 1,
+         affine(1, 0, 0, 0, 1, 0), [](int32_t x, int32_t y) { return int{x < 34 && y < 30}; }},
+        {"identity 40x17", IMAGE_FORMAT_UINT8, 40, 17, 40, 17, 40, 17, 8, 1, affine(1, 0, 0, 0, 1, 0),
+         [](int32_t x, int32_t y) { return int{x < 38 && y < 16}; }},
+        // 5 rows up: pair 4 starts at -1; pair 42 at 37 is drawn, pair 44
+        // at 39 is past 38.
+        {"rows above and below", IMAGE_FORMAT_UINT8, 64, 40, 64, 48, 64, 48, 16, 1, affine(1, 0, 0, 0, 1, -5),
+         [](int32_t x, int32_t y) { return x >= 62 ? -1 : int{y >= 6 && y < 44}; }},
+        // Rows falling 0.1 pixel per pixel from 3 above: the left ends of the
+        // first pairs are above the source and move right until inside.
+        {"sloping rows", IMAGE_FORMAT_UINT8, 80, 60, 64, 48, 64, 48, 16, 1, affine(1, 0, 0, 0.1, 1, -3),
+         [](int32_t x, int32_t y) {
+             const double pairStart = (y & ~1) + 0.1 * x - 3;
+             return y >= 8 ? -1 : pairStart < 0 ? 0 : pairStart >= 0.2 ? 2 : -1;
+         }},
+        // Columns 40 to 104 of a 64-wide source: the second cell's rows lose
+        // two pixels at a time from their last, 31, until the end maps to
+        // column 62 or less: 21 is the last drawn. Cells from 32 have no
+        // vertex inside and are skipped.
+        {"one vertex inside", IMAGE_FORMAT_UINT8, 64, 64, 64, 64, 64, 64, 16, 1, affine(1, 0, 40, 0, 1, 0),
+         [](int32_t x, int32_t) { return int{x <= 21}; }},
+        // An invalid vertex at (32, 32): its four cells are skipped.
+        {"invalid vertex", IMAGE_FORMAT_UINT8, 64, 64, 64, 64, 64, 64, 16, 1, marker,
+         [](int32_t x, int32_t y) {
+             return x >= 62 ? -1 : (x / 16 == 1 || x / 16 == 2) && (y / 16 == 1 || y / 16 == 2) ? 0 : 2;
+         }},
+        // Without the boundary check a vertex at -0.5 skips its two cells.
+        {"vertex outside", IMAGE_FORMAT_UINT8, 64, 64, 64, 64, 64, 64, 16, 0, low,
+         [](int32_t x, int32_t y) { return x < 32 && y < 16 ? 0 : 2; }},
+        // A grid laid out for a larger destination draws the cells that fit.
+        {"grid larger than the destination", IMAGE_FORMAT_UINT8, 64, 64, 40, 40, 64, 64, 16, 0,
+         affine(1, 0, 0, 0, 1, 0), [](int32_t x, int32_t y) { return int{x < 32 && y < 32}; }},
+    };
+    std::mt19937 random(13);
+    for (const auto& c : cases) {
+        const Layout l = Layout::of(c.format);
+        Picture src(c.srcW, c.srcH, c.format), dst(c.dstW, c.dstH, c.format);
+        src.fillRandom(random);
+        for (uint8_t& b : src.storage) b = static_cast<uint8_t>(100 + b % 156);
+        dst.fillPlanes(1);
+        Grid grid(c.gridW, c.gridH, c.cell);
+        grid.apply(c.map);
+        Renderer r(1, c.boundaryCheck);
+        ASSERT_EQ(render(r, dst, src, grid), TL_OK) << c.name;
+        EXPECT_TRUE(dst.canariesIntact()) << c.name;
+        for (int32_t y = 0; y < c.dstH; ++y) {
+            for (int32_t x = 0; x < c.dstW; ++x) {
+                double sx, sy;
+                c.map(x, y, &sx, &sy);
+                const int e = c.expect(x, y);
+                const int got = l.luma(dst, x, y);
+                if (e < 0) continue;
+                const int32_t from[2] = {static_cast<int32_t>(std::lround(sx)),
+                                         static_cast<int32_t>(std::lround(sy))};
+                const bool ok = e == 0 ? got == 1 : e == 2 ? got != 1 : got == l.luma(src, from[0], from[1]);
+                ASSERT_TRUE(ok) << c.name << " at " << x << "," << y << ": " << got << ", expected " << e;
             }
         }
     }
-    EXPECT_EQ(untouched, 2 * 30 + 2 * 10);
 }
 
 TEST(Renderer2, WarpsAgreeWithAPerPixelBilinearReference) {
@@ -346,6 +312,11 @@ TEST(Renderer2, WarpsAgreeWithAPerPixelBilinearReference) {
                 Renderer r(f.mode, bc);
                 ASSERT_EQ(render(r, dst, src, grid), TL_OK) << what;
                 EXPECT_TRUE(dst.canariesIntact()) << what;
+                // Without the boundary check only cells whose vertices all lie
+                // in the source are drawn.
+                auto drawn = [&](int32_t x, int32_t y) {
+                    return bc != 0 || cellInside(grid, x, y, w, h, 0, 2);
+                };
                 // Inside, one level. Cells of the last column and row, and
                 // cells whose rows are trimmed, have pixels in tails, whose
                 // sums are truncated: up to a level lower. Nearest luma may
@@ -356,11 +327,12 @@ TEST(Renderer2, WarpsAgreeWithAPerPixelBilinearReference) {
                     for (int32_t x = 0; x < w; ++x) {
                         double sx, sy;
                         m.map(x, y, &sx, &sy);
-                        if (sx < 2 || sy < 2 || sx > w - 4 || sy > h - 4 || !drawn(grid, x, y, bc, w, h))
-                            continue;
-                        const double ref = referenceLuma(src, l, w, h, sx, sy);
-                        const double tolerance = isNearest(f) ? 3.0 : (inner(grid, x, y, w, h) ? 1.0 : 1.5);
-                        ASSERT_NEAR(l.luma(dst, x, y), ref, tolerance) << what << " at " << x << "," << y;
+                        if (sx < 2 || sy < 2 || sx > w - 4 || sy > h - 4 || !drawn(x, y)) continue;
+                        const bool inner = x / cell < grid.g.cols - 2 && y / cell < grid.g.rows - 2 &&
+                                           cellInside(grid, x, y, w, h, 2, 1);
+                        const double tolerance = isNearest(f) ? 3.0 : (inner ? 1.0 : 1.5);
+                        ASSERT_NEAR(l.luma(dst, x, y), referenceLuma(src, l, w, h, sx, sy), tolerance)
+                            << what << " at " << x << "," << y;
                         ++compared;
                     }
                 }
@@ -371,8 +343,7 @@ TEST(Renderer2, WarpsAgreeWithAPerPixelBilinearReference) {
                         double sx, sy;
                         const int32_t x = 2 * cx, y = cy << l.chromaShiftY;
                         m.map(x, y, &sx, &sy);
-                        if (sx < 4 || sy < 4 || sx > w - 6 || sy > h - 6 || !drawn(grid, x, y, bc, w, h))
-                            continue;
+                        if (sx < 4 || sy < 4 || sx > w - 6 || sy > h - 6 || !drawn(x, y)) continue;
                         for (int c = 0; c < 2; ++c) {
                             const double ref = smoothChroma(c, sx / 2, sy / (1 << l.chromaShiftY));
                             ASSERT_NEAR(l.chroma(dst, c, cx, cy), ref, 3.5)
@@ -385,120 +356,54 @@ TEST(Renderer2, WarpsAgreeWithAPerPixelBilinearReference) {
     }
 }
 
-TEST(Renderer2, CopyModeMovesWholeRows) {
-    // Copy mode takes each pair of rows from the left edge's source position:
-    // an even shift gives the shifted picture exactly, chroma included.
-    std::mt19937 random(14);
-    for (const uint32_t format : {IMAGE_FORMAT_YUV420_PLANAR, IMAGE_FORMAT_YUV420_SEMIPLANAR}) {
-        const Layout l = Layout::of(format);
-        Picture src(80, 60, format), dst(64, 48, format);
-        src.fillRandom(random);
-        Grid grid(64, 48, 16);
-        grid.apply(affine(1, 0, 6, 0, 1, 4));
-        Renderer r(3, 1);
-        ASSERT_EQ(render(r, dst, src, grid), TL_OK);
-        for (int32_t y = 0; y < 48; ++y) {
-            for (int32_t x = 0; x < 64; ++x) ASSERT_EQ(l.luma(dst, x, y), l.luma(src, x + 6, y + 4));
-        }
-        for (int32_t cy = 0; cy < 24; ++cy) {
-            for (int32_t cx = 0; cx < 32; ++cx) {
-                for (int c = 0; c < 2; ++c)
-                    ASSERT_EQ(l.chroma(dst, c, cx, cy), l.chroma(src, c, cx + 3, cy + 2));
-            }
-        }
-    }
-}
-
-TEST(Renderer2, ChromaAndNearestSamplesKnownAnswers) {
+TEST(Renderer2, ChromaNearestAndCopySamplesKnownAnswers) {
     // A shift of 1.25 pixels on both axes. The plain 4:2:0 rule truncates:
     // (x + 1.25) / 2 for even x is chroma column x / 2, row y / 2. The HQ
     // rule adds half a step and a half (2 + 0.25 in all): x / 2 + 1 and
     // y / 2 + 1. Interleaved 4:2:2 rounds likewise to macro-pixel x / 2 + 1
     // on luma row y + 1; planar 4:2:2 truncates the column. Nearest luma
     // rounds 1.25 to 1; copy mode truncates 1.25 to 1 for luma and
-    // (x + 1.25) / 2 to x / 2 for chroma.
+    // (x + 1.25) / 2 to x / 2 for chroma, and moves an even shift of 6
+    // whole: chroma by 3.
     const struct {
         FormatMode f;
+        double shift;
+        bool lumaMoved;
         int32_t chromaDx, chromaDy;
-        bool lumaShiftedByOne;
     } cases[] = {
-        {{IMAGE_FORMAT_YUV420_SEMIPLANAR, 0}, 0, 0, false},
-        {{IMAGE_FORMAT_YVU420_SEMIPLANAR, 0}, 0, 0, false},
-        {{IMAGE_FORMAT_YUV420_PLANAR, 0}, 0, 0, false},
-        {{IMAGE_FORMAT_YUV420_SEMIPLANAR, 1}, 1, 1, false},
-        {{IMAGE_FORMAT_YUV420_PLANAR, 1}, 1, 1, false},
-        {{IMAGE_FORMAT_YUV420_SEMIPLANAR, 2}, 1, 1, true},
-        {{IMAGE_FORMAT_YUV420_SEMIPLANAR, 3}, 0, 0, true},
-        {{IMAGE_FORMAT_YUV420_PLANAR, 3}, 0, 0, true},
-        {{16, 0}, 1, 1, false},
-        {{21, 0}, 1, 1, false},
-        {{IMAGE_FORMAT_YUV422_PLANAR, 0}, 0, 1, false},
+        {{IMAGE_FORMAT_YUV420_SEMIPLANAR, 0}, 1.25, false, 0, 0},
+        {{IMAGE_FORMAT_YVU420_SEMIPLANAR, 0}, 1.25, false, 0, 0},
+        {{IMAGE_FORMAT_YUV420_PLANAR, 0}, 1.25, false, 0, 0},
+        {{IMAGE_FORMAT_YUV420_SEMIPLANAR, 1}, 1.25, false, 1, 1},
+        {{IMAGE_FORMAT_YUV420_PLANAR, 1}, 1.25, false, 1, 1},
+        {{IMAGE_FORMAT_YUV420_SEMIPLANAR, 2}, 1.25, true, 1, 1},
+        {{IMAGE_FORMAT_YUV420_SEMIPLANAR, 3}, 1.25, true, 0, 0},
+        {{IMAGE_FORMAT_YUV420_PLANAR, 3}, 1.25, true, 0, 0},
+        {{IMAGE_FORMAT_YUV420_SEMIPLANAR, 3}, 6, true, 3, 3},
+        {{IMAGE_FORMAT_YUV420_PLANAR, 3}, 6, true, 3, 3},
+        {{16, 0}, 1.25, false, 1, 1},
+        {{21, 0}, 1.25, false, 1, 1},
+        {{IMAGE_FORMAT_YUV422_PLANAR, 0}, 1.25, false, 0, 1},
     };
     std::mt19937 random(20);
     for (const auto& c : cases) {
-        const Layout l = Layout::of(c.f.format);
         Picture src(48, 40, c.f.format), dst(32, 24, c.f.format);
         src.fillRandom(random);
         Grid grid(32, 24, 8);
-        grid.apply(affine(1, 0, 1.25, 0, 1, 1.25));
+        grid.apply(affine(1, 0, c.shift, 0, 1, c.shift));
         Renderer r(c.f.mode, 1);
         ASSERT_EQ(render(r, dst, src, grid), TL_OK);
-        for (int32_t cy = 0; cy < l.chromaHeight(24); ++cy) {
-            for (int32_t cx = 0; cx < 16; ++cx) {
-                for (int k = 0; k < 2; ++k) {
-                    ASSERT_EQ(l.chroma(dst, k, cx, cy), l.chroma(src, k, cx + c.chromaDx, cy + c.chromaDy))
-                        << nameOf(c.f) << " chroma " << k << " at " << cx << "," << cy;
-                }
-            }
-        }
-        if (!c.lumaShiftedByOne) continue;
-        for (int32_t y = 0; y < 24; ++y) {
-            for (int32_t x = 0; x < 32; ++x)
-                ASSERT_EQ(l.luma(dst, x, y), l.luma(src, x + 1, y + 1)) << nameOf(c.f);
-        }
+        expectMoved(dst, src, Layout::of(c.f.format), 32, 24, c.lumaMoved, static_cast<int32_t>(c.shift),
+                    c.chromaDx, c.chromaDy, nameOf(c.f) + " shift " + std::to_string(c.shift));
     }
 }
-
-namespace {
-
-// One 128 by 128 cell drawn by the renderer and by each of the three
-// kernels directly.
-struct ShapeOutputs {
-    std::unique_ptr<Picture> viaRenderer;
-    std::unique_ptr<Picture> direct[3];  // NoRot, Parallel, General
-};
-
-enum Kernel { kNoRot, kParallel, kGeneral };
-
-ShapeOutputs drawShape(const double v[8]) {
-    Picture src(160, 160, IMAGE_FORMAT_UINT8);
-    fillSmooth(src, Layout::of(IMAGE_FORMAT_UINT8), 160, 160);
-    Grid grid(128, 128, 128);
-    for (int32_t i = 0; i < 4; ++i) {  // TL, TR, BL, BR of a 2 by 2 grid
-        grid.g.x[i] = v[2 * i];
-        grid.g.y[i] = v[2 * i + 1];
-    }
-    ShapeOutputs out;
-    out.viaRenderer = std::make_unique<Picture>(128, 128, IMAGE_FORMAT_UINT8);
-    Renderer r;
-    EXPECT_EQ(render(r, *out.viaRenderer, src, grid), TL_OK);
-    const int32_t rect[4] = {0, 0, 128, 128};
-    const Renderer2_DrawFn kernels[3] = {Renderer2_Uint8_drawRectNoRot, Renderer2_Uint8_drawRectParallel,
-                                         Renderer2_Uint8_drawRect};
-    for (int k = 0; k < 3; ++k) {
-        out.direct[k] = std::make_unique<Picture>(128, 128, IMAGE_FORMAT_UINT8);
-        const Renderer2_DrawArg arg = {&out.direct[k]->image, &src.image, v, rect, 0};
-        EXPECT_EQ(kernels[k](&arg), TL_OK);
-    }
-    return out;
-}
-
-}  // namespace
 
 TEST(Renderer2, CellsAreClassifiedByShape) {
     // Deviations in pixels of the 128-pixel cell: a from a parallelogram in
     // x, b in y, c the drop of the top edge; 0.5 is the threshold of both.
-    // Each case is drawn so that the kernel it must not take gives other pixels.
+    // Each cell is drawn by the renderer and by each kernel directly, and so
+    // chosen that the kernel it must not take gives other pixels.
+    enum Kernel { kNoRot, kParallel, kGeneral };
     const struct {
         const char* name;
         double v[8];  // xTL, yTL, xTR, yTR, xBL, yBL, xBR, yBR
@@ -512,90 +417,27 @@ TEST(Renderer2, CellsAreClassifiedByShape) {
         {"y off by 0.6", {10, 12, 140, 12, 10, 140, 140, 140.6}, kGeneral, kParallel},
         {"trapezoid", {10, 12, 140, 12, 14, 140, 136, 140}, kGeneral, kParallel},
     };
+    Picture src(160, 160, IMAGE_FORMAT_UINT8);
+    fillSmooth(src, Layout::of(IMAGE_FORMAT_UINT8), 160, 160);
+    const Renderer2_DrawFn kernels[3] = {Renderer2_Uint8_drawRectNoRot, Renderer2_Uint8_drawRectParallel,
+                                         Renderer2_Uint8_drawRect};
+    const int32_t rect[4] = {0, 0, 128, 128};
     for (const auto& c : cases) {
-        const ShapeOutputs out = drawShape(c.v);
-        EXPECT_TRUE(out.viaRenderer->samePixels(*out.direct[c.expected])) << c.name;
-        EXPECT_FALSE(out.viaRenderer->samePixels(*out.direct[c.notThis])) << c.name;
-    }
-}
-
-TEST(Renderer2, SkippedCellsLeaveTheDestinationUntouched) {
-    std::mt19937 random(15);
-    Picture src(64, 64, IMAGE_FORMAT_UINT8);
-    src.fillRandom(random);
-    const int32_t cell = 16;
-    auto cellUntouched = [](const Picture& p, int32_t cx, int32_t cy, uint8_t fill) {
-        for (int32_t y = cy * 16; y < cy * 16 + 16; ++y) {
-            for (int32_t x = cx * 16; x < cx * 16 + 16; ++x) {
-                if (p.image.plane[0][y * p.image.pitch[0] + x] != fill) return false;
-            }
+        Grid grid(128, 128, 128);
+        for (int32_t i = 0; i < 4; ++i) {
+            grid.g.x[i] = c.v[2 * i];
+            grid.g.y[i] = c.v[2 * i + 1];
         }
-        return true;
-    };
-    {
-        // An invalid vertex with the boundary check: the four cells around it
-        // are skipped, the others drawn.
-        Picture dst(64, 64, IMAGE_FORMAT_UINT8);
-        dst.fillPlanes(1);
-        Grid grid(64, 64, cell);
-        const int32_t v = 2 * grid.g.cols + 2;  // vertex (32, 32)
-        grid.g.x[v] = kRenderer2InvalidVertex;
-        grid.g.y[v] = kRenderer2InvalidVertex;
-        Renderer r(0, 1);
-        ASSERT_EQ(render(r, dst, src, grid), TL_OK);
-        for (int32_t cy = 0; cy < 4; ++cy) {
-            for (int32_t cx = 0; cx < 4; ++cx) {
-                const bool aroundMarker = (cx == 1 || cx == 2) && (cy == 1 || cy == 2);
-                EXPECT_EQ(cellUntouched(dst, cx, cy, 1), aroundMarker) << cx << "," << cy;
-            }
-        }
-        EXPECT_TRUE(dst.canariesIntact());
-    }
-    {
-        // Without the boundary check a vertex at -0.5 skips its cells.
-        Picture dst(64, 64, IMAGE_FORMAT_UINT8);
-        dst.fillPlanes(1);
-        Grid grid(64, 64, cell);
-        grid.g.x[1] = -0.5;  // vertex (16, 0)
-        Renderer r(0, 0);
-        ASSERT_EQ(render(r, dst, src, grid), TL_OK);
-        EXPECT_TRUE(cellUntouched(dst, 0, 0, 1));
-        EXPECT_TRUE(cellUntouched(dst, 1, 0, 1));
-        EXPECT_FALSE(cellUntouched(dst, 2, 0, 1));
-        EXPECT_FALSE(cellUntouched(dst, 0, 1, 1));
-    }
-    {
-        // With the boundary check a cell with one vertex inside is drawn where
-        // it maps into the source; a cell wholly outside is skipped.
-        Picture dst(64, 64, IMAGE_FORMAT_UINT8);
-        dst.fillPlanes(1);
-        Grid grid(64, 64, cell);
-        grid.apply(affine(1, 0, 40, 0, 1, 0));  // columns 40 to 104 of a 64-wide source
-        Renderer r(0, 1);
-        ASSERT_EQ(render(r, dst, src, grid), TL_OK);
-        for (int32_t y = 0; y < 64; ++y) {
-            for (int32_t x = 0; x < 64; ++x) {
-                // The second cell's rows lose two pixels at a time from their
-                // last, 31, until the end maps to column 62 (width - 2) or
-                // less: 21 is the last drawn. Cells from 32 have no vertex
-                // inside and are skipped.
-                const uint8_t expected = x <= 21 ? src.u8(x + 40, y) : 1;
-                ASSERT_EQ(dst.u8(x, y), expected) << x << "," << y;
-            }
-        }
-        EXPECT_TRUE(dst.canariesIntact());
-    }
-    {
-        // A grid laid out for a larger destination draws the cells that fit.
-        Picture dst(40, 40, IMAGE_FORMAT_UINT8);
-        dst.fillPlanes(1);
-        Grid grid(64, 64, cell);
-        Renderer r(0, 0);
-        ASSERT_EQ(render(r, dst, src, grid), TL_OK);
-        for (int32_t y = 0; y < 40; ++y) {
-            for (int32_t x = 0; x < 40; ++x) ASSERT_EQ(dst.u8(x, y), x < 32 && y < 32 ? src.u8(x, y) : 1);
-        }
-        EXPECT_TRUE(dst.canariesIntact());
+        Picture viaRenderer(128, 128, IMAGE_FORMAT_UINT8), expected(128, 128, IMAGE_FORMAT_UINT8),
+            other(128, 128, IMAGE_FORMAT_UINT8);
+        Renderer r;
+        ASSERT_EQ(render(r, viaRenderer, src, grid), TL_OK);
+        const Renderer2_DrawArg a = {&expected.image, &src.image, c.v, rect, 0};
+        const Renderer2_DrawArg b = {&other.image, &src.image, c.v, rect, 0};
+        ASSERT_EQ(kernels[c.expected](&a), TL_OK);
+        ASSERT_EQ(kernels[c.notThis](&b), TL_OK);
+        EXPECT_TRUE(viaRenderer.samePixels(expected)) << c.name;
+        EXPECT_FALSE(viaRenderer.samePixels(other)) << c.name;
     }
 }
 
@@ -624,38 +466,8 @@ TEST(Renderer2, FarAndBrokenVerticesNeverWriteOutside) {
     }
 }
 
-namespace {
-
-struct Layers {
-    std::unique_ptr<Pel> pel = std::make_unique<Pel>();
-    ParallelExecutor twoWorkers, overPel;
-    Layers() {
-        construct_Pel(pel.get(), nullptr);
-        pel->params.numberOfWorkers = 3;
-        pel->params.callerParticipates = 0;
-        EXPECT_EQ(Pel_init(pel.get()), TL_OK);
-        // A pool of one thread and a working caller: two bands.
-        construct_ParallelExecutor(&twoWorkers, nullptr);
-        twoWorkers.numberOfThreads = 1;
-        twoWorkers.callerWorks = 1;
-        twoWorkers.setAffinity = 0;
-        EXPECT_EQ(ParallelExecutor_init(&twoWorkers, 2, 16), TL_OK);
-        // Over the Pel, with 16 places: four bands and the remainder.
-        construct_ParallelExecutor(&overPel, nullptr);
-        overPel.pel = pel.get();
-        EXPECT_EQ(ParallelExecutor_init(&overPel, 16, 16), TL_OK);
-    }
-    ~Layers() {
-        EXPECT_EQ(destruct_ParallelExecutor(&overPel), TL_OK);
-        EXPECT_EQ(destruct_ParallelExecutor(&twoWorkers), TL_OK);
-        EXPECT_EQ(destruct_Pel(pel.get()), TL_OK);
-    }
-};
-
-}  // namespace
-
 TEST(Renderer2, EveryWayOfRunningCellsGivesTheSamePixels) {
-    Layers layers;
+    Layers& layers = sharedLayers();
     std::mt19937 random(17);
     const double h[9] = {0.98, 0.03, 5.0, -0.02, 1.01, 3.0, 3e-5, -2e-5, 1.0};
     const int32_t w = vq_tl_test_scaled(150, 70), height = vq_tl_test_scaled(128, 58);
@@ -666,207 +478,127 @@ TEST(Renderer2, EveryWayOfRunningCellsGivesTheSamePixels) {
         src.fillRandom(random);
         // 13 (or 6) cell rows: the bands of the executors do not divide them evenly.
         Grid grid(w, height, 10);
-        ASSERT_EQ(grid.g.rows - 1, height > 100 ? 13 : 6);
         grid.apply(projective(h));
         Picture serial(w, height, f.format);
         serial.fillPlanes(9);
         Renderer r(f.mode, 1);
         ASSERT_EQ(render(r, serial, src, grid), TL_OK);
-
-        const struct {
-            const char* name;
-            Pel* pel;
-            ParallelExecutor* executor;
-        } ways[] = {{"pel", layers.pel.get(), nullptr},
-                    {"two bands", nullptr, &layers.twoWorkers},
-                    {"five bands", nullptr, &layers.overPel}};
-        for (const auto& way : ways) {
+        for (int i = 0; i < Layers::kCount; ++i) {
             Picture out(w, height, f.format);
             out.fillPlanes(9);
-            if (way.pel != nullptr) {
-                Renderer2_initWithPel(&r.r, way.pel);
-            } else {
-                Renderer2_init(&r.r, way.executor);
-            }
-            ASSERT_EQ(render(r, out, src, grid), TL_OK) << way.name;
-            EXPECT_TRUE(out.samePixels(serial)) << nameOf(f) << " " << way.name;
+            const ImageStripeExec e = layers.exec(i);
+            ASSERT_EQ(
+                e.pel != nullptr ? Renderer2_initWithPel(&r.r, e.pel) : Renderer2_init(&r.r, e.executor),
+                TL_OK);
+            ASSERT_EQ(render(r, out, src, grid), TL_OK) << layers.names[i];
+            EXPECT_TRUE(out.samePixels(serial)) << nameOf(f) << " " << layers.names[i];
         }
-        // The caller's own schedule: three cells per index.
+        // The caller's own schedule, three cells per index: called in reverse
+        // order, then over a Pel.
         Picture own(w, height, f.format);
         own.fillPlanes(9);
         Renderer2_KernelArg arg;
         ASSERT_EQ(Renderer2_getKernelArg(&r.r, &arg, &own.image, &src.image, &grid.g, 3), TL_OK);
         const PelIndexFunction fn = Renderer2_getKernelFunc(&r.r);
-        ASSERT_EQ(fn, Renderer2_getKernel(&r.r)->function.index);
         const int32_t cells = (grid.g.cols - 1) * (grid.g.rows - 1);
         for (int32_t i = (cells + 2) / 3; i >= 0; --i) EXPECT_EQ(fn(&arg, i, nullptr), TL_OK);
         EXPECT_TRUE(own.samePixels(serial)) << nameOf(f) << " own schedule";
-        ASSERT_EQ(Pel_execute(layers.pel.get(), Renderer2_getKernel(&r.r), &arg, (cells + 2) / 3), TL_OK);
+        own.fillPlanes(9);
+        ASSERT_EQ(Pel_execute(&layers.pel, Renderer2_getKernel(&r.r), &arg, (cells + 2) / 3), TL_OK);
         EXPECT_TRUE(own.samePixels(serial)) << nameOf(f) << " own Pel_execute";
     }
 }
 
 TEST(Renderer2, MatrixEntryPoints) {
+    // A whole-pixel translation: the destination is the shifted source, in
+    // real and in Q15 form, and again on a destination of another size,
+    // for which the grid is laid out anew.
     std::mt19937 random(18);
     Picture src(120, 90, IMAGE_FORMAT_UINT8);
     src.fillRandom(random);
     Renderer r;
-    // A whole-pixel translation: the interior is the shifted source.
     Mvec8Real m;
     Mvec8Real_setIdentity(&m);
     m.m[2] = 3.0;
     m.m[5] = 2.0;
-    Picture a(100, 80, IMAGE_FORMAT_UINT8);
-    ASSERT_EQ(Renderer2_renderWithMvec8Real(&r.r, &a.image, &src.image, &m), TL_OK);
-    // The grid of the matrix entry points: min(100, 80) / 16 = 5, cleared to 0, at least 8.
-    EXPECT_EQ(r.r.params.gridWidth, 8);
-    EXPECT_EQ(r.r.params.gridHeight, 8);
-    EXPECT_EQ(r.r.params.right, 100);
-    for (int32_t y = 0; y < 80; ++y) {
-        for (int32_t x = 0; x < 100; ++x) ASSERT_EQ(a.u8(x, y), src.u8(x + 3, y + 2));
-    }
-    // The same map in Q15 gives the same picture.
     const Mvec6F32 q = {32768, 0, 3 * 32768, 0, 32768, 2 * 32768};
-    Picture b(100, 80, IMAGE_FORMAT_UINT8);
-    ASSERT_EQ(Renderer2_renderWithMvec6F32(&r.r, &b.image, &src.image, &q), TL_OK);
-    EXPECT_TRUE(a.samePixels(b));
-    // A division of 2 on a new destination lays the grid out again: 64 / 2 = 32.
-    r.r.division = 2;
-    Picture c(64, 70, IMAGE_FORMAT_UINT8);
-    ASSERT_EQ(Renderer2_renderWithMvec8Real(&r.r, &c.image, &src.image, &m), TL_OK);
-    EXPECT_EQ(r.r.params.gridWidth, 32);
-    EXPECT_EQ(r.r.params.cols, 3);
-    EXPECT_EQ(r.r.params.rows, 4);
-    EXPECT_EQ(Renderer2_renderWithMvec8Real(&r.r, &c.image, &src.image, nullptr), TL_ERROR_PARAM);
-    EXPECT_EQ(Renderer2_renderWithMvec6F32(&r.r, &c.image, &src.image, nullptr), TL_ERROR_PARAM);
+    for (const auto& size : {std::pair<int32_t, int32_t>{100, 80}, {64, 70}}) {
+        Picture a(size.first, size.second, IMAGE_FORMAT_UINT8),
+            b(size.first, size.second, IMAGE_FORMAT_UINT8);
+        ASSERT_EQ(Renderer2_renderWithMvec8Real(&r.r, &a.image, &src.image, &m), TL_OK);
+        ASSERT_EQ(Renderer2_renderWithMvec6F32(&r.r, &b.image, &src.image, &q), TL_OK);
+        for (int32_t y = 0; y < size.second; ++y) {
+            for (int32_t x = 0; x < size.first; ++x)
+                ASSERT_EQ(a.u8(x, y), src.u8(x + 3, y + 2)) << x << "," << y;
+        }
+        EXPECT_TRUE(a.samePixels(b));
+        r.r.division = 2;
+    }
 }
 
 TEST(Renderer2, RefusedInputWritesNothing) {
     std::mt19937 random(19);
     Grid grid(32, 32, 8);
-    auto untouched = [](const Picture& p) {
-        Picture blank(p.image.width, p.image.height, p.image.format);
-        blank.fillPlanes(5);
-        return p.samePixels(blank) && p.canariesIntact();
+    // A grid above 16384 vertices, made by hand, and one without arrays.
+    std::vector<double> x(129 * 128, 1.0);
+    std::vector<int32_t> xs(129 * 128, 0);
+    Renderer2_Params big{}, bare{};
+    big.cols = 129;
+    big.rows = 128;
+    big.x = big.y = x.data();
+    big.xs = big.ys = xs.data();
+    bare.cols = bare.rows = 3;
+    // Modes: 2 has no planar 4:2:0 kernel; 4:2:0 knows 0 to 3; UINT8 and
+    // interleaved 4:2:2 ignore the mode. Before a destination is known
+    // setMode only stores the mode; once it is known it reports at once, and
+    // renders refuse until a valid mode comes.
+    const struct {
+        uint32_t format, srcFormat;
+        int32_t mode;
+        const Renderer2_Params* grid;
+        TLResult expected;
+    } cases[] = {
+        {IMAGE_FORMAT_RGB888, IMAGE_FORMAT_RGB888, 0, &grid.g, TL_ERROR_UNSUPPORTED},
+        {IMAGE_FORMAT_YUV422_SEMIPLANAR, IMAGE_FORMAT_YUV422_SEMIPLANAR, 0, &grid.g, TL_ERROR_UNSUPPORTED},
+        {IMAGE_FORMAT_UINT16, IMAGE_FORMAT_UINT16, 0, &grid.g, TL_ERROR_UNSUPPORTED},
+        {IMAGE_FORMAT_YUV444_PLANAR, IMAGE_FORMAT_YUV444_PLANAR, 0, &grid.g, TL_ERROR_UNSUPPORTED},
+        {IMAGE_FORMAT_FLOAT, IMAGE_FORMAT_FLOAT, 0, &grid.g, TL_ERROR_UNSUPPORTED},
+        {IMAGE_FORMAT_YUV420_PLANAR, IMAGE_FORMAT_YUV420_PLANAR, 2, &grid.g, TL_ERROR_UNSUPPORTED},
+        {IMAGE_FORMAT_YUV420_SEMIPLANAR, IMAGE_FORMAT_YUV420_SEMIPLANAR, 4, &grid.g, TL_ERROR_UNSUPPORTED},
+        {IMAGE_FORMAT_YVU420_SEMIPLANAR, IMAGE_FORMAT_YVU420_SEMIPLANAR, -1, &grid.g, TL_ERROR_UNSUPPORTED},
+        {IMAGE_FORMAT_UINT8, IMAGE_FORMAT_UINT8, 9, &grid.g, TL_OK},
+        {16, 16, -3, &grid.g, TL_OK},
+        {IMAGE_FORMAT_UINT8, IMAGE_FORMAT_UINT8, 0, &big, TL_ERROR_PARAM},
+        {IMAGE_FORMAT_UINT8, IMAGE_FORMAT_UINT8, 0, &bare, TL_ERROR_PARAM},
+        {IMAGE_FORMAT_UINT8, IMAGE_FORMAT_YUV420_SEMIPLANAR, 0, &grid.g, TL_ERROR_PARAM},
     };
-    {
-        // Formats without a kernel.
-        for (const uint32_t format : {IMAGE_FORMAT_RGB888, IMAGE_FORMAT_YUV422_SEMIPLANAR,
-                                      IMAGE_FORMAT_UINT16, IMAGE_FORMAT_YUV444_PLANAR, IMAGE_FORMAT_FLOAT}) {
-            Picture src(32, 32, format), dst(32, 32, format);
-            src.fillRandom(random);
-            dst.fillPlanes(5);
-            Renderer r;
-            EXPECT_EQ(render(r, dst, src, grid), TL_ERROR_UNSUPPORTED) << format;
-            EXPECT_TRUE(untouched(dst)) << format;
-        }
+    for (const auto& c : cases) {
+        const std::string what = std::to_string(c.format) + " mode " + std::to_string(c.mode);
+        Picture src(32, 32, c.srcFormat), dst(32, 32, c.format), blank(32, 32, c.format);
+        src.fillRandom(random);
+        dst.fillPlanes(5);
+        blank.fillPlanes(5);
+        Renderer r;
+        EXPECT_EQ(Renderer2_setMode(&r.r, c.mode), TL_OK) << what;
+        EXPECT_EQ(Renderer2_render(&r.r, &dst.image, &src.image, c.grid), c.expected) << what;
+        EXPECT_EQ(dst.samePixels(blank), c.expected != TL_OK) << what;
+        EXPECT_TRUE(dst.canariesIntact()) << what;
+        if (c.format != c.srcFormat || c.grid != &grid.g ||
+            (c.expected == TL_ERROR_UNSUPPORTED && c.mode == 0))
+            continue;
+        Renderer known;
+        ASSERT_EQ(render(known, dst, src, grid), TL_OK) << what;
+        EXPECT_EQ(Renderer2_setMode(&known.r, c.mode), c.expected) << what;
+        dst.fillPlanes(5);
+        EXPECT_EQ(render(known, dst, src, grid), c.expected) << what;
+        EXPECT_EQ(dst.samePixels(blank), c.expected != TL_OK) << what;
+        EXPECT_EQ(Renderer2_setMode(&known.r, 1), TL_OK) << what;
+        EXPECT_EQ(render(known, dst, src, grid), TL_OK) << what;
     }
-    {
-        // Modes: 2 has no planar 4:2:0 kernel; modes beyond 0..3 on 4:2:0;
-        // UINT8 ignores the mode.
-        const struct {
-            uint32_t format;
-            int32_t mode;
-            TLResult expected;
-        } cases[] = {
-            {IMAGE_FORMAT_YUV420_PLANAR, 2, TL_ERROR_UNSUPPORTED},
-            {IMAGE_FORMAT_YUV420_SEMIPLANAR, 4, TL_ERROR_UNSUPPORTED},
-            {IMAGE_FORMAT_YVU420_SEMIPLANAR, -1, TL_ERROR_UNSUPPORTED},
-            {IMAGE_FORMAT_YUV420_PLANAR, 9, TL_ERROR_UNSUPPORTED},
-            {IMAGE_FORMAT_UINT8, 9, TL_OK},
-            {16, -3, TL_OK},
-        };
-        for (const auto& c : cases) {
-            Picture src(32, 32, c.format), dst(32, 32, c.format);
-            src.fillRandom(random);
-            dst.fillPlanes(5);
-            // Before a destination is known the mode is only stored.
-            Renderer r;
-            EXPECT_EQ(Renderer2_setMode(&r.r, c.mode), TL_OK);
-            EXPECT_EQ(render(r, dst, src, grid), c.expected) << c.format << " " << c.mode;
-            EXPECT_EQ(untouched(dst), c.expected != TL_OK);
-            // Once it is known, setMode reports at once, and renders refuse
-            // until a valid mode comes.
-            Renderer known;
-            Picture other(32, 32, c.format);
-            ASSERT_EQ(render(known, other, src, grid), TL_OK);
-            EXPECT_EQ(Renderer2_setMode(&known.r, c.mode), c.expected);
-            dst.fillPlanes(5);
-            EXPECT_EQ(render(known, dst, src, grid), c.expected);
-            EXPECT_EQ(untouched(dst), c.expected != TL_OK);
-            EXPECT_EQ(Renderer2_setMode(&known.r, 1), TL_OK);
-            EXPECT_EQ(render(known, dst, src, grid), TL_OK);
-        }
-    }
+    // A source without pixels.
     Picture src(32, 32, IMAGE_FORMAT_UINT8), dst(32, 32, IMAGE_FORMAT_UINT8);
-    src.fillRandom(random);
-    dst.fillPlanes(5);
+    Image empty;
+    construct_Image(&empty, nullptr);
     Renderer r;
-    {
-        // A grid above 16384 vertices, made by hand.
-        Grid big;
-        big.g.cols = 129;
-        big.g.rows = 128;
-        std::vector<double> x(129 * 128, 1.0);
-        std::vector<int32_t> xs(129 * 128, 0);
-        big.g.x = x.data();
-        big.g.y = x.data();
-        big.g.xs = xs.data();
-        big.g.ys = xs.data();
-        EXPECT_EQ(render(r, dst, src, big), TL_ERROR_PARAM);
-        big.g = Renderer2_Params{};
-        // Arrays missing.
-        big.g.cols = 3;
-        big.g.rows = 3;
-        EXPECT_EQ(render(r, dst, src, big), TL_ERROR_PARAM);
-        big.g = Renderer2_Params{};
-    }
-    {
-        // Images that do not match or have no pixels, and null arguments.
-        Picture other(32, 32, IMAGE_FORMAT_YUV420_SEMIPLANAR);
-        EXPECT_EQ(Renderer2_render(&r.r, &other.image, &src.image, &grid.g), TL_ERROR_PARAM);
-        Image empty;
-        construct_Image(&empty, nullptr);
-        EXPECT_EQ(Renderer2_render(&r.r, &dst.image, &empty, &grid.g), TL_ERROR_PARAM);
-        EXPECT_EQ(Renderer2_render(nullptr, &dst.image, &src.image, &grid.g), TL_ERROR_PARAM);
-        EXPECT_EQ(Renderer2_render(&r.r, nullptr, &src.image, &grid.g), TL_ERROR_PARAM);
-        EXPECT_EQ(Renderer2_render(&r.r, &dst.image, nullptr, &grid.g), TL_ERROR_PARAM);
-        EXPECT_EQ(Renderer2_render(&r.r, &dst.image, &src.image, nullptr), TL_ERROR_PARAM);
-        Renderer2_KernelArg arg;
-        EXPECT_EQ(Renderer2_getKernelArg(&r.r, &arg, &dst.image, &src.image, &grid.g, 0), TL_ERROR_PARAM);
-        EXPECT_EQ(Renderer2_drawCells(nullptr, 0, nullptr), TL_ERROR_PARAM);
-    }
-    EXPECT_TRUE(untouched(dst));
-    EXPECT_EQ(construct_Renderer2(nullptr, nullptr), TL_ERROR_PARAM);
-    EXPECT_EQ(destruct_Renderer2(nullptr), TL_ERROR_PARAM);
-    EXPECT_EQ(Renderer2_init(nullptr, nullptr), TL_ERROR_PARAM);
-    EXPECT_EQ(Renderer2_initWithPel(nullptr, nullptr), TL_ERROR_PARAM);
-    EXPECT_EQ(Renderer2_setMode(nullptr, 0), TL_ERROR_PARAM);
-    EXPECT_EQ(Renderer2_setBoundaryCheck(nullptr, 1), TL_ERROR_PARAM);
-    EXPECT_EQ(Renderer2_getKernel(nullptr), nullptr);
-    EXPECT_EQ(Renderer2_getKernelFunc(nullptr), nullptr);
-}
-
-TEST(Renderer2, ObjectDefaults) {
-    Env env{};
-    Renderer2 r;
-    ASSERT_EQ(construct_Renderer2(&r, &env), TL_OK);
-    EXPECT_EQ(r.division, 16);
-    EXPECT_EQ(r.width, 0);
-    EXPECT_EQ(r.drawRect, nullptr);
-    EXPECT_EQ(Renderer2_getBufferSize(), 409600);
-    std::unique_ptr<Pel> pel = std::make_unique<Pel>();
-    ParallelExecutor executor;
-    EXPECT_EQ(Renderer2_initWithPel(&r, pel.get()), TL_OK);
-    EXPECT_EQ(r.parallelThreshold, 0.5);
-    EXPECT_EQ(r.rotationThreshold, 0.5);
-    EXPECT_EQ(r.pel, pel.get());
-    EXPECT_EQ(Renderer2_init(&r, &executor), TL_OK);
-    EXPECT_EQ(r.pel, nullptr);
-    EXPECT_EQ(r.parallelExecutor, &executor);
-    EXPECT_EQ(Renderer2_initWithPel(&r, pel.get()), TL_OK);
-    EXPECT_EQ(r.parallelExecutor, nullptr);
-    EXPECT_EQ(Renderer2_setBoundaryCheck(&r, 7), TL_OK);
-    EXPECT_EQ(r.boundaryCheck, 1);
-    EXPECT_EQ(destruct_Renderer2(&r), TL_OK);
+    EXPECT_EQ(Renderer2_render(&r.r, &dst.image, &empty, &grid.g), TL_ERROR_PARAM);
 }

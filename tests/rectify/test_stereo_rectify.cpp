@@ -5,61 +5,63 @@
 
 #include <cmath>
 #include <cstring>
-#include <memory>
 #include <vector>
 
-#include "rectify/rectify_lens_dist.h"
 #include "rectify/stereo_rectify.h"
-#include "runtime/pel.h"
+#include "support/layers.h"
 #include "support/test_env.h"
 #include "warp_support.h"
 
 using namespace vq_tl;
-using vq_tl_test::Grid;
-using vq_tl_test::rodrigues;
+using namespace vq_tl_test;
 
 namespace {
 
 struct Stereo {
     Env env{};
     StereoRectify s;
-    Stereo() { construct_StereoRectify(&s, &env); }
+    explicit Stereo(Pel* pel = nullptr) {
+        construct_StereoRectify(&s, &env);
+        StereoRectify_setPel(&s, pel);
+    }
     ~Stereo() { destruct_StereoRectify(&s); }
 };
 
-Mvec8Real camera(double fx, double fy, double cx, double cy) {
+Mvec8Real cameraXY(double fx, double fy, double cx, double cy) {
     return Mvec8Real{{fx, 0, cx, 0, fy, cy, 0, 0, 1}};
 }
 
 }  // namespace
 
 TEST(StereoRectify, FitCameraMatrixWorkedByHand) {
-    const Mvec8Real k = camera(3200, 3190, 2003.3, 1497.7);
+    const Mvec8Real k = cameraXY(3200, 3190, 2003.3, 1497.7);
     const struct {
         const char* name;
         int32_t width, height;
         Mvec8Real expected;
     } cases[] = {
         // Equal sizes: the first branch, cx through a float.
-        {"same size", 4000, 3000, camera(3200, 3190, static_cast<float>(2003.3), 1497.7)},
+        {"same size", 4000, 3000, cameraXY(3200, 3190, static_cast<float>(2003.3), 1497.7)},
         // The same aspect: the crop term is 0, scale 0.25.
         {"quarter", 1000, 750,
-         camera(800, 797.5, static_cast<float>(0.25f * static_cast<float>(2003.3)), 374.425)},
+         cameraXY(800, 797.5, static_cast<float>(0.25f * static_cast<float>(2003.3)), 374.425)},
         // 1080 by 810 is 0.27 of the calibration, as the working frame.
         {"working size", 1080, 810,
-         camera(3200 * static_cast<double>(0.27f), 3190 * static_cast<double>(0.27f),
-                static_cast<float>(0.27f * static_cast<float>(2003.3)), 1497.7 * static_cast<double>(0.27f))},
+         cameraXY(3200 * static_cast<double>(0.27f), 3190 * static_cast<double>(0.27f),
+                  static_cast<float>(0.27f * static_cast<float>(2003.3)),
+                  1497.7 * static_cast<double>(0.27f))},
         // Square target: scale by the heights (1 / 3), crop 500 across.
         {"square", 1000, 1000,
-         camera(3200 * static_cast<double>(1000.0f / 3000.0f), 3190 * static_cast<double>(1000.0f / 3000.0f),
-                static_cast<float>((1000.0f / 3000.0f) * (static_cast<float>(2003.3) - 500.0f)),
-                1497.7 * static_cast<double>(1000.0f / 3000.0f))},
+         cameraXY(3200 * static_cast<double>(1000.0f / 3000.0f),
+                  3190 * static_cast<double>(1000.0f / 3000.0f),
+                  static_cast<float>((1000.0f / 3000.0f) * (static_cast<float>(2003.3) - 500.0f)),
+                  1497.7 * static_cast<double>(1000.0f / 3000.0f))},
         // 16:9 target: the calibration frame is taller; scale by the widths
         // (0.48) and crop 375 down.
         {"wide", 1920, 1080,
-         camera(3200 * static_cast<double>(0.48f), 3190 * static_cast<double>(0.48f),
-                2003.3 * static_cast<double>(0.48f),
-                static_cast<float>(0.48f * (static_cast<float>(1497.7) - 375.0f)))},
+         cameraXY(3200 * static_cast<double>(0.48f), 3190 * static_cast<double>(0.48f),
+                  2003.3 * static_cast<double>(0.48f),
+                  static_cast<float>(0.48f * (static_cast<float>(1497.7) - 375.0f)))},
     };
     for (const auto& c : cases) {
         Mvec8Real out;
@@ -68,78 +70,53 @@ TEST(StereoRectify, FitCameraMatrixWorkedByHand) {
             EXPECT_NEAR(out.m[i], c.expected.m[i], 1e-9) << c.name << " element " << i;
     }
     // The principal point of a centred camera stays in the centre of the crop.
-    const Mvec8Real centred = camera(3000, 3000, 2000, 1500);
-    Mvec8Real out;
-    ASSERT_EQ(StereoRectify_fitCameraMatrix(&out, &centred, 1920, 1080, 4000, 3000), TL_OK);
-    EXPECT_NEAR(out.m[2], 960, 1e-3);
-    EXPECT_NEAR(out.m[5], 540, 1e-3);
-    ASSERT_EQ(StereoRectify_fitCameraMatrix(&out, &centred, 1000, 1000, 4000, 3000), TL_OK);
-    EXPECT_NEAR(out.m[2], 500, 1e-3);
-    EXPECT_NEAR(out.m[5], 500, 1e-3);
-    // Sizes below 1 and null arguments.
-    EXPECT_EQ(StereoRectify_fitCameraMatrix(&out, &k, 0, 10, 4000, 3000), TL_ERROR_PARAM);
-    EXPECT_EQ(StereoRectify_fitCameraMatrix(&out, &k, 10, 10, 4000, -3), TL_ERROR_PARAM);
-    EXPECT_EQ(StereoRectify_fitCameraMatrix(nullptr, &k, 10, 10, 40, 30), TL_ERROR_PARAM);
-    EXPECT_EQ(StereoRectify_fitCameraMatrix(&out, nullptr, 10, 10, 40, 30), TL_ERROR_PARAM);
+    const Mvec8Real centred = camera(3000, 2000, 1500);
+    for (const int32_t side : {1080, 1000}) {
+        Mvec8Real out;
+        const int32_t width = side == 1080 ? 1920 : 1000;
+        ASSERT_EQ(StereoRectify_fitCameraMatrix(&out, &centred, width, side, 4000, 3000), TL_OK);
+        EXPECT_NEAR(out.m[2], width / 2, 1e-3);
+        EXPECT_NEAR(out.m[5], side / 2, 1e-3);
+    }
 }
 
 TEST(StereoRectify, SynthesizeGridComposesTwoMaps) {
     // A lookup that holds an affine map at its vertices: bilinear
-    // interpolation reproduces it exactly inside, and its edge outside.
-    Stereo st;
-    Grid lookup(64, 48, 16), grid(40, 30, 8);
+    // interpolation reproduces it exactly inside, and its edge outside. The
+    // 4 row tasks over a Pel give the same grid.
+    Stereo serial, parallel(&sharedLayers().pel);
+    Grid lookup(64, 48, 16), grid(40, 30, 8), again(40, 30, 8);
     for (int32_t v = 0; v < lookup.count(); ++v) {
         lookup.g.x[v] = 2.0 * lookup.g.xs[v] + 1.0;
         lookup.g.y[v] = -3.0 * lookup.g.ys[v] + 0.5 * lookup.g.xs[v];
     }
-    std::vector<double> px, py;
-    for (int32_t v = 0; v < grid.count(); ++v) {
-        grid.g.x[v] = 1.3 * grid.g.xs[v] + 0.7;
-        grid.g.y[v] = 1.1 * grid.g.ys[v] + 2.25;
-        px.push_back(grid.g.x[v]);
-        py.push_back(grid.g.y[v]);
+    for (Grid* g : {&grid, &again}) {
+        g->apply([](double x, double y, double* sx, double* sy) {
+            *sx = 1.3 * x + 0.7;
+            *sy = 1.1 * y + 2.25;
+        });
+        // Outside on two sides, and the invalid marker, which reads the last
+        // column and row.
+        g->g.x[0] = -10;
+        g->g.y[0] = 60;
+        g->g.x[1] = g->g.y[1] = kRenderer2InvalidVertex;
     }
-    // Outside on every side, and the invalid marker, which reads the last
-    // column and row.
-    grid.g.x[0] = -10;
-    grid.g.y[0] = 60;
-    grid.g.x[1] = kRenderer2InvalidVertex;
-    grid.g.y[1] = kRenderer2InvalidVertex;
-    ASSERT_EQ(StereoRectify_synthesizeGrid(&st.s, &grid.g, &lookup.g), TL_OK);
+    ASSERT_EQ(StereoRectify_synthesizeGrid(&serial.s, &grid.g, &lookup.g), TL_OK);
+    ASSERT_EQ(StereoRectify_synthesizeGrid(&parallel.s, &again.g, &lookup.g), TL_OK);
     EXPECT_DOUBLE_EQ(grid.g.x[0], 1.0);
     EXPECT_DOUBLE_EQ(grid.g.y[0], -3.0 * 48);
     EXPECT_DOUBLE_EQ(grid.g.x[1], 2.0 * 64 + 1.0);
     EXPECT_DOUBLE_EQ(grid.g.y[1], -3.0 * 48 + 0.5 * 64);
     for (int32_t v = 2; v < grid.count(); ++v) {
-        const double x = std::fmin(std::fmax(px[v], 0.0), 64.0), y = std::fmin(std::fmax(py[v], 0.0), 48.0);
+        const double x = std::fmin(1.3 * grid.g.xs[v] + 0.7, 64.0),
+                     y = std::fmin(1.1 * grid.g.ys[v] + 2.25, 48.0);
         ASSERT_NEAR(grid.g.x[v], 2.0 * x + 1.0, 1e-9) << v;
         ASSERT_NEAR(grid.g.y[v], -3.0 * y + 0.5 * x, 1e-9) << v;
     }
-    // The 4 row tasks over a Pel give the same grid.
-    std::unique_ptr<Pel> pel = std::make_unique<Pel>();
-    construct_Pel(pel.get(), nullptr);
-    pel->params.numberOfWorkers = 3;
-    ASSERT_EQ(Pel_init(pel.get()), TL_OK);
-    Stereo parallel;
-    StereoRectify_setPel(&parallel.s, pel.get());
-    Grid again(40, 30, 8);
-    for (int32_t v = 0; v < again.count(); ++v) {
-        again.g.x[v] = px[v];
-        again.g.y[v] = py[v];
-    }
-    again.g.x[0] = -10;
-    again.g.y[0] = 60;
-    again.g.x[1] = kRenderer2InvalidVertex;
-    again.g.y[1] = kRenderer2InvalidVertex;
-    ASSERT_EQ(StereoRectify_synthesizeGrid(&parallel.s, &again.g, &lookup.g), TL_OK);
     EXPECT_EQ(std::memcmp(again.g.x, grid.g.x, sizeof(double) * grid.count()), 0);
     EXPECT_EQ(std::memcmp(again.g.y, grid.g.y, sizeof(double) * grid.count()), 0);
-    destruct_Pel(pel.get());
-    // One grid for both, or none.
-    Grid empty;
-    EXPECT_EQ(StereoRectify_synthesizeGrid(&st.s, &grid.g, &grid.g), TL_ERROR_PARAM);
-    EXPECT_EQ(StereoRectify_synthesizeGrid(&st.s, &grid.g, &empty.g), TL_ERROR_PARAM);
-    EXPECT_EQ(StereoRectify_synthesizeGrid(&st.s, nullptr, &lookup.g), TL_ERROR_PARAM);
+    // One grid for both is refused.
+    EXPECT_EQ(StereoRectify_synthesizeGrid(&serial.s, &grid.g, &grid.g), TL_ERROR_PARAM);
 }
 
 namespace {
@@ -152,23 +129,13 @@ struct PhoneCamera {
 
 PhoneCamera phoneCamera(double f, double cx, double cy, double k1, double k2, double k3, double p1,
                         double p2) {
-    PhoneCamera c;
-    c.k = camera(f, f, cx, cy);
-    RectifyLensDist_clear(&c.dist);
-    const double k[3] = {k1, k2, k3}, p[2] = {p1, p2};
-    RectifyLensDist_setDistCoeff(&c.dist, k, 3, p, 2);
-    return c;
+    return {camera(f, cx, cy), coeffLens(k1, k2, k3, p1, p2)};
 }
 
 // The lens, written out: ideal normalised point to distorted pixel.
 void project(const PhoneCamera& c, const Mvec8Real& fitted, const double p[3], double* u, double* v) {
-    const double x = p[0] / p[2], y = p[1] / p[2];
-    const double* k = c.dist.coeff.k;
-    const double* t = c.dist.coeff.p;
-    const double r2 = x * x + y * y;
-    const double radial = 1 + k[0] * r2 + k[1] * r2 * r2 + k[2] * r2 * r2 * r2;
-    const double dx = x * radial + 2 * t[0] * x * y + t[1] * (r2 + 2 * x * x);
-    const double dy = y * radial + t[0] * (r2 + 2 * y * y) + 2 * t[1] * x * y;
+    double dx, dy;
+    distort(c.dist.coeff, p[0] / p[2], p[1] / p[2], &dx, &dy);
     *u = fitted.m[0] * dx + fitted.m[2];
     *v = fitted.m[4] * dy + fitted.m[5];
 }
@@ -230,9 +197,7 @@ struct PairResult {
 // 810, cells of 32) and projects 3D points into both cameras.
 PairResult rectifyPair(const float baseline[3], const Mvec8Real& rotation, Pel* pel) {
     PairResult result;
-    Stereo st;
-    StereoRectify_setPel(&st.s, pel);
-    EXPECT_EQ(StereoRectify_init(&st.s), TL_OK);
+    Stereo st(pel);
     // Two phone cameras: 4000 by 3000 at a focal length of 3200 pixels
     // (about 64 degrees across), barrel and pincushion terms and decentring
     // of the size a module shows, principal points a few pixels off centre.
@@ -295,8 +260,6 @@ PairResult rectifyPair(const float baseline[3], const Mvec8Real& rotation, Pel* 
                 const double expected = result.focal * b / depth;
                 result.worstDisparity =
                     std::fmax(result.worstDisparity, std::fabs(std::fabs(x1 - x2) - expected));
-                printf("Z %.0f u1 %.1f v1 %.1f d %.3f exp %.3f dy %.3f\n", depth, u1, v1, x1 - x2, expected,
-                       y1 - y2);
                 ++result.points;
             }
         }
@@ -324,13 +287,7 @@ TEST(StereoRectify, HorizontalBaselinePutsPointsOnTheSameRow) {
     EXPECT_GT(r.focal, 800);
     EXPECT_LT(r.focal, 870);
     // The same over a Pel.
-    std::unique_ptr<Pel> pel = std::make_unique<Pel>();
-    construct_Pel(pel.get(), nullptr);
-    pel->params.numberOfWorkers = 2;
-    ASSERT_EQ(Pel_init(pel.get()), TL_OK);
-    const PairResult p = rectifyPair(baseline, rotation, pel.get());
-    EXPECT_EQ(p.worstRowOffset, r.worstRowOffset);
-    destruct_Pel(pel.get());
+    EXPECT_EQ(rectifyPair(baseline, rotation, &sharedLayers().pel).worstRowOffset, r.worstRowOffset);
 }
 
 TEST(StereoRectify, SmallVerticalAndDepthBaselineStaysInTheRowWindow) {
@@ -348,50 +305,26 @@ TEST(StereoRectify, SmallVerticalAndDepthBaselineStaysInTheRowWindow) {
 }
 
 TEST(StereoRectify, LensKindsAndFailures) {
-    Stereo st;
-    const Mvec8Real k = camera(3200, 3200, 2000, 1500);
-    const Mvec8Real id = {{1, 0, 0, 0, 1, 0, 0, 0, 1}};
-    const float t[3] = {-10, 0, 0};
     // A table lens is used as it is; the coefficient lens gets its inverse.
-    RectifyLensDist table, coeff;
-    RectifyLensDist_clear(&table);
-    RectifyLensDist_clear(&coeff);
-    const double values[5] = {0, 0.24, 0.47, 0.69, 0.9};
-    RectifyLensDist_setDistData(&table, values, 5, 1.0);
-    const double kc[3] = {-0.05, 0.01, 0}, pc[2] = {0, 0};
-    RectifyLensDist_setDistCoeff(&coeff, kc, 3, pc, 2);
-    const RectifyLensDist tableBefore = table;
-    Mvec8Real r1, r2, n1, n2;
-    ASSERT_EQ(StereoRectify_stereoRectify(&st.s, &r1, &r2, &n1, &n2, &k, &k, &table, &coeff, &id, t, 1080,
-                                          810, 4000, 3000, 4000, 3000, 8, 8),
-              TL_OK);
-    EXPECT_EQ(std::memcmp(&table, &tableBefore, sizeof table), 0);
-    EXPECT_EQ(coeff.coeff.invValid, 1);
     // Failures of Rectify come back: a zero baseline, a skewed camera.
-    const float zero[3] = {0, 0, 0};
-    EXPECT_EQ(StereoRectify_stereoRectify(&st.s, &r1, &r2, &n1, &n2, &k, &k, &table, &coeff, &id, zero, 1080,
-                                          810, 4000, 3000, 4000, 3000, 8, 8),
-              TL_ERROR_GENERAL);
+    Stereo st;
+    const Mvec8Real k = camera(3200, 2000, 1500), id = {{1, 0, 0, 0, 1, 0, 0, 0, 1}};
     Mvec8Real skew = k;
     skew.m[1] = 1e-300;
-    EXPECT_EQ(StereoRectify_stereoRectify(&st.s, &r1, &r2, &n1, &n2, &skew, &k, &table, &coeff, &id, t, 1080,
-                                          810, 4000, 3000, 4000, 3000, 8, 8),
-              TL_ERROR_GENERAL);
-    Grid grid(1080, 810, 32);
-    EXPECT_EQ(StereoRectify_calcRectifyGridParams(&st.s, &grid.g, nullptr, &r1, &n1, &k, &coeff, 1080, 810,
-                                                  1080, 810, 0, 810, 4000, 3000),
-              TL_ERROR_PARAM);
-    EXPECT_EQ(StereoRectify_stereoRectify(&st.s, &r1, &r2, &n1, &n2, &k, &k, nullptr, &coeff, &id, t, 1080,
-                                          810, 4000, 3000, 4000, 3000, 8, 8),
-              TL_ERROR_PARAM);
-    // The object: recycling keeps the parallel layer, the size is Rectify's.
-    EXPECT_EQ(StereoRectify_getBufferSize(), Rectify_getBufferSize());
-    Pel* marker = reinterpret_cast<Pel*>(&st);
-    StereoRectify_setPel(&st.s, marker);
-    EXPECT_EQ(StereoRectify_recycle(&st.s), TL_OK);
-    EXPECT_EQ(st.s.rectify.pel, marker);
-    EXPECT_EQ(st.s.rectify.env, &st.env);
-    StereoRectify_setPel(&st.s, nullptr);
-    EXPECT_EQ(construct_StereoRectify(nullptr, nullptr), TL_ERROR_PARAM);
-    EXPECT_EQ(StereoRectify_init(nullptr), TL_ERROR_PARAM);
+    RectifyLensDist table, coeff = coeffLens(-0.05, 0.01, 0, 0, 0);
+    RectifyLensDist_clear(&table);
+    const double values[5] = {0, 0.24, 0.47, 0.69, 0.9};
+    RectifyLensDist_setDistData(&table, values, 5, 1.0);
+    const RectifyLensDist tableBefore = table;
+    const float t[3] = {-10, 0, 0}, zero[3] = {0, 0, 0};
+    Mvec8Real r1, r2, n1, n2;
+    auto run = [&](const Mvec8Real& camera1, const float* baseline) {
+        return StereoRectify_stereoRectify(&st.s, &r1, &r2, &n1, &n2, &camera1, &k, &table, &coeff, &id,
+                                           baseline, 1080, 810, 4000, 3000, 4000, 3000, 8, 8);
+    };
+    ASSERT_EQ(run(k, t), TL_OK);
+    EXPECT_EQ(std::memcmp(&table, &tableBefore, sizeof table), 0);
+    EXPECT_EQ(coeff.coeff.invValid, 1);
+    EXPECT_EQ(run(k, zero), TL_ERROR_GENERAL);
+    EXPECT_EQ(run(skew, t), TL_ERROR_GENERAL);
 }

@@ -1,15 +1,17 @@
-// Helpers of the grid warp tests: owned grids and renderers, where each
-// format keeps its luma and chroma samples, smooth test pictures, and a
-// direct per-pixel bilinear reference.
+// Helpers of the rectification and grid warp tests: owned grids and
+// renderers, where each format keeps its luma and chroma samples, smooth test
+// pictures, a direct per-pixel bilinear reference, and the camera and lens
+// models written out.
 #pragma once
 
 #include <cmath>
 #include <cstdint>
 #include <functional>
 
-#include "support/picture.h"
 #include "alignment/mvec.h"
+#include "rectify/rectify_lens_dist.h"
 #include "rectify/renderer2.h"
+#include "support/picture.h"
 
 namespace vq_tl_test {
 
@@ -146,6 +148,26 @@ inline vq_tl::Mvec8Real rodrigues(double ax, double ay, double az, double angle)
     return vq_tl::Mvec8Real{{t * ax * ax + c, t * ax * ay - s * az, t * ax * az + s * ay,
                              t * ax * ay + s * az, t * ay * ay + c, t * ay * az - s * ax,
                              t * ax * az - s * ay, t * ay * az + s * ax, t * az * az + c}};
+}
+
+inline vq_tl::Mvec8Real camera(double f, double cx, double cy) {
+    return vq_tl::Mvec8Real{{f, 0, cx, 0, f, cy, 0, 0, 1}};
+}
+
+inline vq_tl::RectifyLensDist coeffLens(double k1, double k2, double k3, double p1, double p2) {
+    vq_tl::RectifyLensDist d;
+    vq_tl::RectifyLensDist_clear(&d);
+    const double k[3] = {k1, k2, k3}, p[2] = {p1, p2};
+    vq_tl::RectifyLensDist_setDistCoeff(&d, k, 3, p, 2);
+    return d;
+}
+
+// The forward lens model, written out: ideal to distorted normalised point.
+inline void distort(const vq_tl::RectifyLensDistortionCoeff& c, double x, double y, double* dx, double* dy) {
+    const double r2 = x * x + y * y;
+    const double radial = 1 + c.k[0] * r2 + c.k[1] * r2 * r2 + c.k[2] * r2 * r2 * r2;
+    *dx = x * radial + 2 * c.p[0] * x * y + c.p[1] * (r2 + 2 * x * x);
+    *dy = y * radial + c.p[0] * (r2 + 2 * y * y) + 2 * c.p[1] * x * y;
 }
 
 }  // namespace vq_tl_test

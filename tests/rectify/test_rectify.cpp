@@ -481,7 +481,7 @@ TEST(RectifyLensDist, RecordsRefusedAndCountedAsUndistorted) {
 
 namespace {
 
-// A float (or int32) matrix image; the row pitch is widened by padding so
+// A float matrix image (or one of another type, left blank); the row pitch is widened by padding so
 // that code which ignores the pitch is caught.
 struct Matrix {
     Env env{};
@@ -497,58 +497,40 @@ struct Matrix {
         Image_initWithPitch(&image, cols, rows, &p, format);
         int k = 0;
         for (float x : v) {
-            if (format == IMAGE_FORMAT_INT32) i(k / cols, k % cols) = static_cast<int32_t>(x);
-            if (format == IMAGE_FORMAT_FLOAT) f(k / cols, k % cols) = x;
-            ++k;
+            at<float>(k++) = x;
         }
     }
     ~Matrix() { destruct_Image(&image); }
-    float& f(int32_t r, int32_t c) {
-        return reinterpret_cast<float*>(image.plane[0] + image.pitch[0] * r)[c];
+    template <typename T>
+    T& at(int k) {  // row-major element k
+        return reinterpret_cast<T*>(image.plane[0] + image.pitch[0] * (k / image.width))[k % image.width];
     }
-    int32_t& i(int32_t r, int32_t c) {
-        return reinterpret_cast<int32_t*>(image.plane[0] + image.pitch[0] * r)[c];
+    template <typename T>
+    bool is(std::initializer_list<T> v) {
+        int k = 0;
+        for (T x : v) {
+            if (at<T>(k++) != x) return false;
+        }
+        return true;
     }
 };
 
 }  // namespace
 
-TEST(RectifyUtil, MatrixHelpers) {
-    const Mvec8Real a = {{1, 2, 3, 4, 5, 6, 7, 8, 9}}, b = {{0.5, 0, -1, 2, 0, 0, 1, 1, 1}};
-    Mvec8Real out = a;
-    ASSERT_EQ(RectifyUtil_addMvec8Real(&out, &out, &b), TL_OK);  // in place
-    expectMatrixNear(out, Mvec8Real{{1.5, 2, 2, 6, 5, 6, 8, 9, 10}}, 0, "sum");
-    ASSERT_EQ(RectifyUtil_scaleMvec8Real(&out, -2, &a), TL_OK);
-    expectMatrixNear(out, Mvec8Real{{-2, -4, -6, -8, -10, -12, -14, -16, -18}}, 0, "scale");
-    // The inverse of a rotation is its transpose, in place too.
-    Mvec8Real r = kRotation;
-    ASSERT_EQ(RectifyUtil_invRotMatrix(&r, &r), TL_OK);
-    expectMatrixNear(multiply(r, kRotation), kIdentity, 1e-15, "transpose");
-    // Dot and transpose worked by hand, floats and int32; the padding after
-    // each row is untouched.
-    Matrix m(2, 3, {1, 2, 3, 4, 5, 6}), n(3, 2, {7, 8, 9, 10, 11, 12}), mn(2, 2), mt(3, 2);
+TEST(RectifyUtil, DotAndTransposeWorkedByHand) {
+    // The padding after each row is untouched. Shapes that do not fit and
+    // types that differ are refused.
+    Matrix m(2, 3, {1, 2, 3, 4, 5, 6}), n(3, 2, {7, 8, 9, 10, 11, 12}), mn(2, 2), mt(3, 2), big(3, 3);
+    Matrix ints(3, 2, {}, IMAGE_FORMAT_INT32);
     ASSERT_EQ(RectifyUtil_laDot(&mn.image, &m.image, &n.image), TL_OK);
-    EXPECT_TRUE(mn.f(0, 0) == 58 && mn.f(0, 1) == 64 && mn.f(1, 0) == 139 &&
-                mn.f(1, 1) == 154);  // 7 + 18 + 33
+    EXPECT_TRUE(mn.is<float>({58, 64, 139, 154}));  // 7 + 18 + 33, ...
     EXPECT_EQ(mn.storage[8], 0xEE);
     ASSERT_EQ(RectifyUtil_laTranspose(&mt.image, &m.image), TL_OK);
-    EXPECT_TRUE(mt.f(0, 1) == 4 && mt.f(2, 0) == 3 && mt.f(2, 1) == 6);
-    Matrix ai(2, 2, {3, -2, 100000, 7}, IMAGE_FORMAT_INT32), bi(2, 1, {5, 40000}, IMAGE_FORMAT_INT32),
-        oi(2, 1, {}, IMAGE_FORMAT_INT32);
-    ASSERT_EQ(RectifyUtil_laDot(&oi.image, &ai.image, &bi.image), TL_OK);
-    EXPECT_TRUE(oi.i(0, 0) == 15 - 80000 && oi.i(1, 0) == 500000 + 280000);
-    // Shapes that do not fit and types that differ are refused; another
-    // element type is left alone and still TL_OK.
-    Matrix square(2, 2), big(3, 3), ints(3, 2, {}, IMAGE_FORMAT_INT32), u8(2, 2, {}, IMAGE_FORMAT_UINT8),
-        u8out(2, 2, {}, IMAGE_FORMAT_UINT8);
-    EXPECT_EQ(RectifyUtil_laDot(&mn.image, &m.image, &square.image), TL_ERROR_GENERAL);
+    EXPECT_TRUE(mt.is<float>({1, 4, 2, 5, 3, 6}));
+    EXPECT_EQ(RectifyUtil_laDot(&mn.image, &m.image, &mn.image), TL_ERROR_GENERAL);
     EXPECT_EQ(RectifyUtil_laDot(&big.image, &m.image, &n.image), TL_ERROR_GENERAL);
     EXPECT_EQ(RectifyUtil_laTranspose(&mn.image, &m.image), TL_ERROR_GENERAL);
     EXPECT_EQ(RectifyUtil_laDot(&mn.image, &m.image, &ints.image), TL_ERROR_GENERAL);
-    const std::vector<uint8_t> before = u8out.storage;
-    EXPECT_EQ(RectifyUtil_laDot(&u8out.image, &u8.image, &u8.image), TL_OK);
-    EXPECT_EQ(RectifyUtil_laTranspose(&u8out.image, &u8.image), TL_OK);
-    EXPECT_EQ(u8out.storage, before);
 }
 
 TEST(RectifyUtil, GaussianElimination) {
@@ -559,22 +541,22 @@ TEST(RectifyUtil, GaussianElimination) {
     for (int round = 0; round < 100; ++round) {
         const int n = 1 + round % 7;
         Matrix a(n, n), b(n, 1);
-        std::vector<double> m(n * n), x(n), rhs(n, 0.0);
-        for (int i = 0; i < n * n; ++i) m[i] = a.f(i / n, i % n) = u(rng) + (i % (n + 1) == 0 ? 4.0f : 0.0f);
+        std::vector<double> x(n), rhs(n, 0.0);
         for (int i = 0; i < n; ++i) x[i] = u(rng) * 10.0;
-        for (int i = 0; i < n * n; ++i) rhs[i / n] += m[i] * x[i % n];
-        for (int i = 0; i < n; ++i) b.f(i, 0) = static_cast<float>(rhs[i]);
+        for (int i = 0; i < n * n; ++i)
+            rhs[i / n] += (a.at<float>(i) = u(rng) + (i % (n + 1) == 0 ? 4 : 0)) * x[i % n];
+        for (int i = 0; i < n; ++i) b.at<float>(i) = static_cast<float>(rhs[i]);
         ASSERT_EQ(RectifyUtil_laSolveGaussianElimination(&a.image, &b.image), TL_OK);
-        for (int i = 0; i < n; ++i) EXPECT_NEAR(b.f(i, 0), x[i], 1e-4) << "n " << n << " row " << i;
+        for (int i = 0; i < n; ++i) EXPECT_NEAR(b.at<float>(i), x[i], 1e-4) << "n " << n << " row " << i;
     }
     // A zero diagonal needs the row swap; b is swapped over its whole width.
     // A negative diagonal with a non-zero entry below still solves: 1, 2.
     Matrix s(2, 2, {0, 1, 1, 0}), sb(2, 2, {5, 50, 7, 70}), n(2, 2, {-5, 1, 1, 2}), nb(2, 1, {-3, 5});
     ASSERT_EQ(RectifyUtil_laSolveGaussianElimination(&s.image, &sb.image), TL_OK);
-    EXPECT_TRUE(sb.f(0, 0) == 7 && sb.f(1, 0) == 5 && sb.f(0, 1) == 70 && sb.f(1, 1) == 50);
+    EXPECT_TRUE(sb.is<float>({7, 70, 5, 50}));
     ASSERT_EQ(RectifyUtil_laSolveGaussianElimination(&n.image, &nb.image), TL_OK);
-    EXPECT_NEAR(nb.f(0, 0), 1.0f, 1e-6f);
-    EXPECT_NEAR(nb.f(1, 0), 2.0f, 1e-6f);
+    EXPECT_NEAR(nb.at<float>(0), 1.0f, 1e-6f);
+    EXPECT_NEAR(nb.at<float>(1), 2.0f, 1e-6f);
     // Refused: a singular matrix, a zero column, a matrix that is not
     // square, a right-hand side of another height. The pivot search starts
     // from the signed diagonal: a zero below a negative diagonal entry

@@ -7,7 +7,6 @@
 #include <cmath>
 #include <cstring>
 
-#include "rectify/rectify_data_converter.h"
 #include "rectify/rectify_lens_dist.h"
 #include "velquin/rectify_data_converter.h"
 
@@ -226,25 +225,6 @@ TEST(RectifyDataConverter, LensKindsAndCounts) {
             EXPECT_TRUE(untouched(&row.mainCalibWidth, sizeof row.mainCalibWidth)) << k.what;
         }
     }
-}
-
-TEST(RectifyDataConverter, FitAndTranslationAlone) {
-    // A table longer than the capacity: nothing is done, and that is no
-    // error. The translation comes in units of the pitch.
-    Env env{};
-    RectifyDataConverter conv;
-    ASSERT_EQ(construct_RectifyDataConverter(&conv, &env), TL_OK);
-    ASSERT_EQ(RectifyDataConverter_init(&conv, 11, 3), TL_OK);
-    const int32_t sensor[2] = {2000, 1500};
-    double out[8] = {7, 7, 7, 7, 7, 7, 7, 7}, t[3];
-    EXPECT_EQ(
-        RectifyDataConverter_calculateDistortionCoeff(&conv, out, gSubTable, 12, sensor, 0.001953125f, 3.0f),
-        TL_OK);
-    EXPECT_TRUE(std::all_of(out, out + 8, [](double v) { return v == 7.0; }));
-    const float in[3] = {3.0f, -1.5f, 0.75f};
-    ASSERT_EQ(RectifyDataConverter_calculateTranslationVector(&conv, t, in, 1.5f), TL_OK);
-    EXPECT_TRUE(t[0] == 2.0 && t[1] == -1.0 && t[2] == 0.5);
-    EXPECT_EQ(destruct_RectifyDataConverter(&conv), TL_OK);
 }
 
 TEST(RectifyDataConverter, PublicLifeCycle) {

@@ -469,6 +469,15 @@ TEST(Renderer2, MatrixEntryPoints) {
         EXPECT_TRUE(a.samePixels(b));
         r.r.division = 2;
     }
+    // The grid of a homography: every vertex is its image under the matrix.
+    Grid grid(100, 60, 16);
+    const Mvec8Real h = {{1.5, 0.25, -3.0, 0.125, 0.75, 9.0, 1e-3, 2e-3, 1.0}};
+    ASSERT_EQ(Renderer2_Params_setMvec8Real(&grid.g, &h), TL_OK);
+    for (int32_t v = 0; v < grid.count(); ++v) {
+        const double x = grid.g.xs[v], y = grid.g.ys[v], w = 1e-3 * x + 2e-3 * y + 1.0;
+        ASSERT_DOUBLE_EQ(grid.g.x[v], (1.5 * x + 0.25 * y - 3.0) / w);
+        ASSERT_DOUBLE_EQ(grid.g.y[v], (0.125 * x + 0.75 * y + 9.0) / w);
+    }
 }
 
 TEST(Renderer2, RefusedInputWritesNothing) {
@@ -496,7 +505,6 @@ TEST(Renderer2, RefusedInputWritesNothing) {
     } cases[] = {
         {IMAGE_FORMAT_RGB888, 0, &grid.g, TL_ERROR_UNSUPPORTED},
         {IMAGE_FORMAT_YUV422_SEMIPLANAR, 0, &grid.g, TL_ERROR_UNSUPPORTED},
-        {IMAGE_FORMAT_YUV444_PLANAR, 0, &grid.g, TL_ERROR_UNSUPPORTED},
         {IMAGE_FORMAT_FLOAT, 0, &grid.g, TL_ERROR_UNSUPPORTED},
         {k420P, 2, &grid.g, TL_ERROR_UNSUPPORTED},
         {k420SP, 4, &grid.g, TL_ERROR_UNSUPPORTED},
@@ -594,52 +602,5 @@ TEST(Renderer2Params, LayoutsWorkedOutByHand) {
             ASSERT_TRUE(grid.g.xs[v] == xs && grid.g.ys[v] == ys && grid.g.x[v] == xs && grid.g.y[v] == ys)
                 << c.name << " vertex " << v;
         }
-    }
-    // The wrapper: ceil(37 / 16) + 1 = 4 columns at 0, 16, 32, 37;
-    // ceil(20 / 10) + 1 = 3 rows.
-    Env env{};
-    Renderer2_GridWrapper w;
-    construct_Renderer2_GridWrapper(&w, &env);
-    ASSERT_EQ(Renderer2_GridWrapper_initWithGridSize(&w, 37, 20, 16, 10), TL_OK);
-    ASSERT_EQ(w.cols * w.rows, 12);
-    for (int32_t v = 0; v < 12; ++v) {
-        EXPECT_TRUE(w.xs[v] == std::min(16 * (v % 4), 37) && w.x[v] == w.xs[v] && w.ys[v] == 10 * (v / 4))
-            << v;
-    }
-    EXPECT_EQ(Renderer2_GridWrapper_getBufferSize(100000, 100000), -1);  // beyond 31 bits
-    destruct_Renderer2_GridWrapper(&w);
-}
-
-TEST(Renderer2Params, CopyMatrixAndConfine) {
-    Grid a(100, 60, 16), b, other(30, 30, 8);
-    // A homography: every vertex is its image under the matrix.
-    const Mvec8Real h = {{1.5, 0.25, -3.0, 0.125, 0.75, 9.0, 1e-3, 2e-3, 1.0}};
-    ASSERT_EQ(Renderer2_Params_setMvec8Real(&a.g, &h), TL_OK);
-    for (int32_t v = 0; v < a.count(); ++v) {
-        const double x = a.g.xs[v], y = a.g.ys[v], w = 1e-3 * x + 2e-3 * y + 1.0;
-        ASSERT_DOUBLE_EQ(a.g.x[v], (1.5 * x + 0.25 * y - 3.0) / w);
-        ASSERT_DOUBLE_EQ(a.g.y[v], (0.125 * x + 0.75 * y + 9.0) / w);
-    }
-    // A copy into an empty grid or one of another layout lays it out and
-    // takes every array; into one of the same layout it overwrites them.
-    for (Grid* to : {&b, &other, &b}) {
-        ASSERT_EQ(Renderer2_Params_copy(&to->g, &a.g), TL_OK);
-        ASSERT_EQ(to->count(), a.count());
-        EXPECT_EQ(to->g.gridWidth, 16);
-        for (int32_t v = 0; v < a.count(); ++v) {
-            ASSERT_TRUE(to->g.x[v] == a.g.x[v] && to->g.y[v] == a.g.y[v] && to->g.xs[v] == a.g.xs[v] &&
-                        to->g.ys[v] == a.g.ys[v])
-                << v;
-        }
-        a.g.x[3] = -77.0;
-    }
-    // Confining clamps to [left, right - 2] and [top, bottom - 2], markers too.
-    a.g.x[0] = b.g.x[0] = kRenderer2InvalidVertex;
-    a.g.y[0] = b.g.y[0] = -5.0;
-    const int32_t rect[4] = {2, 3, 50, 40};
-    ASSERT_EQ(Renderer2_Grid_confineWithinRect(&a.g, rect), TL_OK);
-    for (int32_t v = 0; v < a.count(); ++v) {
-        ASSERT_EQ(a.g.x[v], std::fmin(std::fmax(b.g.x[v], 2.0), 48.0)) << v;
-        ASSERT_EQ(a.g.y[v], std::fmin(std::fmax(b.g.y[v], 3.0), 38.0)) << v;
     }
 }

@@ -68,6 +68,7 @@ TEST(Rectify, RectifyingRotationsWorkedByHand) {
     Fixture f;
     const double h = std::sqrt(0.5);
     const Mvec8Real turn = {{0.8, 0.6, 0, -0.6, 0.8, 0, 0, 0, 1}}, eighth = {{h, -h, 0, h, h, 0, 0, 0, 1}};
+    const Mvec8Real ry10 = rodrigues(0, 1, 0, M_PI / 18), ryMinus10 = rodrigues(0, 1, 0, -M_PI / 18);
     const struct {
         const char* name;
         Mvec8Real rotation;
@@ -92,11 +93,7 @@ TEST(Rectify, RectifyingRotationsWorkedByHand) {
         // (cos 5, 0, sin 5) * 10, and align = Ry(-5) takes x onto it. With
         // align itself in both products: rotation1 = Ry(-5) Ry(5) = I and
         // rotation2 = Ry(-5) Ry(-5) = Ry(-10).
-        {"10 degrees about y",
-         rodrigues(0, 1, 0, M_PI / 18),
-         {-10, 0, 0},
-         kIdentity,
-         rodrigues(0, 1, 0, -M_PI / 18)},
+        {"10 degrees about y", ry10, {-10, 0, 0}, kIdentity, ryMinus10},
     };
     for (const auto& c : cases) {
         Mvec8Real r1, r2;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <random>
 #include <vector>
 
@@ -469,15 +470,6 @@ TEST(Renderer2, MatrixEntryPoints) {
         EXPECT_TRUE(a.samePixels(b));
         r.r.division = 2;
     }
-    // The grid of a homography: every vertex is its image under the matrix.
-    Grid grid(100, 60, 16);
-    const Mvec8Real h = {{1.5, 0.25, -3.0, 0.125, 0.75, 9.0, 1e-3, 2e-3, 1.0}};
-    ASSERT_EQ(Renderer2_Params_setMvec8Real(&grid.g, &h), TL_OK);
-    for (int32_t v = 0; v < grid.count(); ++v) {
-        const double x = grid.g.xs[v], y = grid.g.ys[v], w = 1e-3 * x + 2e-3 * y + 1.0;
-        ASSERT_DOUBLE_EQ(grid.g.x[v], (1.5 * x + 0.25 * y - 3.0) / w);
-        ASSERT_DOUBLE_EQ(grid.g.y[v], (0.125 * x + 0.75 * y + 9.0) / w);
-    }
 }
 
 TEST(Renderer2, RefusedInputWritesNothing) {
@@ -602,5 +594,35 @@ TEST(Renderer2Params, LayoutsWorkedOutByHand) {
             ASSERT_TRUE(grid.g.xs[v] == xs && grid.g.ys[v] == ys && grid.g.x[v] == xs && grid.g.y[v] == ys)
                 << c.name << " vertex " << v;
         }
+    }
+}
+
+TEST(Renderer2Params, MatrixCopyAndConfine) {
+    // The grid of a homography: every vertex is its image under the matrix.
+    Grid a(100, 60, 16), b, other(30, 30, 8);
+    const Mvec8Real h = {{1.5, 0.25, -3.0, 0.125, 0.75, 9.0, 1e-3, 2e-3, 1.0}};
+    ASSERT_EQ(Renderer2_Params_setMvec8Real(&a.g, &h), TL_OK);
+    for (int32_t v = 0; v < a.count(); ++v) {
+        const double x = a.g.xs[v], y = a.g.ys[v], w = 1e-3 * x + 2e-3 * y + 1.0;
+        ASSERT_DOUBLE_EQ(a.g.x[v], (1.5 * x + 0.25 * y - 3.0) / w);
+        ASSERT_DOUBLE_EQ(a.g.y[v], (0.125 * x + 0.75 * y + 9.0) / w);
+    }
+    // A copy into an empty grid or one of another layout lays it out and
+    // takes every array; into one of the same layout it overwrites them.
+    a.g.x[0] = kRenderer2InvalidVertex;
+    for (Grid* to : {&b, &other, &b}) {
+        ASSERT_EQ(Renderer2_Params_copy(&to->g, &a.g), TL_OK);
+        ASSERT_TRUE(to->count() == a.count() && to->g.gridWidth == 16);
+        const size_t n = sizeof(double) * a.count(), m = sizeof(int32_t) * a.count();
+        EXPECT_TRUE(!std::memcmp(to->g.x, a.g.x, n) && !std::memcmp(to->g.y, a.g.y, n) &&
+                    !std::memcmp(to->g.xs, a.g.xs, m) && !std::memcmp(to->g.ys, a.g.ys, m));
+        a.g.y[0] = -5.0;
+    }
+    // Confining clamps to [left, right - 2] and [top, bottom - 2], markers too.
+    const int32_t rect[4] = {2, 3, 50, 40};
+    ASSERT_EQ(Renderer2_Grid_confineWithinRect(&a.g, rect), TL_OK);
+    for (int32_t v = 0; v < a.count(); ++v) {
+        ASSERT_EQ(a.g.x[v], std::fmin(std::fmax(b.g.x[v], 2.0), 48.0)) << v;
+        ASSERT_EQ(a.g.y[v], std::fmin(std::fmax(b.g.y[v], 3.0), 38.0)) << v;
     }
 }

@@ -183,17 +183,18 @@ TEST(Rectify, GridMapsMatchClosedFormsAndTheInverseGridUndoesThem) {
             EXPECT_LT(worst, 0.1);
         }
     }
-    // Laid out at a quarter of the image: the scaled inverse multiplies the
-    // focal terms by 4 and leaves the offsets, so with no lens, no rotation
-    // and the same camera each vertex maps to 4 times itself.
+    // Laid out on 100 by 60 of the 400 by 300 image: the scaled inverse
+    // multiplies the focal terms by 4 across and 5 down and leaves the
+    // offsets, so with no lens, no rotation and the same camera each vertex
+    // (x, y) maps to (4 x, 5 y).
     RectifyLensDist d = none;
-    Grid grid(400, 300, 32), inverse(100, 75, 8);
+    Grid grid(400, 300, 32), inverse(100, 60, 8);
     ASSERT_EQ(Rectify_calcRectifyGridParams(&serial.rectify, &grid.g, &inverse.g, &kCamera, &d, &kIdentity,
                                             &kCamera, 400, 300),
               TL_OK);
     for (int32_t v = 0; v < inverse.count(); ++v) {
         ASSERT_NEAR(inverse.g.x[v], 4.0 * inverse.g.xs[v], 1e-9);
-        ASSERT_NEAR(inverse.g.y[v], 4.0 * inverse.g.ys[v], 1e-9);
+        ASSERT_NEAR(inverse.g.y[v], 5.0 * inverse.g.ys[v], 1e-9);
     }
 }
 
@@ -456,8 +457,8 @@ TEST(RectifyLensDist, RecordsRefusedAndCountedAsUndistorted) {
     EXPECT_EQ(RectifyLensDist_isNotDistorted(&d), 1);
     EXPECT_EQ(d.kind, 0);
     // Undistorted: a straight table, or one of no knots; any forward
-    // coefficient counts, the denominator's too, the inverse's not. Tables
-    // have no inverse to fit.
+    // coefficient counts, the denominator's and the tangential ones too, the
+    // inverse's not. Tables have no inverse to fit.
     std::vector<double> straight(41);
     for (int i = 0; i < 41; ++i) straight[i] = i / 40.0;
     RectifyLensDist table = tableLens(straight, 1.0);
@@ -471,6 +472,9 @@ TEST(RectifyLensDist, RecordsRefusedAndCountedAsUndistorted) {
     c.coeff.k[5] = 1e-300;
     EXPECT_EQ(RectifyLensDist_isNotDistorted(&c), 0);
     c.coeff.k[5] = 0.0;
+    c.coeff.p[1] = 1e-300;
+    EXPECT_EQ(RectifyLensDist_isNotDistorted(&c), 0);
+    c.coeff.p[1] = 0.0;
     c.coeff.invK[0] = 0.3;
     EXPECT_EQ(RectifyLensDist_isNotDistorted(&c), 1);
     EXPECT_EQ(RectifyLensDist_needCalcInv(&c), 1);

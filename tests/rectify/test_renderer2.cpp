@@ -325,8 +325,8 @@ TEST(Renderer2, ChromaNearestAndCopySamplesKnownAnswers) {
     // rule adds half a step and a half (2 + 0.25 in all): x / 2 + 1 and
     // y / 2 + 1. Interleaved 4:2:2 rounds likewise to macro-pixel x / 2 + 1
     // on luma row y + 1; planar 4:2:2 truncates the column. Nearest luma
-    // rounds 1.25 to 1; copy mode truncates 1.25 to 1 for luma and
-    // (x + 1.25) / 2 to x / 2 for chroma, and moves an even shift of 6
+    // rounds 1.25 to 1; copy mode truncates 1.25 and 1.75 to 1 for luma and
+    // (x + 1.75) / 2 to x / 2 for chroma, and moves an even shift of 6
     // whole: chroma by 3.
     const struct {
         FormatMode f;
@@ -336,7 +336,7 @@ TEST(Renderer2, ChromaNearestAndCopySamplesKnownAnswers) {
     } cases[] = {
         {{k420SP, 0}, 1.25, false, 0, 0}, {{k420VU, 0}, 1.25, false, 0, 0}, {{k420P, 0}, 1.25, false, 0, 0},
         {{k420SP, 1}, 1.25, false, 1, 1}, {{k420P, 1}, 1.25, false, 1, 1},  {{k420SP, 2}, 1.25, true, 1, 1},
-        {{k420SP, 3}, 1.25, true, 0, 0},  {{k420P, 3}, 1.25, true, 0, 0},   {{k420SP, 3}, 6, true, 3, 3},
+        {{k420SP, 3}, 1.25, true, 0, 0},  {{k420P, 3}, 1.75, true, 0, 0},   {{k420SP, 3}, 6, true, 3, 3},
         {{k420P, 3}, 6, true, 3, 3},      {{16, 0}, 1.25, false, 1, 1},     {{21, 0}, 1.25, false, 1, 1},
         {{k422P, 0}, 1.25, false, 0, 1},
     };

@@ -1,10 +1,12 @@
+// The public converter of calibration records: a record worked out by hand,
+// the rotation against an independent composition, rounding of crops, lens
+// kinds and counts, and the life cycle with its refusals.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <vector>
 
-#include "rectify/rectify_data_converter.h"
 #include "rectify/rectify_lens_dist.h"
 #include "velquin/rectify_data_converter.h"
 
@@ -26,56 +28,30 @@ struct Converter {
     }
 };
 
-// Pixel pitches whose millimetre values are powers of two keep the hand
-// arithmetic exact: 0.9765625 um is 2^-10 mm, 1.953125 um is 2^-9 mm.
+// The hand-made record. Pixel pitches whose millimetre values are powers of
+// two keep the arithmetic exact: main f = 4.0 mm / 0.9765625 um (2^-10 mm) =
+// 4096 pixels, sub f = 3.0 mm / 1.953125 um = 1536 pixels. Principal points
+// from the centre: main (8, -12) pixels, sub (-3, 0). Crop origins round to
+// (3, -1) and (0, 2), sizes to 3996 by 2996 and 2000 by 1500. The main lens
+// keeps its table; the sub table comes from a known radial model: the knot
+// at fraction t of the way to the corner has R2 = t^2 (1000^2 + 750^2) /
+// 1536^2.
 const float kMainTable[5] = {0.0f, 0.24f, 0.47f, 0.69f, 0.9f};
 constexpr float kSubK1 = -0.05f, kSubK2 = 0.01f;
 float gSubTable[11];
 
 RectifyDataConverterParam handMadeRecord() {
-    // Sub table from a known radial model: the knot at fraction t of the way
-    // to the corner has R2 = t^2 (1000^2 + 750^2) / 1536^2.
     for (int i = 0; i < 11; ++i) {
-        const double t = i / 10.0;
-        const double r2 = t * t * (1000.0 * 1000.0 + 750.0 * 750.0) / (1536.0 * 1536.0);
+        const double t = i / 10.0, r2 = t * t * (1000.0 * 1000.0 + 750.0 * 750.0) / (1536.0 * 1536.0);
         gSubTable[i] = static_cast<float>(t * (1.0 + kSubK1 * r2 + kSubK2 * r2 * r2));
     }
-    RectifyDataConverterParam p;
-    std::memset(&p, 0, sizeof p);
-    p.extrinsicsForward = 1;
-    p.mainPixelPitch = 0.9765625f;  // f = 4.0 mm / 2^-10 mm = 4096 pixels
-    p.subPixelPitch = 1.953125f;    // f = 3.0 mm / 2^-9 mm = 1536 pixels
-    p.mainFocalLength = 4.0f;
-    p.subFocalLength = 3.0f;
-    p.mainSensorWidth = 4000;
-    p.mainSensorHeight = 3000;
-    p.subSensorWidth = 2000;
-    p.subSensorHeight = 1500;
-    p.mainCenterOffsetX = 0.0078125f;    // 8 pixels
-    p.mainCenterOffsetY = -0.01171875f;  // -12 pixels
-    p.subCenterOffsetX = -0.005859375f;  // -3 pixels
-    p.subCenterOffsetY = 0.0f;
-    p.mainCropLeft = 2.5f;  // rounds to 3
-    p.mainCropTop = -0.5f;  // rounds to -1
-    p.mainCropWidth = 3995.5f;
-    p.mainCropHeight = 2996.4f;
-    p.subCropLeft = 0.49f;  // 0
-    p.subCropTop = 1.5f;    // 2
-    p.subCropWidth = 1999.5f;
-    p.subCropHeight = 1499.5f;
-    p.mainDistKind = 1;
-    p.subDistKind = 0;
-    p.mainDistCount = 5;
-    p.subDistCount = 11;
-    p.mainDistTable = kMainTable;
-    p.subDistTable = gSubTable;
-    p.translationX = -10.5f;
-    p.translationY = 0.25f;
-    p.translationZ = 1.0f;
-    p.rotationX = 0.0f;
-    p.rotationY = 0.0f;
-    p.rotationZ = 90.0f;
-    return p;
+    // In the order of the record: the forward flag, pitches, focal lengths,
+    // sensor sizes, centre offsets, the main and sub crops (left, top, width,
+    // height), lens kinds, counts and tables, translation, rotation angles.
+    return {1,          0.9765625f,   1.953125f,     4.0f, 3.0f, 4000,  3000,    2000,       1500,
+            0.0078125f, -0.01171875f, -0.005859375f, 0.0f, 2.5f, -0.5f, 3995.5f, 2996.4f,    0.49f,
+            1.5f,       1999.5f,      1499.5f,       1,    0,    5,     11,      kMainTable, gSubTable,
+            -10.5f,     0.25f,        1.0f,          0.0f, 0.0f, 90.0f};
 }
 
 // A row whose every byte is 0x5A, so that fields left alone can be told.
@@ -87,10 +63,7 @@ TwinLensCameraParam sentinelRow() {
 
 bool untouched(const void* field, size_t bytes) {
     const uint8_t* p = static_cast<const uint8_t*>(field);
-    for (size_t i = 0; i < bytes; ++i) {
-        if (p[i] != 0x5A) return false;
-    }
-    return true;
+    return std::all_of(p, p + bytes, [](uint8_t b) { return b == 0x5A; });
 }
 
 }  // namespace
@@ -100,36 +73,19 @@ TEST(RectifyDataConverter, HandMadeRecordGivesTheRowWorkedOutByHand) {
     const RectifyDataConverterParam p = handMadeRecord();
     TwinLensCameraParam row = sentinelRow();
     ASSERT_EQ(velquin_RectifyDataConverter_convert(&c.handle, &row, &p), TL_OK);
-
     EXPECT_EQ(row.extrinsicsForward, 1);
-    // Camera matrices: main f 4096, cx = 8 + 2000 - 3, cy = -12 + 1500 + 1.
-    const double mainK[9] = {4096, 0, 2005, 0, 4096, 1489, 0, 0, 1};
-    const double subK[9] = {1536, 0, 997, 0, 1536, 748, 0, 0, 1};
-    for (int i = 0; i < 9; ++i) {
-        EXPECT_EQ(row.mainCameraMatrix[i], mainK[i]) << i;
-        EXPECT_EQ(row.subCameraMatrix[i], subK[i]) << i;
-    }
-    // A quarter turn about z, with the angle rounded to float: fl(pi/2) lies
-    // 4.371139e-8 above pi/2, so the cosine is -4.371139e-8, not 0.
-    const double c90 = -4.371139000186243e-08;
-    const double rz[9] = {c90, -1.0, 0, 1.0, c90, 0, 0, 0, 1};
-    for (int i = 0; i < 9; ++i) EXPECT_NEAR(row.stereoRotation[i], rz[i], 1e-15) << i;
-    EXPECT_NE(row.stereoRotation[0], 0.0);
-
-    EXPECT_EQ(row.stereoTranslation[0], -10.5);
-    EXPECT_EQ(row.stereoTranslation[1], 0.25);
-    EXPECT_EQ(row.stereoTranslation[2], 1.0);
-
-    // Sizes: crops rounded half away from zero; rect sizes take the same values.
-    EXPECT_EQ(row.mainCalibWidth, 3996);
-    EXPECT_EQ(row.mainCalibHeight, 2996);
-    EXPECT_EQ(row.subCalibWidth, 2000);
-    EXPECT_EQ(row.subCalibHeight, 1500);
-    EXPECT_EQ(row.mainRectWidth, 3996);
-    EXPECT_EQ(row.mainRectHeight, 2996);
-    EXPECT_EQ(row.subRectWidth, 2000);
-    EXPECT_EQ(row.subRectHeight, 1500);
-
+    // Camera matrices: main cx = 8 + 2000 - 3, cy = -12 + 1500 + 1; sub cx =
+    // -3 + 1000 - 0, cy = 0 + 750 - 2. Rect sizes take the calibration sizes.
+    const double mainK[9] = {4096, 0, 2005, 0, 4096, 1489, 0, 0, 1},
+                 subK[9] = {1536, 0, 997, 0, 1536, 748, 0, 0, 1};
+    EXPECT_TRUE(std::equal(mainK, mainK + 9, row.mainCameraMatrix));
+    EXPECT_TRUE(std::equal(subK, subK + 9, row.subCameraMatrix));
+    const double translation[3] = {-10.5, 0.25, 1.0};
+    EXPECT_TRUE(std::equal(translation, translation + 3, row.stereoTranslation));
+    const int32_t sizes[8] = {row.mainCalibWidth, row.mainCalibHeight, row.subCalibWidth, row.subCalibHeight,
+                              row.mainRectWidth,  row.mainRectHeight,  row.subRectWidth,  row.subRectHeight};
+    const int32_t expectedSizes[8] = {3996, 2996, 2000, 1500, 3996, 2996, 2000, 1500};
+    EXPECT_TRUE(std::equal(sizes, sizes + 8, expectedSizes));
     // Main lens kept as a table: half the diagonal over f is
     // hypot(4000, 3000) / 4096 / 2 = 0.6103515625.
     EXPECT_EQ(row.mainLensDist.kind, 1);
@@ -138,51 +94,46 @@ TEST(RectifyDataConverter, HandMadeRecordGivesTheRowWorkedOutByHand) {
     for (int i = 0; i < 5; ++i)
         EXPECT_EQ(row.mainLensDist.u.data.table[i], static_cast<double>(kMainTable[i]));
     EXPECT_TRUE(untouched(&row.mainLensDist.u.data.table[5], sizeof(double)));
-
     // Sub lens fitted: the known k1 and k2 come back, p1 and p2 are 0, and
     // what the fit does not produce is left alone.
     EXPECT_EQ(row.subLensDist.kind, 0);
     EXPECT_NEAR(row.subLensDist.u.coeff.k[0], kSubK1, 2e-4);
     EXPECT_NEAR(row.subLensDist.u.coeff.k[1], kSubK2, 5e-4);
     EXPECT_NEAR(row.subLensDist.u.coeff.k[2], 0.0, 5e-4);
-    EXPECT_EQ(row.subLensDist.u.coeff.p[0], 0.0);
-    EXPECT_EQ(row.subLensDist.u.coeff.p[1], 0.0);
+    EXPECT_TRUE(row.subLensDist.u.coeff.p[0] == 0.0 && row.subLensDist.u.coeff.p[1] == 0.0);
     EXPECT_TRUE(untouched(&row.subLensDist.u.coeff.k[3], 3 * sizeof(double)));
     EXPECT_TRUE(untouched(&row.subLensDist.u.coeff.invK, sizeof row.subLensDist.u.coeff.invK));
     EXPECT_TRUE(untouched(&row.subLensDist.u.coeff.invValid, sizeof(int32_t)));
-
     // The caller's fields stay as they were.
-    EXPECT_TRUE(untouched(&row.focusPosition, sizeof row.focusPosition));
-    EXPECT_TRUE(untouched(row.mainRectRotation, sizeof row.mainRectRotation));
-    EXPECT_TRUE(untouched(row.subRectRotation, sizeof row.subRectRotation));
-    EXPECT_TRUE(untouched(row.mainRectCameraMatrix, sizeof row.mainRectCameraMatrix));
-    EXPECT_TRUE(untouched(row.subRectCameraMatrix, sizeof row.subRectCameraMatrix));
-}
+    EXPECT_TRUE(untouched(&row.focusPosition, sizeof row.focusPosition) &&
+                untouched(row.mainRectRotation, sizeof row.mainRectRotation) &&
+                untouched(row.subRectRotation, sizeof row.subRectRotation) &&
+                untouched(row.mainRectCameraMatrix, sizeof row.mainRectCameraMatrix) &&
+                untouched(row.subRectCameraMatrix, sizeof row.subRectCameraMatrix));
 
-TEST(RectifyDataConverter, TableRowMeansWhatTheLensModelReads) {
-    // The main row's table, read by the lens model, moves an ideal point at
-    // fraction t of the way to the sensor corner to fraction T(t).
-    Converter c;
-    const RectifyDataConverterParam p = handMadeRecord();
-    TwinLensCameraParam row = sentinelRow();
-    ASSERT_EQ(velquin_RectifyDataConverter_convert(&c.handle, &row, &p), TL_OK);
+    // The table, read by the lens model, moves an ideal point at fraction t
+    // of the way to the sensor corner to fraction T(t).
     RectifyLensDist lens;
     RectifyLensDist_clear(&lens);
     ASSERT_EQ(RectifyLensDist_setDistData(&lens, row.mainLensDist.u.data.table, row.mainLensDist.u.data.count,
                                           row.mainLensDist.u.data.maxRadius),
               TL_OK);
     for (int i = 1; i < 4; ++i) {
-        const double t = i / 4.0;
         double x, y;
-        ASSERT_EQ(Rectify_distortPoint(2000.0 * t / 4096.0, 1500.0 * t / 4096.0, &x, &y, &lens), TL_OK);
+        ASSERT_EQ(Rectify_distortPoint(2000.0 * i / 4 / 4096.0, 1500.0 * i / 4 / 4096.0, &x, &y, &lens),
+                  TL_OK);
         EXPECT_NEAR(x * 4096.0 / 2000.0, kMainTable[i], 1e-12) << i;
         EXPECT_NEAR(y * 4096.0 / 1500.0, kMainTable[i], 1e-12) << i;
     }
 }
 
 TEST(RectifyDataConverter, RotationFromAnglesMatchesAnIndependentComposition) {
+    // Rz * Ry * Rx with the radians rounded to float. A quarter turn about z
+    // shows the rounding: fl(pi / 2) lies 4.371139e-8 above pi / 2, so the
+    // cosine is -4.371139e-8, not 0.
     Converter c;
-    const float angles[][3] = {{10.0f, -5.0f, 30.0f}, {-1.25f, 0.5f, 0.125f}, {0.0f, 180.0f, -45.0f}};
+    const float angles[][3] = {
+        {0.0f, 0.0f, 90.0f}, {10.0f, -5.0f, 30.0f}, {-1.25f, 0.5f, 0.125f}, {0.0f, 180.0f, -45.0f}};
     for (const auto& a : angles) {
         RectifyDataConverterParam p = handMadeRecord();
         p.rotationX = a[0];
@@ -190,7 +141,6 @@ TEST(RectifyDataConverter, RotationFromAnglesMatchesAnIndependentComposition) {
         p.rotationZ = a[2];
         TwinLensCameraParam row = sentinelRow();
         ASSERT_EQ(velquin_RectifyDataConverter_convert(&c.handle, &row, &p), TL_OK);
-        // Written out: Rz * Ry * Rx with the float-rounded radians.
         const double pi = 3.141592653589793;
         const double x = static_cast<float>(a[0] * pi / 180.0), y = static_cast<float>(a[1] * pi / 180.0),
                      z = static_cast<float>(a[2] * pi / 180.0);
@@ -208,7 +158,6 @@ TEST(RectifyDataConverter, RotationFromAnglesMatchesAnIndependentComposition) {
         for (int i = 0; i < 9; ++i) EXPECT_NEAR(row.stereoRotation[i], expected[i], 1e-14) << i;
     }
 }
-
 TEST(RectifyDataConverter, CropsRoundHalfAwayFromZero) {
     Converter c;
     struct Case {
@@ -278,103 +227,54 @@ TEST(RectifyDataConverter, LensKindsAndCounts) {
     }
 }
 
-TEST(RectifyDataConverter, FitWorksAlone) {
-    Env env{};
-    RectifyDataConverter conv;
-    ASSERT_EQ(construct_RectifyDataConverter(&conv, &env), TL_OK);
-    ASSERT_EQ(RectifyDataConverter_init(&conv, 11, 3), TL_OK);
-    const int32_t sensor[2] = {2000, 1500};
-    double out[8];
-    for (double& v : out) v = 7.0;
-    // A table longer than the capacity: nothing is done.
-    EXPECT_EQ(
-        RectifyDataConverter_calculateDistortionCoeff(&conv, out, gSubTable, 12, sensor, 0.001953125f, 3.0f),
-        TL_OK);
-    for (double v : out) EXPECT_EQ(v, 7.0);
-    handMadeRecord();  // fills gSubTable
-    ASSERT_EQ(
-        RectifyDataConverter_calculateDistortionCoeff(&conv, out, gSubTable, 11, sensor, 0.001953125f, 3.0f),
-        TL_OK);
-    EXPECT_NEAR(out[0], kSubK1, 2e-4);
-    for (int i = 3; i < 8; ++i) EXPECT_EQ(out[i], 0.0);
-    // A straight table fits to nothing at all.
-    float straight[11];
-    for (int i = 0; i < 11; ++i) straight[i] = i / 10.0f;
-    ASSERT_EQ(
-        RectifyDataConverter_calculateDistortionCoeff(&conv, out, straight, 11, sensor, 0.001953125f, 3.0f),
-        TL_OK);
-    for (int i = 0; i < 3; ++i) EXPECT_NEAR(out[i], 0.0, 1e-5);
-
-    double t[3];
-    const float in[3] = {3.0f, -1.5f, 0.75f};
-    ASSERT_EQ(RectifyDataConverter_calculateTranslationVector(&conv, t, in, 1.5f), TL_OK);
-    EXPECT_EQ(t[0], 2.0);
-    EXPECT_EQ(t[1], -1.0);
-    EXPECT_EQ(t[2], 0.5);
-
-    Mvec8Real k;
-    const float offset[2] = {0, 0};
-    const int32_t crop[2] = {0, 0};
-    EXPECT_EQ(RectifyDataConverter_calculateCameraMatrix(&conv, &k, sensor, offset, crop, 0.0f, 3.0f),
-              TL_ERROR_PARAM);
-    EXPECT_EQ(RectifyDataConverter_calculateCameraMatrix(&conv, &k, nullptr, offset, crop, 1.0f, 3.0f),
-              TL_ERROR_PARAM);
-    EXPECT_EQ(RectifyDataConverter_convertAngleToRotationMatrix(&conv, nullptr, 0, 0, 0), TL_ERROR_PARAM);
-    EXPECT_EQ(RectifyDataConverter_init(&conv, 0, 3), TL_ERROR_PARAM);
-    EXPECT_EQ(RectifyDataConverter_init(&conv, 3, 0), TL_ERROR_PARAM);
-
-    // Work memory: A 3 x 82 and At 82 x 3 floats (984 bytes each), b 328,
-    // AtA 36, Atb 12, and 1024.
-    EXPECT_EQ(RectifyDataConverter_getBufferSize(41, 3), 984 + 328 + 984 + 36 + 12 + 1024);
-    EXPECT_EQ(RectifyDataConverter_getBufferSize(0, 3), -1);
-    EXPECT_EQ(destruct_RectifyDataConverter(&conv), TL_OK);
-}
-
 TEST(RectifyDataConverter, PublicLifeCycle) {
-    EXPECT_STREQ(velquin_RectifyDataConverter_getVersion(),
-                 "Velquin RectifyDataConverter Ver.1.0.0 2019/03/26");
+    const uint32_t size = velquin_RectifyDataConverter_getBufferSize(41, 3);
+    ASSERT_LT(size, 64u);
     EXPECT_EQ(velquin_RectifyDataConverter_getBufferSize(0, 3), TL_ERROR_PARAM);
     EXPECT_EQ(velquin_RectifyDataConverter_getBufferSize(41, 0), TL_ERROR_PARAM);
-    const uint32_t size = velquin_RectifyDataConverter_getBufferSize(41, 3);
-    if (sizeof(void*) == 4) {
-        EXPECT_EQ(size, 28u);
-    }
-    ASSERT_LT(size, 64u);
-
     alignas(8) uint8_t buffer[64];
     RectifyDataConverterHandle handle{nullptr};
-    EXPECT_EQ(velquin_RectifyDataConverter_initialize(nullptr, buffer, 64, 41, 3), TL_ERROR_PARAM);
-    EXPECT_EQ(velquin_RectifyDataConverter_initialize(&handle, nullptr, 64, 41, 3), TL_ERROR_PARAM);
-    EXPECT_EQ(velquin_RectifyDataConverter_initialize(&handle, buffer, 0, 41, 3), TL_ERROR_PARAM);
-    EXPECT_EQ(velquin_RectifyDataConverter_initialize(&handle, buffer, static_cast<int32_t>(size) - 1, 41, 3),
-              TL_ERROR_SYSTEM);
-    EXPECT_EQ(velquin_RectifyDataConverter_initialize(&handle, buffer, 64, 0, 3), TL_ERROR_GENERAL);
+    const struct {
+        RectifyDataConverterHandle* handle;
+        void* buffer;
+        int32_t size, capacity;
+        TLResult expected;
+    } refused[] = {
+        {nullptr, buffer, 64, 41, TL_ERROR_PARAM},
+        {&handle, nullptr, 64, 41, TL_ERROR_PARAM},
+        {&handle, buffer, 0, 41, TL_ERROR_PARAM},
+        {&handle, buffer, static_cast<int32_t>(size) - 1, 41, TL_ERROR_SYSTEM},
+        {&handle, buffer, 64, 0, TL_ERROR_GENERAL},
+    };
+    for (const auto& r : refused) {
+        EXPECT_EQ(velquin_RectifyDataConverter_initialize(r.handle, r.buffer, r.size, r.capacity, 3),
+                  r.expected);
+    }
     EXPECT_EQ(handle.context, nullptr);
-
-    // Calls before initialize.
+    // Calls before initialize, with missing arguments, and on a context that
+    // is not initialised.
     const RectifyDataConverterParam p = handMadeRecord();
     TwinLensCameraParam row = sentinelRow();
-    EXPECT_EQ(velquin_RectifyDataConverter_convert(&handle, &row, &p), TL_ERROR_PARAM);
+    alignas(8) uint8_t blank[64] = {};
+    RectifyDataConverterHandle stale{reinterpret_cast<RectifyDataConverterContext*>(blank)};
+    using Call =
+        TLResult (*)(RectifyDataConverterHandle*, TwinLensCameraParam*, const RectifyDataConverterParam*);
+    for (const Call call :
+         {velquin_RectifyDataConverter_convert, velquin_RectifyDataConverter_convertCameraMatrix,
+          velquin_RectifyDataConverter_convertCalibSize}) {
+        EXPECT_EQ(call(&handle, &row, &p), TL_ERROR_PARAM);
+        EXPECT_EQ(call(&stale, &row, &p), TL_ERROR_STATE);
+    }
     EXPECT_EQ(velquin_RectifyDataConverter_finalize(&handle), TL_ERROR_PARAM);
     EXPECT_EQ(velquin_RectifyDataConverter_finalize(nullptr), TL_ERROR_PARAM);
+    EXPECT_EQ(velquin_RectifyDataConverter_finalize(&stale), TL_ERROR_STATE);
 
     ASSERT_EQ(velquin_RectifyDataConverter_initialize(&handle, buffer, static_cast<int32_t>(size), 41, 3),
               TL_OK);
     ASSERT_NE(handle.context, nullptr);
     EXPECT_EQ(velquin_RectifyDataConverter_convert(&handle, nullptr, &p), TL_ERROR_PARAM);
     EXPECT_EQ(velquin_RectifyDataConverter_convert(&handle, &row, nullptr), TL_ERROR_PARAM);
-    EXPECT_EQ(velquin_RectifyDataConverter_convertCameraMatrix(nullptr, &row, &p), TL_ERROR_PARAM);
-    EXPECT_EQ(velquin_RectifyDataConverter_convertCalibSize(&handle, nullptr, &p), TL_ERROR_PARAM);
     EXPECT_EQ(velquin_RectifyDataConverter_convert(&handle, &row, &p), TL_OK);
-
-    // A handle that points at a context that is not initialised.
-    alignas(8) uint8_t blank[64] = {};
-    RectifyDataConverterHandle stale{reinterpret_cast<RectifyDataConverterContext*>(blank)};
-    EXPECT_EQ(velquin_RectifyDataConverter_convert(&stale, &row, &p), TL_ERROR_STATE);
-    EXPECT_EQ(velquin_RectifyDataConverter_convertCameraMatrix(&stale, &row, &p), TL_ERROR_STATE);
-    EXPECT_EQ(velquin_RectifyDataConverter_convertCalibSize(&stale, &row, &p), TL_ERROR_STATE);
-    EXPECT_EQ(velquin_RectifyDataConverter_finalize(&stale), TL_ERROR_STATE);
-
     EXPECT_EQ(velquin_RectifyDataConverter_finalize(&handle), TL_OK);
     EXPECT_EQ(handle.context, nullptr);
     EXPECT_EQ(velquin_RectifyDataConverter_finalize(&handle), TL_ERROR_PARAM);

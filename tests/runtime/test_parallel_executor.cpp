@@ -106,7 +106,6 @@ uint32_t countShare(void* arg, int32_t index, int32_t count) {
 }  // namespace
 
 TEST(ParallelExecutor, RefusalsAndTheCallingThread) {
-    EXPECT_EQ(ParallelExecutor_getBufferSize(4, 64, 16, 10), 1424);
     EXPECT_EQ(ParallelExecutor_getBufferSize(1, 1, 1 << 30, 4), -1) << "beyond 31 bits";
     Executor x(POOL, 0, 0);
     EXPECT_EQ(ParallelExecutor_init(&x.e, 0, 1), TL_ERROR_PARAM);

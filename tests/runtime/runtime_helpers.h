@@ -72,8 +72,10 @@ void runExchange(const ExchangeShape& s, Send send, Receive receive, Size size) 
                     if (count < 0 || count > s.capacity) faults.fetch_add(1);
                     void* const item = receive(i);
                     if (item == &stopMark) return;
-                    if (item == nullptr) sched_yield();
-                    if (item == nullptr) continue;
+                    if (item == nullptr) {
+                        sched_yield();
+                        continue;
+                    }
                     const uintptr_t v = reinterpret_cast<uintptr_t>(item) - 1;
                     const size_t p = v / each;
                     if (p >= next.size() || seen[v].exchange(1) != 0 ||

@@ -1,11 +1,9 @@
 // fasthash32 and fasthash128 are MurmurHash3 x86_32 and x86_128: published
-// values, the SMHasher verification codes, and a byte-at-a-time transcription
-// of the algorithm on random buffers of every tail length.
+// values and the SMHasher verification codes.
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -24,59 +22,6 @@ uint32_t hash32(const void* data, int32_t length, uint32_t seed) {
 void hash128(const void* data, int32_t length, uint32_t seed, uint32_t out[4]) {
     out[0] = out[1] = out[2] = out[3] = seed;
     EXPECT_EQ(fasthash128(out, data, length), TL_OK);
-}
-
-uint32_t rotl(uint32_t v, int r) { return (v << r) | (v >> (32 - r)); }
-uint32_t fmix(uint32_t h) {
-    h ^= h >> 16;
-    h *= 0x85EBCA6Bu;
-    h ^= h >> 13;
-    h *= 0xC2B2AE35u;
-    return h ^ (h >> 16);
-}
-// Little-endian word from bytes, whatever the host.
-uint32_t word(const uint8_t* p, int count) {
-    uint32_t v = 0;
-    for (int i = 0; i < count; ++i) v |= static_cast<uint32_t>(p[i]) << (8 * i);
-    return v;
-}
-
-uint32_t refHash32(const uint8_t* p, int len, uint32_t seed) {
-    uint32_t h = seed;
-    int i = 0;
-    for (; i + 4 <= len; i += 4) {
-        const uint32_t k = rotl(word(p + i, 4) * 0xCC9E2D51u, 15) * 0x1B873593u;
-        h = rotl(h ^ k, 13) * 5 + 0xE6546B64u;
-    }
-    if (i < len) h ^= rotl(word(p + i, len - i) * 0xCC9E2D51u, 15) * 0x1B873593u;
-    return fmix(h ^ static_cast<uint32_t>(len));
-}
-
-void refHash128(const uint8_t* p, int len, uint32_t seed, uint32_t out[4]) {
-    const uint32_t c[4] = {0x239B961Bu, 0xAB0E9789u, 0x38B34AE5u, 0xA1E38B93u};
-    const int rk[4] = {15, 16, 17, 18};  // rotation of input word j
-    const int rh[4] = {19, 17, 15, 13};  // rotation of lane j
-    const uint32_t add[4] = {0x561CCD1Bu, 0x0BCAA747u, 0x96CD1C35u, 0x32AC3B17u};
-    uint32_t h[4] = {seed, seed, seed, seed};
-    auto mixWord = [&](int j, uint32_t k) { return rotl(k * c[j], rk[j]) * c[(j + 1) % 4]; };
-    int i = 0;
-    for (; i + 16 <= len; i += 16) {
-        for (int j = 0; j < 4; ++j) {
-            h[j] ^= mixWord(j, word(p + i + 4 * j, 4));
-            h[j] = (rotl(h[j], rh[j]) + h[(j + 1) % 4]) * 5 + add[j];
-        }
-    }
-    for (int j = 0; i + 4 * j < len; ++j) {
-        const int n = len - i - 4 * j < 4 ? len - i - 4 * j : 4;
-        h[j] ^= mixWord(j, word(p + i + 4 * j, n));
-    }
-    for (uint32_t& x : h) x ^= static_cast<uint32_t>(len);
-    h[0] += h[1] + h[2] + h[3];
-    for (int j = 1; j < 4; ++j) h[j] += h[0];
-    for (uint32_t& x : h) x = fmix(x);
-    h[0] += h[1] + h[2] + h[3];
-    for (int j = 1; j < 4; ++j) h[j] += h[0];
-    memcpy(out, h, sizeof(h));
 }
 
 }  // namespace
@@ -110,37 +55,21 @@ TEST(Fasthash, PublishedValues32) {
 
 // SMHasher's check: hash the keys {}, {0}, {0, 1}, ... {0..254} with seed 256 - length,
 // then hash the concatenated results with seed 0; the first word identifies the function.
+// Every tail length of both functions takes part.
 TEST(Fasthash, VerificationCodes) {
-    uint8_t key[256];
     std::vector<uint32_t> results32(256), results128(256 * 4);
     for (int i = 0; i < 256; ++i) {
-        key[i] = static_cast<uint8_t>(i);
-        results32[i] = hash32(key, i, 256 - i);
-        hash128(key, i, 256 - i, &results128[4 * i]);
+        // Exactly i bytes on the heap at an odd offset: a read past the end or
+        // an aligned-only load shows up under the address sanitizer.
+        std::vector<uint8_t> storage(static_cast<size_t>(i) + 1);
+        for (int k = 0; k < i; ++k) storage[static_cast<size_t>(k) + 1] = static_cast<uint8_t>(k);
+        results32[i] = hash32(storage.data() + 1, i, 256 - i);
+        hash128(storage.data() + 1, i, 256 - i, &results128[4 * i]);
     }
     EXPECT_EQ(hash32(results32.data(), 256 * 4, 0), 0xB0F57EE3u);
     uint32_t final128[4];
     hash128(results128.data(), 256 * 16, 0, final128);
     EXPECT_EQ(final128[0], 0xB3ECE62Au);
-}
-
-TEST(Fasthash, RandomBuffersMatchTheTranscription) {
-    std::mt19937 rng(41);
-    for (int len = 0; len <= 80; ++len) {
-        for (int trial = 0; trial < 20; ++trial) {
-            // Exactly len bytes on the heap at an odd offset: a read past the end or
-            // an aligned-only load shows up under the address sanitizer.
-            std::vector<uint8_t> storage(len + 1);
-            uint8_t* p = storage.data() + 1;
-            for (int i = 0; i < len; ++i) p[i] = static_cast<uint8_t>(rng());
-            const uint32_t seed = rng();
-            ASSERT_EQ(hash32(p, len, seed), refHash32(p, len, seed)) << len;
-            uint32_t got[4], want[4];
-            hash128(p, len, seed, got);
-            refHash128(p, len, seed, want);
-            for (int j = 0; j < 4; ++j) ASSERT_EQ(got[j], want[j]) << len << " word " << j;
-        }
-    }
 }
 
 TEST(Fasthash, StateCarriesFourIndependentWords) {
@@ -156,15 +85,14 @@ TEST(Fasthash, StateCarriesFourIndependentWords) {
     }
 }
 
-TEST(Fasthash, BadArguments) {
+TEST(Fasthash, RefusalsAndAnEmptyKey) {
     uint32_t s[4] = {};
     const uint8_t byte = 0;
-    EXPECT_EQ(fasthash32(nullptr, &byte, 1), TL_ERROR_PARAM);
-    EXPECT_EQ(fasthash128(nullptr, &byte, 1), TL_ERROR_PARAM);
-    EXPECT_EQ(fasthash32(s, &byte, -1), TL_ERROR_PARAM);
-    EXPECT_EQ(fasthash128(s, &byte, -1), TL_ERROR_PARAM);
-    EXPECT_EQ(fasthash32(s, nullptr, 1), TL_ERROR_PARAM);
-    EXPECT_EQ(fasthash128(s, nullptr, 1), TL_ERROR_PARAM);
+    for (auto* hash : {fasthash32, fasthash128}) {
+        EXPECT_EQ(hash(nullptr, &byte, 1), TL_ERROR_PARAM);
+        EXPECT_EQ(hash(s, &byte, -1), TL_ERROR_PARAM);
+        EXPECT_EQ(hash(s, nullptr, 1), TL_ERROR_PARAM);
+    }
     s[0] = 1;
     EXPECT_EQ(fasthash32(s, nullptr, 0), TL_OK);  // nothing to read
     EXPECT_EQ(s[0], 0x514E28B7u);

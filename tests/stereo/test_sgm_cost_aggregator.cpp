@@ -1,6 +1,6 @@
 // The aggregation: hand-worked pixels of the recurrence and of the guided
-// penalty, the layout's borders and separators, and the three execution
-// shapes against a plain implementation of the recurrence written here.
+// penalty, and the three execution shapes on every Pel against a plain
+// implementation of the recurrence written here.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,9 +9,10 @@
 #include <random>
 #include <vector>
 
-#include "support/picture.h"
 #include "runtime/pel.h"
 #include "stereo/sgm_cost_aggregator.h"
+#include "support/layers.h"
+#include "support/picture.h"
 #include "support/test_env.h"
 
 using namespace vq_tl;
@@ -244,32 +245,32 @@ TEST(SgmCostAggregator, HandWorkedRecurrence) {
     //     k 3..6: a = 5, b = 4, L = 4 + 9 = 13
     //     k 7: a = min(5, sep) = 5, b = 4, L = 4 + 1 = 5
     //   then minus 2.
-    Problem p;
-    p.W = 2, p.H = 1, p.D = 8, p.P1 = 2, p.P2 = 4;
-    p.cost = {3, 0, 5, 5, 5, 5, 5, 5, 0, 9, 9, 9, 9, 9, 9, 1};
-    Aggregator agg(2, 1);
-    Images in(p);
-    auto pc = preparedPathCosts(p, 4 * 2 + 1);
-    ASSERT_EQ(SgmCostAggregator_aggregateParallel(&agg.a, &pc->image, &in.cost->image, nullptr, nullptr, 8, 2,
-                                                  4, 4),
-              TL_OK);
-    const uint8_t want0[8] = {3, 0, 5, 5, 5, 5, 5, 5};
-    const uint8_t want1[8] = {0, 7, 9, 11, 11, 11, 11, 3};
-    for (int k = 0; k < 8; ++k) {
-        EXPECT_EQ(pc->u8(1 * 9 + 1 + k, 1), want0[k]) << k;  // pixel 0 at byte (x + 1) * (D + 1) + 1, row 1
-        EXPECT_EQ(pc->u8(2 * 9 + 1 + k, 1), want1[k]) << k;
-    }
     // With P2 below P1 the clamp comes after the penalty: a step of one
     // costs P2 as well. P1 10, P2 3 at pixel 1:
     //   k 0: b = min(0 + 10, 3) = 3, L = min(3, 3) + 0 = 3
     //   k 1: b = 3, L = min(3, 0) + 9 = 9; k 2: L = 3 + 9 = 12 ... k 7: 3 + 1 = 4
-    auto pc2 = preparedPathCosts(p, 4 * 2 + 1);
-    ASSERT_EQ(SgmCostAggregator_aggregateParallel(&agg.a, &pc2->image, &in.cost->image, nullptr, nullptr, 8,
-                                                  10, 3, 4),
-              TL_OK);
-    const uint8_t want2[8] = {0, 6, 9, 9, 9, 9, 9, 1};
-    for (int k = 0; k < 8; ++k) EXPECT_EQ(pc2->u8(2 * 9 + 1 + k, 1), want2[k]) << k;
-    EXPECT_EQ(referencePath(p, 0)[8 + 7], 3);  // the test's own reference agrees by hand
+    Problem p;
+    p.W = 2, p.H = 1, p.D = 8;
+    p.cost = {3, 0, 5, 5, 5, 5, 5, 5, 0, 9, 9, 9, 9, 9, 9, 1};
+    Aggregator agg(2, 1);
+    Images in(p);
+    const struct {
+        uint8_t P1, P2;
+        uint8_t want[2][8];
+    } cases[] = {{2, 4, {{3, 0, 5, 5, 5, 5, 5, 5}, {0, 7, 9, 11, 11, 11, 11, 3}}},
+                 {10, 3, {{3, 0, 5, 5, 5, 5, 5, 5}, {0, 6, 9, 9, 9, 9, 9, 1}}}};
+    for (const auto& c : cases) {
+        auto pc = preparedPathCosts(p, 4 * 2 + 1);
+        ASSERT_EQ(SgmCostAggregator_aggregateParallel(&agg.a, &pc->image, &in.cost->image, nullptr, nullptr,
+                                                      8, c.P1, c.P2, 4),
+                  TL_OK);
+        // Pixel x of direction 0 at row 1, from byte (x + 1) * (D + 1) + 1.
+        for (int x = 0; x < 2; ++x)
+            for (int k = 0; k < 8; ++k)
+                EXPECT_EQ(pc->u8((x + 1) * 9 + 1 + k, 1), c.want[x][k]) << x << " " << k;
+        p.P1 = c.P1, p.P2 = c.P2;
+        EXPECT_EQ(referencePath(p, 0)[8 + 7], c.want[1][7]);  // the test's own reference agrees by hand
+    }
 }
 
 TEST(SgmCostAggregator, GuidedLargePenalty) {
@@ -308,71 +309,10 @@ TEST(SgmCostAggregator, GuidedLargePenalty) {
     }
 }
 
-TEST(SgmCostAggregator, LayoutBordersSeparatorsAndFirstPixels) {
-    std::mt19937 rng(17);
-    Problem p = randomProblem(rng, 9, 7, 16, 0, false);
-    Aggregator agg(p.W, p.H);
-    Images in(p);
-    const int paths = 8;
-    auto pc = preparedPathCosts(p, paths * (p.H + 1) + 1);
-    const int32_t S = p.D + 1, width = pc->image.width;
-    for (int pass = 0; pass < 2; ++pass) {
-        // A second call over the same planes gives the same numbers.
-        ASSERT_EQ(SgmCostAggregator_aggregateParallel(&agg.a, &pc->image, &in.cost->image, nullptr, nullptr,
-                                                      p.D, p.P1, p.P2, paths),
-                  TL_OK);
-        for (int dir = 0; dir < paths; ++dir) {
-            const std::vector<uint8_t> L = referencePath(p, dir);
-            for (int32_t y = 0; y < p.H; ++y)
-                for (int32_t x = 0; x < p.W; ++x)
-                    for (int k = 0; k < p.D; ++k)
-                        ASSERT_EQ(pc->u8((x + 1) * S + 1 + k, (p.H + 1) * dir + y + 1),
-                                  L[(static_cast<size_t>(y) * p.W + x) * p.D + k])
-                            << "dir " << dir << " pass " << pass;
-        }
-    }
-    // Separators are still 255 and border pixels still 0, on every row.
-    for (int32_t row = 0; row < pc->image.height; ++row) {
-        const bool borderRow = row % (p.H + 1) == 0;
-        for (int32_t b = 0; b < width; ++b) {
-            const bool separator = b % S == 0;
-            const bool borderColumn = b < S || b > (p.W + 1) * S;  // pixels -1 and W
-            if (separator) {
-                ASSERT_EQ(pc->u8(b, row), 255) << row << " " << b;
-            } else if (borderRow || borderColumn) {
-                ASSERT_EQ(pc->u8(b, row), 0) << row << " " << b;
-            }
-        }
-    }
-    // The first pixel of every path is C - min C: direction 0 at x = 0.
-    for (int32_t y = 0; y < p.H; ++y) {
-        const uint8_t* c = &p.cost[static_cast<size_t>(y) * p.W * p.D];
-        const int lowest = *std::min_element(c, c + p.D);
-        for (int k = 0; k < p.D; ++k) EXPECT_EQ(pc->u8(S + 1 + k, y + 1), c[k] - lowest);
-    }
-}
-
-TEST(SgmCostAggregator, UniformCostsStayZero) {
-    Problem p;
-    p.W = 6, p.H = 5, p.D = 8;
-    p.cost.assign(static_cast<size_t>(6 * 5 * 8), 7);
-    TLResult r;
-    for (int shape = 0; shape < 3; ++shape) {
-        const std::vector<uint16_t> v = runShape(p, shape, 8, nullptr, &r);
-        ASSERT_EQ(r, TL_OK);
-        for (uint16_t e : v) ASSERT_EQ(e, 0) << "shape " << shape;
-    }
-}
-
-TEST(SgmCostAggregator, ThreeShapesAgreeWithTheReference) {
-    auto pel = std::make_unique<Pel>();
-    construct_Pel(pel.get(), nullptr);
-    pel->params.numberOfWorkers = 4;
-    pel->params.callerParticipates = 0;
-    ASSERT_EQ(Pel_init(pel.get()), TL_OK);
+TEST(SgmCostAggregator, ThreeShapesAgreeWithTheReferenceOnEveryPel) {
+    vq_tl_test::Layers& layers = vq_tl_test::sharedLayers();
     std::mt19937 rng(2026);
-    const int rounds = vq_tl_test_scaled(3, 1);
-    for (int round = 0; round < rounds; ++round) {
+    for (int round = 0; round < vq_tl_test_scaled(3, 1); ++round) {
         for (int guide : {0, 1, 2}) {
             for (bool variable : {false, true}) {
                 for (int paths : {4, 8}) {
@@ -383,109 +323,75 @@ TEST(SgmCostAggregator, ThreeShapesAgreeWithTheReference) {
                     const std::vector<uint16_t> want = referenceVolume(p, paths);
                     for (int shape = 0; shape < 3; ++shape) {
                         if (shape == 1 && variable) continue;  // the 2-way shape has no variable form
-                        for (Pel* layer : {static_cast<Pel*>(nullptr), pel.get()}) {
+                        for (Pel* pel : {static_cast<Pel*>(nullptr), &layers.pel, &layers.balanced}) {
                             TLResult r;
-                            const std::vector<uint16_t> got = runShape(p, shape, paths, layer, &r);
+                            const std::vector<uint16_t> got = runShape(p, shape, paths, pel, &r);
                             ASSERT_EQ(r, TL_OK);
                             ASSERT_EQ(got, want)
                                 << "shape " << shape << " guide " << guide << " variable " << variable
-                                << " paths " << paths << " on pel " << (layer != nullptr);
+                                << " paths " << paths << " on pel " << (pel != nullptr);
                         }
                     }
                 }
             }
         }
     }
-    destruct_Pel(pel.get());
 }
 
-TEST(SgmCostAggregator, EightBitSumOfFourPlanes) {
-    // The summing kernel's 8-bit form is the 16-bit one modulo 256.
-    std::mt19937 rng(8);
-    Problem p = randomProblem(rng, 10, 6, 16, 2, false);
-    Aggregator agg(p.W, p.H);
-    Images in(p);
-    auto pc = preparedPathCosts(p, 4 * (p.H + 1) + 1);
-    Picture rows(p.W, 4, IMAGE_FORMAT_UINT8);
-    ASSERT_EQ(SgmCostAggregator_aggregateParallel(&agg.a, &pc->image, &in.cost->image, in.guideImage(),
-                                                  &rows.image, p.D, p.P1, p.P2, 4),
-              TL_OK);
-    Picture v8(p.W * (p.D + 2), p.H, IMAGE_FORMAT_UINT8), v16(p.W * (p.D + 2), p.H, IMAGE_FORMAT_UINT16);
-    ASSERT_EQ(SgmCostAggregator_sumPaths(&agg.a, &v8.image, &pc->image, p.D, 4), TL_OK);
-    ASSERT_EQ(SgmCostAggregator_sumPaths(&agg.a, &v16.image, &pc->image, p.D, 4), TL_OK);
-    for (int32_t y = 0; y < p.H; ++y) {
-        for (int32_t i = 0; i < p.W * (p.D + 2); ++i) ASSERT_EQ(v8.u8(i, y), v16.at<uint16_t>(i, y) & 0xFF);
-        for (int32_t x = 0; x < p.W; ++x) {
-            EXPECT_EQ(v8.u8(x * (p.D + 2), y), v8.u8(x * (p.D + 2) + 2, y));
-            EXPECT_EQ(v8.u8(x * (p.D + 2) + p.D + 1, y), v8.u8(x * (p.D + 2) + p.D - 1, y));
-        }
-    }
-    EXPECT_TRUE(v8.canariesIntact());
-}
-
-TEST(SgmCostAggregator, BadArguments) {
+TEST(SgmCostAggregator, RefusalsWriteNothing) {
+    // Layout, lane and path-count checks guard every write into the
+    // caller's images; a guide of another format is passed over with TL_OK.
     Problem p;
     p.W = 4, p.H = 3, p.D = 8;
     p.cost.assign(4 * 3 * 8, 1);
     p.guideChannels = 1;
     p.guide.assign(12, 5);
     Images in(p);
-    Aggregator agg(4, 3);
+    Aggregator agg(4, 3), fresh(4, 3);
+    fresh.a.width = 0;  // as before init
     auto pc = preparedPathCosts(p, 8 * 4 + 1);
     auto ring = preparedPathCosts(p, 16);
-    Picture rows(4, 8, IMAGE_FORMAT_UINT8), wideRows(4 * 8, 1, IMAGE_FORMAT_UINT8);
-    Picture v16(4 * 10, 3, IMAGE_FORMAT_UINT16), v8(4 * 10, 3, IMAGE_FORMAT_UINT8),
-        second(4 * 10, 3, IMAGE_FORMAT_UINT16);
-    const Image* cost = &in.cost->image;
-    const Image* guide = in.guideImage();
-    EXPECT_EQ(SgmCostAggregator_aggregateParallel(&agg.a, &pc->image, cost, guide, &rows.image, 8, 2, 20, 3),
-              TL_ERROR_PARAM);
-    EXPECT_EQ(SgmCostAggregator_aggregateParallel(&agg.a, &pc->image, cost, guide, &rows.image, 8, 2, 20, 16),
-              TL_ERROR_PARAM);
-    EXPECT_EQ(SgmCostAggregator_aggregateSerial(&agg.a, &v16.image, cost, guide, &ring->image,
-                                                &wideRows.image, 8, 2, 20, 16),
-              TL_ERROR_UNSUPPORTED);  // 16 paths exist only with a guide, serially, and are not built
-    EXPECT_EQ(SgmCostAggregator_aggregateSerial(&agg.a, &v16.image, cost, nullptr, &ring->image, nullptr, 8,
-                                                2, 20, 16),
-              TL_ERROR_PARAM);
-    EXPECT_EQ(SgmCostAggregator_aggregateParallel(&agg.a, &pc->image, cost, guide, &rows.image, 12, 2, 20, 4),
-              TL_ERROR_PARAM);
-    EXPECT_EQ(SgmCostAggregator_aggregateParallel(&agg.a, &pc->image, cost, guide, nullptr, 8, 2, 20, 4),
-              TL_ERROR_PARAM);
-    EXPECT_EQ(
-        SgmCostAggregator_aggregateParallel(&agg.a, &pc->image, cost, nullptr, &rows.image, 8, 2, 20, 4),
-        TL_ERROR_PARAM);
-    EXPECT_EQ(SgmCostAggregator_aggregateParallel(&agg.a, &ring->image, cost, nullptr, nullptr, 8, 2, 20, 4),
-              TL_ERROR_PARAM);  // too few rows for the planes
-    EXPECT_EQ(SgmCostAggregator_aggregateParallelVariablePenalty(&agg.a, &pc->image, cost, nullptr, 2,
-                                                                 nullptr, nullptr, 8, 4),
-              TL_ERROR_PARAM);
-    EXPECT_EQ(SgmCostAggregator_aggregateSerial(&agg.a, &v8.image, cost, nullptr, &ring->image, nullptr, 8, 2,
-                                                20, 8),
-              TL_ERROR_UNSUPPORTED);
-    EXPECT_EQ(SgmCostAggregator_aggregate2wayParallel(&agg.a, &v16.image, nullptr, cost, nullptr,
-                                                      &ring->image, nullptr, 8, 2, 20, 8),
-              TL_ERROR_PARAM);  // 8 paths need the second volume
-    EXPECT_EQ(SgmCostAggregator_aggregate2wayParallel(&agg.a, &v16.image, &second.image, cost, guide,
-                                                      &ring->image, &rows.image, 8, 2, 20, 8),
-              TL_ERROR_PARAM);  // row penalty too narrow for the 2-way form
-    // A guide of another format: nothing computed, TL_OK.
-    v16.fillPlanes(0x5A);
-    Picture floatGuide(6, 5, IMAGE_FORMAT_FLOAT);
-    EXPECT_EQ(SgmCostAggregator_aggregateSerial(&agg.a, &v16.image, cost, &floatGuide.image, &ring->image,
-                                                &wideRows.image, 8, 2, 20, 8),
-              TL_OK);
-    EXPECT_EQ(v16.u8(3, 1), 0x5A);
-    Aggregator fresh(4, 3);
-    fresh.a.width = 0;
-    EXPECT_EQ(SgmCostAggregator_aggregateSerial(&fresh.a, &v16.image, cost, nullptr, &ring->image, nullptr, 8,
-                                                2, 20, 4),
-              TL_ERROR_STATE);
-    EXPECT_EQ(SgmCostAggregator_aggregateSerial(nullptr, &v16.image, cost, nullptr, &ring->image, nullptr, 8,
-                                                2, 20, 4),
-              TL_ERROR_PARAM);
-    EXPECT_EQ(SgmCostAggregator_preparePathCosts(nullptr, &rows.image, 8), TL_ERROR_PARAM);
-    EXPECT_EQ(SgmCostAggregator_init(&fresh.a, 0, 3), TL_ERROR_PARAM);
-    EXPECT_EQ(SgmCostAggregator_getBufferSize(), 0);
-    EXPECT_EQ(SgmCostAggregator_getPathCostsWidth(4, 8), 6 * 9 + 1);
+    Picture rows(4, 8, IMAGE_FORMAT_UINT8), wideRows(4 * 8, 1, IMAGE_FORMAT_UINT8),
+        floatGuide(6, 5, IMAGE_FORMAT_FLOAT);
+    Picture v16(4 * 10, 3, IMAGE_FORMAT_UINT16), v8(4 * 10, 3, IMAGE_FORMAT_UINT8);
+    std::mt19937 rng(9);
+    v16.fillRandom(rng);
+    v8.fillRandom(rng);
+    const std::vector<uint8_t> paths = pc->storage, ringPaths = ring->storage, volume = v16.storage,
+                               bytes = v8.storage;
+    const Image *cost = &in.cost->image, *guide = in.guideImage();
+    auto parallel = [&](const Image* g, Image* rp, uint8_t D, uint8_t n, Image* planes) {
+        return SgmCostAggregator_aggregateParallel(&agg.a, planes, cost, g, rp, D, 2, 20, n);
+    };
+    auto serial = [&](SgmCostAggregator* a, Image* out, const Image* g, Image* rp, uint8_t n) {
+        return SgmCostAggregator_aggregateSerial(a, out, cost, g, &ring->image, rp, 8, 2, 20, n);
+    };
+    const struct {
+        const char* what;
+        TLResult got, want;
+    } cases[] = {
+        {"3 paths", parallel(guide, &rows.image, 8, 3, &pc->image), TL_ERROR_PARAM},
+        {"16 paths", parallel(guide, &rows.image, 8, 16, &pc->image), TL_ERROR_PARAM},
+        {"16 paths, serial with a guide", serial(&agg.a, &v16.image, guide, &wideRows.image, 16),
+         TL_ERROR_UNSUPPORTED},
+        {"D not a multiple of 8", parallel(guide, &rows.image, 12, 4, &pc->image), TL_ERROR_PARAM},
+        {"guide without row penalty", parallel(guide, nullptr, 8, 4, &pc->image), TL_ERROR_PARAM},
+        {"row penalty without guide", parallel(nullptr, &rows.image, 8, 4, &pc->image), TL_ERROR_PARAM},
+        {"too few rows for the planes", parallel(nullptr, nullptr, 8, 4, &ring->image), TL_ERROR_PARAM},
+        {"byte volume, serial", serial(&agg.a, &v8.image, nullptr, nullptr, 8), TL_ERROR_UNSUPPORTED},
+        {"8 paths without the second volume",
+         SgmCostAggregator_aggregate2wayParallel(&agg.a, &v16.image, nullptr, cost, nullptr, &ring->image,
+                                                 nullptr, 8, 2, 20, 8),
+         TL_ERROR_PARAM},
+        {"row penalty too narrow for the 2-way form",
+         SgmCostAggregator_aggregate2wayParallel(&agg.a, &v16.image, &v16.image, cost, guide, &ring->image,
+                                                 &rows.image, 8, 2, 20, 8),
+         TL_ERROR_PARAM},
+        {"guide neither UINT8 nor UINT88", serial(&agg.a, &v16.image, &floatGuide.image, &wideRows.image, 8),
+         TL_OK},
+        {"before init", serial(&fresh.a, &v16.image, nullptr, nullptr, 4), TL_ERROR_STATE},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.got, c.want) << c.what;
+    EXPECT_TRUE(pc->storage == paths && ring->storage == ringPaths && v16.storage == volume &&
+                v8.storage == bytes);
 }

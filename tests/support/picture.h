@@ -71,6 +71,12 @@ struct Picture {
             for (int32_t r = 0; r < rows[k]; ++r) std::memset(row(k, r), value + k, rowBytes[k]);
         }
     }
+    // The pixels of a picture of the same size and format; pitches may differ.
+    void copyPixels(const Picture& o) {
+        for (int k = 0; k < 3; ++k) {
+            for (int32_t r = 0; r < rows[k]; ++r) std::memcpy(row(k, r), o.row(k, r), rowBytes[k]);
+        }
+    }
     bool samePixels(const Picture& o) const {
         for (int k = 0; k < 3; ++k) {
             for (int32_t r = 0; r < rows[k]; ++r) {

@@ -14,6 +14,7 @@
 #include "support/test_env.h"
 
 using namespace vq_tl;
+using vq_tl_test::elementOf;
 using vq_tl_test::Picture;
 
 namespace {
@@ -40,51 +41,25 @@ const Op kOps[] = {
     {"rankMax5", ImageProc_filterRankMax5x5, nullptr, 2, '+'},
 };
 
-// Element type ('b' u8, 'w' u16, 's' i16, 'i' i32, 'f' float) and channels
-// of the single-plane views the formats split into.
-struct ViewLayout {
-    uint32_t format;
-    char type;
-    int channels;
-};
-const ViewLayout kLayouts[] = {
-    {IMAGE_FORMAT_UINT8, 'b', 1},    {IMAGE_FORMAT_UINT88, 'b', 2}, {IMAGE_FORMAT_UINT16, 'w', 1},
-    {IMAGE_FORMAT_UINT1616, 'w', 2}, {IMAGE_FORMAT_INT16, 's', 1},  {IMAGE_FORMAT_INT32, 'i', 1},
-    {IMAGE_FORMAT_FLOAT, 'f', 1},    {IMAGE_FORMAT_RGB888, 'b', 3}, {IMAGE_FORMAT_ARGB8888, 'b', 4}};
-
-ViewLayout viewLayout(uint32_t f) {
-    return *std::find_if(std::begin(kLayouts), std::end(kLayouts),
-                         [f](const ViewLayout& l) { return l.format == f; });
-}
-
-template <typename T>
-double load(const uint8_t* p) {
-    T e;
-    std::memcpy(&e, p, sizeof e);
-    return e;
-}
-
-double readElement(const Image& v, ViewLayout l, int32_t x, int32_t y, int ch) {
-    const int size = l.type == 'b' ? 1 : (l.type == 'w' || l.type == 's') ? 2 : 4;
-    const uint8_t* p =
-        v.plane[0] + static_cast<size_t>(v.pitch[0]) * y + static_cast<size_t>(x * l.channels + ch) * size;
-    switch (l.type) {
-        case 'b': return *p;
-        case 'w': return load<uint16_t>(p);
-        case 's': return load<int16_t>(p);
-        case 'i': return load<int32_t>(p);
-        default: return load<float>(p);
+// Channels of the single-plane views the formats split into.
+int channelsOf(uint32_t f) {
+    switch (f) {
+        case IMAGE_FORMAT_UINT88:
+        case IMAGE_FORMAT_UINT1616: return 2;
+        case IMAGE_FORMAT_RGB888: return 3;
+        case IMAGE_FORMAT_ARGB8888: return 4;
+        default: return 1;
     }
 }
 
-double reference(const Image& v, ViewLayout l, const Op& op, int32_t x, int32_t y, int ch) {
+double reference(const Image& v, int channels, const Op& op, int32_t x, int32_t y, int ch) {
     std::vector<double> s;
     for (int dy = -op.radius; dy <= op.radius; ++dy) {
         for (int dx = -op.radius; dx <= op.radius; ++dx) {
             const int32_t xx = x + dx, yy = y + dy;
             if ((op.pick == 'c' && dx != 0 && dy != 0) || xx < 0 || yy < 0 || xx >= v.width || yy >= v.height)
                 continue;
-            s.push_back(readElement(v, l, xx, yy, ch));
+            s.push_back(elementOf(v, xx * channels + ch, yy));
         }
     }
     std::sort(s.begin(), s.end());
@@ -118,15 +93,15 @@ void expectFiltered(const Picture& src, const Picture& out, const Op& op, uint32
     ASSERT_EQ(PlaneViews_split(&sv, &src.image), TL_OK);
     ASSERT_EQ(PlaneViews_split(&ov, &out.image), TL_OK);
     for (int k = 0; k < sv.count; ++k) {
-        const ViewLayout l = viewLayout(sv.plane[k].format);
+        const int n = channelsOf(sv.plane[k].format);
         const bool selected = mask == 0 || ((mask >> k) & 1) != 0;
         int errors = 0;
         for (int32_t y = 0; y < sv.plane[k].height; ++y) {
             for (int32_t x = 0; x < sv.plane[k].width; ++x) {
-                for (int ch = 0; ch < l.channels; ++ch) {
-                    const double want = selected ? reference(sv.plane[k], l, op, x, y, ch)
-                                                 : readElement(sv.plane[k], l, x, y, ch);
-                    const double got = readElement(ov.plane[k], l, x, y, ch);
+                for (int ch = 0; ch < n; ++ch) {
+                    const double want = selected ? reference(sv.plane[k], n, op, x, y, ch)
+                                                 : elementOf(sv.plane[k], x * n + ch, y);
+                    const double got = elementOf(ov.plane[k], x * n + ch, y);
                     if (got != want && errors++ < 3) {
                         ADD_FAILURE()
                             << where << " " << op.name << " format " << src.image.format << " "

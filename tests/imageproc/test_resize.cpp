@@ -30,16 +30,7 @@ double referenceSample(const std::vector<double>& s, int32_t sw, int32_t sh, dou
     return top * (1 - ay) + bottom * ay;
 }
 
-// Element i of row y (x * channels + c), by the picture's element type.
-double get(Picture& p, int32_t i, int32_t y) {
-    switch (p.image.format) {
-        case IMAGE_FORMAT_UINT16: return p.at<uint16_t>(i, y);
-        case IMAGE_FORMAT_INT16: return p.at<int16_t>(i, y);
-        case IMAGE_FORMAT_INT32: return p.at<int32_t>(i, y);
-        case IMAGE_FORMAT_FLOAT: return p.at<float>(i, y);
-        default: return p.at<uint8_t>(i, y);
-    }
-}
+double get(Picture& p, int32_t i, int32_t y) { return vq_tl_test::elementOf(p.image, i, y); }
 
 void set(Picture& p, int32_t i, int32_t y, double v) {
     switch (p.image.format) {
@@ -64,11 +55,6 @@ TEST(Resize, RampsWorkedByHand) {
         // Reducing 10 -> 3: samples at 1.1667, 4.5 (a tie, rounded up), 7.8333
         // of a ramp of 25 per pixel.
         {10, 3, {0, 25, 50, 75, 100, 125, 150, 175, 200, 225}, {29, 113, 196}},
-        // 8 -> 3 is within one pixel of one half: the 2 by 2 kernel, which
-        // leaves the last two columns out.
-        {8, 3, {0, 32, 64, 96, 128, 160, 192, 224}, {16, 80, 144}},
-        // About half, 9 -> 5: the 2 by 2 kernel, the last column repeated.
-        {9, 5, {0, 10, 20, 30, 40, 50, 60, 70, 80}, {5, 25, 45, 65, 80}},
     };
     for (const Case& c : cases) {
         // The same ramp along x (one row) and along y (one column).
@@ -248,32 +234,29 @@ TEST(Resize, AverageShrinkIsTheMeanOfTheCoveredArea) {
 TEST(Resize, EqualSizeCopiesAndRefusalsWriteNothing) {
     std::mt19937 rng(4);
     Picture a(10, 6, IMAGE_FORMAT_UINT8), b(10, 6, IMAGE_FORMAT_UINT8), wide(10, 6, IMAGE_FORMAT_UINT16);
+    Picture rgb(8, 8, IMAGE_FORMAT_RGB888), rgbSmall(4, 3, IMAGE_FORMAT_RGB888), lab(8, 8, IMAGE_FORMAT_LAB),
+        labSmall(4, 3, IMAGE_FORMAT_LAB), wider(11, 3, IMAGE_FORMAT_UINT8), tiny(1, 1, IMAGE_FORMAT_UINT8);
     a.fillRandom(rng);
     ASSERT_EQ(Resize_resizeImage(nullptr, &b.image, &a.image), TL_OK);
     EXPECT_TRUE(b.samePixels(a));
-    Picture rgb(8, 8, IMAGE_FORMAT_RGB888), rgbSmall(4, 3, IMAGE_FORMAT_RGB888);
-    Picture lab(8, 8, IMAGE_FORMAT_LAB), labSmall(4, 3, IMAGE_FORMAT_LAB), small16(3, 3, IMAGE_FORMAT_UINT16);
-    Picture same(10, 6, IMAGE_FORMAT_UINT8), wider(11, 3, IMAGE_FORMAT_UINT8), tiny(1, 1, IMAGE_FORMAT_UINT8);
-    using Fn = TLResult (*)(const ImageStripeExec*, Image*, const Image*);
     const struct {
-        const char* what;
-        Fn fn;
-        Picture* dst;
-        Picture* src;
+        TLResult (*fn)(const ImageStripeExec*, Image*, const Image*);
+        Picture *dst, *src;
         TLResult result;
     } cases[] = {
-        {"resize: formats differ", Resize_resizeImage, &wide, &a, TL_ERROR_UNSUPPORTED},
-        {"resize: RGB888 is outside 26..69", Resize_resizeImage, &rgbSmall, &rgb, TL_ERROR_UNSUPPORTED},
-        {"resize: no kernel for LAB", Resize_resizeImage, &labSmall, &lab, TL_ERROR_UNSUPPORTED},
-        {"area: not smaller", Resize_averageShrink, &same, &a, TL_ERROR_PARAM},
-        {"area: wider", Resize_averageShrink, &wider, &a, TL_ERROR_PARAM},
-        {"area: formats differ", Resize_averageShrink, &small16, &a, TL_ERROR_PARAM},
-        {"halve: not about half", Resize_shrink2, &tiny, &a, TL_ERROR_PARAM},
+        {Resize_resizeImage, &wide, &a, TL_ERROR_UNSUPPORTED},        // formats differ
+        {Resize_resizeImage, &rgbSmall, &rgb, TL_ERROR_UNSUPPORTED},  // outside 26..69
+        {Resize_resizeImage, &labSmall, &lab, TL_ERROR_UNSUPPORTED},  // no kernel
+        {Resize_averageShrink, &b, &a, TL_ERROR_PARAM},               // not smaller
+        {Resize_averageShrink, &wider, &a, TL_ERROR_PARAM},           // wider
+        {Resize_averageShrink, &wide, &a, TL_ERROR_PARAM},            // formats differ
+        {Resize_shrink2, &tiny, &a, TL_ERROR_PARAM},                  // not about half
     };
     for (const auto& c : cases) {
         const std::vector<uint8_t> before = c.dst->storage;
-        EXPECT_EQ(c.fn(nullptr, &c.dst->image, &c.src->image), c.result) << c.what;
-        EXPECT_EQ(c.dst->storage, before) << c.what;
+        EXPECT_EQ(c.fn(nullptr, &c.dst->image, &c.src->image), c.result)
+            << c.dst->image.width << " " << c.dst->image.format;
+        EXPECT_EQ(c.dst->storage, before);
     }
 }
 

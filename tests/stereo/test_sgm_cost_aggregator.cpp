@@ -116,11 +116,26 @@ struct Aggregator {
     ~Aggregator() { destruct_SgmCostAggregator(&a); }
 };
 
+// The path work image: every (D + 1)-th byte a 255 separator, the rest 0
+// when prepared. Aggregation in planes leaves the separators, the border
+// rows and the columns of pixels -1 and W as they are.
+void expectLayout(const Picture& pc, const Problem& p, bool used) {
+    const int32_t S = p.D + 1;
+    for (int32_t row = 0; row < pc.image.height; ++row) {
+        for (int32_t b = 0; b < pc.image.width; ++b) {
+            const bool border = row % (p.H + 1) == 0 || b < S || b > (p.W + 1) * S;
+            if (used && !border && b % S != 0) continue;
+            ASSERT_EQ(pc.row(0, row)[b], b % S == 0 ? 255 : 0) << row << " " << b;
+        }
+    }
+}
+
 std::unique_ptr<Picture> preparedPathCosts(const Problem& p, int32_t rows) {
     auto pc =
         std::make_unique<Picture>(SgmCostAggregator_getPathCostsWidth(p.W, p.D), rows, IMAGE_FORMAT_UINT8);
     pc->fillPlanes(0x77);  // whatever was there before
     EXPECT_EQ(SgmCostAggregator_preparePathCosts(nullptr, &pc->image, p.D), TL_OK);
+    expectLayout(*pc, p, false);
     return pc;
 }
 
@@ -141,6 +156,7 @@ std::vector<uint16_t> runShape(Problem& p, int shape, int paths, Pel* pel, TLRes
                      : SgmCostAggregator_aggregateParallel(&agg.a, &pc->image, cost, p.guideImage(), rp, p.D,
                                                            p.P1, p.P2, paths);
         if (*r == TL_OK) *r = SgmCostAggregator_sumPaths(&agg.a, &out.image, &pc->image, p.D, paths);
+        expectLayout(*pc, p, true);
     } else if (shape == 1) {
         *r = SgmCostAggregator_aggregate2wayParallel(&agg.a, &out.image, &second.image, cost, p.guideImage(),
                                                      &pc->image, rp, p.D, p.P1, p.P2, paths);

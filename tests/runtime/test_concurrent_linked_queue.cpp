@@ -64,30 +64,6 @@ TEST(ConcurrentLinkedQueue, HeadCounterTellsAReusedSlotApartAndWrapsAfter4096Cha
     }
 }
 
-TEST(ConcurrentLinkedQueue, StalePollCannotSwingHeadAfterTheSlotCameBack) {
-    // A poll reads head, the head's link and the item, then stalls before its
-    // compare-and-swap. Meanwhile A is polled, B offered and polled, and C
-    // offered: head is on the same slot again, linked to the same slot, which
-    // now holds C. Comparing slots alone, the stale poll would return A a
-    // second time and lose C; the counter makes its swap fail.
-    Queue f(2);
-    int a = 0, b = 0, c = 0;
-    ASSERT_EQ(ConcurrentLinkedQueue_offer(&f.q, &a), 1);
-    uint32_t staleHead = f.q.head.load();
-    const uint32_t staleNext = f.q.links[Clq_slotOf(staleHead)];
-    ASSERT_EQ(f.q.items[Clq_slotOf(staleNext)], &a);
-    ASSERT_EQ(ConcurrentLinkedQueue_poll(&f.q), &a);
-    ASSERT_EQ(ConcurrentLinkedQueue_offer(&f.q, &b), 1);
-    ASSERT_EQ(ConcurrentLinkedQueue_poll(&f.q), &b);
-    ASSERT_EQ(ConcurrentLinkedQueue_offer(&f.q, &c), 1);
-    ASSERT_EQ(Clq_slotOf(f.q.head.load()), Clq_slotOf(staleHead));
-    ASSERT_EQ(Clq_slotOf(f.q.links[Clq_slotOf(staleHead)]), Clq_slotOf(staleNext));
-    const uint32_t desired = (Clq_slotOf(staleNext) << kClqIndexShift) | ((staleHead + 1) & kClqCounterMask);
-    EXPECT_FALSE(f.q.head.compare_exchange_strong(staleHead, desired));
-    EXPECT_EQ(ConcurrentLinkedQueue_poll(&f.q), &c);
-    EXPECT_EQ(ConcurrentLinkedQueue_poll(&f.q), nullptr);
-}
-
 // Small rings recycle slots constantly. With more threads than cores a
 // stalled thread can sleep through 4096 changes of a tagged word, so the
 // many-thread shapes use rings large enough that the same slot coming back

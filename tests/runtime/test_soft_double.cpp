@@ -1,6 +1,5 @@
-// The integer-only Double_* family against the processor's own IEEE arithmetic
-// (round to nearest even, subnormals on), bit for bit. A NaN result only has
-// to be a NaN: payloads differ between processors.
+// The integer-only Double_* family against the processor's IEEE arithmetic
+// (nearest even, subnormals on), bit for bit; any NaN for a NaN.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -11,7 +10,6 @@
 #include <random>
 #include <vector>
 
-#include "runtime/raw_double.h"
 #include "runtime/soft_double.h"
 #include "support/test_env.h"
 
@@ -21,8 +19,6 @@ namespace {
 
 uint64_t bits(double x) { return std::bit_cast<uint64_t>(x); }
 double real(uint64_t b) { return std::bit_cast<double>(b); }
-uint32_t bits(float x) { return std::bit_cast<uint32_t>(x); }
-float realF(uint32_t b) { return std::bit_cast<float>(b); }
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
@@ -116,25 +112,6 @@ TEST(Double, ArithmeticMatchesHardware) {
     }
 }
 
-TEST(Double, Mul2IsLdexp) {
-    EXPECT_EQ(Double_mul2(bits(1.0), 1024), bits(kInf));
-    EXPECT_EQ(Double_mul2(bits(1.0), -1074), bits(kMinSub));
-    EXPECT_EQ(Double_mul2(bits(-3.0), INT32_MIN), bits(-0.0));
-    EXPECT_EQ(Double_mul2(bits(kMinSub), INT32_MAX), bits(kInf));
-    std::mt19937_64 rng(22);
-    for (int i = 0; i < vq_tl_test_scaled(100000, 12500); ++i) {
-        const uint64_t a = rng();
-        const int32_t n = static_cast<int32_t>(rng() % 4401) - 2200;
-        ASSERT_TRUE(sameDouble(Double_mul2(a, n), std::ldexp(real(a), n)))
-            << std::hexfloat << real(a) << " " << n;
-        // Results that land among the subnormals, where the one rounding happens.
-        const uint64_t b = make(rng, static_cast<int64_t>(rng() % 60));
-        const int32_t m = -static_cast<int32_t>(rng() % 60);
-        ASSERT_TRUE(sameDouble(Double_mul2(b, m), std::ldexp(real(b), m)))
-            << std::hexfloat << real(b) << " " << m;
-    }
-}
-
 TEST(Double, IntegerConversionsMatchHardware) {
     std::mt19937_64 rng(23);
     // Ties between 2^53 and 2^53 + 2 and above go to even, up to the tie at the top, which becomes 2^64.
@@ -152,8 +129,8 @@ TEST(Double, IntegerConversionsMatchHardware) {
         ASSERT_EQ(Uint64ToDouble(v), bits(static_cast<double>(v))) << v;
         ASSERT_EQ(Int64ToDouble(s), bits(static_cast<double>(s))) << s;
         ASSERT_EQ(Int32ToDouble(t), bits(static_cast<double>(t))) << t;
-        ASSERT_EQ(Uint32ToDouble(static_cast<uint32_t>(t)),
-                  bits(static_cast<double>(static_cast<uint32_t>(t))));
+        ASSERT_EQ(Uint32ToDouble(static_cast<uint32_t>(v)),
+                  bits(static_cast<double>(static_cast<uint32_t>(v))));
         // Back to integers: truncation wherever the value fits the type.
         const double d =
             std::ldexp(static_cast<double>(static_cast<int64_t>(rng())), -static_cast<int>(rng() % 70));
@@ -162,78 +139,4 @@ TEST(Double, IntegerConversionsMatchHardware) {
         ASSERT_TRUE(std::fabs(d) >= 0x1p63 || DoubleToInt64(bits(d)) == static_cast<int64_t>(d)) << d;
         ASSERT_TRUE(d <= -1.0 || d >= 0x1p64 || DoubleToUint64(bits(d)) == static_cast<uint64_t>(d)) << d;
     }
-}
-
-TEST(Double, IntegerConversionsTruncateAndSaturate) {
-    const struct {
-        double d;
-        int32_t i32;
-        uint32_t u32;
-        int64_t i64;
-        uint64_t u64;
-    } cases[] = {
-        // clang-format off
-        {2.9, 2, 2, 2, 2}, {-2.9, -2, 0, -2, 0}, {-0.5, 0, 0, 0, 0}, {-0.0, 0, 0, 0, 0}, {kMinSub, 0, 0, 0, 0},
-        {2147483647.9, INT32_MAX, 2147483647u, 2147483647, 2147483647u},
-        {2147483648.0, INT32_MAX, 2147483648u, 2147483648ll, 2147483648ull},
-        {-2147483648.9, INT32_MIN, 0, -2147483648ll, 0}, {-2147483649.0, INT32_MIN, 0, -2147483649ll, 0},
-        {4294967296.0, INT32_MAX, UINT32_MAX, 4294967296ll, 4294967296ull},
-        {0x1p63, INT32_MAX, UINT32_MAX, INT64_MAX, 0x8000000000000000ull}, {-0x1p63, INT32_MIN, 0, INT64_MIN, 0},
-        {0x1p64, INT32_MAX, UINT32_MAX, INT64_MAX, UINT64_MAX}, {kInf, INT32_MAX, UINT32_MAX, INT64_MAX, UINT64_MAX},
-        {-kInf, INT32_MIN, 0, INT64_MIN, 0}, {kNaN, 0, 0, 0, 0},
-        // clang-format on
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(DoubleToInt32(bits(c.d)), c.i32) << c.d;
-        EXPECT_EQ(DoubleToUint32(bits(c.d)), c.u32) << c.d;
-        EXPECT_EQ(DoubleToInt64(bits(c.d)), c.i64) << c.d;
-        EXPECT_EQ(DoubleToUint64(bits(c.d)), c.u64) << c.d;
-    }
-}
-
-TEST(Double, FloatConversionsMatchHardware) {
-    std::mt19937_64 rng(24);
-    auto sameFloat = [](uint32_t got, float want) {
-        return std::isnan(want) ? std::isnan(realF(got)) : got == bits(want);
-    };
-    const std::vector<double> v = specials();
-    for (double x : v) EXPECT_TRUE(sameFloat(DoubleToF32(bits(x)), static_cast<float>(x))) << x;
-    for (int i = 0; i < vq_tl_test_scaled(100000, 12500); ++i) {
-        const uint32_t f = static_cast<uint32_t>(rng());
-        const uint64_t widened = F32ToDouble(f);
-        ASSERT_TRUE(sameDouble(widened, static_cast<double>(realF(f)))) << std::hexfloat << realF(f);
-        ASSERT_TRUE(std::isnan(realF(f)) || DoubleToF32(widened) == f) << f;
-        // Doubles around the float range: normal, subnormal, overflow, and ties (low 29 bits 0x10000000).
-        uint64_t d = make(rng, 1023 - 160 + static_cast<int64_t>(rng() % 300));
-        if (rng() & 1) d = (d & ~0x1FFFFFFFull) | 0x10000000ull;
-        ASSERT_TRUE(sameFloat(DoubleToF32(d), static_cast<float>(real(d)))) << std::hexfloat << real(d);
-        const uint64_t any = rng();
-        ASSERT_TRUE(sameFloat(DoubleToF32(any), static_cast<float>(real(any)))) << std::hexfloat << real(any);
-    }
-    EXPECT_EQ(DoubleToF32(bits(0x1p-150)), 0u);    // half the smallest float subnormal: to even 0
-    EXPECT_EQ(DoubleToF32(bits(0x1.8p-149)), 2u);  // 1.5 smallest: to even 2
-    EXPECT_EQ(DoubleToF32(bits(0x1.ffffffp127)), 0x7F800000u);  // rounds past the largest float
-    EXPECT_EQ(F32ToDouble(0x00000001u), bits(0x1p-149));
-    EXPECT_EQ(F32ToDouble(0x80000000u), bits(-0.0));
-}
-
-TEST(Double, TranscendentalsEqualRawDoubleBitForBit) {
-    std::mt19937_64 rng(25);
-    for (int i = 0; i < vq_tl_test_scaled(20000, 2500); ++i) {
-        const double angle = std::ldexp(static_cast<double>(static_cast<int64_t>(rng())), -60);  // |x| < 8
-        const double wide = real(rng());
-        ASSERT_EQ(Double_cos(bits(angle)), bits(RawDouble_cos(angle))) << angle;
-        ASSERT_EQ(Double_sin(bits(angle)), bits(RawDouble_sin(angle))) << angle;
-        ASSERT_TRUE(sameDouble(Double_cos(bits(wide)), RawDouble_cos(wide))) << wide;
-        const double e = std::ldexp(static_cast<double>(static_cast<int64_t>(rng())), -53);  // |x| < 1024
-        ASSERT_EQ(Double_exp(bits(e)), bits(RawDouble_exp(e))) << e;
-        const double p = real(rng() >> 1);  // every positive pattern
-        ASSERT_TRUE(sameDouble(Double_log(bits(p)), RawDouble_log(p))) << p;
-        const double y = std::ldexp(static_cast<double>(static_cast<int64_t>(rng())), -61);
-        ASSERT_TRUE(sameDouble(Double_pow(bits(p), bits(y)), RawDouble_incomplete_pow(p, y)))
-            << p << " " << y;
-    }
-    EXPECT_EQ(Double_log(bits(0.0)), bits(-kInf));
-    EXPECT_EQ(Double_exp(bits(0.0)), bits(1.0));
-    EXPECT_EQ(Double_cos(bits(kInf)), 0x7FF8000000000000ull);
 }

@@ -1,5 +1,5 @@
-// Helpers of the runtime tests: the monotonic clock, and the two checks that
-// both queues share: a sequential model and a producer-consumer exchange.
+// The monotonic clock, and the two checks both queues share: a sequential
+// model and a producer-consumer exchange.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -18,16 +18,14 @@
 
 namespace vq_tl_test {
 
-// Milliseconds on the monotonic clock, the clock of every timed wait.
 inline double millisSince(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
 }
 
 inline void* itemOf(uintptr_t value) { return reinterpret_cast<void*>(value); }
 
-// Random offers and polls against std::deque: every refusal, every item and
-// every size as the model says. `way` lets the queue pick among its calls.
-// With fillFirst, that many offers come first and only polls after them.
+// Random offers and polls against std::deque: every refusal, item and size as
+// the model says; `way` picks among the calls. fillFirst offers come first.
 template <typename Offer, typename Poll, typename Size>
 void matchModel(uint32_t seed, size_t capacity, int steps, Offer offer, Poll poll, Size size,
                 int fillFirst = 0) {

@@ -21,17 +21,10 @@ struct Queue {
 
 TEST(ConcurrentLinkedQueue, RefusalsChangeNothing) {
     Queue f(1);
-    int a = 0;
-    for (const int32_t capacity : {0, -1, kClqMaxCapacity + 1}) {
+    for (const int32_t capacity : {0, kClqMaxCapacity + 1})
         EXPECT_EQ(ConcurrentLinkedQueue_init(&f.q, capacity), TL_ERROR_PARAM) << capacity;
-    }
     EXPECT_EQ(ConcurrentLinkedQueue_offer(&f.q, nullptr), 0);
     EXPECT_EQ(ConcurrentLinkedQueue_size(&f.q), 0);
-    ConcurrentLinkedQueue constructed;
-    ASSERT_EQ(construct_ConcurrentLinkedQueue(&constructed, nullptr), TL_OK);
-    EXPECT_EQ(ConcurrentLinkedQueue_offer(&constructed, &a), 0);
-    EXPECT_EQ(ConcurrentLinkedQueue_poll(&constructed), nullptr);
-    EXPECT_EQ(destruct_ConcurrentLinkedQueue(&constructed), TL_OK);
 }
 
 // Far beyond 4096 changes of every tagged word: the counters wrap. The largest

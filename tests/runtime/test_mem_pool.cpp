@@ -37,20 +37,3 @@ TEST(MemPool, HandsOutBlocksInAddressOrderThenRunsDry) {
         EXPECT_EQ(MemPool_pop(&p.pool), nullptr);
     }
 }
-
-// The change counter is what makes a compare-and-swap with a stale head fail
-// after the same block has come back to the top (pop A, pop B, push A).
-TEST(MemPool, CounterTellsARecycledTopApart) {
-    Pool p;
-    ASSERT_EQ(MemPool_init(&p.pool, 8, 4), TL_OK);
-    const uint32_t before = p.pool.head.load();
-    void* a = MemPool_pop(&p.pool);
-    ASSERT_NE(MemPool_pop(&p.pool), nullptr);
-    ASSERT_EQ(MemPool_push(&p.pool, a), TL_OK);
-    const uint32_t after = p.pool.head.load();
-    EXPECT_EQ(after >> 12, before >> 12);
-    EXPECT_NE(after, before);
-    // The stale head would install B's successor although B is taken.
-    uint32_t stale = before;
-    EXPECT_FALSE(p.pool.head.compare_exchange_strong(stale, 0u));
-}

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <random>
 #include <thread>
 #include <vector>
@@ -70,16 +69,10 @@ uint32_t mixShare(void* arg, int32_t index, int32_t count) {
     return index == count - 1 ? 0x4000u : 0u;
 }
 
-std::atomic<int32_t> gCounter{0}, gGateOpen{0}, gGateEntered{0};
+std::atomic<int32_t> gCounter{0};
 
 uint32_t countTask(void*) {
     gCounter.fetch_add(1);
-    return TL_OK;
-}
-
-uint32_t gateTask(void*) {
-    gGateEntered.fetch_add(1);
-    while (gGateOpen.load() == 0) std::this_thread::sleep_for(std::chrono::microseconds(200));
     return TL_OK;
 }
 
@@ -94,19 +87,12 @@ uint32_t countShare(void* arg, int32_t index, int32_t count) {
 TEST(ParallelExecutor, RefusalsAndTheCallingThread) {
     EXPECT_EQ(ParallelExecutor_getBufferSize(1, 1, 1 << 30, 4), -1) << "beyond 31 bits";
     Executor x(POOL, 0, 0);
-    EXPECT_EQ(ParallelExecutor_init(&x.e, 0, 1), TL_ERROR_PARAM);
-    EXPECT_EQ(ParallelExecutor_init(&x.e, 1, 0), TL_ERROR_PARAM);
     EXPECT_EQ(ParallelExecutor_init(&x.e, 4, 4), TL_ERROR_PARAM) << "nobody would work";
-    // Not initialised: fork is refused, join has nothing.
-    EXPECT_EQ(ParallelExecutor_fork(&x.e, countTask, nullptr, 0), TL_ERROR_STATE);
-    EXPECT_EQ(ParallelExecutor_join(&x.e), TL_OK);
     // No executor: the work runs at once on the calling thread.
     uint32_t out[3] = {}, result = 9;
     MixArgs a{5, 2, out};
     EXPECT_EQ(ParallelExecutor_fork(nullptr, mixTask, &a, sizeof(a)), 4u);
     EXPECT_EQ(out[2], mix(7));
-    EXPECT_EQ(ParallelExecutor_fork(nullptr, nullptr, &a, sizeof(a)), TL_ERROR_PARAM);
-    EXPECT_EQ(ParallelExecutor_fork(nullptr, mixTask, nullptr, 4), TL_ERROR_PARAM);
     EXPECT_EQ(ParallelExecutor_execute(nullptr, mixShare, out, 3, &result), TL_OK);
     EXPECT_EQ(result, 0x4000u);
     EXPECT_EQ(out[0], mix(3));
@@ -179,32 +165,6 @@ TEST(ParallelExecutor, PelEnginePlacesAndForksFromSeveralThreads) {
     EXPECT_EQ(ParallelExecutor_join2(&x.e, nullptr), TL_OK);
     for (uint32_t i = 0; i < 120; ++i) EXPECT_EQ(out[i], mix(9u + i));
     EXPECT_EQ(x.pel.freeCommands, kPelCommandCount) << "every event was released";
-}
-
-// The single pool thread is held in a gate; three tasks wait behind it and
-// are cancelled by shutdown without running. On every engine a fork after
-// shutdown is cancelled.
-TEST(ParallelExecutor, ShutdownCancelsWaitingAndLaterTasks) {
-    for (const Engine engine : {POOL, PEL, POOL_CALLER_WORKS}) {
-        Executor x(engine, 1);
-        ASSERT_EQ(ParallelExecutor_init(&x.e, 4, 8), TL_OK);
-        gGateOpen = gGateEntered = gCounter = 0;
-        if (engine == POOL) {
-            ASSERT_EQ(ParallelExecutor_fork(&x.e, gateTask, nullptr, 0), TL_OK);
-            while (gGateEntered.load() == 0) std::this_thread::sleep_for(std::chrono::microseconds(200));
-            for (int i = 0; i < 3; ++i) ASSERT_EQ(ParallelExecutor_fork(&x.e, countTask, nullptr, 0), TL_OK);
-            EXPECT_EQ(ParallelExecutor_getNumberOfTasks(&x.e), 4);
-            EXPECT_EQ(ParallelExecutor_getNumberOfWaitingTasks(&x.e), 3);
-        }
-        EXPECT_EQ(ParallelExecutor_shutdown(&x.e), TL_OK);
-        EXPECT_TRUE(engine != POOL || (ParallelExecutor_getNumberOfWaitingTasks(&x.e) == 0 &&
-                                       ParallelExecutor_getNumberOfFinishedTasks(&x.e) == 3));
-        EXPECT_EQ(ParallelExecutor_fork(&x.e, countTask, nullptr, 0), TL_MARK_CANCELLED)
-            << kEngineNames[engine];
-        gGateOpen = 1;
-        EXPECT_EQ(ParallelExecutor_join(&x.e), engine == POOL ? TL_MARK_CANCELLED : TL_OK);
-        EXPECT_EQ(gCounter.load(), 0);
-    }
 }
 
 // A small pool with a working caller: forks beyond the waiting queue are

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <random>
 #include <vector>
 
 #include "runtime/random_number.h"
@@ -42,11 +41,8 @@ struct RefTwister {
     }
 };
 
-// The library's seeding, from its description: a table of 4096 words, two
-// steps of x -> x (2x + 3) + 1 per word, then one step per state word whose
-// top 12 bits pick the word. From seed 0, x runs 1, 6, 91, 16836, ..., and the
-// first table words are (1 & 0xFFFF0000) | (0 >> 16) = 0 and
-// (91 & 0xFFFF0000) | (6 >> 16) = 0.
+// The library's seeding: a table of 4096 words, two steps of x -> x (2x + 3) + 1
+// per word, then one step per state word whose top 12 bits pick the word.
 RefTwister librarySeeded(const Params& p, uint32_t seed) {
     auto step = [](uint32_t x) { return x * (2 * x + 3) + 1; };
     std::vector<uint32_t> table(4096);
@@ -88,30 +84,4 @@ TEST(RandomNumber, SequencesMatchTheReference) {
             }
         }
     }
-}
-
-// Integers and reals are the documented functions of the raw words: twin
-// generators of one seed give the words.
-TEST(RandomNumber, IntegersAndRealsFromTheWords) {
-    Generator g(RANDOM_NUMBER_KIND_351, 9), twin(RANDOM_NUMBER_KIND_351, 9);
-    for (int i = 0; i < 20000; ++i) {
-        uint32_t r = 0;
-        do r = RandomNumber_get(&twin.rn);
-        while (r > 0xFFFFFFFBu);  // the top partial copy of a range of 6 is drawn again
-        ASSERT_EQ(RandomNumber_nextInt32(&g.rn, -2, 3), -2 + static_cast<int32_t>(r % 6));
-        ASSERT_EQ(RandomNumber_nextInt32(&g.rn, INT32_MIN, INT32_MAX),
-                  static_cast<int32_t>(RandomNumber_get(&twin.rn) ^ 0x80000000u));
-        ASSERT_EQ(RandomNumber_nextFloat32(&g.rn),
-                  static_cast<float>(RandomNumber_get(&twin.rn) >> 8) / 16777216.0f);
-        const float fe = RandomNumber_nextFloat32ex(&g.rn);
-        RandomNumber_get(&twin.rn);
-        const uint32_t hi = RandomNumber_get(&twin.rn) >> 5, lo = RandomNumber_get(&twin.rn) >> 6;
-        ASSERT_EQ(RandomNumber_nextFloat64(&g.rn), (hi * 67108864.0 + lo) / 9007199254740992.0);
-        const double de = RandomNumber_nextFloat64ex(&g.rn);
-        RandomNumber_get(&twin.rn);
-        RandomNumber_get(&twin.rn);
-        ASSERT_TRUE(fe > 0.0f && fe < 1.0f && de > 0.0 && de < 1.0) << fe << " " << de;
-    }
-    EXPECT_EQ(RandomNumber_nextInt32(&g.rn, 5, 5), 5);
-    EXPECT_EQ(RandomNumber_nextInt32(&g.rn, 9, 4), 9);
 }

@@ -27,21 +27,18 @@ struct Converter {
     }
 };
 
-// The hand-made record. Pixel pitches whose millimetre values are powers of
-// two keep the arithmetic exact: main f = 4.0 mm / 0.9765625 um (2^-10 mm) =
-// 4096 pixels, sub f = 3.0 mm / 1.953125 um = 1536 pixels. Principal points
-// from the centre: main (8, -12) pixels, sub (-3, 0). Crop origins round to
-// (3, -1) and (0, 2), sizes to 3996 by 2996 and 2000 by 1500. The main lens
-// keeps its table; the sub table comes from a known radial model: the knot
-// at fraction t of the way to the corner has R2 = t^2 (1000^2 + 750^2) /
-// 1536^2.
+// The hand-made record. Power-of-two pitches keep it exact: main f = 4.0 mm /
+// 2^-10 mm = 4096 pixels, sub f = 3.0 mm / 1.953125 um = 1536. Principal points
+// off centre by (8, -12) and (-3, 0) pixels; crop origins round to (3, -1) and
+// (0, 2), sizes to 3996 by 2996 and 2000 by 1500. The sub table comes from a
+// radial model: the knot at fraction t to the corner has R2 = t^2 1250^2 / 1536^2.
 const float kMainTable[5] = {0.0f, 0.24f, 0.47f, 0.69f, 0.9f};
 constexpr float kSubK1 = -0.05f, kSubK2 = 0.01f;
 float gSubTable[11];
 
 RectifyDataConverterParam handMadeRecord() {
     for (int i = 0; i < 11; ++i) {
-        const double t = i / 10.0, r2 = t * t * (1000.0 * 1000.0 + 750.0 * 750.0) / (1536.0 * 1536.0);
+        const double t = i / 10.0, r2 = t * t * (1250.0 * 1250.0) / (1536.0 * 1536.0);
         gSubTable[i] = static_cast<float>(t * (1.0 + kSubK1 * r2 + kSubK2 * r2 * r2));
     }
     // In the order of the record: the forward flag, pitches, focal lengths,
@@ -178,16 +175,13 @@ TEST(RectifyDataConverter, LensKindsAndCounts) {
         TwinLensCameraParam row = sentinelRow();
         EXPECT_EQ(velquin_RectifyDataConverter_convert(&c.handle, &row, &p), k.result) << k.what;
         EXPECT_TRUE(k.rowKind < 0 || row.mainLensDist.kind == k.rowKind) << k.what;
-        if (k.rowKind == 0) {
-            RectifyLensDist lens;
-            RectifyLensDist_clear(&lens);
-            RectifyLensDist_setDistCoeff(&lens, row.mainLensDist.u.coeff.k, 3, row.mainLensDist.u.coeff.p, 2);
-            EXPECT_EQ(RectifyLensDist_isNotDistorted(&lens), 1) << k.what;
-        }
-        if (k.result != TL_OK) {
-            // The failure came at the main lens, after the sub lens and before the sizes.
-            EXPECT_TRUE(row.subLensDist.kind == 0 && untouched(&row.mainCalibWidth, 4)) << k.what;
-        }
+        const auto& coeff = row.mainLensDist.u.coeff;
+        EXPECT_TRUE(k.rowKind != 0 || (std::all_of(coeff.k, coeff.k + 3, [](double v) { return v == 0; }) &&
+                                       coeff.p[0] == 0 && coeff.p[1] == 0))
+            << k.what;
+        // A failure comes at the main lens, after the sub lens and before the sizes.
+        EXPECT_TRUE(k.result == TL_OK || (row.subLensDist.kind == 0 && untouched(&row.mainCalibWidth, 4)))
+            << k.what;
     }
 }
 
@@ -203,13 +197,11 @@ TEST(RectifyDataConverter, PublicLifeCycle) {
         void* buffer;
         int32_t size, capacity;
         TLResult expected;
-    } refused[] = {
-        {nullptr, buffer, 64, 41, TL_ERROR_PARAM},
-        {&handle, nullptr, 64, 41, TL_ERROR_PARAM},
-        {&handle, buffer, 0, 41, TL_ERROR_PARAM},
-        {&handle, buffer, static_cast<int32_t>(size) - 1, 41, TL_ERROR_SYSTEM},
-        {&handle, buffer, 64, 0, TL_ERROR_GENERAL},
-    };
+    } refused[] = {{nullptr, buffer, 64, 41, TL_ERROR_PARAM},
+                   {&handle, nullptr, 64, 41, TL_ERROR_PARAM},
+                   {&handle, buffer, 0, 41, TL_ERROR_PARAM},
+                   {&handle, buffer, static_cast<int32_t>(size) - 1, 41, TL_ERROR_SYSTEM},
+                   {&handle, buffer, 64, 0, TL_ERROR_GENERAL}};
     for (const auto& r : refused)
         EXPECT_EQ(velquin_RectifyDataConverter_initialize(r.handle, r.buffer, r.size, r.capacity, 3),
                   r.expected);

@@ -25,66 +25,6 @@ struct Stereo {
     ~Stereo() { destruct_StereoRectify(&s); }
 };
 
-}  // namespace
-
-TEST(StereoRectify, FitCameraMatrixWorkedByHand) {
-    // From a 4000 by 3000 calibration with f 3200 across and 3190 down at
-    // (2003.3, 1497.7). The same aspect scales (0.25, 0.27); a frame at
-    // least as wide scales by the heights and crops across about the centre
-    // (square: 1 / 3, 500 off cx); a taller one scales by the widths and
-    // crops down (16:9: 0.48, 375 off cy). The arithmetic is in float.
-    const Mvec8Real k = camera(3200, 2003.3, 1497.7, 3190);
-    const struct {
-        int32_t width, height;
-        double f, fy, cx, cy;
-    } cases[] = {
-        {4000, 3000, 3200, 3190, 2003.3, 1497.7},
-        {1000, 750, 800, 797.5, 500.825, 374.425},
-        {1080, 810, 864, 861.3, 540.891, 404.379},
-        {1000, 1000, 3200 / 3.0, 3190 / 3.0, (2003.3 - 500) / 3, 1497.7 / 3},
-        {1920, 1080, 1536, 1531.2, 961.584, 0.48 * (1497.7 - 375)},
-    };
-    for (const auto& c : cases) {
-        Mvec8Real out;
-        ASSERT_EQ(StereoRectify_fitCameraMatrix(&out, &k, c.width, c.height, 4000, 3000), TL_OK);
-        const Mvec8Real expected = camera(c.f, c.cx, c.cy, c.fy);
-        for (int i = 0; i < 9; ++i) EXPECT_NEAR(out.m[i], expected.m[i], 2e-4) << c.width << " " << i;
-    }
-}
-
-TEST(StereoRectify, SynthesizeGridComposesTwoMaps) {
-    // A lookup that holds an affine map at its vertices: bilinear
-    // interpolation reproduces it exactly inside, and its edge outside. The
-    // 4 row tasks over a Pel give the same grid. One grid for both is refused.
-    Stereo serial, parallel(&sharedLayers().pel);
-    Grid lookup(64, 48, 16), grid(40, 30, 8), again(40, 30, 8);
-    lookup.apply(
-        [](double x, double y, double* sx, double* sy) { *sx = 2.0 * x + 1.0, *sy = -3.0 * y + 0.5 * x; });
-    for (Grid* g : {&grid, &again}) {
-        g->apply(
-            [](double x, double y, double* sx, double* sy) { *sx = 1.3 * x + 0.7, *sy = 1.1 * y + 2.25; });
-        // Outside on two sides, and the invalid marker, which reads the last
-        // column and row.
-        g->g.x[0] = -10;
-        g->g.y[0] = 60;
-        g->g.x[1] = g->g.y[1] = kRenderer2InvalidVertex;
-    }
-    const std::vector<double> x(grid.g.x, grid.g.x + grid.count()), y(grid.g.y, grid.g.y + grid.count());
-    ASSERT_EQ(StereoRectify_synthesizeGrid(&serial.s, &grid.g, &lookup.g), TL_OK);
-    ASSERT_EQ(StereoRectify_synthesizeGrid(&parallel.s, &again.g, &lookup.g), TL_OK);
-    for (int32_t v = 0; v < grid.count(); ++v) {
-        const double cx = std::clamp(x[v], 0.0, 64.0), cy = std::clamp(y[v], 0.0, 48.0);
-        ASSERT_TRUE(std::fabs(grid.g.x[v] - (2.0 * cx + 1.0)) < 1e-9 &&
-                    std::fabs(grid.g.y[v] - (-3.0 * cy + 0.5 * cx)) < 1e-9)
-            << v;
-    }
-    EXPECT_TRUE(!std::memcmp(again.g.x, grid.g.x, sizeof(double) * grid.count()) &&
-                !std::memcmp(again.g.y, grid.g.y, sizeof(double) * grid.count()));
-    EXPECT_EQ(StereoRectify_synthesizeGrid(&serial.s, &grid.g, &grid.g), TL_ERROR_PARAM);
-}
-
-namespace {
-
 // The warp's map at rectified pixel (rx, ry): the bilinear blend of its
 // cell's vertices, as Renderer2 draws it. False on an invalid vertex.
 bool gridAt(const Renderer2_Params& g, double rx, double ry, double* s) {
@@ -168,8 +108,7 @@ PairResult rectifyPair(const float baseline[3], const Mvec8Real& rotation, Pel* 
                 res.worstGrid = std::fmax(res.worstGrid, std::hypot(at[0] - u[c], at[1] - v[c]));
             }
             // The whole source frame lies inside the rectified frame.
-            EXPECT_TRUE(x[0][0] >= 0 && x[0][0] <= kW && x[0][1] >= 0 && x[0][1] <= kH)
-                << x[0][0] << "," << x[0][1];
+            EXPECT_TRUE(x[0][0] >= 0 && x[0][0] <= kW && x[0][1] >= 0 && x[0][1] <= kH) << x[0][0];
             res.worstRowOffset = std::fmax(res.worstRowOffset, std::fabs(x[0][1] - x[1][1]));
             res.worstDisparity = std::fmax(res.worstDisparity,
                                            std::fabs(std::fabs(x[0][0] - x[1][0]) - n[0].m[0] * b / depth));
@@ -180,6 +119,61 @@ PairResult rectifyPair(const float baseline[3], const Mvec8Real& rotation, Pel* 
 }
 
 }  // namespace
+
+TEST(StereoRectify, FitCameraMatrixWorkedByHand) {
+    // From 4000 by 3000, f 3200 by 3190 at (2003.3, 1497.7). The same aspect
+    // scales; a wider frame scales by the heights and crops across (square:
+    // 1 / 3, 500 off cx), a taller one by the widths and crops down (16:9:
+    // 0.48, 375 off cy). In float.
+    const Mvec8Real k = camera(3200, 2003.3, 1497.7, 3190);
+    const struct {
+        int32_t width, height;
+        double f, fy, cx, cy;
+    } cases[] = {
+        {4000, 3000, 3200, 3190, 2003.3, 1497.7},
+        {1000, 750, 800, 797.5, 500.825, 374.425},
+        {1080, 810, 864, 861.3, 540.891, 404.379},
+        {1000, 1000, 3200 / 3.0, 3190 / 3.0, (2003.3 - 500) / 3, 1497.7 / 3},
+        {1920, 1080, 1536, 1531.2, 961.584, 0.48 * (1497.7 - 375)},
+    };
+    for (const auto& c : cases) {
+        Mvec8Real out;
+        ASSERT_EQ(StereoRectify_fitCameraMatrix(&out, &k, c.width, c.height, 4000, 3000), TL_OK);
+        const Mvec8Real expected = camera(c.f, c.cx, c.cy, c.fy);
+        for (int i = 0; i < 9; ++i) EXPECT_NEAR(out.m[i], expected.m[i], 2e-4) << c.width << " " << i;
+    }
+}
+
+TEST(StereoRectify, SynthesizeGridComposesTwoMaps) {
+    // A lookup that holds an affine map at its vertices: bilinear
+    // interpolation reproduces it exactly inside, and its edge outside. The
+    // 4 row tasks over a Pel give the same grid. One grid for both is refused.
+    Stereo serial, parallel(&sharedLayers().pel);
+    Grid lookup(64, 48, 16), grid(40, 30, 8), again(40, 30, 8);
+    lookup.apply(
+        [](double x, double y, double* sx, double* sy) { *sx = 2.0 * x + 1.0, *sy = -3.0 * y + 0.5 * x; });
+    for (Grid* g : {&grid, &again}) {
+        g->apply(
+            [](double x, double y, double* sx, double* sy) { *sx = 1.3 * x + 0.7, *sy = 1.1 * y + 2.25; });
+        // Outside on two sides, and the invalid marker, which reads the last
+        // column and row.
+        g->g.x[0] = -10;
+        g->g.y[0] = 60;
+        g->g.x[1] = g->g.y[1] = kRenderer2InvalidVertex;
+    }
+    const std::vector<double> x(grid.g.x, grid.g.x + grid.count()), y(grid.g.y, grid.g.y + grid.count());
+    ASSERT_EQ(StereoRectify_synthesizeGrid(&serial.s, &grid.g, &lookup.g), TL_OK);
+    ASSERT_EQ(StereoRectify_synthesizeGrid(&parallel.s, &again.g, &lookup.g), TL_OK);
+    for (int32_t v = 0; v < grid.count(); ++v) {
+        const double cx = std::clamp(x[v], 0.0, 64.0), cy = std::clamp(y[v], 0.0, 48.0);
+        ASSERT_TRUE(std::fabs(grid.g.x[v] - (2.0 * cx + 1.0)) < 1e-9 &&
+                    std::fabs(grid.g.y[v] - (-3.0 * cy + 0.5 * cx)) < 1e-9)
+            << v;
+    }
+    EXPECT_TRUE(!std::memcmp(again.g.x, grid.g.x, sizeof(double) * grid.count()) &&
+                !std::memcmp(again.g.y, grid.g.y, sizeof(double) * grid.count()));
+    EXPECT_EQ(StereoRectify_synthesizeGrid(&serial.s, &grid.g, &grid.g), TL_ERROR_PARAM);
+}
 
 TEST(StereoRectify, PointsLandOnTheSameRowOfBothFrames) {
     // A 10 mm baseline along x with a residual rotation of 0.3 degree: every

@@ -79,11 +79,9 @@ struct Layout {
     }
 };
 
-// Smooth pictures: luma changes by at most 2.7 levels per pixel across and
-// 2.1 down, chroma by about 2 per chroma sample. Groups place their samples
-// up to an eighth of a pixel short on each axis (the phase and the lane
-// offset are both truncated to sixteenths), which moves such a luma sample
-// by at most 0.6 of a level: with the rounding, within one level.
+// Smooth pictures: luma changes by at most 2.7 levels per pixel, so groups
+// placing samples up to an eighth of a pixel short (phase and lane offset
+// truncated to sixteenths) stay within one level.
 inline double smoothLuma(double x, double y) {
     return 128.0 + 24.0 * std::sin(0.09 * x + 0.04 * y) + 18.0 * std::cos(0.06 * y - 0.03 * x);
 }

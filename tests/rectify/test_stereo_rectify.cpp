@@ -204,6 +204,6 @@ TEST(StereoRectify, PointsLandOnTheSameRowOfBothFrames) {
         EXPECT_EQ(std::memcmp(&r.newCamera[0], &r.newCamera[1], sizeof(Mvec8Real)), 0);
         EXPECT_TRUE(r.newCamera[0].m[0] > 800 && r.newCamera[0].m[0] < 870) << r.newCamera[0].m[0];
     }
-    EXPECT_EQ(rectifyPair(cases[0].baseline, turn, &sharedLayers().pel).worstRowOffset,
-              rectifyPair(cases[0].baseline, turn, nullptr).worstRowOffset);
+    EXPECT_EQ(rectifyPair(cases[0].baseline, turn, &sharedLayers().pel).worstGrid,
+              rectifyPair(cases[0].baseline, turn, nullptr).worstGrid);
 }

@@ -1,7 +1,5 @@
 // Helpers of the rectification and grid warp tests: owned grids and
-// renderers, where each format keeps its samples, smooth test pictures, a
-// direct per-pixel bilinear reference, and the camera and lens models
-// written out.
+// renderers, sample layouts, smooth pictures, and camera and lens models.
 #pragma once
 
 #include <cmath>
@@ -39,10 +37,8 @@ struct Renderer {
     vq_tl::Env env{};
     vq_tl::Renderer2 r;
     explicit Renderer(int32_t mode = 0, int32_t boundaryCheck = 0) {
-        vq_tl::construct_Renderer2(&r, &env);
-        vq_tl::Renderer2_initWithPel(&r, nullptr);
-        vq_tl::Renderer2_setMode(&r, mode);
-        vq_tl::Renderer2_setBoundaryCheck(&r, boundaryCheck);
+        vq_tl::construct_Renderer2(&r, &env), vq_tl::Renderer2_initWithPel(&r, nullptr);
+        vq_tl::Renderer2_setMode(&r, mode), vq_tl::Renderer2_setBoundaryCheck(&r, boundaryCheck);
     }
     ~Renderer() { vq_tl::destruct_Renderer2(&r); }
     Renderer(const Renderer&) = delete;
@@ -83,11 +79,9 @@ struct Layout {
     }
 };
 
-// Smooth pictures: luma changes by at most 2.7 levels per pixel across and
-// 2.1 down, chroma by about 2 per chroma sample. Groups place their samples
-// up to an eighth of a pixel short on each axis (the phase and the lane
-// offset are both truncated to sixteenths), which moves such a luma sample
-// by at most 0.6 of a level: with the rounding, within one level.
+// Smooth pictures: luma changes by at most 2.7 levels per pixel, so groups
+// placing samples up to an eighth of a pixel short (phase and lane offset
+// truncated to sixteenths) stay within one level.
 inline double smoothLuma(double x, double y) {
     return 128.0 + 24.0 * std::sin(0.09 * x + 0.04 * y) + 18.0 * std::cos(0.06 * y - 0.03 * x);
 }
@@ -97,15 +91,12 @@ inline double smoothChroma(int component, double cx, double cy) {
 }
 
 inline void fillSmooth(Picture& p, const Layout& l, int32_t w, int32_t h) {
-    for (int32_t y = 0; y < h; ++y) {
-        for (int32_t x = 0; x < w; ++x) l.luma(p, x, y) = static_cast<uint8_t>(std::lround(smoothLuma(x, y)));
-    }
-    for (int32_t cy = 0; l.hasChroma && cy < l.chromaHeight(h); ++cy) {
-        for (int32_t cx = 0; cx < l.chromaWidth(w); ++cx) {
-            for (int c = 0; c < 2; ++c)
-                l.chroma(p, c, cx, cy) = static_cast<uint8_t>(std::lround(smoothChroma(c, cx, cy)));
-        }
-    }
+    for (int32_t i = 0; i < w * h; ++i)
+        l.luma(p, i % w, i / w) = static_cast<uint8_t>(std::lround(smoothLuma(i % w, i / w)));
+    const int32_t cw = l.chromaWidth(w);
+    for (int32_t i = 0; l.hasChroma && i < 2 * cw * l.chromaHeight(h); ++i)
+        l.chroma(p, i % 2, i / 2 % cw, i / 2 / cw) =
+            static_cast<uint8_t>(std::lround(smoothChroma(i % 2, i / 2 % cw, i / 2 / cw)));
 }
 
 // Bilinear sample of the luma of p at (sx, sy) with real weights, edges
@@ -123,9 +114,7 @@ inline double referenceLuma(const Picture& p, const Layout& l, int32_t w, int32_
 // Rotation about a unit axis, written out: Rodrigues' formula.
 inline vq_tl::Mvec8Real rodrigues(double ax, double ay, double az, double angle) {
     const double n = std::sqrt(ax * ax + ay * ay + az * az);
-    ax /= n;
-    ay /= n;
-    az /= n;
+    ax /= n, ay /= n, az /= n;
     const double c = std::cos(angle), s = std::sin(angle), t = 1 - c;
     return vq_tl::Mvec8Real{{t * ax * ax + c, t * ax * ay - s * az, t * ax * az + s * ay,
                              t * ax * ay + s * az, t * ay * ay + c, t * ay * az - s * ax,

@@ -98,9 +98,8 @@ TEST(Resize, ConstantsStayConstantInEveryLayout) {
 }
 
 TEST(Resize, MatchesADoubleModelWithinOneLevel) {
-    // Samples at the resizer's Q15 positions, so that the steep random data
-    // tests the arithmetic and not the position's last bit. 32-bit elements
-    // hold values times 2^16 and are within one such step.
+    // Samples at the resizer's Q15 positions: steep random data tests the
+    // arithmetic, not the position's last bit. INT32 holds values times 2^16.
     const struct {
         uint32_t format;
         int32_t lo, hi, scale;
@@ -123,17 +122,14 @@ TEST(Resize, MatchesADoubleModelWithinOneLevel) {
         Picture src(sw, sh, k.format), dst(dw, dh, k.format);
         std::vector<double> s(static_cast<size_t>(sw) * sh);
         std::uniform_int_distribution<int32_t> value(k.lo, k.hi);
-        for (int32_t y = 0; y < sh; ++y) {
-            for (int32_t x = 0; x < sw; ++x) set(src, x, y, (s[y * sw + x] = value(rng)) * k.scale);
-        }
+        for (int32_t i = 0; i < sw * sh; ++i) set(src, i % sw, i / sw, (s[i] = value(rng)) * k.scale);
         ASSERT_EQ(Resize_resizeImage(nullptr, &dst.image, &src.image), TL_OK);
-        for (int32_t y = 0; y < dh; ++y) {
-            for (int32_t x = 0; x < dw; ++x) {
-                const double ref = referenceSample(s, sw, sh, q15(x, sw, dw), q15(y, sh, dh)) * k.scale;
-                ASSERT_NEAR(get(dst, x, y), ref, k.tolerance) << k.format << " " << sw << "x" << sh << "->"
-                                                              << dw << "x" << dh << " at " << x << "," << y;
-            }
-        }
+        for (int32_t y = 0; y < dh; ++y)
+            for (int32_t x = 0; x < dw; ++x)
+                ASSERT_NEAR(get(dst, x, y),
+                            referenceSample(s, sw, sh, q15(x, sw, dw), q15(y, sh, dh)) * k.scale, k.tolerance)
+                    << k.format << " " << sw << "x" << sh << "->" << dw << "x" << dh << " at " << x << ","
+                    << y;
         ASSERT_TRUE(dst.canariesIntact());
     }
 }
@@ -214,22 +210,18 @@ TEST(Resize, EqualSizeCopiesAndRefusalsWriteNothing) {
     a.fillRandom(rng);
     ASSERT_EQ(Resize_resizeImage(nullptr, &b.image, &a.image), TL_OK);
     EXPECT_TRUE(b.samePixels(a));
-    const struct {
-        TLResult (*fn)(const ImageStripeExec*, Image*, const Image*);
-        Picture *dst, *src;
-        TLResult result;
-    } cases[] = {
-        {Resize_resizeImage, &wide, &a, TL_ERROR_UNSUPPORTED},        // formats differ
-        {Resize_resizeImage, &rgbSmall, &rgb, TL_ERROR_UNSUPPORTED},  // outside 26..69
-        {Resize_resizeImage, &labSmall, &lab, TL_ERROR_UNSUPPORTED},  // no kernel
-        {Resize_averageShrink, &b, &a, TL_ERROR_PARAM},               // not smaller
-        {Resize_averageShrink, &wider, &a, TL_ERROR_PARAM},
-        {Resize_averageShrink, &wide, &a, TL_ERROR_PARAM},
-        {Resize_shrink2, &tiny, &a, TL_ERROR_PARAM},  // not about half
-    };
-    for (const auto& c : cases) {
-        const std::vector<uint8_t> before = c.dst->storage;
-        EXPECT_EQ(c.fn(nullptr, &c.dst->image, &c.src->image), c.result) << &c - cases;
-        EXPECT_EQ(c.dst->storage, before);
-    }
+    const std::vector<uint8_t> before = b.storage, wideBefore = wide.storage;
+    // Formats differ, a YUV layout outside 26..69, no kernel for LAB; not smaller, wider; not about half.
+    const TLResult got[] = {Resize_resizeImage(nullptr, &wide.image, &a.image),
+                            Resize_resizeImage(nullptr, &rgbSmall.image, &rgb.image),
+                            Resize_resizeImage(nullptr, &labSmall.image, &lab.image),
+                            Resize_averageShrink(nullptr, &b.image, &a.image),
+                            Resize_averageShrink(nullptr, &wider.image, &a.image),
+                            Resize_averageShrink(nullptr, &wide.image, &a.image),
+                            Resize_shrink2(nullptr, &tiny.image, &a.image)};
+    const TLResult want[] = {TL_ERROR_UNSUPPORTED, TL_ERROR_UNSUPPORTED, TL_ERROR_UNSUPPORTED, TL_ERROR_PARAM,
+                             TL_ERROR_PARAM,       TL_ERROR_PARAM,       TL_ERROR_PARAM};
+    for (int i = 0; i < 7; ++i) EXPECT_EQ(got[i], want[i]) << i;
+    EXPECT_TRUE(b.storage == before && wide.storage == wideBefore && wider.canariesIntact() &&
+                tiny.canariesIntact());
 }

@@ -142,29 +142,20 @@ TEST(SgmCostMatcher, RefusalsWriteNothing) {
     // Lanes of 8 candidates and the volume's width bound every write. Census of
     // another format is passed over with TL_OK (the driver calls both widths).
     Matcher t;
-    Picture c1(16, 4, IMAGE_FORMAT_UINT8), c2(16, 4, IMAGE_FORMAT_UINT8), cost(16 * 8, 4, IMAGE_FORMAT_UINT8);
-    Picture wide(16, 4, IMAGE_FORMAT_INT32), floats(16, 4, IMAGE_FORMAT_FLOAT),
-        narrow(15, 4, IMAGE_FORMAT_UINT8);
+    Picture c1(16, 4, IMAGE_FORMAT_UINT8), c2(16, 4, IMAGE_FORMAT_UINT8), cost(16 * 8, 4, IMAGE_FORMAT_UINT8),
+        wide(16, 4, IMAGE_FORMAT_INT32), floats(16, 4, IMAGE_FORMAT_FLOAT), narrow(15, 4, IMAGE_FORMAT_UINT8);
     std::mt19937 rng(2);
     cost.fillRandom(rng);
-    const struct {
-        const Picture *census1, *census2, *mask;
-        int D, window;
-        TLResult result;
-    } cases[] = {
-        {&c1, &c2, nullptr, 8, 0, TL_ERROR_PARAM},   {&c1, &c2, nullptr, 8, 2, TL_ERROR_PARAM},
-        {&c1, &c2, nullptr, 8, 257, TL_ERROR_PARAM}, {&floats, &c2, nullptr, 8, 3, TL_OK},
-        {&c1, &wide, nullptr, 8, 3, TL_ERROR_PARAM}, {&c1, &narrow, nullptr, 8, 3, TL_ERROR_PARAM},
-        {&c1, &c2, nullptr, 12, 3, TL_ERROR_PARAM},  {&c1, &c2, nullptr, 16, 3, TL_ERROR_PARAM},
-        {&c1, &c2, &narrow, 8, 3, TL_ERROR_PARAM},
-    };
     const std::vector<uint8_t> before = cost.storage;
-    for (const auto& c : cases) {
-        EXPECT_EQ(SgmCostMatcher_calculateHammingDistance(
-                      &t.m, &cost.image, &c.census1->image, &c.census2->image,
-                      c.mask ? &c.mask->image : nullptr, static_cast<uint8_t>(c.D), 0, c.window, 1),
-                  c.result)
-            << "D " << c.D << " window " << c.window;
-        EXPECT_EQ(cost.storage, before);
-    }
+    auto run = [&](const Picture& a, const Picture& b, const Picture* mask, uint8_t D, int window) {
+        return SgmCostMatcher_calculateHammingDistance(&t.m, &cost.image, &a.image, &b.image,
+                                                       mask ? &mask->image : nullptr, D, 0, window, 1);
+    };
+    EXPECT_EQ(run(floats, c2, nullptr, 8, 3), TL_OK);
+    const TLResult got[] = {run(c1, c2, nullptr, 8, 0),     run(c1, c2, nullptr, 8, 2),
+                            run(c1, c2, nullptr, 8, 257),   run(c1, wide, nullptr, 8, 3),
+                            run(c1, narrow, nullptr, 8, 3), run(c1, c2, nullptr, 12, 3),
+                            run(c1, c2, nullptr, 16, 3),    run(c1, c2, &narrow, 8, 3)};
+    for (TLResult r : got) EXPECT_EQ(r, TL_ERROR_PARAM) << &r - got;
+    EXPECT_EQ(cost.storage, before);
 }

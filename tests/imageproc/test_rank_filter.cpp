@@ -62,15 +62,10 @@ double reference(const Image& v, int channels, const Op& op, int32_t x, int32_t 
 // Floats finite, with repeats.
 void fill(Picture& p, std::mt19937& rng) {
     const int kind = static_cast<int>(rng() % 8);
-    for (int k = 0; k < 3; ++k) {
-        for (int32_t r = 0; r < p.rows[k]; ++r) {
+    for (int k = 0; k < 3; ++k)
+        for (int32_t r = 0; r < p.rows[k]; ++r)
             for (int32_t i = 0; i < p.rowBytes[k]; ++i)
-                p.row(k, r)[i] = kind == 0   ? 0
-                                 : kind == 1 ? 0xFF
-                                 : kind == 2 ? ((i + r) & 1 ? 0xFF : 0)
-                                             : rng();
-        }
-    }
+                p.row(k, r)[i] = kind == 2 ? ((i + r) & 1) * 0xFF : kind < 2 ? kind * 0xFF : rng();
     for (int32_t i = 0; p.image.format == IMAGE_FORMAT_FLOAT && i < p.rows[0] * p.image.width; ++i)
         p.at<float>(i % p.image.width, i / p.image.width) =
             static_cast<float>(static_cast<int>(rng() % 41) - 20) * 0.25f;
@@ -79,8 +74,7 @@ void fill(Picture& p, std::mt19937& rng) {
 // Selected planes of out against the reference over src, the others against src.
 void expectFiltered(const Picture& src, const Picture& out, const Op& op, uint32_t mask, const char* where) {
     PlaneViews sv, ov;
-    ASSERT_EQ(PlaneViews_split(&sv, &src.image), TL_OK);
-    ASSERT_EQ(PlaneViews_split(&ov, &out.image), TL_OK);
+    ASSERT_TRUE(PlaneViews_split(&sv, &src.image) == TL_OK && PlaneViews_split(&ov, &out.image) == TL_OK);
     for (int k = 0; k < sv.count; ++k) {
         const int n = channelsOf(sv.plane[k].format);
         const bool selected = mask == 0 || ((mask >> k) & 1) != 0;
@@ -89,8 +83,8 @@ void expectFiltered(const Picture& src, const Picture& out, const Op& op, uint32
             ASSERT_EQ(elementOf(ov.plane[k], x * n + ch, y), selected
                                                                  ? reference(sv.plane[k], n, op, x, y, ch)
                                                                  : elementOf(sv.plane[k], x * n + ch, y))
-                << where << " " << op.name << " format " << src.image.format << " " << src.image.width << "x"
-                << src.image.height << " plane " << k << " at " << x << "," << y;
+                << where << " " << op.name << " " << src.image.format << " plane " << k << " at " << x << ","
+                << y;
         }
     }
     EXPECT_TRUE(out.canariesIntact()) << where << " " << op.name << " format " << src.image.format;
@@ -99,14 +93,8 @@ void expectFiltered(const Picture& src, const Picture& out, const Op& op, uint32
 struct Objects {
     ImageProc proc;
     ImageProc2 proc2;
-    Objects() {
-        construct_ImageProc(&proc, nullptr);
-        construct_ImageProc2(&proc2, nullptr);
-    }
-    ~Objects() {
-        destruct_ImageProc2(&proc2);
-        destruct_ImageProc(&proc);
-    }
+    Objects() { construct_ImageProc(&proc, nullptr), construct_ImageProc2(&proc2, nullptr); }
+    ~Objects() { destruct_ImageProc2(&proc2), destruct_ImageProc(&proc); }
 };
 
 }  // namespace

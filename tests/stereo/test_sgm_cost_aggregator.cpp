@@ -251,32 +251,31 @@ TEST(SgmCostAggregator, RefusalsWriteNothing) {
         floats(6, 5, IMAGE_FORMAT_FLOAT), v16(4 * 10, 3, IMAGE_FORMAT_UINT16),
         second(4 * 10, 3, IMAGE_FORMAT_UINT16), v8(4 * 10, 3, IMAGE_FORMAT_UINT8);
     const std::vector<uint8_t> planes = pc->storage, volume = v16.storage, bytes = v8.storage;
-    const Image *cost = &p.cost.image, *guide = p.guideImage();
-    auto parallel = [&](const Image* g, Image* rp, uint8_t D, uint8_t n, Image* pathCosts) {
+    const Image *cost = &p.cost.image, *g = p.guideImage();
+    Image *r = &rows.image, *wr = &wideRows.image, *pl = &pc->image;
+    auto par = [&](const Image* g, Image* rp, uint8_t D, uint8_t n, Image* pathCosts) {
         return SgmCostAggregator_aggregateParallel(&agg.a, pathCosts, cost, g, rp, D, 2, 20, n);
     };
-    auto serial = [&](SgmCostAggregator* a, Image* out, const Image* g, Image* rp, uint8_t n) {
+    auto ser = [&](SgmCostAggregator* a, Image* out, const Image* g, Image* rp, uint8_t n) {
         return SgmCostAggregator_aggregateSerial(a, out, cost, g, &ring->image, rp, 8, 2, 20, n);
     };
-    auto twoWay = [&](Image* second, const Image* g, Image* rp) {
+    auto two = [&](Image* second, const Image* g, Image* rp) {
         return SgmCostAggregator_aggregate2wayParallel(&agg.a, &v16.image, second, cost, g, &ring->image, rp,
                                                        8, 2, 20, 8);
     };
-    const TLResult got[] = {parallel(guide, &rows.image, 8, 3, &pc->image),
-                            parallel(guide, &rows.image, 8, 16, &pc->image),
-                            parallel(guide, &rows.image, 12, 4, &pc->image),
-                            parallel(guide, nullptr, 8, 4, &pc->image),
-                            parallel(nullptr, &rows.image, 8, 4, &pc->image),
-                            parallel(nullptr, nullptr, 8, 4, &ring->image),
-                            twoWay(nullptr, nullptr, nullptr),
-                            twoWay(&second.image, guide, &rows.image),
-                            serial(&agg.a, &v16.image, guide, &wideRows.image, 16),
-                            serial(&agg.a, &v8.image, nullptr, nullptr, 8),
-                            serial(&fresh.a, &v16.image, nullptr, nullptr, 4),
-                            serial(&agg.a, &v16.image, &floats.image, &wideRows.image, 8)};
-    const TLResult want[] = {TL_ERROR_PARAM,       TL_ERROR_PARAM,       TL_ERROR_PARAM, TL_ERROR_PARAM,
-                             TL_ERROR_PARAM,       TL_ERROR_PARAM,       TL_ERROR_PARAM, TL_ERROR_PARAM,
-                             TL_ERROR_UNSUPPORTED, TL_ERROR_UNSUPPORTED, TL_ERROR_STATE, TL_OK};
-    for (int i = 0; i < 12; ++i) EXPECT_EQ(got[i], want[i]) << i;
+    // Paths 3 and 16, D 12, guide and row penalty without each other, too few plane rows, 2-way ones.
+    const TLResult got[] = {par(g, r, 8, 3, pl),
+                            par(g, r, 8, 16, pl),
+                            par(g, r, 12, 4, pl),
+                            par(g, nullptr, 8, 4, pl),
+                            par(nullptr, r, 8, 4, pl),
+                            par(nullptr, nullptr, 8, 4, &ring->image),
+                            two(nullptr, nullptr, nullptr),
+                            two(&second.image, g, r)};
+    for (TLResult e : got) EXPECT_EQ(e, TL_ERROR_PARAM) << &e - got;
+    EXPECT_EQ(ser(&agg.a, &v16.image, g, wr, 16), TL_ERROR_UNSUPPORTED);
+    EXPECT_EQ(ser(&agg.a, &v8.image, nullptr, nullptr, 8), TL_ERROR_UNSUPPORTED);
+    EXPECT_EQ(ser(&fresh.a, &v16.image, nullptr, nullptr, 4), TL_ERROR_STATE);
+    EXPECT_EQ(ser(&agg.a, &v16.image, &floats.image, wr, 8), TL_OK);
     EXPECT_TRUE(pc->storage == planes && v16.storage == volume && v8.storage == bytes);
 }

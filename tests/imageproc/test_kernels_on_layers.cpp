@@ -25,10 +25,8 @@ namespace {
 TLResult apply(int op, const ImageStripeExec* e, Image* d, const Image* s) {
     ImageProc proc;
     ImageProc2 proc2;
-    construct_ImageProc(&proc, nullptr);
-    construct_ImageProc2(&proc2, nullptr);
-    ImageProc_setParallelExecutor(&proc, e ? e->executor : nullptr);
-    ImageProc2_setPel(&proc2, e ? e->pel : nullptr);
+    construct_ImageProc(&proc, nullptr), ImageProc_setParallelExecutor(&proc, e ? e->executor : nullptr);
+    construct_ImageProc2(&proc2, nullptr), ImageProc2_setPel(&proc2, e ? e->pel : nullptr);
     TLResult r = ImageProc_init(&proc) | ImageProc2_init(&proc2);
     const bool p = e != nullptr && e->pel != nullptr;
     switch (op) {
@@ -49,8 +47,7 @@ TLResult apply(int op, const ImageStripeExec* e, Image* d, const Image* s) {
         case 8: r |= ImageProc_filterRankMax5x5(&proc, d, s, 0); break;
         default: r |= ImageProc_filterRankMin3x3(&proc, d, s, 0);
     }
-    destruct_ImageProc2(&proc2);
-    destruct_ImageProc(&proc);
+    destruct_ImageProc2(&proc2), destruct_ImageProc(&proc);
     return r;
 }
 

@@ -58,8 +58,7 @@ double reference(const Image& v, int channels, const Op& op, int32_t x, int32_t 
     return op.pick == '+' ? s.back() : op.pick == '-' ? s.front() : s[(s.size() - 1) / 2];
 }
 
-// Random; one picture in eight all 0, all 0xFF, or a checkerboard of them.
-// Floats finite, with repeats.
+// Random; one picture in eight all 0, all 0xFF, or a checkerboard; floats finite, with repeats.
 void fill(Picture& p, std::mt19937& rng) {
     const int kind = static_cast<int>(rng() % 8);
     for (int k = 0; k < 3; ++k)

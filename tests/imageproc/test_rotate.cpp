@@ -26,9 +26,8 @@ void where(int op, int32_t x, int32_t y, int32_t w, int32_t h, int32_t* ox, int3
 }  // namespace
 
 TEST(Rotate, OperationTableIsAGroup) {
-    // The operation of (a, c) is that of (b, c) followed by that of (a, b), for
-    // every b: a wrong entry breaks this. The six pixels of a 3 by 2 picture
-    // tell all eight operations apart.
+    // The operation of (a, c) is that of (b, c) followed by that of (a, b), for every b: a wrong
+    // entry breaks this. The six pixels of a 3 by 2 picture tell all eight operations apart.
     for (int i = 0; i < 512; ++i) {
         const int a = 1 + i % 8, b = 1 + i / 8 % 8, c = 1 + i / 64;
         const int ab = Rotate_operation(a, b), bc = Rotate_operation(b, c), ac = Rotate_operation(a, c);
@@ -48,22 +47,12 @@ TEST(Rotate, EveryOperationMatchesItsFormulaOnEveryPlane) {
     // quarter turn). Every element of every plane at its own element size (1 to
     // 4 bytes); odd sizes above one tile (4:2:0 needs even ones); rows padded by 7.
     const int kFromOne[9] = {0, 1, 2, 3, 4, 5, 8, 7, 6};
-    const uint32_t formats[] = {IMAGE_FORMAT_UINT8,
-                                IMAGE_FORMAT_UINT88,
-                                IMAGE_FORMAT_UINT16,
-                                IMAGE_FORMAT_INT16,
-                                IMAGE_FORMAT_RGB565,
-                                IMAGE_FORMAT_RGB888,
-                                IMAGE_FORMAT_HSV,
-                                IMAGE_FORMAT_ARGB8888,
-                                IMAGE_FORMAT_INT32,
-                                IMAGE_FORMAT_FLOAT,
-                                IMAGE_FORMAT_YUV420_PLANAR,
-                                IMAGE_FORMAT_YUV420_SEMIPLANAR,
-                                IMAGE_FORMAT_YVU420_SEMIPLANAR,
-                                IMAGE_FORMAT_YUV444_PLANAR};
     std::mt19937 rng(1234);
-    for (uint32_t f : formats) {
+    for (uint32_t f :
+         {IMAGE_FORMAT_UINT8, IMAGE_FORMAT_UINT88, IMAGE_FORMAT_UINT16, IMAGE_FORMAT_INT16,
+          IMAGE_FORMAT_RGB565, IMAGE_FORMAT_RGB888, IMAGE_FORMAT_HSV, IMAGE_FORMAT_ARGB8888,
+          IMAGE_FORMAT_INT32, IMAGE_FORMAT_FLOAT, IMAGE_FORMAT_YUV420_PLANAR, IMAGE_FORMAT_YUV420_SEMIPLANAR,
+          IMAGE_FORMAT_YVU420_SEMIPLANAR, IMAGE_FORMAT_YUV444_PLANAR}) {
         const bool yuv420 = f == IMAGE_FORMAT_YUV420_PLANAR || f == IMAGE_FORMAT_YUV420_SEMIPLANAR ||
                             f == IMAGE_FORMAT_YVU420_SEMIPLANAR;
         const int32_t w = yuv420 ? 134 : 131, h = yuv420 ? 78 : 77;

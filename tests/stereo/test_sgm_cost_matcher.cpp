@@ -63,8 +63,7 @@ std::vector<uint8_t> referenceCost(Picture& c1, Picture& c2, Picture* mask, int 
 struct Matcher {
     SgmCostMatcher m;
     explicit Matcher(Pel* pel = nullptr) {
-        construct_SgmCostMatcher(&m, nullptr);
-        SgmCostMatcher_setPel(&m, pel);
+        construct_SgmCostMatcher(&m, nullptr), SgmCostMatcher_setPel(&m, pel);
     }
     ~Matcher() { destruct_SgmCostMatcher(&m); }
 };
@@ -81,14 +80,13 @@ TEST(SgmCostMatcher, CensusMatchesReferenceWithBorders) {
         // Few grey levels, so that equal neighbours are common.
         for (int32_t i = 0; i < s[0] * s[1]; ++i) view.u8(i % s[0], i / s[0]) &= 0xC0;
         Picture c3(s[0], s[1], IMAGE_FORMAT_UINT8), c5(s[0], s[1], IMAGE_FORMAT_INT32);
-        ASSERT_EQ(SgmCostMatcher_censusTransform3x3(&t.m, &c3.image, &view.image), TL_OK);
-        ASSERT_EQ(SgmCostMatcher_censusTransform5x5(&t.m, &c5.image, &view.image), TL_OK);
-        for (int32_t y = 0; y < s[1]; ++y) {
-            for (int32_t x = 0; x < s[0]; ++x) {
-                ASSERT_TRUE(c3.u8(x, y) == referenceCensus(view, x, y, 1) &&
-                            c5.at<uint32_t>(x, y) == referenceCensus(view, x, y, 2))
-                    << s[0] << "x" << s[1] << " at " << x << "," << y;
-            }
+        ASSERT_TRUE(SgmCostMatcher_censusTransform3x3(&t.m, &c3.image, &view.image) == TL_OK &&
+                    SgmCostMatcher_censusTransform5x5(&t.m, &c5.image, &view.image) == TL_OK);
+        for (int32_t i = 0; i < s[0] * s[1]; ++i) {
+            const int32_t x = i % s[0], y = i / s[0];
+            ASSERT_TRUE(c3.u8(x, y) == referenceCensus(view, x, y, 1) &&
+                        c5.at<uint32_t>(x, y) == referenceCensus(view, x, y, 2))
+                << s[0] << "x" << s[1] << " at " << x << "," << y;
         }
         EXPECT_TRUE(c3.canariesIntact() && c5.canariesIntact());
     }

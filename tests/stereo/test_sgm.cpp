@@ -246,22 +246,21 @@ TEST(Sgm, WinnerHandWorked) {
     SgmObject o;
     ASSERT_EQ(Sgm_init(&o.sgm, 4, 1, 8, 0), TL_OK);
     Volume v(4, 1, 8, IMAGE_FORMAT_UINT8);
-    const uint8_t costs[4][4] = {
-        {9, 5, 3, 4}, {7, 7, 7, 7}, {2, 6, 9, 9}, {5, 3, 3, 9}};  // then 9s, 7s, 9s, 9s
-    for (int i = 0; i < 32; ++i)
-        v.set(i / 8, 0, i % 8 + 1, i % 8 < 4 ? costs[i / 8][i % 8] : i / 8 == 1 ? 7 : 9);
+    const uint8_t costs[4][8] = {{9, 5, 3, 4, 9, 9, 9, 9},
+                                 {7, 7, 7, 7, 7, 7, 7, 7},
+                                 {2, 6, 9, 9, 9, 9, 9, 9},
+                                 {5, 3, 3, 9, 9, 9, 9, 9}};
+    for (int i = 0; i < 32; ++i) v.set(i / 8, 0, i % 8 + 1, costs[i / 8][i % 8]);
     v.pads();
     const struct {
         int m, f, subPixel, swapped;  // subPixel < 0: a byte map
         float want[4];
-    } cases[] = {
-        {0, 3, -1, 0, {17, 0, 0, 12}},
-        {0, 3, -1, 1, {38, 0, 56, 44}},
-        {0, 0, -1, 0, {2, 0, 0, 1}},
-        {-4, 0, 1, 0, {2.0f + 1.0f / 6.0f, 0, 0, 1.5f}},
-        {-4, 0, 1, 1, {5.0f - 1.0f / 6.0f, 0, 7, 5.5f}},
-        {-4, 0, 0, 1, {-2, 3, -4, -2}},
-    };
+    } cases[] = {{0, 3, -1, 0, {17, 0, 0, 12}},
+                 {0, 3, -1, 1, {38, 0, 56, 44}},
+                 {0, 0, -1, 0, {2, 0, 0, 1}},
+                 {-4, 0, 1, 0, {2.0f + 1.0f / 6.0f, 0, 0, 1.5f}},
+                 {-4, 0, 1, 1, {5.0f - 1.0f / 6.0f, 0, 7, 5.5f}},
+                 {-4, 0, 0, 1, {-2, 3, -4, -2}}};
     for (const auto& c : cases) {
         Picture map(4, 1, c.subPixel < 0 ? IMAGE_FORMAT_UINT8 : IMAGE_FORMAT_FLOAT);
         ASSERT_EQ(Sgm_selectDisparity(&o.sgm, &map.image, &v.p.image, 8, static_cast<int8_t>(c.m), c.f,

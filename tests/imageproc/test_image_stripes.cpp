@@ -29,63 +29,15 @@ Span spanOf(RowsRule rule, int32_t rows, int32_t parts, int32_t index) {
     return s;
 }
 
-}  // namespace
-
-TEST(Stripes, RulesEdgeArguments) {
-    // No stripe of count, a negative index or no rows: nothing. A count
-    // below 1 is one stripe of all rows.
-    for (RowsRule rule : {ImageStripe_rows, ImageStripe_rowsEven}) {
-        for (const auto& a : {std::vector<int32_t>{10, 4, 4}, {10, 4, -1}, {0, 4, 0}, {-5, 4, 1}}) {
-            const Span s = spanOf(rule, a[0], a[1], a[2]);
-            EXPECT_EQ(s.end - s.begin, 0) << a[0] << " " << a[1] << " " << a[2];
-        }
-        EXPECT_EQ(spanOf(rule, 10, 0, 0).begin, 0);
-        EXPECT_EQ(spanOf(rule, 10, 0, 0).end, 10);
-    }
-    // Rows near 2^31 do not overflow the products.
-    EXPECT_EQ(spanOf(ImageStripe_rowsEven, INT32_MAX, 16, 15).end, INT32_MAX);
-    EXPECT_EQ(spanOf(ImageStripe_rows, INT32_MAX, 3, 2).end, INT32_MAX);
-}
-
-// Both rules cut [0, rows) into contiguous ascending stripes; the Pel rule's
-// are all c = ceil(rows / parts) rows but the tail, the executor rule's
-// differ by one at most, larger ones first. That fixes both rules.
-TEST(Stripes, RulesCoverEveryRowOnce) {
-    std::mt19937 random(11);
-    for (int round = 0; round < 2000; ++round) {
-        const int32_t rows = 1 + static_cast<int32_t>(random() % 5000);
-        const int32_t parts = 1 + static_cast<int32_t>(random() % 40);
-        const int32_t c = (rows + parts - 1) / parts;
-        int32_t pelNext = 0, evenNext = 0, smallest = INT32_MAX, largest = 0;
-        for (int32_t i = 0; i < parts; ++i) {
-            const Span p = spanOf(ImageStripe_rows, rows, parts, i);
-            ASSERT_EQ(p.begin, pelNext);
-            ASSERT_LE(p.begin, p.end);
-            if (p.end < rows) {
-                ASSERT_EQ(p.end - p.begin, c);
-            }
-            pelNext = p.end;
-            const Span e = spanOf(ImageStripe_rowsEven, rows, parts, i);
-            ASSERT_EQ(e.begin, evenNext);
-            ASSERT_LE(e.end - e.begin, i == 0 ? rows : largest) << "larger stripes first";
-            smallest = std::min(smallest, e.end - e.begin);
-            largest = std::max(largest, e.end - e.begin);
-            evenNext = e.end;
-        }
-        ASSERT_EQ(pelNext, rows);
-        ASSERT_EQ(evenNext, rows);
-        ASSERT_LE(largest - smallest, 1) << rows << "/" << parts;
-    }
-}
-
-namespace {
-
-// A stripe kernel with a known answer: each row of the rule's stripe counts
-// its visits; stripe i returns bit i % 8, so the run's result is known too.
+// Each row of the rule's stripe counts its visits; stripe i returns bit i % 8.
 struct Rows {
     RowsRule rule;
     std::vector<std::atomic<int32_t>> visits;
     Rows(int32_t h, RowsRule r) : rule(r), visits(static_cast<size_t>(h)) {}
+    bool visitedOnce() const {
+        return std::all_of(visits.begin(), visits.end(),
+                           [](const std::atomic<int32_t>& v) { return v.load() == 1; });
+    }
 };
 
 TLResult visitStripe(void* arg, int32_t index, int32_t count) {
@@ -98,60 +50,64 @@ TLResult visitStripe(void* arg, int32_t index, int32_t count) {
 
 TLResult expectedResult(int32_t count) { return (1u << std::min(count, 8)) - 1; }
 
-void expectVisitedOnce(const Rows& rows, const char* layer) {
-    for (size_t r = 0; r < rows.visits.size(); ++r)
-        ASSERT_EQ(rows.visits[r].load(), 1) << layer << " row " << r;
-}
-
 }  // namespace
+
+TEST(Stripes, RulesCoverEveryRowOnce) {
+    // Contiguous ascending stripes over [0, rows); the Pel rule's all ceil(rows / parts) but the
+    // tail, the executor rule's within one of each other, larger first.
+    std::mt19937 random(11);
+    for (int round = 0; round < 2000; ++round) {
+        const int32_t rows = 1 + static_cast<int32_t>(random() % 5000),
+                      parts = 1 + static_cast<int32_t>(random() % 40);
+        const int32_t c = (rows + parts - 1) / parts;
+        int32_t pelNext = 0, evenNext = 0, smallest = INT32_MAX, largest = 0;
+        for (int32_t i = 0; i < parts; ++i) {
+            const Span p = spanOf(ImageStripe_rows, rows, parts, i),
+                       e = spanOf(ImageStripe_rowsEven, rows, parts, i);
+            ASSERT_TRUE(p.begin == pelNext && p.begin <= p.end && (p.end == rows || p.end - p.begin == c));
+            ASSERT_EQ(e.begin, evenNext);
+            ASSERT_LE(e.end - e.begin, i == 0 ? rows : largest) << "larger stripes first";
+            smallest = std::min(smallest, e.end - e.begin), largest = std::max(largest, e.end - e.begin);
+            pelNext = p.end, evenNext = e.end;
+        }
+        ASSERT_TRUE(pelNext == rows && evenNext == rows && largest - smallest <= 1) << rows << "/" << parts;
+    }
+    // Rows near 2^31 do not overflow the products.
+    EXPECT_EQ(spanOf(ImageStripe_rowsEven, INT32_MAX, 16, 15).end, INT32_MAX);
+    EXPECT_EQ(spanOf(ImageStripe_rows, INT32_MAX, 3, 2).end, INT32_MAX);
+}
 
 TEST(Stripes, RunnerVisitsEveryRowOnceOnEveryLayer) {
     vq_tl_test::Layers& layers = vq_tl_test::sharedLayers();
     Pel idle;  // constructed, never initialised: the calling thread runs the stripes
     construct_Pel(&idle, nullptr);
-    struct Case {
-        const char* name;
-        ImageStripeExec exec;
-        RowsRule rule;
-    };
-    std::vector<Case> cases = {{"calling thread", {nullptr, nullptr}, ImageStripe_rows},
-                               {"uninitialised pel", {&idle, nullptr}, ImageStripe_rows},
-                               {"pel and executor", {&layers.balanced, &layers.pool}, ImageStripe_rows}};
-    for (int i = 0; i < vq_tl_test::Layers::kCount; ++i) {
-        const ImageStripeExec exec = layers.exec(i);
-        cases.push_back(
-            {layers.names[i], exec, exec.pel != nullptr ? ImageStripe_rows : ImageStripe_rowsEven});
-    }
-    std::mt19937 random(3);
-    for (int round = 0; round < vq_tl_test_scaled(30, 8); ++round) {
-        const int32_t h = 1 + static_cast<int32_t>(random() % 300);
-        const int32_t count = 1 + static_cast<int32_t>(random() % 16);
-        for (const Case& c : cases) {
-            Rows rows(h, c.rule);
-            ASSERT_EQ(ImageStripeExec_run(&c.exec, visitStripe, &rows, count), expectedResult(count))
-                << c.name;
-            expectVisitedOnce(rows, c.name);
-        }
-    }
-    Rows none(1, ImageStripe_rows);
-    const ImageStripeExec exec = layers.exec(0);
-    EXPECT_EQ(ImageStripeExec_run(&exec, visitStripe, &none, 0), TL_OK);
-    EXPECT_EQ(none.visits[0].load(), 0);
-    EXPECT_EQ(ImageStripeExec_run(&exec, nullptr, &none, 4), TL_ERROR_PARAM);
-    EXPECT_EQ(destruct_Pel(&idle), TL_OK);
-}
-
-// More stripes than a pool's queue holds: refused forks run on the calling
-// thread, and the work is still complete.
-TEST(Stripes, RefusedForksRunOnTheCallingThread) {
+    // A pool whose queue holds fewer stripes than asked: refused forks run on the caller.
     ParallelExecutor small;
     construct_ParallelExecutor(&small, nullptr);
     small.numberOfThreads = 1;
     small.setAffinity = 0;
     ASSERT_EQ(ParallelExecutor_init(&small, 1, 4), TL_OK);
-    const ImageStripeExec exec{nullptr, &small};
-    Rows rows(500, ImageStripe_rowsEven);
-    ASSERT_EQ(ImageStripeExec_run(&exec, visitStripe, &rows, 200), expectedResult(200));
-    expectVisitedOnce(rows, "small pool, 200 stripes");
+    std::vector<ImageStripeExec> execs = {
+        {nullptr, nullptr}, {&idle, nullptr}, {&layers.balanced, &layers.pool}};
+    for (int i = 0; i < vq_tl_test::Layers::kCount; ++i) execs.push_back(layers.exec(i));
+    std::mt19937 random(3);
+    for (int round = 0; round < vq_tl_test_scaled(30, 8); ++round) {
+        const int32_t h = 1 + static_cast<int32_t>(random() % 300),
+                      count = 1 + static_cast<int32_t>(random() % 16);
+        for (const ImageStripeExec& e : execs) {
+            Rows rows(h, e.pel != nullptr ? ImageStripe_rows : ImageStripe_rowsEven);
+            ASSERT_EQ(ImageStripeExec_run(&e, visitStripe, &rows, count), expectedResult(count))
+                << &e - &execs[0];
+            ASSERT_TRUE(rows.visitedOnce()) << &e - &execs[0];
+        }
+    }
+    const ImageStripeExec pool{nullptr, &small};
+    Rows many(500, ImageStripe_rowsEven), none(1, ImageStripe_rows);
+    ASSERT_EQ(ImageStripeExec_run(&pool, visitStripe, &many, 200), expectedResult(200));
+    EXPECT_TRUE(many.visitedOnce());
+    EXPECT_EQ(ImageStripeExec_run(&execs[3], visitStripe, &none, 0), TL_OK);
+    EXPECT_EQ(none.visits[0].load(), 0);
+    EXPECT_EQ(ImageStripeExec_run(&execs[3], nullptr, &none, 4), TL_ERROR_PARAM);
     EXPECT_EQ(destruct_ParallelExecutor(&small), TL_OK);
+    EXPECT_EQ(destruct_Pel(&idle), TL_OK);
 }

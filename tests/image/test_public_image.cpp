@@ -62,15 +62,6 @@ TEST(PublicImage, PitchTestOnlyForOddSubsampledWidths) {
     }
 }
 
-TEST(PublicImage, SizesByName) {
-    EXPECT_EQ(IF_getImageSize(100, 75, "YUV420_SEMIPLANAR"), 11400);
-    EXPECT_EQ(IF_getImageSizeY(100, 75, "YUV420_SEMIPLANAR"), 7600);
-    EXPECT_EQ(IF_getImageSizeUV(100, 75, "YUV420_SEMIPLANAR"), 3800);
-    EXPECT_EQ(IF_getImageSizeU(101, 3, "YUV420_PLANAR"), 102);
-    EXPECT_EQ(IF_getImageSizeV(101, 3, "YUV420_PLANAR"), 102);
-    EXPECT_EQ(IF_getImageSize(100, 75, "NO_SUCH_FORMAT"), 0);
-}
-
 TEST(PublicImage, DisplayModes) {
     struct Case {
         int32_t width, height, mode;

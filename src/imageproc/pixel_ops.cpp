@@ -684,21 +684,21 @@ TLResult splitYuvStripe(void* arg, int32_t index, int32_t count) {
     first *= 2;
     last = 2 * last < src->height ? 2 * last : src->height;
     if (first >= last) return TL_OK;
-    Image work, rgb, part;
+    Image work, rgb, slice;
     construct_Image(&work, src->env);
     construct_Image(&rgb, src->env);
-    construct_Image(&part, src->env);
+    construct_Image(&slice, src->env);
     TLResult r = Image_init(&work, src->width, kSplitChunkRows, nullptr, IMAGE_FORMAT_RGB888);
     const int32_t rgbIndex[3] = {0, 1, 2};
     for (int32_t y = first; y < last && r == TL_OK; y += kSplitChunkRows) {
         const int32_t rows = last - y < kSplitChunkRows ? last - y : kSplitChunkRows;
-        r = Image_initSubImage(&part, src, 0, y, src->width, rows);
+        r = Image_initSubImage(&slice, src, 0, y, src->width, rows);
         if (r == TL_OK) r = Image_initSubImage(&rgb, &work, 0, 0, src->width, rows);
-        if (r == TL_OK) r = Image_conv_toRgb888(&rgb, &part);
+        if (r == TL_OK) r = Image_conv_toRgb888(&rgb, &slice);
         for (int32_t i = 0; i < rows && r == TL_OK; ++i)
             splitRow(job, rgb.plane[0] + static_cast<intptr_t>(rgb.pitch[0]) * i, rgbIndex, y + i);
     }
-    destruct_Image(&part);
+    destruct_Image(&slice);
     destruct_Image(&rgb);
     destruct_Image(&work);
     return r;

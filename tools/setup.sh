@@ -5,6 +5,9 @@ set -euo pipefail
 want=(cmake ninja-build g++ pkg-config googletest libgtest-dev libbenchmark-dev)
 if [ "${1:-native}" = armhf ]; then
   want+=(g++-arm-linux-gnueabihf qemu-user)
+else
+  # OpenCV: the reference beside the conversion benchmark; the library never links it.
+  want+=(libopencv-dev)
 fi
 missing=()
 for p in "${want[@]}"; do

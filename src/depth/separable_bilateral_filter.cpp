@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <type_traits>
 
 #include "imageproc/image_stripes.h"
@@ -17,6 +18,11 @@ constexpr int32_t kMaxTaps = 2 * kMaxHalf + 1;
 // live on the stack, so the filter allocates nothing.
 constexpr int32_t kChunk = 256;
 constexpr int32_t kTasks = 4;
+// Kernel modes: the plain filter with weights in integers or in floats, and
+// the weighted filter.
+constexpr int kIntWeights = 0;
+constexpr int kFloatWeights = 1;
+constexpr int kWeighted = 2;
 
 struct Pass {
     const Image* src;
@@ -67,45 +73,56 @@ inline uint8_t saturateU8(double v) {
 
 // One run of n output pixels. g[t] and s[t] point at the guide and the
 // values of tap t (t = half + k) for the run's first pixel; the centre is
-// t = half. H fixes half for the short windows, 0 takes p.half.
-template <int C, typename T, int H>
+// t = half. H fixes half for the short windows, 0 takes p.half. With F the
+// integer weights are carried in floats, which the vector units multiply
+// faster; the caller chooses F only where every sum stays an integer below
+// 2^24, so the results are the same.
+template <int C, typename T, int H, bool F>
 void filterRun(T* out, const uint8_t* const* g, const T* const* s, const Pass& p, int32_t n) {
+    using W = std::conditional_t<F, float, int32_t>;
     const int32_t half = H > 0 ? H : p.half;
-    int32_t wSum[kChunk];
-    float vSum[kChunk];
-    const int32_t start = p.range * 128;
-    const uint8_t* gc = g[half];
     const T* sc = s[half];
+    if (p.range == 0) {
+        // C is 0: no tap has weight, not even the centre; the values stay.
+        for (int32_t i = 0; i < n; ++i) out[i] = sc[i];
+        return;
+    }
+    W wSum[kChunk];
+    float vSum[kChunk];
+    const W start = static_cast<W>(p.range * 128);
+    const uint8_t* gc = g[half];
     for (int32_t i = 0; i < n; ++i) {
         wSum[i] = start;
         vSum[i] = static_cast<float>(start) * static_cast<float>(sc[i]);
     }
     for (int32_t t = 0; t <= 2 * half; ++t) {
         if (t == half) continue;
-        const int32_t sp = p.spatial[t];
-        const int32_t range = p.range;
+        const W sp = static_cast<W>(p.spatial[t]);
+        const W range = static_cast<W>(p.range);
         const uint8_t* gt = g[t];
         const T* st = s[t];
         for (int32_t i = 0; i < n; ++i) {
-            int32_t e = 0;
+            W e = 0;
             for (int c = 0; c < C; ++c) {
-                const int32_t d = static_cast<int32_t>(gc[i * C + c]) - static_cast<int32_t>(gt[i * C + c]);
+                const W d = static_cast<W>(gc[i * C + c]) - static_cast<W>(gt[i * C + c]);
                 e += d * d;
             }
-            int32_t r = range - e;
+            W r = range - e;
             r = r < 0 ? 0 : r;
-            const int32_t w = r * sp;
+            const W w = r * sp;
             wSum[i] += w;
             vSum[i] += static_cast<float>(w) * static_cast<float>(st[i]);
         }
     }
+    // The centre keeps every sum positive; the mean of values of 0 to 255
+    // stays within 0 to 255 up to float rounding.
     for (int32_t i = 0; i < n; ++i) {
-        if (wSum[i] == 0) {
-            out[i] = sc[i];  // C is 0: no tap has weight, the value stays
-        } else if constexpr (std::is_floating_point_v<T>) {
-            out[i] = vSum[i] / static_cast<float>(wSum[i]);
+        const float q = vSum[i] / static_cast<float>(wSum[i]);
+        if constexpr (std::is_floating_point_v<T>) {
+            out[i] = q;
         } else {
-            out[i] = saturateU8(static_cast<double>(vSum[i] / static_cast<float>(wSum[i])) + 0.5);
+            const double v = static_cast<double>(q) + 0.5;
+            out[i] = static_cast<T>(static_cast<int32_t>(v < 255.0 ? v : 255.0));
         }
     }
 }
@@ -153,15 +170,21 @@ void padChunk(uint8_t* gp, T* sp, uint8_t* wp, const Pass& p, int32_t y, int32_t
     const uint8_t* g = rowAt<const uint8_t>(p.guide, y);
     const T* s = rowAt<const T>(p.src, y);
     const uint8_t* wr = p.srcWeight != nullptr ? rowAt<const uint8_t>(p.srcWeight, y) : nullptr;
-    for (int32_t j = 0; j < n + 2 * p.half; ++j) {
-        const int32_t x = clampIndex(x0 - p.half + j, w);
+    const int32_t lo = x0 - p.half, hi = x0 + n + p.half;    // columns [lo, hi)
+    const int32_t a = lo < 0 ? 0 : lo, b = hi > w ? w : hi;  // of which inside
+    auto copyOne = [&](int32_t j, int32_t x) {
         for (int c = 0; c < C; ++c) gp[j * C + c] = g[x * C + c];
         sp[j] = s[x];
         if (wr != nullptr) wp[j] = wr[x];
-    }
+    };
+    for (int32_t j = 0; j < a - lo; ++j) copyOne(j, 0);
+    std::memcpy(gp + (a - lo) * C, g + a * C, static_cast<size_t>(b - a) * C);
+    std::memcpy(sp + (a - lo), s + a, sizeof(T) * static_cast<size_t>(b - a));
+    if (wr != nullptr) std::memcpy(wp + (a - lo), wr + a, static_cast<size_t>(b - a));
+    for (int32_t j = b - lo; j < hi - lo; ++j) copyOne(j, w - 1);
 }
 
-template <int C, typename T, int H, bool Weighted>
+template <int C, typename T, int H, int Mode>
 TLResult horizontalTask(void* arg, int32_t index, int32_t count) {
     const Pass& p = *static_cast<const Pass*>(arg);
     const int32_t w = p.src->width, taps = 2 * p.half + 1;
@@ -169,33 +192,33 @@ TLResult horizontalTask(void* arg, int32_t index, int32_t count) {
     ImageStripe_rows(p.src->height, index, count, &first, &last);
     uint8_t gp[(kChunk + 2 * kMaxHalf) * C];
     T sp[kChunk + 2 * kMaxHalf];
-    uint8_t wp[Weighted ? kChunk + 2 * kMaxHalf : 1];
+    uint8_t wp[Mode == kWeighted ? kChunk + 2 * kMaxHalf : 1];
     const uint8_t* g[kMaxTaps];
     const T* s[kMaxTaps];
     const uint8_t* wt[kMaxTaps];
     for (int32_t t = 0; t < taps; ++t) {
         g[t] = gp + t * C;
         s[t] = sp + t;
-        wt[t] = wp + (Weighted ? t : 0);
+        wt[t] = wp + (Mode == kWeighted ? t : 0);
     }
     for (int32_t y = first; y < last; ++y) {
         for (int32_t x0 = 0; x0 < w; x0 += kChunk) {
             const int32_t n = w - x0 < kChunk ? w - x0 : kChunk;
             // The whole chunk is read before any of it is written, and a
             // chunk reaches back at most half columns: in place is safe.
-            padChunk<C, T>(gp, sp, Weighted ? wp : nullptr, p, y, x0, n);
-            if constexpr (Weighted) {
+            padChunk<C, T>(gp, sp, Mode == kWeighted ? wp : nullptr, p, y, x0, n);
+            if constexpr (Mode == kWeighted) {
                 weightedRun<C>(rowAt<uint8_t>(p.dst, y) + x0, rowAt<uint8_t>(p.dstWeight, y) + x0, g, s, wt,
                                p, n);
             } else {
-                filterRun<C, T, H>(rowAt<T>(p.dst, y) + x0, g, s, p, n);
+                filterRun<C, T, H, Mode == kFloatWeights>(rowAt<T>(p.dst, y) + x0, g, s, p, n);
             }
         }
     }
     return TL_OK;
 }
 
-template <int C, typename T, int H, bool Weighted>
+template <int C, typename T, int H, int Mode>
 TLResult verticalTask(void* arg, int32_t index, int32_t count) {
     const Pass& p = *static_cast<const Pass*>(arg);
     const int32_t h = p.src->height, taps = 2 * p.half + 1;
@@ -213,13 +236,13 @@ TLResult verticalTask(void* arg, int32_t index, int32_t count) {
                 const int32_t yy = clampIndex(y - p.half + t, h);
                 g[t] = rowAt<const uint8_t>(p.guide, yy) + x0 * C;
                 s[t] = rowAt<const T>(p.src, yy) + x0;
-                if constexpr (Weighted) wt[t] = rowAt<const uint8_t>(p.srcWeight, yy) + x0;
+                if constexpr (Mode == kWeighted) wt[t] = rowAt<const uint8_t>(p.srcWeight, yy) + x0;
             }
-            if constexpr (Weighted) {
+            if constexpr (Mode == kWeighted) {
                 weightedRun<C>(rowAt<uint8_t>(p.dst, y) + x0, rowAt<uint8_t>(p.dstWeight, y) + x0, g, s, wt,
                                p, n);
             } else {
-                filterRun<C, T, H>(rowAt<T>(p.dst, y) + x0, g, s, p, n);
+                filterRun<C, T, H, Mode == kFloatWeights>(rowAt<T>(p.dst, y) + x0, g, s, p, n);
             }
         }
     }
@@ -233,30 +256,34 @@ struct PassKernels {
     ImageStripeFn vertical;
 };
 
-template <int C, typename T, int H>
+template <int C, typename T, int H, int Mode>
 constexpr PassKernels passKernels() {
-    return PassKernels{horizontalTask<C, T, H, false>, verticalTask<C, T, H, false>};
+    return PassKernels{horizontalTask<C, T, H, Mode>, verticalTask<C, T, H, Mode>};
 }
 
-template <int C, typename T>
+template <int C, typename T, int Mode>
 constexpr std::array<PassKernels, 4> byWindow() {
-    return {passKernels<C, T, 0>(), passKernels<C, T, 1>(), passKernels<C, T, 2>(), passKernels<C, T, 3>()};
+    return {passKernels<C, T, 0, Mode>(), passKernels<C, T, 1, Mode>(), passKernels<C, T, 2, Mode>(),
+            passKernels<C, T, 3, Mode>()};
 }
 
-const PassKernels& plainKernels(int32_t channels, bool isFloat, int32_t half) {
-    static constexpr std::array<PassKernels, 4> table[3][2] = {
-        {byWindow<1, uint8_t>(), byWindow<1, float>()},
-        {byWindow<2, uint8_t>(), byWindow<2, float>()},
-        {byWindow<3, uint8_t>(), byWindow<3, float>()},
-    };
-    return table[channels - 1][isFloat ? 1 : 0][half >= 1 && half <= 3 ? half : 0];
+template <int C>
+constexpr std::array<std::array<PassKernels, 4>, 4> byValueAndWeights() {
+    return {byWindow<C, uint8_t, kIntWeights>(), byWindow<C, uint8_t, kFloatWeights>(),
+            byWindow<C, float, kIntWeights>(), byWindow<C, float, kFloatWeights>()};
+}
+
+const PassKernels& plainKernels(int32_t channels, bool isFloat, int32_t half, bool floatWeights) {
+    static constexpr std::array<std::array<PassKernels, 4>, 4> table[3] = {
+        byValueAndWeights<1>(), byValueAndWeights<2>(), byValueAndWeights<3>()};
+    return table[channels - 1][(isFloat ? 2 : 0) + (floatWeights ? 1 : 0)][half >= 1 && half <= 3 ? half : 0];
 }
 
 const PassKernels& weightedKernels(int32_t channels) {
     static constexpr PassKernels table[3] = {
-        {horizontalTask<1, uint8_t, 0, true>, verticalTask<1, uint8_t, 0, true>},
-        {horizontalTask<2, uint8_t, 0, true>, verticalTask<2, uint8_t, 0, true>},
-        {horizontalTask<3, uint8_t, 0, true>, verticalTask<3, uint8_t, 0, true>},
+        {horizontalTask<1, uint8_t, 0, kWeighted>, verticalTask<1, uint8_t, 0, kWeighted>},
+        {horizontalTask<2, uint8_t, 0, kWeighted>, verticalTask<2, uint8_t, 0, kWeighted>},
+        {horizontalTask<3, uint8_t, 0, kWeighted>, verticalTask<3, uint8_t, 0, kWeighted>},
     };
     return table[channels - 1];
 }
@@ -319,7 +346,9 @@ TLResult plain(SeparableBilateralFilter* self, Image* dst, const Image* src, con
     }
     Pass pass{src, guide, dst, nullptr, nullptr, 0, 0, {}};
     setUp(&pass, window, sigmaSpace, rangeOf(plainRange(sigmaRange, channels), window));
-    const PassKernels& k = plainKernels(channels, src->format == IMAGE_FORMAT_FLOAT, pass.half);
+    const int64_t largestSum = int64_t{2 * pass.half + 1} * 128 * pass.range;
+    const PassKernels& k = plainKernels(channels, src->format == IMAGE_FORMAT_FLOAT, pass.half,
+                                        largestSum <= (int64_t{1} << 24));
     if (passes == 1) return run(self, k.horizontal, &pass);  // horizontal
     if (passes == -1) return run(self, k.vertical, &pass);   // vertical
     pass.dst = temporary;

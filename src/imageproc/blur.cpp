@@ -50,32 +50,38 @@ T* rowAt(uint8_t* base, int32_t pitch, int32_t row) {
 inline int32_t clampIndex(int32_t i, int32_t n) { return i < 0 ? 0 : (i >= n ? n - 1 : i); }
 
 // Row of n pixels of C channels with radius copies of the edge pixels on
-// either side, so that the passes need no index clamping.
-template <typename T, int C>
-void padRow(T* pad, const T* s, int32_t width, int32_t radius) {
+// either side, so that the passes need no index clamping; P may be a wider
+// type than T, so that the pixels are converted once.
+template <typename T, typename P, int C>
+void padRow(P* pad, const T* s, int32_t width, int32_t radius) {
     for (int32_t x = 0; x < radius; ++x) {
         for (int c = 0; c < C; ++c) {
-            pad[x * C + c] = s[c];
-            pad[(radius + width + x) * C + c] = s[(width - 1) * C + c];
+            pad[x * C + c] = static_cast<P>(s[c]);
+            pad[(radius + width + x) * C + c] = static_cast<P>(s[(width - 1) * C + c]);
         }
     }
-    std::memcpy(pad + radius * C, s, sizeof(T) * static_cast<size_t>(width) * C);
+    P* mid = pad + radius * C;
+    for (int32_t i = 0; i < width * C; ++i) mid[i] = static_cast<P>(s[i]);
 }
 
 // ---- Convolution ------------------------------------------------------------
 
-// Sums of Q15 taps times pixels: 32 bits hold 201 taps of 8-bit pixels, or 7
-// of up to 65536 each; 16-bit pixels take 64.
+// Sums of Q15 taps times pixels, with taps whose magnitudes add up to 65536
+// at most: for 8-bit pixels every partial sum is an integer below 2^24, exact
+// in a float, for 16-bit ones below 2^32, exact in a double. The sums are the
+// integer sums, and floats are what the vector units multiply fastest.
 template <typename T>
 struct Px;
 template <>
 struct Px<uint8_t> {
-    using Acc = int32_t;
+    using Acc = float;
+    using Int = int32_t;
     static constexpr int32_t kMax = 255;
 };
 template <>
 struct Px<uint16_t> {
-    using Acc = int64_t;
+    using Acc = double;
+    using Int = int64_t;
     static constexpr int32_t kMax = 65535;
 };
 template <>
@@ -90,7 +96,8 @@ inline T fromQ15(typename Px<T>::Acc a) {
     if constexpr (std::is_floating_point_v<T>) {
         return a * (1.0f / 32768.0f);
     } else {
-        const auto v = (a + 16384) >> 15;
+        using I = typename Px<T>::Int;
+        const I v = (static_cast<I>(a) + 16384) >> 15;
         return static_cast<T>(v < 0 ? 0 : (v > Px<T>::kMax ? Px<T>::kMax : v));
     }
 }
@@ -110,7 +117,7 @@ struct ConvJob {
 template <typename T, int C>
 size_t convScratchBytes(int32_t width, int32_t radius) {
     const size_t n = static_cast<size_t>(width) * C;
-    return alignUp(sizeof(T) * (n + 2 * static_cast<size_t>(radius) * C)) +
+    return alignUp(sizeof(typename Px<T>::Acc) * (n + 2 * static_cast<size_t>(radius) * C)) +
            alignUp(sizeof(typename Px<T>::Acc) * n);
 }
 
@@ -124,26 +131,26 @@ TLResult convRowStripe(void* arg, int32_t index, int32_t count) {
     int32_t first, last;
     j.rows(j.height, index, count, &first, &last);
     uint8_t* base = j.scratch + j.stride * static_cast<size_t>(index);
-    T* pad = reinterpret_cast<T*>(base);
-    A* acc = reinterpret_cast<A*>(base + alignUp(sizeof(T) * (static_cast<size_t>(n) + 2 * r * C)));
+    A* pad = reinterpret_cast<A*>(base);
+    A* acc = reinterpret_cast<A*>(base + alignUp(sizeof(A) * (static_cast<size_t>(n) + 2 * r * C)));
     for (int32_t y = first; y < last; ++y) {
-        padRow<T, C>(pad, rowAt<const T>(const_cast<uint8_t*>(j.src), j.srcPitch, y), j.width, r);
+        padRow<T, A, C>(pad, rowAt<const T>(const_cast<uint8_t*>(j.src), j.srcPitch, y), j.width, r);
         T* d = rowAt<T>(j.dst, j.dstPitch, y);
         if constexpr (R > 0) {
             A t[2 * R + 1];
             for (int k = 0; k <= 2 * R; ++k) t[k] = static_cast<A>(j.taps[k]);
             for (int32_t i = 0; i < n; ++i) {
                 A a = 0;
-                for (int k = 0; k <= 2 * R; ++k) a += t[k] * static_cast<A>(pad[i + k * C]);
+                for (int k = 0; k <= 2 * R; ++k) a += t[k] * pad[i + k * C];
                 d[i] = fromQ15<T>(a);
             }
         } else {
             const A t0 = static_cast<A>(j.taps[0]);
-            for (int32_t i = 0; i < n; ++i) acc[i] = t0 * static_cast<A>(pad[i]);
+            for (int32_t i = 0; i < n; ++i) acc[i] = t0 * pad[i];
             for (int32_t k = 1; k <= 2 * r; ++k) {
                 const A t = static_cast<A>(j.taps[k]);
-                const T* p = pad + k * C;
-                for (int32_t i = 0; i < n; ++i) acc[i] += t * static_cast<A>(p[i]);
+                const A* p = pad + k * C;
+                for (int32_t i = 0; i < n; ++i) acc[i] += t * p[i];
             }
             for (int32_t i = 0; i < n; ++i) d[i] = fromQ15<T>(acc[i]);
         }
@@ -160,7 +167,7 @@ TLResult convColumnStripe(void* arg, int32_t index, int32_t count) {
     int32_t first, last;
     j.rows(j.height, index, count, &first, &last);
     uint8_t* base = j.scratch + j.stride * static_cast<size_t>(index);
-    A* acc = reinterpret_cast<A*>(base + alignUp(sizeof(T) * (static_cast<size_t>(n) + 2 * r * C)));
+    A* acc = reinterpret_cast<A*>(base + alignUp(sizeof(A) * (static_cast<size_t>(n) + 2 * r * C)));
     const T* p[2 * kMaxRadius + 1];
     for (int32_t y = first; y < last; ++y) {
         for (int32_t k = 0; k <= 2 * r; ++k)
@@ -284,7 +291,7 @@ TLResult boxRowStripe(void* arg, int32_t index, int32_t count) {
     TIn* pad = reinterpret_cast<TIn*>(j.scratch + j.stride * static_cast<size_t>(index));
     auto f = [](TIn v) { return Square ? static_cast<S>(v) * static_cast<S>(v) : static_cast<S>(v); };
     for (int32_t y = first; y < last; ++y) {
-        padRow<TIn, C>(pad, rowAt<const TIn>(const_cast<uint8_t*>(j.src), j.srcPitch, y), j.width, r);
+        padRow<TIn, TIn, C>(pad, rowAt<const TIn>(const_cast<uint8_t*>(j.src), j.srcPitch, y), j.width, r);
         S* m = rowAt<S>(j.mid, j.midPitch, y);
         if constexpr (std::is_floating_point_v<S>) {
             for (int32_t i = 0; i < n; ++i) {
@@ -587,9 +594,9 @@ TLResult Blur_separable(const ImageStripeExec* exec, Image* dst, const Image* sr
     const TLResult r = checkPair(dst, src);
     if (r != TL_OK) return r;
     if (convKernelsFor(src->format) == nullptr) return TL_ERROR_UNSUPPORTED;
-    for (int32_t k = 0; k < size; ++k) {
-        if (taps[k] < -65536 || taps[k] > 65536) return TL_ERROR_PARAM;
-    }
+    int64_t magnitude = 0;
+    for (int32_t k = 0; k < size; ++k) magnitude += taps[k] < 0 ? -int64_t{taps[k]} : taps[k];
+    if (magnitude > 65536) return TL_ERROR_PARAM;
     return convPlane(stripesOf(exec), dst, src, taps, size / 2, size / 2);
 }
 

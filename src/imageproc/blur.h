@@ -77,7 +77,7 @@ TLResult Blur_boxFilter(const ImageStripeExec* exec, Image* dst, const Image* sr
                         BlurBoxForm form);
 
 // Fixed separable kernel of size 3, 5 or 7: taps[0..size - 1] in Q15 (any
-// sign, each within +-65536) applied along rows and then along columns, with
+// sign, magnitudes adding up to 65536 at most) applied along rows and then along columns, with
 // the rounding and clamping of the Gaussian. dst and src of one format.
 TLResult Blur_separable(const ImageStripeExec* exec, Image* dst, const Image* src, const int32_t* taps,
                         int32_t size);

@@ -111,6 +111,66 @@ TEST(SeparableBilateralFilter, KnownAnswers) {
     }
 }
 
+// The plain filter against a direct transcription of its definition, on
+// random pictures: short and generic windows, one and three guide channels,
+// a small C (weights in floats) and a large one (in integers).
+TEST(SeparableBilateralFilter, MatchesDirectDefinition) {
+    SeparableBilateralFilter f;
+    construct_SeparableBilateralFilter(&f, nullptr);
+    std::mt19937 rng(6);
+    const int32_t w = 37, h = 23;
+    const struct {
+        uint32_t guideFormat;
+        int32_t channels, window;
+        float sigmaSpace, sigmaRange;
+    } cases[] = {{IMAGE_FORMAT_UINT8, 1, 5, 2.0f, 15.0f},
+                 {IMAGE_FORMAT_RGB888, 3, 9, 3.0f, 20.0f},
+                 {IMAGE_FORMAT_UINT8, 1, 5, 2.0f, 200.0f}};
+    for (const auto& c : cases) {
+        Picture guide(w, h, c.guideFormat), src(w, h, IMAGE_FORMAT_UINT8), tmp(w, h, IMAGE_FORMAT_UINT8),
+            dst(w, h, IMAGE_FORMAT_UINT8);
+        guide.fillRandom(rng);
+        src.fillRandom(rng);
+        ASSERT_EQ(SeparableBilateralFilter_crossFilter(&f, &dst.image, &src.image, &guide.image, &tmp.image,
+                                                       c.window, c.sigmaSpace, c.sigmaRange),
+                  TL_OK);
+        const int32_t half = c.window / 2;
+        const int32_t range =
+            static_cast<int32_t>(c.sigmaRange * (c.sigmaRange * static_cast<float>(2 * c.channels)));
+        std::vector<uint8_t> mid(w * h), want(w * h);
+        for (int pass = 0; pass < 2; ++pass) {
+            for (int32_t y = 0; y < h; ++y)
+                for (int32_t x = 0; x < w; ++x) {
+                    int64_t wSum = int64_t{range} * 128;
+                    float vSum = static_cast<float>(wSum) * (pass == 0 ? src.u8(x, y) : mid[y * w + x]);
+                    for (int32_t k = -half; k <= half; ++k) {
+                        if (k == 0) continue;
+                        const int32_t qx = pass == 0 ? std::clamp(x + k, 0, w - 1) : x;
+                        const int32_t qy = pass == 1 ? std::clamp(y + k, 0, h - 1) : y;
+                        int32_t e = 0;
+                        for (int32_t ch = 0; ch < c.channels; ++ch) {
+                            const int32_t d =
+                                guide.row(0, y)[x * c.channels + ch] - guide.row(0, qy)[qx * c.channels + ch];
+                            e += d * d;
+                        }
+                        const double sp =
+                            std::exp2(-static_cast<double>(k * k) / (2.0 * c.sigmaSpace * c.sigmaSpace));
+                        const int64_t weight =
+                            std::max(range - e, 0) * static_cast<int64_t>(static_cast<float>(sp) * 128.0f);
+                        wSum += weight;
+                        vSum += static_cast<float>(weight) * (pass == 0 ? src.u8(qx, qy) : mid[qy * w + qx]);
+                    }
+                    (pass == 0 ? mid : want)[y * w + x] =
+                        static_cast<uint8_t>(static_cast<double>(vSum / static_cast<float>(wSum)) + 0.5);
+                }
+        }
+        int32_t wrong = 0;
+        for (int32_t y = 0; y < h; ++y)
+            for (int32_t x = 0; x < w; ++x) wrong += dst.u8(x, y) != want[y * w + x];
+        EXPECT_EQ(wrong, 0) << "window " << c.window << " sigmaRange " << c.sigmaRange;
+    }
+}
+
 // Weighted form, flat guide, C = 50, one row: values 100, 0, 50 with weights
 // 255, 0, 128. Pixel 1: S0 = 4500 + 6400 + 4500, S1 = 4500 * 255 + 4500 *
 // 128 = 1723500, S2 = 4500 * 255 * 100 + 4500 * 128 * 50: value 83.3, weight

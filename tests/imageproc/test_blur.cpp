@@ -97,9 +97,9 @@ TEST(Blur, GaussMatchesDoubleConvolution) {
         int32_t refRadius;
         double bound;
     } cases[] = {
-        {IMAGE_FORMAT_UINT8, 1, 0.6, 3, 1.0},     {IMAGE_FORMAT_UINT8, 1, 1.5, 3, 1.0},
-        {IMAGE_FORMAT_UINT8, 1, 1.8, 3, 1.0},     {IMAGE_FORMAT_UINT88, 2, 3.2, 16, 1.0},
-        {IMAGE_FORMAT_UINT8, 1, 7.0, 35, 1.0},    {IMAGE_FORMAT_RGB888, 3, 2.5, 12, 1.0},
+        {IMAGE_FORMAT_UINT8, 1, 0.6, 3, 1.0},    {IMAGE_FORMAT_UINT8, 1, 1.5, 3, 1.0},
+        {IMAGE_FORMAT_UINT8, 1, 1.8, 3, 1.0},    {IMAGE_FORMAT_UINT88, 2, 3.2, 16, 1.0},
+        {IMAGE_FORMAT_UINT8, 1, 7.0, 35, 1.0},   {IMAGE_FORMAT_RGB888, 3, 2.5, 12, 1.0},
         {IMAGE_FORMAT_UINT16, 1, 4.0, 20, 20.0}, {IMAGE_FORMAT_FLOAT, 1, 5.0, 25, 0.08},
     };
     std::mt19937 rng(11);
@@ -252,72 +252,34 @@ TEST(Blur, BadArgumentsLeaveDestinationUntouched) {
     construct_ImageProc2(&proc2, &env);
     ImageProc proc;
     construct_ImageProc(&proc, &env);
-    Picture src(40, 30, IMAGE_FORMAT_UINT8), other(40, 31, IMAGE_FORMAT_UINT8),
-        wide(40, 30, IMAGE_FORMAT_UINT16), rgb565(40, 30, IMAGE_FORMAT_RGB565);
+    Picture src(40, 30, IMAGE_FORMAT_UINT8), dst(40, 30, IMAGE_FORMAT_UINT8),
+        other(40, 31, IMAGE_FORMAT_UINT8), wide(40, 30, IMAGE_FORMAT_UINT16),
+        rgb565(40, 30, IMAGE_FORMAT_RGB565), rgb565dst(40, 30, IMAGE_FORMAT_RGB565);
     std::mt19937 rng(1);
     src.fillRandom(rng);
+    const std::vector<uint8_t> before[4] = {dst.storage, other.storage, wide.storage, rgb565dst.storage};
     const int32_t taps[7] = {0, 0, 8192, 16384, 8192, 0, 0};
+    Image *d = &dst.image, *s = &src.image;
     const struct {
         const char* name;
-        TLResult want;
-        Picture* dst;
-        TLResult (*call)(ImageProc2*, ImageProc*, Image*, const Image*, const int32_t*);
-        const Picture* src;
+        TLResult got, want;
     } cases[] = {
-        {"sigma 0", TL_ERROR_PARAM, nullptr,
-         [](ImageProc2* p, ImageProc*, Image* d, const Image* s, const int32_t*) {
-             return ImageProc2_gaussBlur(p, d, s, 0, 0.0);
-         },
-         &src},
-        {"negative sigma", TL_ERROR_PARAM, nullptr,
-         [](ImageProc2* p, ImageProc*, Image* d, const Image* s, const int32_t*) {
-             return ImageProc2_pgaussBlur(p, d, s, 0, -2.0);
-         },
-         &src},
-        {"sigma below 1e-16", TL_ERROR_PARAM, nullptr,
-         [](ImageProc2*, ImageProc* p, Image* d, const Image* s, const int32_t*) {
-             return ImageProc_pgaussBlur(p, d, s, 0, 5e-17);
-         },
-         &src},
-        {"sizes differ", TL_ERROR_PARAM, &other,
-         [](ImageProc2*, ImageProc* p, Image* d, const Image* s, const int32_t*) {
-             return ImageProc_gaussBlur2(p, d, s, 0, 2.0);
-         },
-         &src},
-        {"formats differ", TL_ERROR_PARAM, &wide,
-         [](ImageProc2* p, ImageProc*, Image* d, const Image* s, const int32_t*) {
-             return ImageProc2_pgaussBlur(p, d, s, 0, 5.0);
-         },
-         &src},
-        {"no kernel", TL_ERROR_UNSUPPORTED, &rgb565,
-         [](ImageProc2* p, ImageProc*, Image* d, const Image* s, const int32_t*) {
-             return ImageProc2_gaussBlur(p, d, s, 0, 1.0);
-         },
-         &rgb565},
-        {"box radius 91", TL_ERROR_PARAM, nullptr,
-         [](ImageProc2* p, ImageProc*, Image* d, const Image* s, const int32_t*) {
-             return ImageProc2_boxBlur(p, d, s, 91);
-         },
-         &src},
-        {"box sum into UINT8", TL_ERROR_PARAM, nullptr,
-         [](ImageProc2*, ImageProc* p, Image* d, const Image* s, const int32_t*) {
-             return ImageProc_boxSum(p, d, s, 2);
-         },
-         &src},
-        {"7x7 of UINT16 on UINT8", TL_ERROR_UNSUPPORTED, nullptr,
-         [](ImageProc2* p, ImageProc*, Image* d, const Image* s, const int32_t* t) {
-             return ImageProc2_filterGaussianBlur7x7_uint16(p, d, s, t);
-         },
-         &src},
+        {"sigma 0", ImageProc2_gaussBlur(&proc2, d, s, 0, 0.0), TL_ERROR_PARAM},
+        {"negative sigma", ImageProc2_pgaussBlur(&proc2, d, s, 0, -2.0), TL_ERROR_PARAM},
+        {"sigma below 1e-16", ImageProc_pgaussBlur(&proc, d, s, 0, 5e-17), TL_ERROR_PARAM},
+        {"sizes differ", ImageProc_gaussBlur2(&proc, &other.image, s, 0, 2.0), TL_ERROR_PARAM},
+        {"formats differ", ImageProc2_pgaussBlur(&proc2, &wide.image, s, 0, 5.0), TL_ERROR_PARAM},
+        {"no kernel", ImageProc2_gaussBlur(&proc2, &rgb565dst.image, &rgb565.image, 0, 1.0),
+         TL_ERROR_UNSUPPORTED},
+        {"box radius 91", ImageProc2_boxBlur(&proc2, d, s, 91), TL_ERROR_PARAM},
+        {"box sum into UINT8", ImageProc_boxSum(&proc, d, s, 2), TL_ERROR_PARAM},
+        {"7x7 of UINT16 on UINT8", ImageProc2_filterGaussianBlur7x7_uint16(&proc2, d, s, taps),
+         TL_ERROR_UNSUPPORTED},
+        {"no object", ImageProc2_gaussBlur(nullptr, d, s, 0, 1.0), TL_ERROR_PARAM},
     };
-    for (const auto& c : cases) {
-        Picture fresh(40, 30, IMAGE_FORMAT_UINT8);
-        Picture* dst = c.dst != nullptr ? c.dst : &fresh;
-        std::vector<uint8_t> before = dst->storage;
-        EXPECT_EQ(c.call(&proc2, &proc, &dst->image, &c.src->image, taps), c.want) << c.name;
-        EXPECT_TRUE(dst->storage == before) << c.name;
-    }
-    EXPECT_EQ(ImageProc2_gaussBlur(nullptr, &src.image, &src.image, 0, 1.0), TL_ERROR_PARAM);
+    for (const auto& c : cases) EXPECT_EQ(c.got, c.want) << c.name;
+    EXPECT_TRUE(dst.storage == before[0] && other.storage == before[1] && wide.storage == before[2] &&
+                rgb565dst.storage == before[3]);
     destruct_ImageProc(&proc);
     destruct_ImageProc2(&proc2);
 }

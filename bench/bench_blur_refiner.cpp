@@ -3,8 +3,11 @@
 // same program, so that ratios come from one run on one machine. OpenCV (with
 // the contrib ximgproc module) is linked into this program only.
 //
-// Both sides use every processor: the library a Pel of one worker per
-// processor with the caller among them, OpenCV its default thread pool.
+// The last argument of every benchmark is the thread count: 1 runs the
+// library on the calling thread and OpenCV with one thread; 0 gives both
+// every processor, the library a Pel of one worker per processor with the
+// caller among them, OpenCV its default pool. On a shared machine the CPU
+// time of the single-thread runs is the steadier figure.
 #include <benchmark/benchmark.h>
 
 #include <memory>
@@ -38,15 +41,27 @@ struct Plane {
     ~Plane() { destruct_Image(&image); }
 };
 
+// The library's layer for a thread count: null for 1.
 struct PelHolder {
     Env env{};
     std::unique_ptr<Pel> pel = std::make_unique<Pel>();
-    PelHolder() {
+    explicit PelHolder(int64_t threads) {
         construct_Pel(pel.get(), &env);  // one worker per processor, the caller among them
-        Pel_init(pel.get());
+        if (threads != 1) Pel_init(pel.get());
     }
+    Pel* get() { return Pel_getNumberOfWorkers(pel.get()) > 1 ? pel.get() : nullptr; }
     ~PelHolder() { destruct_Pel(pel.get()); }
 };
+
+struct OpenCvThreads {
+    explicit OpenCvThreads(int64_t threads) { cv::setNumThreads(threads == 1 ? 1 : -1); }
+    ~OpenCvThreads() { cv::setNumThreads(-1); }
+};
+
+void threadArgs(benchmark::internal::Benchmark* b, std::initializer_list<int64_t> firsts) {
+    for (int64_t threads : {1, 0})
+        for (int64_t first : firsts) b->Args({first, threads});
+}
 
 constexpr int32_t kFrameWidth = 4000, kFrameHeight = 3000;
 constexpr double kSigmas[] = {1.8, 4.0, 20.0};
@@ -55,17 +70,19 @@ void BM_PgaussBlur(benchmark::State& state) {
     const double sigma = kSigmas[state.range(0)];
     Plane src(kFrameWidth, kFrameHeight, IMAGE_FORMAT_UINT8),
         dst(kFrameWidth, kFrameHeight, IMAGE_FORMAT_UINT8);
-    PelHolder p;
+    PelHolder p(state.range(1));
     ImageProc2 proc;
     construct_ImageProc2(&proc, &src.env);
-    ImageProc2_setPel(&proc, p.pel.get());
+    ImageProc2_setPel(&proc, p.get());
     for (auto _ : state)
         benchmark::DoNotOptimize(ImageProc2_pgaussBlur(&proc, &dst.image, &src.image, 0, sigma));
     state.SetLabel("sigma " + std::to_string(sigma).substr(0, 4));
     state.SetItemsProcessed(state.iterations() * kFrameWidth * kFrameHeight);
     destruct_ImageProc2(&proc);
 }
-BENCHMARK(BM_PgaussBlur)->DenseRange(0, 2)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_PgaussBlur)->Apply([](auto* b) {
+                            threadArgs(b, {0, 1, 2});
+                        }) -> Unit(benchmark::kMillisecond) -> UseRealTime();
 
 void BM_OpenCvGaussianBlur(benchmark::State& state) {
     const double sigma = kSigmas[state.range(0)];
@@ -76,7 +93,9 @@ void BM_OpenCvGaussianBlur(benchmark::State& state) {
     state.SetLabel("sigma " + std::to_string(sigma).substr(0, 4));
     state.SetItemsProcessed(state.iterations() * kFrameWidth * kFrameHeight);
 }
-BENCHMARK(BM_OpenCvGaussianBlur)->DenseRange(0, 2)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_OpenCvGaussianBlur)->Apply([](auto* b) {
+                                    threadArgs(b, {0, 1, 2});
+                                }) -> Unit(benchmark::kMillisecond) -> UseRealTime();
 
 // The refiner's job in the pipeline: a 540 x 405 map to 1080 x 810 under the
 // luma of the main frame, sigmaSpace 10 and sigmaRange 15 as the session
@@ -87,10 +106,10 @@ void BM_RefinerLift(benchmark::State& state) {
     const int32_t window = static_cast<int32_t>(state.range(0));
     Plane map(kMapWidth, kMapHeight, IMAGE_FORMAT_UINT8), out(kOutWidth, kOutHeight, IMAGE_FORMAT_UINT8);
     Plane guide(kOutWidth, kOutHeight, IMAGE_FORMAT_YUV420_SEMIPLANAR);
-    PelHolder p;
+    PelHolder p(state.range(1));
     DepthMapRefiner refiner;
     construct_DepthMapRefiner(&refiner, &map.env);
-    DepthMapRefiner_setPel(&refiner, p.pel.get());
+    DepthMapRefiner_setPel(&refiner, p.get());
     if (DepthMapRefiner_init(&refiner, kOutWidth, kOutHeight, kMapWidth, kMapHeight, kOutWidth, kOutHeight,
                              IMAGE_FORMAT_UINT8, IMAGE_FORMAT_YUV420_SEMIPLANAR, 0) != TL_OK) {
         state.SkipWithError("DepthMapRefiner_init failed");
@@ -102,7 +121,9 @@ void BM_RefinerLift(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * kOutWidth * kOutHeight);
     destruct_DepthMapRefiner(&refiner);
 }
-BENCHMARK(BM_RefinerLift)->Arg(7)->Arg(15)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_RefinerLift)->Apply([](auto* b) {
+                             threadArgs(b, {7, 15});
+                         }) -> Unit(benchmark::kMillisecond) -> UseRealTime();
 
 // OpenCV's joint bilateral filter has no enlargement of its own: a bilinear
 // resize of the map, then the filter with the same diameter and sigmas.
@@ -110,6 +131,7 @@ void BM_OpenCvResizeJointBilateral(benchmark::State& state) {
     const int32_t window = static_cast<int32_t>(state.range(0));
     Plane map(kMapWidth, kMapHeight, IMAGE_FORMAT_UINT8), out(kOutWidth, kOutHeight, IMAGE_FORMAT_UINT8);
     Plane guide(kOutWidth, kOutHeight, IMAGE_FORMAT_UINT8);
+    OpenCvThreads threads(state.range(1));
     cv::Mat up;
     for (auto _ : state) {
         cv::resize(map.mat, up, cv::Size(kOutWidth, kOutHeight), 0, 0, cv::INTER_LINEAR);
@@ -117,13 +139,16 @@ void BM_OpenCvResizeJointBilateral(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations() * kOutWidth * kOutHeight);
 }
-BENCHMARK(BM_OpenCvResizeJointBilateral)->Arg(7)->Arg(15)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_OpenCvResizeJointBilateral)->Apply([](auto* b) {
+                                            threadArgs(b, {7, 15});
+                                        }) -> Unit(benchmark::kMillisecond) -> UseRealTime();
 
 // The domain transform, normalised convolution, 3 iterations, with the same
 // sigmas, after the same resize.
 void BM_OpenCvResizeDomainTransform(benchmark::State& state) {
     Plane map(kMapWidth, kMapHeight, IMAGE_FORMAT_UINT8), out(kOutWidth, kOutHeight, IMAGE_FORMAT_UINT8);
     Plane guide(kOutWidth, kOutHeight, IMAGE_FORMAT_UINT8);
+    OpenCvThreads threads(state.range(1));
     cv::Mat up;
     for (auto _ : state) {
         cv::resize(map.mat, up, cv::Size(kOutWidth, kOutHeight), 0, 0, cv::INTER_LINEAR);
@@ -131,6 +156,7 @@ void BM_OpenCvResizeDomainTransform(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations() * kOutWidth * kOutHeight);
 }
-BENCHMARK(BM_OpenCvResizeDomainTransform)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_OpenCvResizeDomainTransform)
+    ->Apply([](auto* b) { threadArgs(b, {3}); }) -> Unit(benchmark::kMillisecond) -> UseRealTime();
 
 }  // namespace

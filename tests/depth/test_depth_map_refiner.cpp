@@ -13,6 +13,7 @@
 #include "depth/depth_map_refiner.h"
 #include "depth/separable_bilateral_filter.h"
 #include "imageproc/resize.h"
+#include "runtime/memory.h"
 #include "support/layers.h"
 #include "support/picture.h"
 
@@ -450,4 +451,38 @@ TEST(DepthMapRefiner, BadArgumentsLeaveOutputUntouched) {
     }
     destruct_DepthMapRefiner(&ready);
     destruct_DepthMapRefiner(&fresh);
+}
+
+TEST(DepthMapRefiner, AllocationFailuresLeaveNothingBehind) {
+    // The n-th allocation of a weighted refinement fails, for every n: the
+    // call reports TL_ERROR_MEMORY, leaves out untouched and holds no block.
+    if (!Memory_canInjectFaults()) GTEST_SKIP() << "built without VQ_TL_ALLOC_FAULTS";
+    std::mt19937 rng(3);
+    Picture guide(96, 64, IMAGE_FORMAT_YUV420_SEMIPLANAR), map(24, 16, IMAGE_FORMAT_UINT8),
+        weight(24, 16, IMAGE_FORMAT_UINT8), out(96, 64, IMAGE_FORMAT_UINT8);
+    guide.fillRandom(rng);
+    map.fillRandom(rng);
+    weight.fillRandom(rng);
+    DepthMapRefiner refiner;
+    construct_DepthMapRefiner(&refiner, nullptr);
+    ASSERT_EQ(DepthMapRefiner_init(&refiner, 96, 64, 24, 16, 96, 64, IMAGE_FORMAT_UINT8,
+                                   IMAGE_FORMAT_YUV420_SEMIPLANAR, 0),
+              TL_OK);
+    const std::vector<uint8_t> before = out.storage;
+    for (int64_t n = 1;; ++n) {
+        const int64_t live = Memory_getLiveCount();
+        Memory_failAt(n);
+        const TLResult r = DepthMapRefiner_weightedCrossFilter(
+            &refiner, &out.image, &map.image, &weight.image, &guide.image, 7, 3, 10.0f, 15.0f);
+        const int64_t asked = Memory_getAllocCount();
+        Memory_failAt(0);
+        EXPECT_EQ(Memory_getLiveCount(), live) << n;
+        if (asked < n) {
+            EXPECT_EQ(r, TL_OK);
+            break;
+        }
+        EXPECT_EQ(r, TL_ERROR_MEMORY) << n;
+        EXPECT_TRUE(out.storage == before) << n;
+    }
+    destruct_DepthMapRefiner(&refiner);
 }

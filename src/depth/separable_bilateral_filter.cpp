@@ -6,6 +6,7 @@
 #include <type_traits>
 
 #include "imageproc/image_stripes.h"
+#include "imageproc/kernel_clones.h"
 #include "runtime/raw_double.h"
 
 namespace vq_tl {
@@ -78,7 +79,8 @@ inline uint8_t saturateU8(double v) {
 // faster; the caller chooses F only where every sum stays an integer below
 // 2^24, so the results are the same.
 template <int C, typename T, int H, bool F>
-void filterRun(T* out, const uint8_t* const* g, const T* const* s, const Pass& p, int32_t n) {
+VQ_TL_KERNEL_CLONES void filterRun(T* out, const uint8_t* const* g, const T* const* s, const Pass& p,
+                                   int32_t n) {
     using W = std::conditional_t<F, float, int32_t>;
     const int32_t half = H > 0 ? H : p.half;
     const T* sc = s[half];
@@ -129,8 +131,9 @@ void filterRun(T* out, const uint8_t* const* g, const T* const* s, const Pass& p
 
 // The weighted run: every tap, the centre included, counts by its weight.
 template <int C>
-void weightedRun(uint8_t* out, uint8_t* outWeight, const uint8_t* const* g, const uint8_t* const* s,
-                 const uint8_t* const* wt, const Pass& p, int32_t n) {
+VQ_TL_KERNEL_CLONES void weightedRun(uint8_t* out, uint8_t* outWeight, const uint8_t* const* g,
+                                     const uint8_t* const* s, const uint8_t* const* wt, const Pass& p,
+                                     int32_t n) {
     const int32_t half = p.half;
     float s0[kChunk], s1[kChunk], s2[kChunk];
     for (int32_t i = 0; i < n; ++i) s0[i] = s1[i] = s2[i] = 0.0f;

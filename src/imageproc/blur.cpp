@@ -4,6 +4,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "imageproc/kernel_clones.h"
 #include "imageproc/plane_views.h"
 #include "imageproc/resize.h"
 #include "runtime/memory.h"
@@ -123,7 +124,7 @@ size_t convScratchBytes(int32_t width, int32_t radius) {
 
 // R is the radius of the fixed kernels (1, 2, 3), 0 for the general one.
 template <typename T, int C, int R>
-TLResult convRowStripe(void* arg, int32_t index, int32_t count) {
+VQ_TL_KERNEL_CLONES TLResult convRowStripe(void* arg, int32_t index, int32_t count) {
     using A = typename Px<T>::Acc;
     const ConvJob& j = *static_cast<const ConvJob*>(arg);
     const int32_t r = R > 0 ? R : j.radius;
@@ -159,7 +160,7 @@ TLResult convRowStripe(void* arg, int32_t index, int32_t count) {
 }
 
 template <typename T, int C, int R>
-TLResult convColumnStripe(void* arg, int32_t index, int32_t count) {
+VQ_TL_KERNEL_CLONES TLResult convColumnStripe(void* arg, int32_t index, int32_t count) {
     using A = typename Px<T>::Acc;
     const ConvJob& j = *static_cast<const ConvJob*>(arg);
     const int32_t r = R > 0 ? R : j.radius;

@@ -19,6 +19,7 @@
 #include "image/image.h"
 #include "imageproc/blur.h"
 #include "imageproc/image_proc2.h"
+#include "runtime/parallel_executor.h"
 #include "runtime/pel.h"
 
 using namespace vq_tl;
@@ -107,9 +108,16 @@ void BM_RefinerLift(benchmark::State& state) {
     Plane map(kMapWidth, kMapHeight, IMAGE_FORMAT_UINT8), out(kOutWidth, kOutHeight, IMAGE_FORMAT_UINT8);
     Plane guide(kOutWidth, kOutHeight, IMAGE_FORMAT_YUV420_SEMIPLANAR);
     PelHolder p(state.range(1));
+    // As in the session: the filters on the Pel, the resizes on an executor
+    // over the same Pel.
+    ParallelExecutor executor;
+    construct_ParallelExecutor(&executor, &map.env);
+    executor.pel = p.get();
+    if (p.get() != nullptr) ParallelExecutor_init(&executor, 16, 16);
     DepthMapRefiner refiner;
     construct_DepthMapRefiner(&refiner, &map.env);
     DepthMapRefiner_setPel(&refiner, p.get());
+    DepthMapRefiner_setParallelExecutor(&refiner, p.get() != nullptr ? &executor : nullptr);
     if (DepthMapRefiner_init(&refiner, kOutWidth, kOutHeight, kMapWidth, kMapHeight, kOutWidth, kOutHeight,
                              IMAGE_FORMAT_UINT8, IMAGE_FORMAT_YUV420_SEMIPLANAR, 0) != TL_OK) {
         state.SkipWithError("DepthMapRefiner_init failed");
@@ -120,6 +128,7 @@ void BM_RefinerLift(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations() * kOutWidth * kOutHeight);
     destruct_DepthMapRefiner(&refiner);
+    destruct_ParallelExecutor(&executor);
 }
 BENCHMARK(BM_RefinerLift)->Apply([](auto* b) {
                              threadArgs(b, {7, 15});

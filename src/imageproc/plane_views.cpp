@@ -12,6 +12,7 @@ TLResult PlaneViews_split(PlaneViews* out, const Image* image) {
     for (Image& view : out->plane) construct_Image(&view, image->env);
     TLResult r = TL_OK;
     switch (f) {
+        case IMAGE_FORMAT_YUV422_PLANAR:
         case IMAGE_FORMAT_YUV420_PLANAR:
         case IMAGE_FORMAT_YUV444_PLANAR:
             r = Image_initSubImageY(&out->plane[0], image, 0, 0, w, h);
@@ -19,6 +20,7 @@ TLResult PlaneViews_split(PlaneViews* out, const Image* image) {
             if (r == TL_OK) r = Image_initSubImageV(&out->plane[2], image, 0, 0, w, h);
             out->count = 3;
             break;
+        case IMAGE_FORMAT_YUV422_SEMIPLANAR:
         case IMAGE_FORMAT_YUV420_SEMIPLANAR:
         case IMAGE_FORMAT_YVU422_SEMIPLANAR:
         case IMAGE_FORMAT_YVU420_SEMIPLANAR:

@@ -1,0 +1,15 @@
+// VQ_TL_KERNEL_CLONES marks a hot pixel loop to be compiled twice on x86-64
+// Linux, for AVX2 and for the baseline, the loader picking one by the
+// processor. The loops are plain C++ whose sums are exact (integers carried
+// in floats or integers), so both copies give the same bits; elsewhere, Arm
+// with NEON included, the mark is empty and the baseline build is the code.
+#pragma once
+
+#if defined(__x86_64__) && defined(__linux__) && !defined(__ANDROID__) && defined(__has_attribute)
+#if __has_attribute(target_clones)
+#define VQ_TL_KERNEL_CLONES __attribute__((target_clones("avx2", "default")))
+#endif
+#endif
+#ifndef VQ_TL_KERNEL_CLONES
+#define VQ_TL_KERNEL_CLONES
+#endif

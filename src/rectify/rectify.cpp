@@ -23,6 +23,9 @@ constexpr double kSelfCheck = 1e-10;
 constexpr int32_t kBorderPoints = 30;
 // Rays beyond the image corners pushed out this far have no source pixel.
 constexpr double kRadiusMargin = 32.0;
+// Steps from the optical centre to a pushed corner in which the fitted
+// inverse must grow, and in which the forward model is walked instead.
+constexpr int32_t kLimitSteps = 64;
 
 inline double absolute(double v) { return v < 0.0 ? -v : v; }
 inline bool isFinite(double v) { return v == v && v - v == 0.0; }
@@ -114,6 +117,64 @@ TLResult blendVertex(void* arg, int32_t v, int32_t count) {
     }
     s.out->x[v] = (1.0 - s.alpha) * bx + s.alpha * ax;
     s.out->y[v] = (1.0 - s.alpha) * by + s.alpha * ay;
+    return TL_OK;
+}
+
+// The ideal radius of a pushed corner, the distorted normalised point (x, y):
+// by the fitted inverse when it grows all the way out to the corner, else by
+// the forward model, walked outwards until it reaches the corner's radius.
+TLResult cornerRadius(const RectifyLensDist* dist, double x, double y, double* radius) {
+    double ux, uy;
+    TLResult r = Rectify_undistortPoint(x, y, &ux, &uy, dist);
+    if (r != TL_OK) return r;
+    *radius = RawDouble_hypot(ux, uy);
+    double last = 0.0;
+    bool monotonic = true;
+    for (int32_t i = 1; i < kLimitSteps && monotonic; ++i) {
+        const double s = static_cast<double>(i) / kLimitSteps;
+        r = Rectify_undistortPoint(x * s, y * s, &ux, &uy, dist);
+        if (r != TL_OK) return r;
+        const double h = RawDouble_hypot(ux, uy);
+        monotonic = h > last;
+        last = h;
+    }
+    if (monotonic && *radius > last) return TL_OK;
+    // The forward model from the centre outwards, in steps of a sixty-fourth
+    // of the distorted radius, then halving the step that reaches it.
+    const double target = RawDouble_hypot(x, y);
+    if (!(target > 0.0)) return TL_OK;
+    const double cx = x / target, cy = y / target, step = target / kLimitSteps;
+    double inside = 0.0, reached = 0.0, previous = 0.0;
+    for (int32_t i = 1; i <= 4 * kLimitSteps && reached == 0.0; ++i) {
+        const double t = step * i;
+        double dx, dy;
+        r = Rectify_distortPoint(cx * t, cy * t, &dx, &dy, dist);
+        if (r != TL_OK) return r;
+        const double h = RawDouble_hypot(dx, dy);
+        if (!(h > previous)) break;  // the lens folds back here: its last growing radius is the limit
+        previous = h;
+        if (h >= target) {
+            reached = t;
+        } else {
+            inside = t;
+        }
+    }
+    if (reached == 0.0) {
+        *radius = inside;
+        return TL_OK;
+    }
+    for (int32_t i = 0; i < 40; ++i) {
+        const double t = 0.5 * (inside + reached);
+        double dx, dy;
+        r = Rectify_distortPoint(cx * t, cy * t, &dx, &dy, dist);
+        if (r != TL_OK) return r;
+        if (RawDouble_hypot(dx, dy) >= target) {
+            reached = t;
+        } else {
+            inside = t;
+        }
+    }
+    *radius = reached;
     return TL_OK;
 }
 
@@ -345,15 +406,15 @@ TLResult Rectify_calcRectifyGridParams(Rectify* rectify, Renderer2_Params* grid,
     forward.camera = *camera;
     forward.dist = dist;
     // The radius limit: the image corners pushed out by 32 pixels, undistorted.
+    // Where the fitted inverse folds back short of a pushed corner, the forward model is inverted instead.
     const double m = kRadiusMargin;
     const double corners[4][2] = {{-m, -m}, {width + m, -m}, {-m, height + m}, {width + m, height + m}};
     forward.limit = 0.0;
     for (const auto& p : corners) {
-        double x, y, ux, uy;
+        double x, y, radius;
         Mvec8Real_trans2DReal(&cameraInverse, &x, &y, p[0], p[1]);
-        const TLResult r = Rectify_undistortPoint(x, y, &ux, &uy, dist);
+        const TLResult r = cornerRadius(dist, x, y, &radius);
         if (r != TL_OK) return r;
-        const double radius = RawDouble_hypot(ux, uy);
         forward.limit = radius > forward.limit ? radius : forward.limit;
     }
     TLResult r = runVertices(rectify->pel, forwardVertex, &forward, grid->cols * grid->rows);

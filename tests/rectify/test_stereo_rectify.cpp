@@ -18,31 +18,6 @@ using namespace vq_tl_test;
 
 namespace {
 
-struct Stereo {
-    Env env{};
-    StereoRectify s;
-    explicit Stereo(Pel* pel = nullptr) { construct_StereoRectify(&s, &env), StereoRectify_setPel(&s, pel); }
-    ~Stereo() { destruct_StereoRectify(&s); }
-};
-
-// The warp's map at rectified pixel (rx, ry): the bilinear blend of its
-// cell's vertices, as Renderer2 draws it. False on an invalid vertex.
-bool gridAt(const Renderer2_Params& g, double rx, double ry, double* s) {
-    const int32_t i = std::clamp(static_cast<int32_t>(rx / g.gridWidth), 0, g.cols - 2),
-                  v = std::clamp(static_cast<int32_t>(ry / g.gridHeight), 0, g.rows - 2) * g.cols + i;
-    const double u = (rx - g.xs[v]) / (g.xs[v + 1] - g.xs[v]),
-                 w = (ry - g.ys[v]) / (g.ys[v + g.cols] - g.ys[v]);
-    const int32_t corner[4] = {v, v + 1, v + g.cols, v + g.cols + 1};
-    const double weight[4] = {(1 - u) * (1 - w), u * (1 - w), (1 - u) * w, u * w};
-    s[0] = s[1] = 0;
-    for (int c = 0; c < 4; ++c) {
-        if (g.x[corner[c]] >= kRenderer2InvalidVertex) return false;
-        s[0] += weight[c] * g.x[corner[c]];
-        s[1] += weight[c] * g.y[corner[c]];
-    }
-    return true;
-}
-
 struct PairResult {
     double worstRowOffset = 0, worstDisparity = 0;  // |row 1 - row 2|; disparity against f B / Z
     double worstGrid = 0;                           // the grid's map against the camera model
@@ -206,4 +181,48 @@ TEST(StereoRectify, PointsLandOnTheSameRowOfBothFrames) {
     }
     EXPECT_EQ(rectifyPair(cases[0].baseline, turn, &sharedLayers().pel).worstGrid,
               rectifyPair(cases[0].baseline, turn, nullptr).worstGrid);
+}
+
+TEST(StereoRectify, SmallFrameWithAStrongLensKeepsItsCoverage) {
+    // A 640 by 480 camera, f 560, whose lens has a strong k3 (k1 -0.27, k2
+    // -0.05, k3 0.25), at its working size of 172 by 130: for the radius
+    // limit the corners are pushed out by 32 pixels, a quarter of the frame,
+    // far beyond where the lens inverse was fitted (the frame grown by a
+    // tenth), and there the fitted inverse folds back inside the image. The
+    // grid must still cover what the lens images: the share of rectified
+    // pixels drawn from an all-white frame within 3 points of the share whose
+    // rays land in the frame by the forward model (about 81 percent).
+    constexpr int32_t kW = 172, kH = 130;
+    const Mvec8Real k[2] = {camera(560, 322.5, 238), camera(560, 318, 241)};
+    RectifyLensDist lens[2] = {coeffLens(-0.27, -0.05, 0.25, 0, 0), coeffLens(-0.27, -0.05, 0.25, 0, 0)};
+    const Mvec8Real turn = rodrigues(0.3, -0.5, 0.8, 0.3 * M_PI / 180);
+    const float baseline[3] = {-10.0f, 0.0f, 0.0f};
+    Stereo st;
+    Mvec8Real r[2], n[2], fitted;
+    ASSERT_EQ(StereoRectify_stereoRectify(&st.s, &r[0], &r[1], &n[0], &n[1], &k[0], &k[1], &lens[0], &lens[1],
+                                          &turn, baseline, kW, kH, 640, 480, 640, 480, 8, 8),
+              TL_OK);
+    Grid grid(kW, kH, 32);
+    ASSERT_EQ(StereoRectify_calcRectifyGridParams(&st.s, &grid.g, nullptr, &r[0], &n[0], &k[0], &lens[0], kW,
+                                                  kH, kW, kH, kW, kH, 640, 480),
+              TL_OK);
+    Picture white(kW, kH, IMAGE_FORMAT_UINT8), drawn(kW, kH, IMAGE_FORMAT_UINT8);
+    white.fillPlanes(255), drawn.fillPlanes(0);
+    Renderer renderer(1, 1);
+    ASSERT_EQ(render(renderer, drawn, white, grid), TL_OK);
+    StereoRectify_fitCameraMatrix(&fitted, &k[0], kW, kH, 640, 480);
+    int32_t covered = 0, imaged = 0;
+    for (int32_t i = 0; i < kW * kH; ++i) {
+        const int32_t x = i % kW, y = i / kW;
+        covered += drawn.u8(x, y) == 255;
+        // The ray of the rectified pixel in the camera, by the transposed rotation.
+        const double q[3] = {(x - n[0].m[2]) / n[0].m[0], (y - n[0].m[5]) / n[0].m[4], 1};
+        double p[3], u, v;
+        for (int a = 0; a < 3; ++a) p[a] = r[0].m[a] * q[0] + r[0].m[3 + a] * q[1] + r[0].m[6 + a] * q[2];
+        distort(lens[0].coeff, p[0] / p[2], p[1] / p[2], &u, &v);
+        u = fitted.m[0] * u + fitted.m[2], v = fitted.m[4] * v + fitted.m[5];
+        imaged += u >= 0 && v >= 0 && u <= kW - 1 && v <= kH - 1;
+    }
+    EXPECT_GT(imaged, 0.75 * kW * kH);
+    EXPECT_NEAR(static_cast<double>(covered) / (kW * kH), static_cast<double>(imaged) / (kW * kH), 0.03);
 }

@@ -411,10 +411,21 @@ TEST(DepthMapRefiner, BadArgumentsLeaveOutputUntouched) {
     DepthMapRefiner fresh, ready;
     construct_DepthMapRefiner(&fresh, &env);
     construct_DepthMapRefiner(&ready, &env);
-    for (int32_t kind = 1; kind <= 4; ++kind)
+    // Kinds without a filter are set up and refuse to filter.
+    for (int32_t kind = 1; kind <= 4; ++kind) {
         EXPECT_EQ(DepthMapRefiner_init(&ready, 64, 48, 32, 24, 64, 48, IMAGE_FORMAT_UINT8,
                                        IMAGE_FORMAT_YUV420_SEMIPLANAR, kind),
-                  TL_ERROR_UNSUPPORTED);
+                  TL_OK);
+        Picture guide(64, 48, IMAGE_FORMAT_YUV420_SEMIPLANAR), map(32, 24, IMAGE_FORMAT_UINT8),
+            out(64, 48, IMAGE_FORMAT_UINT8);
+        EXPECT_EQ(
+            DepthMapRefiner_crossFilter(&ready, &out.image, &map.image, &guide.image, 7, 1, 10.0f, 15.0f),
+            TL_ERROR_UNSUPPORTED)
+            << kind;
+    }
+    EXPECT_EQ(DepthMapRefiner_init(&ready, 64, 48, 32, 24, 64, 48, IMAGE_FORMAT_UINT8,
+                                   IMAGE_FORMAT_YUV420_SEMIPLANAR, 5),
+              TL_ERROR_UNSUPPORTED);
     ASSERT_EQ(DepthMapRefiner_init(&ready, 64, 48, 32, 24, 64, 48, IMAGE_FORMAT_UINT8,
                                    IMAGE_FORMAT_YUV420_SEMIPLANAR, 0),
               TL_OK);

@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build and the tests need, each only when it
-# is missing. Usage: tools/setup.sh [native|armhf]
+# is missing. Usage: tools/setup.sh [native|armhf|fuzz]
 set -euo pipefail
 want=(cmake ninja-build g++ pkg-config googletest libgtest-dev libbenchmark-dev)
-if [ "${1:-native}" = armhf ]; then
-  want+=(g++-arm-linux-gnueabihf qemu-user)
-else
-  # OpenCV: the reference beside the conversion benchmark; the library never links it.
-  want+=(libopencv-dev)
-fi
+case "${1:-native}" in
+  armhf) want+=(g++-arm-linux-gnueabihf qemu-user) ;;
+  fuzz) want+=(clang llvm libclang-rt-dev) ;;
+  # OpenCV: the reference beside the benchmarks; the library never links it.
+  *) want+=(libopencv-dev libopencv-contrib-dev) ;;
+esac
 missing=()
 for p in "${want[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

@@ -66,13 +66,16 @@ VELQUIN_TL_API TLResult velquin_TwinLens_finalize(TwinLensHandle* handle);
  * sequenceOut may be null. The callback runs on the worker thread (or, for a
  * superseded frame, inside this call) and must not call finalize.
  *
- * Out of memory in an asynchronous session: when the small record that
- * carries the pair to the worker cannot be allocated, the call still answers
- * TL_OK with *sequenceOut 0, but the pair is never estimated, no completion
- * callback ever comes for it, and the session refuses every later pair with
- * -1. A caller that waits for a callback should wait with a time limit; when
- * it runs out, or when pairs keep being refused, finalize the session and
- * initialize it again. */
+ * Two ways an asynchronous session stops taking pairs, kept for
+ * compatibility: (1) out of memory: when the small record that carries the
+ * pair to the worker cannot be allocated, the call still answers TL_OK with
+ * *sequenceOut 0, but the pair is never estimated and no completion callback
+ * ever comes for it; (2) a pair whose records the worker cannot borrow (a
+ * pitch below 1, or a null plane that the format needs) is refused with
+ * TL_ERROR_GENERAL. After either, every later pair is refused with -1. A
+ * caller that waits for a callback should wait with a time limit; when it
+ * runs out, or when pairs keep being refused, finalize the session and
+ * initialize it again. Checking pitches and planes before the call avoids (2). */
 VELQUIN_TL_API TLResult velquin_TwinLens_process(TwinLensHandle* handle, const TwinLensImage* main,
                                                  const TwinLensImage* sub, int32_t* sequenceOut);
 

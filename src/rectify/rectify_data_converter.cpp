@@ -116,7 +116,7 @@ TLResult RectifyDataConverter_calculateDistortionCoeff(RectifyDataConverter* sel
     for (int i = 0; i < kCoeffSlots; ++i) out[i] = 0.0;
     // The centre knot gives no equation; fewer knots than unknowns leave the
     // normal equations singular, or nearly so in float.
-    if (m < 1 || n < m + 1) return TL_ERROR_PARAM;
+    if (m < 1 || n <= m) return TL_ERROR_PARAM;  // n < m + 1 without overflow
 
     const double halfW = sensorSize[0] * 0.5;
     const double halfH = sensorSize[1] * 0.5;

@@ -29,10 +29,8 @@ struct YuvFormat {
 
 uint8_t* lumaAt(Picture& p, const YuvFormat& f, int32_t x, int32_t y) {
     if (f.order == nullptr) return p.row(0, y) + x;
-    const char* second = std::strchr(std::strchr(f.order, 'Y') + 1, 'Y');
-    const int32_t at = (x & 1) ? static_cast<int32_t>(second - f.order)
-                               : static_cast<int32_t>(std::strchr(f.order, 'Y') - f.order);
-    return p.row(0, y) + (x >> 1) * 4 + at;
+    const char* first = std::strchr(f.order, 'Y');
+    return p.row(0, y) + (x >> 1) * 4 + (((x & 1) ? std::strchr(first + 1, 'Y') : first) - f.order);
 }
 
 uint8_t* chromaAt(Picture& p, const YuvFormat& f, int32_t x, int32_t y, char which) {
@@ -48,9 +46,7 @@ void rgbAt(Picture& p, uint32_t code, int32_t x, int32_t y, double rgb[3]) {
     const uint8_t* q = p.row(0, y);
     if (code == 1) {
         const int w = q[2 * x] | (q[2 * x + 1] << 8);
-        rgb[0] = (w >> 11) << 3;
-        rgb[1] = ((w >> 5) & 63) << 2;
-        rgb[2] = (w & 31) << 3;
+        rgb[0] = (w >> 11) << 3, rgb[1] = ((w >> 5) & 63) << 2, rgb[2] = (w & 31) << 3;
         return;
     }
     const int32_t bytes = code == 15 ? 4 : 3, first = code == 15 ? 1 : 0;
@@ -58,10 +54,9 @@ void rgbAt(Picture& p, uint32_t code, int32_t x, int32_t y, double rgb[3]) {
 }
 
 void yuvOf(const double rgb[3], double yuv[3]) {
-    const double r = rgb[0], g = rgb[1], b = rgb[2];
-    yuv[0] = 0.299 * r + 0.587 * g + 0.114 * b;
-    yuv[1] = 128.0 - 0.168736 * r - 0.331264 * g + 0.5 * b;
-    yuv[2] = 128.0 + 0.5 * r - 0.418688 * g - 0.081312 * b;
+    yuv[0] = 0.299 * rgb[0] + 0.587 * rgb[1] + 0.114 * rgb[2];
+    yuv[1] = 128.0 - 0.168736 * rgb[0] - 0.331264 * rgb[1] + 0.5 * rgb[2];
+    yuv[2] = 128.0 + 0.5 * rgb[0] - 0.418688 * rgb[1] - 0.081312 * rgb[2];
 }
 
 void rgbOf(double y, double u, double v, double rgb[3]) {
@@ -124,25 +119,23 @@ TEST(ImageConv, RgbToYuvFollowsBt601OnRandomPixelsAndBlocks) {
             Picture src(37, 23, s), dst(37, 23, f.code);
             src.fillRandom(rng);
             ASSERT_EQ(convert(&dst.image, &src.image), TL_OK);
-            double worstY = 0, worstC = 0;
-            for (int32_t y = 0; y < 23; ++y) {
-                for (int32_t x = 0; x < 37; ++x) {
-                    double rgb[3], yuv[3], mean[3] = {0, 0, 0};
-                    rgbAt(src, s, x, y, rgb);
-                    yuvOf(rgb, yuv);
-                    worstY = std::fmax(worstY, std::fabs(*lumaAt(dst, f, x, y) - yuv[0]));
-                    int n = 0;
-                    for (int32_t yy = y & ~((1 << f.vShift) - 1); yy < 23 && yy <= (y | f.vShift); ++yy) {
-                        for (int32_t xx = x & ~1; xx < 37 && xx <= (x | 1); ++xx, ++n) {
-                            rgbAt(src, s, xx, yy, rgb);
-                            for (int c = 0; c < 3; ++c) mean[c] += rgb[c];
-                        }
+            double worstY = 0, worstC = 0, rgb[3], yuv[3];
+            for (int32_t i = 0; i < 37 * 23; ++i) {
+                const int32_t x = i % 37, y = i / 37;
+                double mean[3] = {0, 0, 0}, n = 0;
+                rgbAt(src, s, x, y, rgb);
+                yuvOf(rgb, yuv);
+                worstY = std::fmax(worstY, std::fabs(*lumaAt(dst, f, x, y) - yuv[0]));
+                for (int32_t yy = y & ~((1 << f.vShift) - 1); yy < 23 && yy <= (y | f.vShift); ++yy) {
+                    for (int32_t xx = x & ~1; xx < 37 && xx <= (x | 1); ++xx, ++n) {
+                        rgbAt(src, s, xx, yy, rgb);
+                        for (int c = 0; c < 3; ++c) mean[c] += rgb[c];
                     }
-                    for (int c = 0; c < 3; ++c) mean[c] /= n;
-                    yuvOf(mean, yuv);
-                    worstC = std::fmax(worstC, std::fabs(*chromaAt(dst, f, x, y, 'U') - yuv[1]));
-                    worstC = std::fmax(worstC, std::fabs(*chromaAt(dst, f, x, y, 'V') - yuv[2]));
                 }
+                for (int c = 0; c < 3; ++c) mean[c] /= n;
+                yuvOf(mean, yuv);
+                for (int c = 1; c < 3; ++c)
+                    worstC = std::fmax(worstC, std::fabs(*chromaAt(dst, f, x, y, " UV"[c]) - yuv[c]));
             }
             EXPECT_LT(worstY, 1.005);
             EXPECT_LT(worstC, 1.5);
@@ -153,113 +146,76 @@ TEST(ImageConv, RgbToYuvFollowsBt601OnRandomPixelsAndBlocks) {
 
 // Every pixel takes the chroma of block (x >> 1, y >> vShift); the chroma
 // terms truncate (up to 1 below), and the 15-bit G coefficients are up to
-// 0.00015 off, 0.04 over the chroma range. Measured worst difference: 1.026.
-TEST(ImageConv, YuvToRgbFollowsBt601WithBlockChroma) {
+// 0.00015 off, 0.04 over the chroma range: measured worst difference 1.026.
+// Luma in 64..192 and chroma in 96..160 give RGB that needs no clamping, so
+// the way back loses only the truncations: measured worst difference 1.
+TEST(ImageConv, YuvToRgbFollowsBt601AndRoundTrips) {
     std::mt19937 rng(11);
     const int32_t kW = 261, kH = 9;  // rows of more than 64 chroma blocks, odd
     for (const YuvFormat& f : kYuvFormats) {
         for (uint32_t d : {2u, 4u}) {
             SCOPED_TRACE(testing::Message() << f.code << " to " << d);
-            Picture src(kW, kH, f.code), dst(kW, kH, d);
+            Picture src(kW, kH, f.code), dst(kW, kH, d), a(kW, kH, f.code), back(kW, kH, f.code);
             src.fillRandom(rng);
             ASSERT_EQ(convert(&dst.image, &src.image), TL_OK);
-            double worst = 0;
-            for (int32_t y = 0; y < kH; ++y) {
-                for (int32_t x = 0; x < kW; ++x) {
-                    double rgb[3];
-                    rgbOf(*lumaAt(src, f, x, y), *chromaAt(src, f, x, y, 'U'), *chromaAt(src, f, x, y, 'V'),
-                          rgb);
-                    const uint8_t* px = dst.row(0, y) + x * (d == 2 ? 3 : 4);
-                    const uint8_t got[3] = {px[d == 2 ? 0 : 2], px[1], px[d == 2 ? 2 : 0]};  // BGRA
-                    for (int c = 0; c < 3; ++c) worst = std::fmax(worst, std::fabs(got[c] - rgb[c]));
-                    if (d == 4) {
-                        EXPECT_EQ(px[3], 255);
-                    }
-                }
+            double worst = 0, rgb[3];
+            for (int32_t i = 0; i < kW * kH; ++i) {
+                const int32_t x = i % kW, y = i / kW;
+                rgbOf(*lumaAt(src, f, x, y), *chromaAt(src, f, x, y, 'U'), *chromaAt(src, f, x, y, 'V'), rgb);
+                const uint8_t* px = dst.row(0, y) + x * (d == 2 ? 3 : 4);
+                const uint8_t got[3] = {px[d == 2 ? 0 : 2], px[1], px[d == 2 ? 2 : 0]};  // BGRA
+                for (int c = 0; c < 3; ++c) worst = std::fmax(worst, std::fabs(got[c] - rgb[c]));
+                EXPECT_TRUE(d == 2 || px[3] == 255);
+                *lumaAt(a, f, x, y) = static_cast<uint8_t>(64 + rng() % 129);
+                for (char c : {'U', 'V'}) *chromaAt(a, f, x, y, c) = static_cast<uint8_t>(96 + rng() % 65);
             }
             EXPECT_LT(worst, 1.04);
             EXPECT_TRUE(dst.canariesIntact());
-        }
-    }
-}
-
-// YUV with luma in 64..192 and chroma in 96..160 gives RGB that needs no
-// clamping, so the way back loses only the truncations: measured worst
-// difference 1 for Y and for chroma, over every layout.
-TEST(ImageConv, YuvRgbYuvRoundTripStaysWithinOne) {
-    std::mt19937 rng(3);
-    for (const YuvFormat& f : kYuvFormats) {
-        SCOPED_TRACE(f.code);
-        Picture a(41, 19, f.code), rgb(41, 19, 2), b(41, 19, f.code);
-        for (int32_t y = 0; y < 19; ++y) {
-            for (int32_t x = 0; x < 41; ++x) {
-                *lumaAt(a, f, x, y) = static_cast<uint8_t>(64 + rng() % 129);
-                *chromaAt(a, f, x, y, 'U') = static_cast<uint8_t>(96 + rng() % 65);
-                *chromaAt(a, f, x, y, 'V') = static_cast<uint8_t>(96 + rng() % 65);
-            }
-        }
-        ASSERT_EQ(convert(&rgb.image, &a.image), TL_OK);
-        ASSERT_EQ(convert(&b.image, &rgb.image), TL_OK);
-        int worstY = 0, worstC = 0;
-        for (int32_t y = 0; y < 19; ++y) {
-            for (int32_t x = 0; x < 41; ++x) {
-                worstY = std::max(worstY, std::abs(*lumaAt(a, f, x, y) - *lumaAt(b, f, x, y)));
+            ASSERT_EQ(convert(&dst.image, &a.image), TL_OK);
+            ASSERT_EQ(convert(&back.image, &dst.image), TL_OK);
+            int worstY = 0, worstC = 0;
+            for (int32_t i = 0; i < kW * kH; ++i) {
+                const int32_t x = i % kW, y = i / kW;
+                worstY = std::max(worstY, std::abs(*lumaAt(a, f, x, y) - *lumaAt(back, f, x, y)));
                 for (char c : {'U', 'V'})
-                    worstC = std::max(worstC, std::abs(*chromaAt(a, f, x, y, c) - *chromaAt(b, f, x, y, c)));
+                    worstC =
+                        std::max(worstC, std::abs(*chromaAt(a, f, x, y, c) - *chromaAt(back, f, x, y, c)));
             }
+            EXPECT_LE(worstY, 1);
+            EXPECT_LE(worstC, 1);
         }
-        EXPECT_LE(worstY, 1);
-        EXPECT_LE(worstC, 1);
     }
 }
 
-TEST(ImageConv, KnownColoursBothWays) {
-    // Red by hand: Y = 9798 * 255 >> 15 = 76; U = -5538 * 255 >> 15 = -44,
-    // + 128 = 84; V = 255 << 14 >> 15 = 127, + 128 = 255. Back: R = 76 + 178,
-    // G = 76 - 75, B = 76 - 78 clamped.
-    struct Case {
-        uint8_t r, g, b, y, u, v, r2, g2, b2;
-    } cases[] = {{0, 0, 0, 0, 128, 128, 0, 0, 0},
-                 {255, 255, 255, 255, 128, 128, 255, 255, 255},
-                 {255, 0, 0, 76, 84, 255, 254, 1, 0}};
-    const YuvFormat nv12{27, 1, nullptr};
-    for (const Case& c : cases) {
-        Picture rgb(2, 2, 2), yuv(2, 2, 27), back(2, 2, 2);
-        for (int i = 0; i < 4; ++i) {
-            uint8_t* p = rgb.row(0, i >> 1) + 3 * (i & 1);
-            p[0] = c.r, p[1] = c.g, p[2] = c.b;
-        }
-        ASSERT_EQ(convert(&yuv.image, &rgb.image), TL_OK);
-        EXPECT_EQ(*lumaAt(yuv, nv12, 1, 1), c.y);
-        EXPECT_EQ(*chromaAt(yuv, nv12, 0, 0, 'U'), c.u);
-        EXPECT_EQ(*chromaAt(yuv, nv12, 0, 0, 'V'), c.v);
-        ASSERT_EQ(convert(&back.image, &yuv.image), TL_OK);
-        const uint8_t* p = back.row(0, 1) + 3;
-        EXPECT_EQ(p[0], c.r2);
-        EXPECT_EQ(p[1], c.g2);
-        EXPECT_EQ(p[2], c.b2);
-    }
-}
-
-// Single pixels through the whole-pixel, one-channel and 10-bit routes.
-TEST(ImageConv, KnownAnswersOfOtherFamilies) {
+// Pixels through every family, worked by hand. Red: Y = 9798 * 255 >> 15 =
+// 76; U = -5538 * 255 >> 15 = -44, + 128 = 84; V = 255 << 14 >> 15 = 127, +
+// 128 = 255. Back: R = 76 + 178, G = 76 - 75, B = 76 - 78 clamped.
+TEST(ImageConv, KnownAnswers) {
     struct Case {
         uint32_t from, to;
+        int32_t width;
         std::vector<uint8_t> in, out;
     } cases[] = {
-        {2, 1, {0x12, 0x34, 0x56}, {0xAA, 0x11}},  // truncates to 5, 6, 5 bits
-        {1, 2, {0xAA, 0x11}, {0x10, 0x34, 0x50}},  // low bits stay 0
-        {2, 15, {255, 0, 0}, {255, 255, 0, 0}},    // ARGB, alpha 255
-        {9, 2, {1, 2, 3, 4}, {1, 2, 3}},           // RGBA
-        {2, 65, {1, 2, 3}, {1, 1, 2, 2, 3, 3}},    // v * 257
-        {65, 2, {0x00, 0x12, 0xFF, 0x34, 0x00, 0x56}, {0x12, 0x34, 0x56}},
-        {64, 60, {0x34, 0x12}, {0x12}},
-        {60, 64, {0xAB}, {0xAB, 0xAB}},
-        {30, 2, {255, 128, 128}, {255, 255, 255}},
+        {2, 16, 2, {0, 0, 0, 0, 0, 0}, {0, 128, 0, 128}},  // black, white, red to YUYV and back
+        {2, 16, 2, {255, 255, 255, 255, 255, 255}, {255, 128, 255, 128}},
+        {2, 16, 2, {255, 0, 0, 255, 0, 0}, {76, 84, 76, 255}},
+        {16, 2, 2, {0, 128, 0, 128}, {0, 0, 0, 0, 0, 0}},
+        {16, 2, 2, {255, 128, 255, 128}, {255, 255, 255, 255, 255, 255}},
+        {16, 2, 2, {76, 84, 76, 255}, {254, 1, 0, 254, 1, 0}},
+        {16, 2, 2, {100, 128, 100, 130}, {102, 99, 100, 102, 99, 100}},  // R term 2.80 truncates
+        {2, 16, 2, {0, 0, 0, 0, 0, 255}, {0, 192, 29, 117}},             // blue mean 127.5 rounds to 128
+        {2, 1, 1, {0x12, 0x34, 0x56}, {0xAA, 0x11}},                     // truncates to 5, 6, 5 bits
+        {1, 2, 1, {0xAA, 0x11}, {0x10, 0x34, 0x50}},                     // low bits stay 0
+        {2, 15, 1, {255, 0, 0}, {255, 255, 0, 0}},                       // ARGB, alpha 255
+        {9, 2, 1, {1, 2, 3, 4}, {1, 2, 3}},                              // RGBA
+        {2, 65, 1, {1, 2, 3}, {1, 1, 2, 2, 3, 3}},                       // v * 257
+        {65, 2, 1, {0x00, 0x12, 0xFF, 0x34, 0x00, 0x56}, {0x12, 0x34, 0x56}},
+        {64, 60, 1, {0x34, 0x12}, {0x12}},
+        {30, 2, 1, {255, 128, 128}, {255, 255, 255}},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.from << " to " << c.to);
-        Picture src(1, 1, c.from), dst(1, 1, c.to);
+        SCOPED_TRACE(testing::Message() << c.from << " to " << c.to << ": " << int{c.in[0]});
+        Picture src(c.width, 1, c.from), dst(c.width, 1, c.to);
         std::memcpy(src.row(0, 0), c.in.data(), c.in.size());
         ASSERT_EQ(convert(&dst.image, &src.image), TL_OK);
         EXPECT_EQ(std::vector<uint8_t>(dst.row(0, 0), dst.row(0, 0) + c.out.size()), c.out);
@@ -272,15 +228,13 @@ TEST(ImageConv, KnownAnswersOfOtherFamilies) {
 TEST(ImageConv, TenBitSamples) {
     Picture p10(6, 2, 37), p8(6, 2, 27);
     const uint16_t luma[6] = {0, 1, 2, 1021, 1022, 4000}, chroma[6] = {5, 1023, 1024, 0, 512, 65535};
-    std::memcpy(p10.row(0, 0), luma, sizeof luma);
-    std::memcpy(p10.row(0, 1), luma, sizeof luma);
+    for (int r = 0; r < 2; ++r) std::memcpy(p10.row(0, r), luma, sizeof luma);
     std::memcpy(p10.row(1, 0), chroma, sizeof chroma);
     ASSERT_EQ(convert(&p8.image, &p10.image), TL_OK);
     EXPECT_EQ(std::vector<uint8_t>(p8.row(0, 1), p8.row(0, 1) + 6),
               (std::vector<uint8_t>{0, 0, 1, 255, 255, 255}));
     EXPECT_EQ(std::vector<uint8_t>(p8.row(1, 0), p8.row(1, 0) + 6),
               (std::vector<uint8_t>{1, 255, 255, 0, 128, 255}));
-
     std::mt19937 rng(5);
     Picture a(12, 6, 27), packed(12, 6, 39), wide(12, 6, 38), b(12, 6, 27), c(12, 6, 27);
     a.fillRandom(rng);
@@ -288,13 +242,12 @@ TEST(ImageConv, TenBitSamples) {
     ASSERT_EQ(convert(&wide.image, &packed.image), TL_OK);  // and swaps U, V
     ASSERT_EQ(convert(&b.image, &packed.image), TL_OK);
     ASSERT_EQ(convert(&c.image, &wide.image), TL_OK);
-    EXPECT_TRUE(a.samePixels(b));
     // Through 16-bit words the 8-bit luma rule rounds (4s + 2) >> 2 = s.
-    EXPECT_TRUE(a.samePixels(c));
+    EXPECT_TRUE(a.samePixels(b) && a.samePixels(c));
     uint32_t word;
     std::memcpy(&word, packed.row(0, 0), 4);
-    EXPECT_EQ(word, (uint32_t{a.row(0, 0)[0]} << 2) | (uint32_t{a.row(0, 0)[1]} << 12) |
-                        (uint32_t{a.row(0, 0)[2]} << 22));
+    const uint8_t* y = a.row(0, 0);
+    EXPECT_EQ(word, (uint32_t{y[0]} << 2) | (uint32_t{y[1]} << 12) | (uint32_t{y[2]} << 22));
     EXPECT_EQ(reinterpret_cast<uint16_t*>(wide.row(1, 0))[0], a.row(1, 0)[1] << 2);  // V first
     EXPECT_TRUE(packed.canariesIntact() && wide.canariesIntact() && b.canariesIntact());
 }
@@ -318,14 +271,13 @@ TEST(ImageConv, RectanglesCoverWholeChromaBlocksInPlace) {
         ASSERT_EQ(convert(&part.image, &rgb.image, &r), TL_OK);
         ASSERT_EQ(convert(&rgbWhole.image, &whole.image), TL_OK);
         ASSERT_EQ(convert(&rgbPart.image, &whole.image, &r), TL_OK);
-        for (int32_t y = 0; y < 11; ++y) {
-            for (int32_t x = 0; x < 15; ++x) {
-                const bool in = x >= x0 && x < x1 && y >= y0 && y < y1;
-                EXPECT_EQ(*lumaAt(part, nv21, x, y), in ? *lumaAt(whole, nv21, x, y) : 7) << x << "," << y;
-                EXPECT_EQ(*chromaAt(part, nv21, x, y, 'V'), in ? *chromaAt(whole, nv21, x, y, 'V') : 8);
-                for (int c = 0; c < 3; ++c)
-                    EXPECT_EQ(rgbPart.row(0, y)[3 * x + c], in ? rgbWhole.row(0, y)[3 * x + c] : 7);
-            }
+        for (int32_t i = 0; i < 15 * 11; ++i) {
+            const int32_t x = i % 15, y = i / 15;
+            const bool in = x >= x0 && x < x1 && y >= y0 && y < y1;
+            EXPECT_EQ(*lumaAt(part, nv21, x, y), in ? *lumaAt(whole, nv21, x, y) : 7) << x << "," << y;
+            EXPECT_EQ(*chromaAt(part, nv21, x, y, 'V'), in ? *chromaAt(whole, nv21, x, y, 'V') : 8);
+            for (int c = 0; c < 3; ++c)
+                EXPECT_EQ(rgbPart.row(0, y)[3 * x + c], in ? rgbWhole.row(0, y)[3 * x + c] : 7);
         }
         EXPECT_TRUE(part.canariesIntact() && rgbPart.canariesIntact());
     }
@@ -334,70 +286,51 @@ TEST(ImageConv, RectanglesCoverWholeChromaBlocksInPlace) {
 // Whole-pixel sources fill a destination of another size by nearest
 // neighbour from the rectangle: x = left + dx * width / dst width.
 TEST(ImageConv, WholePixelSourcesScaleByNearestNeighbour) {
-    Picture src(6, 4, 9), dst(2, 2, 2);  // RGBA
-    for (int32_t y = 0; y < 4; ++y) {
-        for (int32_t x = 0; x < 6; ++x) src.row(0, y)[4 * x] = static_cast<uint8_t>(10 * y + x);
-    }
+    Picture src(6, 4, 9), dst(2, 2, 2), yuv(6, 4, 27);  // RGBA
+    for (int32_t i = 0; i < 24; ++i)
+        src.row(0, i / 6)[4 * (i % 6)] = static_cast<uint8_t>(10 * (i / 6) + i % 6);
     const ImageRect r{1, 1, 6, 4};  // 5 by 3: columns 1, 3 and rows 1, 2
     ASSERT_EQ(convert(&dst.image, &src.image, &r), TL_OK);
-    EXPECT_EQ(dst.row(0, 0)[0], 11);
-    EXPECT_EQ(dst.row(0, 0)[3], 13);
-    EXPECT_EQ(dst.row(0, 1)[0], 21);
-    EXPECT_EQ(dst.row(0, 1)[3], 23);
-    Picture yuv(6, 4, 27);  // no scaling from shared chroma
-    EXPECT_EQ(convert(&dst.image, &yuv.image), TL_ERROR_PARAM);
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(dst.row(0, i >> 1)[3 * (i & 1)], 11 + 10 * (i >> 1) + 2 * (i & 1));
+    EXPECT_EQ(convert(&dst.image, &yuv.image), TL_ERROR_PARAM);  // no scaling from shared chroma
 }
 
-// Failures and no-ops leave the destination's bytes as they were.
+// Failures and no-ops leave the destination's bytes as they were: routes
+// (a null `rect` is a whole-image conversion) and rectangles.
 TEST(ImageConv, DispatchRulesAndBadRectanglesLeaveDestinationUntouched) {
-    using Conv = TLResult (*)(Image*, const Image*);
     struct Case {
-        Conv conv;
+        TLResult (*plain)(Image*, const Image*);  // else convert() with the rectangle
         uint32_t to, from;
+        ImageRect rect;
         TLResult expected;
     } cases[] = {
-        {Image_conv_toYuv420Semiplanar, 27, 26, TL_ERROR_UNSUPPORTED},  // no route between the 4:2:0 forms
-        {Image_conv_toYuv420Planar, 26, 27, TL_ERROR_UNSUPPORTED},
-        {Image_conv_toYuv420Semiplanar, 27, 27, TL_OK},  // same format: nothing to do
-        {Image_conv_toRgb888, 2, 2, TL_OK},
-        {Image_conv_toRgb565, 1, 27, TL_ERROR_UNSUPPORTED},
-        {Image_conv_toRgb888, 27, 2, TL_ERROR_PARAM},  // destination of another family
-        {Image_conv_toRgb888, 3, 27, TL_ERROR_PARAM},
-        {Image_conv_toYuv420Planar, 27, 2, TL_ERROR_PARAM},
-        {Image_conv_toBayer8, 2, 2, TL_ERROR_PARAM},
-        {Image_conv_toUint8, 64, 60, TL_ERROR_PARAM},
+        {nullptr, 27, 26, {}, TL_ERROR_UNSUPPORTED},  // no route between the 4:2:0 forms
+        {nullptr, 26, 27, {}, TL_ERROR_UNSUPPORTED},
+        {nullptr, 27, 27, {}, TL_OK},  // same format: nothing to do
+        {nullptr, 2, 2, {}, TL_OK},
+        {nullptr, 1, 27, {}, TL_ERROR_UNSUPPORTED},
+        {Image_conv_toRgb888, 27, 2, {}, TL_ERROR_PARAM},  // destination of another family
+        {Image_conv_toRgb888, 3, 27, {}, TL_ERROR_PARAM},
+        {Image_conv_toYuv420Planar, 27, 2, {}, TL_ERROR_PARAM},
+        {Image_conv_toBayer8, 2, 2, {}, TL_ERROR_PARAM},
+        {Image_conv_toUint8, 64, 60, {}, TL_ERROR_PARAM},
+        {nullptr, 2, 27, {0, 0, 9, 6}, TL_ERROR_PARAM},  // rectangles outside the source, or empty
+        {nullptr, 27, 2, {-1, 0, 4, 4}, TL_ERROR_PARAM},
+        {nullptr, 2, 27, {0, 2, 8, 7}, TL_ERROR_PARAM},
+        {nullptr, 27, 2, {3, 3, 3, 5}, TL_OK},
+        {nullptr, 2, 27, {5, 4, 2, 6}, TL_OK},
     };
     std::mt19937 rng(1);
     for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.from << " to " << c.to);
+        SCOPED_TRACE(testing::Message() << c.from << " to " << c.to << " right " << c.rect.right);
         Picture src(8, 6, c.from), dst(8, 6, c.to), copy(8, 6, c.to);
         src.fillRandom(rng);
         dst.fillPlanes(3);
         copy.fillPlanes(3);
-        EXPECT_EQ(c.conv(&dst.image, &src.image), c.expected);
+        const ImageRect* r = c.rect.right != 0 ? &c.rect : nullptr;
+        EXPECT_EQ(c.plain ? c.plain(&dst.image, &src.image) : convert(&dst.image, &src.image, r), c.expected);
         EXPECT_TRUE(dst.samePixels(copy) && dst.canariesIntact());
     }
-    struct RectCase {
-        ImageRect rect;
-        TLResult expected;
-    } rects[] = {{{0, 0, 9, 6}, TL_ERROR_PARAM},
-                 {{-1, 0, 4, 4}, TL_ERROR_PARAM},
-                 {{0, 2, 8, 7}, TL_ERROR_PARAM},
-                 {{3, 3, 3, 5}, TL_OK},
-                 {{5, 4, 2, 6}, TL_OK}};
-    for (const RectCase& c : rects) {
-        for (uint32_t to : {2u, 27u}) {
-            Picture src(8, 6, to == 2 ? 27 : 2), dst(8, 6, to), copy(8, 6, to);
-            src.fillRandom(rng);
-            dst.fillPlanes(3);
-            copy.fillPlanes(3);
-            EXPECT_EQ(convert(&dst.image, &src.image, &c.rect), c.expected);
-            EXPECT_TRUE(dst.samePixels(copy));
-        }
-    }
-    Picture src(8, 6, 2), dst(8, 6, 27), small(8, 4, 27);
-    EXPECT_EQ(Image_conv_toYuv420Semiplanar_withRect(&dst.image, &src.image, nullptr), TL_ERROR_PARAM);
-    EXPECT_EQ(Image_conv_toYuv420Semiplanar(&small.image, &src.image), TL_ERROR_PARAM);
 }
 
 // A constant colour survives the mosaic and bilinear demosaicing exactly,
@@ -412,9 +345,7 @@ TEST(ImageConv, BayerRoundTripOfAConstantColour) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.code);
         Picture rgb(7, 5, 2), bayer(7, 5, c.code), back(7, 5, 2);
-        for (int32_t y = 0; y < 5; ++y) {
-            for (int32_t x = 0; x < 7; ++x) std::memcpy(rgb.row(0, y) + 3 * x, colour, 3);
-        }
+        for (int32_t i = 0; i < 35; ++i) std::memcpy(rgb.row(0, i / 7) + 3 * (i % 7), colour, 3);
         ASSERT_EQ(convert(&bayer.image, &rgb.image), TL_OK);
         ASSERT_EQ(convert(&back.image, &bayer.image), TL_OK);
         EXPECT_TRUE(back.samePixels(rgb));
@@ -424,98 +355,4 @@ TEST(ImageConv, BayerRoundTripOfAConstantColour) {
             EXPECT_EQ(v, colour[c.site[i]] * (c.code < 44 ? 1 : 257));
         }
     }
-}
-
-TEST(ImageConv, LuminanceShrinkAveragesBlocksAndCutEdges) {
-    Picture src(7, 5, 60), dst(4, 2, 60);  // factor 2 by 3 over 7 by 5
-    for (int32_t y = 0; y < 5; ++y) {
-        for (int32_t x = 0; x < 7; ++x) src.u8(x, y) = static_cast<uint8_t>(10 * y + x);
-    }
-    const int32_t factor[2] = {2, 3};
-    ASSERT_EQ(Image_toYUint8Shrink(&dst.image, &src.image, nullptr, factor), TL_OK);
-    EXPECT_EQ(dst.u8(0, 0), 11);  // rows 0..2, columns 0..1: mean 10.5 rounds up
-    EXPECT_EQ(dst.u8(3, 0), 16);  // column 6 alone
-    EXPECT_EQ(dst.u8(3, 1), 41);  // rows 3, 4 of column 6: 36, 46
-    EXPECT_TRUE(dst.canariesIntact());
-    // An RGB source gives the Y formula of its pixels; a rectangle picks the source.
-    Picture rgb(4, 4, 2), one(1, 1, 60);
-    for (int32_t y = 0; y < 4; ++y) {
-        std::memset(rgb.row(0, y), 0, 12);
-        rgb.row(0, y)[9] = 255;  // column 3 red
-    }
-    const ImageRect r{2, 0, 4, 4};
-    const int32_t f2[2] = {2, 4};
-    ASSERT_EQ(Image_toYUint8Shrink(&one.image, &rgb.image, &r, f2), TL_OK);
-    EXPECT_EQ(one.u8(0, 0), 38);                                                           // (76 + 0) / 2
-    EXPECT_EQ(Image_toYUint8Shrink(&one.image, &rgb.image, nullptr, f2), TL_ERROR_PARAM);  // wants 2 by 1
-    EXPECT_EQ(Image_toYUint8Shrink(&one.image, &rgb.image, &r, nullptr), TL_ERROR_PARAM);
-    Picture hsv(4, 4, 62);
-    EXPECT_EQ(Image_toYUint8Shrink(&one.image, &hsv.image, &r, f2), TL_ERROR_UNSUPPORTED);
-}
-
-// Fills reach every pixel within the width, in the format's byte order, and
-// nothing else: the aligned row ends and the rows below the height keep the
-// canary. 5 by 3 gives partial chroma blocks and pairs.
-TEST(ImageConv, ClearFillsPixelsInFormatOrder) {
-    struct Case {
-        uint32_t code;
-        TLResult (*clear)(Image*);
-        std::vector<uint8_t> pattern[3];  // repeated over each plane
-        int32_t bytes[3], rows[3];        // what the pixels occupy
-    } cases[] = {
-        {29,
-         [](Image* m) { return ImageYuv420Semiplanar_clear(m, 1, 2, 3); },
-         {{1}, {3, 2}, {}},
-         {5, 6, 0},
-         {3, 2, 0}},
-        {26,
-         [](Image* m) { return ImageYuv420Planar_clear(m, 1, 2, 3); },
-         {{1}, {2}, {3}},
-         {5, 3, 3},
-         {3, 2, 2}},
-        {15,
-         [](Image* m) { return ImageUint8888_clear(m, 1, 2, 3, 4); },
-         {{4, 1, 2, 3}, {}, {}},
-         {20, 0, 0},
-         {3, 0, 0}},
-        {3,
-         [](Image* m) { return ImageRgb888_clear(m, 1, 2, 3); },
-         {{3, 2, 1}, {}, {}},
-         {15, 0, 0},
-         {3, 0, 0}},
-        {21,
-         [](Image* m) { return ImageYuv422Interleaved_clear_sub(m, 1, 2, 3); },
-         {{2, 1, 3, 1}, {}, {}},
-         {12, 0, 0},
-         {3, 0, 0}},
-        {38,
-         [](Image* m) { return ImageYuv10b420Semiplanar_clear(m, 0x101, 2, 0x303); },
-         {{1, 1}, {3, 3, 2, 0}, {}},
-         {10, 12, 0},
-         {3, 2, 0}},
-        {66,
-         [](Image* m) { return ImageFloat_clear(m, 1.0f); },
-         {{0, 0, 0x80, 0x3F}, {}, {}},
-         {20, 0, 0},
-         {3, 0, 0}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.code);
-        Picture p(5, 3, c.code);
-        ASSERT_EQ(c.clear(&p.image), TL_OK);
-        for (int k = 0; k < 3; ++k) {
-            for (int32_t r = 0; r < p.rows[k]; ++r) {
-                for (int32_t i = 0; i < p.rowBytes[k]; ++i) {
-                    const bool pixel = r < c.rows[k] && i < c.bytes[k];
-                    const size_t n = c.pattern[k].size();
-                    ASSERT_EQ(p.row(k, r)[i], pixel ? c.pattern[k][i % n] : vq_tl_test::kCanary)
-                        << k << " " << r;
-                }
-            }
-        }
-        EXPECT_TRUE(p.canariesIntact());
-    }
-    Picture rgb(4, 4, 2);
-    EXPECT_EQ(ImageUint8_clear(&rgb.image, 0), TL_ERROR_UNSUPPORTED);
-    EXPECT_EQ(ImageUint8_clear(nullptr, 0), TL_ERROR_PARAM);
 }

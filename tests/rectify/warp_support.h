@@ -1,15 +1,15 @@
-// Helpers of the grid warp tests: owned grids and renderers, where each
-// format keeps its luma and chroma samples, smooth test pictures, and a
-// direct per-pixel bilinear reference.
+// Helpers of the rectification and grid warp tests: owned grids and
+// renderers, sample layouts, smooth pictures, and camera and lens models.
 #pragma once
 
 #include <cmath>
 #include <cstdint>
 #include <functional>
 
-#include "support/picture.h"
 #include "alignment/mvec.h"
+#include "rectify/rectify_lens_dist.h"
 #include "rectify/renderer2.h"
+#include "support/picture.h"
 
 namespace vq_tl_test {
 
@@ -37,64 +37,51 @@ struct Renderer {
     vq_tl::Env env{};
     vq_tl::Renderer2 r;
     explicit Renderer(int32_t mode = 0, int32_t boundaryCheck = 0) {
-        vq_tl::construct_Renderer2(&r, &env);
-        vq_tl::Renderer2_initWithPel(&r, nullptr);
-        vq_tl::Renderer2_setMode(&r, mode);
-        vq_tl::Renderer2_setBoundaryCheck(&r, boundaryCheck);
+        vq_tl::construct_Renderer2(&r, &env), vq_tl::Renderer2_initWithPel(&r, nullptr);
+        vq_tl::Renderer2_setMode(&r, mode), vq_tl::Renderer2_setBoundaryCheck(&r, boundaryCheck);
     }
     ~Renderer() { vq_tl::destruct_Renderer2(&r); }
     Renderer(const Renderer&) = delete;
     Renderer& operator=(const Renderer&) = delete;
 };
 
-// Where a format keeps its samples. Chroma coordinates are in chroma samples;
-// component 0 and 1 are the two chroma bytes in memory order.
+inline TLResult render(Renderer& r, Picture& dst, const Picture& src, const Grid& grid) {
+    return vq_tl::Renderer2_render(&r.r, &dst.image, &src.image, &grid.g);
+}
+
+// Where a format keeps its samples: luma at row(0, y)[lumaStep x + lumaOffset],
+// chroma component c (0 and 1 in memory order) at row(plane + c planeStep,
+// cy)[chromaStep cx + chromaOffset + c componentStep], in chroma samples.
 struct Layout {
-    uint32_t format;
-    int32_t chromaShiftX, chromaShiftY;  // 1, 1 for 4:2:0; 1, 0 for 4:2:2; none for UINT8
     bool hasChroma;
+    int32_t chromaShiftY;  // 1 for 4:2:0; chroma is always half as wide
+    int32_t lumaStep, lumaOffset, plane, planeStep, chromaStep, chromaOffset, componentStep;
 
     static Layout of(uint32_t format) {
         switch (format) {
-            case vq_tl::IMAGE_FORMAT_UINT8: return {format, 0, 0, false};
+            case vq_tl::IMAGE_FORMAT_UINT8: return {false, 0, 1, 0, 0, 0, 0, 0, 0};
             case 16:
-            case 17:
+            case 17: return {true, 0, 2, 0, 0, 0, 4, 1, 2};
             case 20:
-            case 21:
-            case vq_tl::IMAGE_FORMAT_YUV422_PLANAR: return {format, 1, 0, true};
-            default: return {format, 1, 1, true};
+            case 21: return {true, 0, 2, 1, 0, 0, 4, 0, 2};
+            case vq_tl::IMAGE_FORMAT_YUV422_PLANAR: return {true, 0, 1, 0, 1, 1, 1, 0, 0};
+            case vq_tl::IMAGE_FORMAT_YUV420_PLANAR: return {true, 1, 1, 0, 1, 1, 1, 0, 0};
+            default: return {true, 1, 1, 0, 1, 0, 2, 0, 1};  // semi-planar 4:2:0
         }
     }
     int32_t chromaWidth(int32_t w) const { return (w + 1) >> 1; }
-    int32_t chromaHeight(int32_t h) const { return chromaShiftY != 0 ? (h + 1) >> 1 : h; }
-
+    int32_t chromaHeight(int32_t h) const { return (h + chromaShiftY) >> chromaShiftY; }
     uint8_t& luma(const Picture& p, int32_t x, int32_t y) const {
-        switch (format) {
-            case 16:
-            case 17: return p.row(0, y)[2 * x];
-            case 20:
-            case 21: return p.row(0, y)[2 * x + 1];
-            default: return p.row(0, y)[x];
-        }
+        return p.row(0, y)[lumaStep * x + lumaOffset];
     }
-    uint8_t& chroma(const Picture& p, int component, int32_t cx, int32_t cy) const {
-        switch (format) {
-            case 16:
-            case 17: return p.row(0, cy)[4 * cx + 1 + 2 * component];
-            case 20:
-            case 21: return p.row(0, cy)[4 * cx + 2 * component];
-            case vq_tl::IMAGE_FORMAT_YUV420_SEMIPLANAR:
-            case vq_tl::IMAGE_FORMAT_YVU420_SEMIPLANAR: return p.row(1, cy)[2 * cx + component];
-            default: return p.row(1 + component, cy)[cx];
-        }
+    uint8_t& chroma(const Picture& p, int c, int32_t cx, int32_t cy) const {
+        return p.row(plane + c * planeStep, cy)[chromaStep * cx + chromaOffset + c * componentStep];
     }
 };
 
-// Smooth pictures: luma changes by at most 2.7 levels per pixel across and
-// 2.1 down, chroma by about 2 per chroma sample. Groups place their samples
-// up to an eighth of a pixel short on each axis (the phase and the lane
-// offset are both truncated to sixteenths), which moves such a luma sample
-// by at most 0.6 of a level: with the rounding, within one level.
+// Smooth pictures: luma changes by at most 2.7 levels per pixel, so groups
+// placing samples up to an eighth of a pixel short (phase and lane offset
+// truncated to sixteenths) stay within one level.
 inline double smoothLuma(double x, double y) {
     return 128.0 + 24.0 * std::sin(0.09 * x + 0.04 * y) + 18.0 * std::cos(0.06 * y - 0.03 * x);
 }
@@ -104,48 +91,54 @@ inline double smoothChroma(int component, double cx, double cy) {
 }
 
 inline void fillSmooth(Picture& p, const Layout& l, int32_t w, int32_t h) {
-    for (int32_t y = 0; y < h; ++y) {
-        for (int32_t x = 0; x < w; ++x) l.luma(p, x, y) = static_cast<uint8_t>(std::lround(smoothLuma(x, y)));
-    }
-    if (!l.hasChroma) return;
-    for (int32_t cy = 0; cy < l.chromaHeight(h); ++cy) {
-        for (int32_t cx = 0; cx < l.chromaWidth(w); ++cx) {
-            for (int c = 0; c < 2; ++c) {
-                l.chroma(p, c, cx, cy) = static_cast<uint8_t>(std::lround(smoothChroma(c, cx, cy)));
-            }
-        }
-    }
+    for (int32_t i = 0; i < w * h; ++i)
+        l.luma(p, i % w, i / w) = static_cast<uint8_t>(std::lround(smoothLuma(i % w, i / w)));
+    const int32_t cw = l.chromaWidth(w);
+    for (int32_t i = 0; l.hasChroma && i < 2 * cw * l.chromaHeight(h); ++i)
+        l.chroma(p, i % 2, i / 2 % cw, i / 2 / cw) =
+            static_cast<uint8_t>(std::lround(smoothChroma(i % 2, i / 2 % cw, i / 2 / cw)));
 }
 
 // Bilinear sample of the luma of p at (sx, sy) with real weights, edges
 // repeated: the warp as it would be done per pixel in real arithmetic.
 inline double referenceLuma(const Picture& p, const Layout& l, int32_t w, int32_t h, double sx, double sy) {
-    const double fx = std::floor(sx), fy = std::floor(sy);
-    const double ax = sx - fx, ay = sy - fy;
+    const double fx = std::floor(sx), fy = std::floor(sy), ax = sx - fx, ay = sy - fy;
     auto at = [&](double x, double y) {
-        const int32_t xi = static_cast<int32_t>(std::fmin(std::fmax(x, 0.0), w - 1.0));
-        const int32_t yi = static_cast<int32_t>(std::fmin(std::fmax(y, 0.0), h - 1.0));
-        return static_cast<double>(l.luma(p, xi, yi));
+        return static_cast<double>(l.luma(p, static_cast<int32_t>(std::fmin(std::fmax(x, 0.0), w - 1.0)),
+                                          static_cast<int32_t>(std::fmin(std::fmax(y, 0.0), h - 1.0))));
     };
-    const double top = at(fx, fy) * (1 - ax) + at(fx + 1, fy) * ax;
-    const double bottom = at(fx, fy + 1) * (1 - ax) + at(fx + 1, fy + 1) * ax;
-    return top * (1 - ay) + bottom * ay;
-}
-
-inline TLResult render(Renderer& r, Picture& dst, const Picture& src, const Grid& grid) {
-    return vq_tl::Renderer2_render(&r.r, &dst.image, &src.image, &grid.g);
+    return (at(fx, fy) * (1 - ax) + at(fx + 1, fy) * ax) * (1 - ay) +
+           (at(fx, fy + 1) * (1 - ax) + at(fx + 1, fy + 1) * ax) * ay;
 }
 
 // Rotation about a unit axis, written out: Rodrigues' formula.
 inline vq_tl::Mvec8Real rodrigues(double ax, double ay, double az, double angle) {
     const double n = std::sqrt(ax * ax + ay * ay + az * az);
-    ax /= n;
-    ay /= n;
-    az /= n;
+    ax /= n, ay /= n, az /= n;
     const double c = std::cos(angle), s = std::sin(angle), t = 1 - c;
     return vq_tl::Mvec8Real{{t * ax * ax + c, t * ax * ay - s * az, t * ax * az + s * ay,
                              t * ax * ay + s * az, t * ay * ay + c, t * ay * az - s * ax,
                              t * ax * az - s * ay, t * ay * az + s * ax, t * az * az + c}};
+}
+
+inline vq_tl::Mvec8Real camera(double f, double cx, double cy, double fy = 0) {
+    return vq_tl::Mvec8Real{{f, 0, cx, 0, fy != 0 ? fy : f, cy, 0, 0, 1}};
+}
+
+inline vq_tl::RectifyLensDist coeffLens(double k1, double k2, double k3, double p1, double p2) {
+    vq_tl::RectifyLensDist d;
+    vq_tl::RectifyLensDist_clear(&d);
+    const double k[3] = {k1, k2, k3}, p[2] = {p1, p2};
+    vq_tl::RectifyLensDist_setDistCoeff(&d, k, 3, p, 2);
+    return d;
+}
+
+// The forward lens model, written out: ideal to distorted normalised point.
+inline void distort(const vq_tl::RectifyLensDistortionCoeff& c, double x, double y, double* dx, double* dy) {
+    const double r2 = x * x + y * y;
+    const double radial = 1 + c.k[0] * r2 + c.k[1] * r2 * r2 + c.k[2] * r2 * r2 * r2;
+    *dx = x * radial + 2 * c.p[0] * x * y + c.p[1] * (r2 + 2 * x * x);
+    *dy = y * radial + c.p[0] * (r2 + 2 * y * y) + 2 * c.p[1] * x * y;
 }
 
 }  // namespace vq_tl_test

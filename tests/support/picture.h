@@ -71,6 +71,12 @@ struct Picture {
             for (int32_t r = 0; r < rows[k]; ++r) std::memset(row(k, r), value + k, rowBytes[k]);
         }
     }
+    // The pixels of a picture of the same size and format; pitches may differ.
+    void copyPixels(const Picture& o) {
+        for (int k = 0; k < 3; ++k) {
+            for (int32_t r = 0; r < rows[k]; ++r) std::memcpy(row(k, r), o.row(k, r), rowBytes[k]);
+        }
+    }
     bool samePixels(const Picture& o) const {
         for (int k = 0; k < 3; ++k) {
             for (int32_t r = 0; r < rows[k]; ++r) {
@@ -90,5 +96,24 @@ struct Picture {
         return storage.back() == kCanary;
     }
 };
+
+// Element i (x * channels + c) of row y of a single-plane picture or view,
+// by the element type of its format: 16 bits for UINT16 and UINT1616, signed
+// for INT16 and INT32, float for FLOAT, a byte for the others.
+inline double elementOf(const vq_tl::Image& v, int32_t i, int32_t y) {
+    const uint8_t* row = v.plane[0] + static_cast<size_t>(v.pitch[0]) * y;
+    auto load = [&](auto e) {
+        std::memcpy(&e, row + sizeof e * i, sizeof e);
+        return static_cast<double>(e);
+    };
+    switch (v.format) {
+        case vq_tl::IMAGE_FORMAT_UINT16:
+        case vq_tl::IMAGE_FORMAT_UINT1616: return load(uint16_t{});
+        case vq_tl::IMAGE_FORMAT_INT16: return load(int16_t{});
+        case vq_tl::IMAGE_FORMAT_INT32: return load(int32_t{});
+        case vq_tl::IMAGE_FORMAT_FLOAT: return load(float{});
+        default: return row[i];
+    }
+}
 
 }  // namespace vq_tl_test

@@ -1,8 +1,10 @@
-// Valid session parameters for tests, to be changed one field at a time.
+// Valid session parameters for tests, to be changed one field at a time, and
+// a session opened with them.
 #pragma once
 
 #include <cstring>
 #include <memory>
+#include <vector>
 
 #include "velquin/twin_lens.h"
 
@@ -31,5 +33,24 @@ inline std::unique_ptr<TwinLensParams> makeParams(int32_t mainWidth = 640, int32
     }
     return p;
 }
+
+// A session in a buffer of the size getBufferSize reports for valid
+// parameters (the size does not depend on them), finalized at the end of the
+// scope unless the test has done so.
+struct OpenSession {
+    std::vector<uint8_t> buffer;
+    TwinLensHandle handle{nullptr};
+    TLResult opened;
+    explicit OpenSession(const TwinLensParams* p)
+        : buffer(static_cast<size_t>(velquin_TwinLens_getBufferSize(makeParams().get()))) {
+        opened = velquin_TwinLens_initialize(&handle, buffer.data(), static_cast<int32_t>(buffer.size()), p);
+    }
+    ~OpenSession() {
+        if (handle.session != nullptr) velquin_TwinLens_finalize(&handle);
+    }
+    OpenSession(const OpenSession&) = delete;
+    OpenSession& operator=(const OpenSession&) = delete;
+    TwinLensSession* s() const { return handle.session; }
+};
 
 }  // namespace vq_tl_test

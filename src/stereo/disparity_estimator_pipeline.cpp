@@ -4,9 +4,9 @@
 #include <cstring>
 #include <utility>
 
-#include "image/image_conv.h"
 #include "imageproc/blur.h"
 #include "imageproc/image_stripes.h"
+#include "imageproc/pixel_ops.h"
 #include "imageproc/resize.h"
 #include "imageproc/rotate.h"
 #include "stereo/disparity_estimator.h"
@@ -253,8 +253,8 @@ TLResult finishFrame(DisparityEstimator* e, Temps* t, const Image* map, const Im
     Image* valid = Temps_make(t, e->disparityWidth, e->disparityHeight, IMAGE_FORMAT_UINT8, &r);
     // Pixels that the warp does not reach start as the maps do after init
     // (disparity 0, confidence 1), so that a frame depends on its inputs alone.
-    if (r == TL_OK) r = ImageUint8_clear(disparity, 0);
-    if (r == TL_OK) r = ImageUint8_clear(valid, 1);
+    if (r == TL_OK) r = ImageProc_clearY(&e->imageProc, disparity, 0);
+    if (r == TL_OK) r = ImageProc_clearY(&e->imageProc, valid, 1);
     // 8: back into the main view at the disparity frame's size.
     if (r == TL_OK) r = Renderer2_render(&e->renderer, disparity, map, &e->disparityGrid);
     if (r == TL_OK) r = Renderer2_render(&e->renderer, valid, confidence, &e->disparityGrid);
@@ -295,13 +295,13 @@ TLResult DisparityEstimator_lumaView(Image* view, const Image* image) {
 
 TLResult DisparityEstimator_clearImage(DisparityEstimator* e, Image* image) {
     if (e == nullptr || !hasPixels(image)) return TL_ERROR_PARAM;
-    switch (image->format) {
-        case IMAGE_FORMAT_YUV420_PLANAR: return ImageYuv420Planar_clear(image, 0, 128, 128);
-        case IMAGE_FORMAT_YUV420_SEMIPLANAR:
-        case IMAGE_FORMAT_YVU420_SEMIPLANAR: return ImageYuv420Semiplanar_clear(image, 0, 128, 128);
-        case IMAGE_FORMAT_UINT8: return ImageUint8_clear(image, 0);
-        default: return TL_ERROR_UNSUPPORTED;
+    // Black: luma 0, chroma at its neutral 128.
+    if (isYuv420(image->format)) {
+        const TLResult r = ImageProc_clear(&e->imageProc, image, 128);
+        return r == TL_OK ? ImageProc_clearY(&e->imageProc, image, 0) : r;
     }
+    if (image->format == IMAGE_FORMAT_UINT8) return ImageProc_clearY(&e->imageProc, image, 0);
+    return TL_ERROR_UNSUPPORTED;
 }
 
 TLResult DisparityEstimator_warpToWork(DisparityEstimator* e, Image* destination, const Image* source,
@@ -381,8 +381,7 @@ TLResult DisparityEstimator_matchU8(DisparityEstimator* e, Image* disparity, Ima
     }
     if (r == TL_OK) {
         if (e->fineMode != 0) {
-            // PENDING: ImageProc_min(&e->imageProc, checked, checked, &e->validMask).
-            r = TL_ERROR_UNSUPPORTED;
+            r = ImageProc_min(&e->imageProc, checked, checked, &e->validMask);
         } else {
             clearCorners(checked, &e->validMask);
         }

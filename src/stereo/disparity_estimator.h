@@ -205,6 +205,13 @@ TLResult DisparityEstimator_matchU8(DisparityEstimator* estimator, Image* dispar
                                     const Image* main, const Image* sub, uint32_t smallPenalty,
                                     uint32_t largePenalty, float threshold, uint8_t failValue,
                                     uint8_t passValue);
+// Stages after matching, on the working-frame map and confidence: back into
+// the main view at the disparity frame's size, holes filled along rows (fine
+// mode: TL_ERROR_UNSUPPORTED, its filler does not exist yet), the radial
+// lowering of fine mode, the stretch, the tables and the status. The new
+// map and confidence replace the estimator's once they are complete.
+TLResult DisparityEstimator_finishDisparity(DisparityEstimator* estimator, const Image* map,
+                                            const Image* confidence, uint8_t passValue);
 // Radial lowering of a UINT8 map by lowerRate (or lowerAmount); nothing when
 // both are 0.
 TLResult DisparityEstimator_lowerDisparity(DisparityEstimator* estimator, Image* map);

@@ -50,7 +50,7 @@ uint8_t* rowOf(const Image* i, int32_t y) { return i->plane[0] + static_cast<int
 
 // Work images of one call, released together on every path.
 struct Temps {
-    Image image[14];
+    Image image[10];
     int32_t count;
 };
 
@@ -243,46 +243,6 @@ TLResult validateFrame(const DisparityEstimator* e, const Image* mainImage, cons
     return TL_OK;
 }
 
-// Stages 8 to 11 on the working-frame maps: into the main view, holes
-// filled, stretched, with tables and status. The new maps take the place
-// of the estimator's only when everything before the status has succeeded.
-TLResult finishFrame(DisparityEstimator* e, Temps* t, const Image* map, const Image* confidence,
-                     uint8_t passValue) {
-    TLResult r = TL_OK;
-    Image* disparity = Temps_make(t, e->disparityWidth, e->disparityHeight, IMAGE_FORMAT_UINT8, &r);
-    Image* valid = Temps_make(t, e->disparityWidth, e->disparityHeight, IMAGE_FORMAT_UINT8, &r);
-    // Pixels that the warp does not reach start as the maps do after init
-    // (disparity 0, confidence 1), so that a frame depends on its inputs alone.
-    if (r == TL_OK) r = ImageProc_clearY(&e->imageProc, disparity, 0);
-    if (r == TL_OK) r = ImageProc_clearY(&e->imageProc, valid, 1);
-    // 8: back into the main view at the disparity frame's size.
-    if (r == TL_OK) r = Renderer2_render(&e->renderer, disparity, map, &e->disparityGrid);
-    if (r == TL_OK) r = Renderer2_render(&e->renderer, valid, confidence, &e->disparityGrid);
-    if (r != TL_OK) return r;
-    // 9: hole treatment. Fine mode fills with DepthMapFiller, which does not
-    // exist yet: refuse rather than hand on an unfilled map.
-    if (e->fineMode != 0) return TL_ERROR_UNSUPPORTED;
-    FillJob fill{disparity, valid, passValue, e->rotation == 2 || e->rotation == 3 ? 1 : 0};
-    const ImageStripeExec exec{e->pel, nullptr};
-    r = ImageStripeExec_run(&exec, fillStripe, &fill, kBands);
-    // 10: radial lowering, fine mode only.
-    if (r == TL_OK && e->fineMode == 1) r = DisparityEstimator_lowerDisparity(e, disparity);
-    // 11: range, stretch, tables, status.
-    uint8_t low = 0, high = 0;
-    if (r == TL_OK) r = DisparityEstimator_getDisparityRange(e, &low, &high, disparity);
-    if (r == TL_OK) r = DisparityEstimator_stretchDisparity(e, disparity, low, high);
-    if (r != TL_OK) return r;
-    std::swap(e->disparity, *disparity);
-    std::swap(e->confidence, *valid);
-    DisparityEstimator_updateDepthTables(e, low, high);
-    int32_t status = 0;
-    r = DisparityEstimator_updateStatus(e, &status, &e->disparity, &e->confidence, passValue);
-    if (r == TL_OK) e->status = status;
-    // 12: correction of residual tilt (correctionMode non-zero, rotation 0
-    // and 2) goes here.
-    return r;
-}
-
 }  // namespace
 
 TLResult DisparityEstimator_lumaView(Image* view, const Image* image) {
@@ -402,6 +362,50 @@ TLResult DisparityEstimator_lowerDisparity(DisparityEstimator* e, Image* map) {
     return ImageStripeExec_run(&exec, lowerStripe, &job, kBands);
 }
 
+TLResult DisparityEstimator_finishDisparity(DisparityEstimator* e, const Image* map, const Image* confidence,
+                                            uint8_t passValue) {
+    if (e == nullptr || !hasPixels(map) || !hasPixels(confidence)) return TL_ERROR_PARAM;
+    if (e->disparity.plane[0] == nullptr) return TL_ERROR_STATE;
+    Temps temps;
+    Temps_construct(&temps, e->env);
+    Temps* t = &temps;
+    TLResult r = TL_OK;
+    Image* disparity = Temps_make(t, e->disparityWidth, e->disparityHeight, IMAGE_FORMAT_UINT8, &r);
+    Image* valid = Temps_make(t, e->disparityWidth, e->disparityHeight, IMAGE_FORMAT_UINT8, &r);
+    // Pixels that the warp does not reach start as the maps do after init
+    // (disparity 0, confidence 1), so that a frame depends on its inputs alone.
+    if (r == TL_OK) r = ImageProc_clearY(&e->imageProc, disparity, 0);
+    if (r == TL_OK) r = ImageProc_clearY(&e->imageProc, valid, 1);
+    // 8: back into the main view at the disparity frame's size.
+    if (r == TL_OK) r = Renderer2_render(&e->renderer, disparity, map, &e->disparityGrid);
+    if (r == TL_OK) r = Renderer2_render(&e->renderer, valid, confidence, &e->disparityGrid);
+    // 9: hole treatment. Fine mode fills with DepthMapFiller, which does not
+    // exist yet: refuse rather than hand on an unfilled map.
+    if (r == TL_OK && e->fineMode != 0) r = TL_ERROR_UNSUPPORTED;
+    FillJob fill{disparity, valid, passValue, e->rotation == 2 || e->rotation == 3 ? 1 : 0};
+    const ImageStripeExec exec{e->pel, nullptr};
+    if (r == TL_OK) r = ImageStripeExec_run(&exec, fillStripe, &fill, kBands);
+    // 10: radial lowering, fine mode only.
+    if (r == TL_OK && e->fineMode == 1) r = DisparityEstimator_lowerDisparity(e, disparity);
+    // 11: range, stretch, tables, status.
+    uint8_t low = 0, high = 0;
+    if (r == TL_OK) r = DisparityEstimator_getDisparityRange(e, &low, &high, disparity);
+    if (r == TL_OK) r = DisparityEstimator_stretchDisparity(e, disparity, low, high);
+    if (r == TL_OK) {
+        // The new maps take the place of the last good ones only now.
+        std::swap(e->disparity, *disparity);
+        std::swap(e->confidence, *valid);
+        DisparityEstimator_updateDepthTables(e, low, high);
+        int32_t status = 0;
+        r = DisparityEstimator_updateStatus(e, &status, &e->disparity, &e->confidence, passValue);
+        if (r == TL_OK) e->status = status;
+    }
+    // 12: correction of residual tilt (correctionMode non-zero, rotation 0
+    // and 2) goes here.
+    Temps_release(t);
+    return r;
+}
+
 TLResult DisparityEstimator_estimateDisparity(DisparityEstimator* e, const Image* mainImage,
                                               const Image* subImage, uint32_t smallPenalty,
                                               uint32_t largePenalty, float threshold, uint8_t failValue,
@@ -446,7 +450,7 @@ TLResult DisparityEstimator_estimateDisparity(DisparityEstimator* e, const Image
     // 7: scale estimates for the tilt correction (correctionMode non-zero,
     // rotation 0 and 2) go here.
     // 8 to 12.
-    if (r == TL_OK) r = finishFrame(e, &t, map, confidence, passValue);
+    if (r == TL_OK) r = DisparityEstimator_finishDisparity(e, map, confidence, passValue);
     Temps_release(&t);
     return r;
 }

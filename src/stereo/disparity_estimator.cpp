@@ -69,8 +69,16 @@ Sizes sizesOf(int32_t mainWidth, int32_t mainHeight, int32_t depthWidth, int32_t
     return s;
 }
 
-bool sizesUsable(const Sizes& s) {
-    return s.work[0] >= 2 && s.work[1] >= 2 && s.refine[0] >= 2 && s.refine[1] >= 2;
+// An input reaches the working size by an area shrink, which needs it
+// larger on both sides, or is taken as it is.
+bool shrinksTo(int32_t width, int32_t height, const Sizes& s) {
+    return (width == s.work[0] && height == s.work[1]) || (width > s.work[0] && height > s.work[1]);
+}
+
+// The valid mask is eroded at a quarter of the working size.
+bool sizesUsable(const Sizes& s, int32_t mainWidth, int32_t mainHeight, int32_t subWidth, int32_t subHeight) {
+    return s.work[0] >= 4 && s.work[1] >= 4 && s.refine[0] >= 2 && s.refine[1] >= 2 &&
+           shrinksTo(mainWidth, mainHeight, s) && shrinksTo(subWidth, subHeight, s);
 }
 
 bool argumentsValid(int32_t mainWidth, int32_t mainHeight, int32_t subWidth, int32_t subHeight,
@@ -153,7 +161,7 @@ int32_t DisparityEstimator_getBufferSize(int32_t mainWidth, int32_t mainHeight, 
         !isInputFormat(format))
         return -1;
     const Sizes s = sizesOf(mainWidth, mainHeight, depthWidth, depthHeight, rotation, fineMode);
-    if (!sizesUsable(s)) return -1;
+    if (!sizesUsable(s, mainWidth, mainHeight, subWidth, subHeight)) return -1;
     const ModeValues& m = modeOf(fineMode);
     const int32_t W = s.work[0], H = s.work[1];
     const int32_t parts[] = {
@@ -260,7 +268,7 @@ TLResult DisparityEstimator_init(DisparityEstimator* e, int32_t mainWidth, int32
         return TL_ERROR_PARAM;
     if (!isInputFormat(format)) return TL_ERROR_UNSUPPORTED;
     const Sizes s = sizesOf(mainWidth, mainHeight, depthWidth, depthHeight, rotation, fineMode);
-    if (!sizesUsable(s)) return TL_ERROR_PARAM;
+    if (!sizesUsable(s, mainWidth, mainHeight, subWidth, subHeight)) return TL_ERROR_PARAM;
     DisparityEstimator_recycle(e);
 
     const ModeValues& m = modeOf(fineMode);
@@ -437,7 +445,11 @@ TLResult DisparityEstimator_calcGridParamsEachCamera(DisparityEstimator* e, cons
         rectRotation, newCamera, camera, dist, e->workWidth, e->workHeight,
         main ? e->mainWorkWidth : e->subWorkWidth, main ? e->mainWorkHeight : e->subWorkHeight, newCalibWidth,
         newCalibHeight, calibWidth, calibHeight);
-    if (r != TL_OK || !main) return r;
+    if (r != TL_OK) {
+        e->focalLength = 0.0f;  // a grid may be half made: no frames until both are
+        return r;
+    }
+    if (!main) return TL_OK;
     // The new camera's focal length carried over to the working frame by the
     // ratio of the diagonals' scales, square roots of integer areas.
     const double work = RawDouble_sqrt(static_cast<double>(int64_t{e->workWidth} * e->workHeight));

@@ -115,8 +115,8 @@ int32_t DisparityEstimator_workSize(int32_t size, uint32_t fineMode);
 // even (1920 and 1921 give 960, 1922 gives 962).
 int32_t DisparityEstimator_disparitySize(int32_t depthSize);
 
-// Bytes of the members, images and tables for these sizes; -1 for sizes
-// below 1, a format other than 26, 27, 29 or a rotation above 3.
+// Bytes of the members, images and tables for these sizes; -1 where init
+// would refuse the arguments.
 int32_t DisparityEstimator_getBufferSize(int32_t mainWidth, int32_t mainHeight, int32_t subWidth,
                                          int32_t subHeight, int32_t depthWidth, int32_t depthHeight,
                                          uint32_t format, uint32_t rotation, uint32_t fineMode);
@@ -128,7 +128,9 @@ TLResult DisparityEstimator_recycle(DisparityEstimator* estimator);
 TLResult DisparityEstimator_setPel(DisparityEstimator* estimator, Pel* pel);
 TLResult DisparityEstimator_setParallelExecutor(DisparityEstimator* estimator, ParallelExecutor* executor);
 // format: the main image's, 26, 27 or 29 (else TL_ERROR_UNSUPPORTED);
-// rotation 0 to 3 and sizes of at least 1 (else TL_ERROR_PARAM). A failure
+// rotation 0 to 3, a working frame of at least 4 by 4, a depth size of at
+// least 2 by 2 and inputs either of the working size or larger on both
+// sides (else TL_ERROR_PARAM). A failure
 // leaves the object recycled. The grids start as identities and the frame
 // calls answer TL_ERROR_STATE until calcGridParams or
 // calcGridParamsEachCamera has run.

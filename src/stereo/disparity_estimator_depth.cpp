@@ -167,6 +167,7 @@ TLResult DisparityEstimator_stretchDisparity(DisparityEstimator* e, Image* map, 
 }
 
 void DisparityEstimator_updateDepthTables(DisparityEstimator* e, uint8_t low, uint8_t high) {
+    if (e == nullptr || e->depthTable == nullptr || e->inverseDepthTable == nullptr) return;
     const int32_t f = e->subPixelEnabled != 0 ? e->fractionBits : 0;
     const float unit = static_cast<float>(1 << f);
     const float minPx = static_cast<float>(low) / unit, maxPx = static_cast<float>(high) / unit;

@@ -196,9 +196,9 @@ TLResult lowerStripe(void* arg, int32_t index, int32_t count) {
 
 // ---- Stages --------------------------------------------------------------------
 
-// Clears an n by n square (clipped to the picture) at the corner (cornerX, cornerY) of
-// each of the four corners, n the distance along the diagonal to the first
-// covered pixel of the mask, at least kMinCornerClear.
+// Clears an n by n square (clipped to the picture) of the confidence at each
+// of the four corners, n the steps from that corner along the diagonal of the
+// mask to its first covered pixel, at least kMinCornerClear.
 void clearCorners(Image* confidence, const Image* mask) {
     const int32_t w = mask->width, h = mask->height;
     const int32_t diagonal = minOf(w, h);
@@ -221,7 +221,8 @@ void clearCorners(Image* confidence, const Image* mask) {
     }
 }
 
-// Turns src into dst (the other frame's size) from orientation `from` to upright or back.
+// Turns *image from orientation `from` to `to` into a new work image, which
+// *image then points at.
 TLResult turn(DisparityEstimator* e, Temps* t, Image** image, int32_t from, int32_t to, TLResult r) {
     if (r != TL_OK) return r;
     const Image* src = *image;

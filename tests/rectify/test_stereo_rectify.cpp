@@ -18,31 +18,6 @@ using namespace vq_tl_test;
 
 namespace {
 
-struct Stereo {
-    Env env{};
-    StereoRectify s;
-    explicit Stereo(Pel* pel = nullptr) { construct_StereoRectify(&s, &env), StereoRectify_setPel(&s, pel); }
-    ~Stereo() { destruct_StereoRectify(&s); }
-};
-
-// The warp's map at rectified pixel (rx, ry): the bilinear blend of its
-// cell's vertices, as Renderer2 draws it. False on an invalid vertex.
-bool gridAt(const Renderer2_Params& g, double rx, double ry, double* s) {
-    const int32_t i = std::clamp(static_cast<int32_t>(rx / g.gridWidth), 0, g.cols - 2),
-                  v = std::clamp(static_cast<int32_t>(ry / g.gridHeight), 0, g.rows - 2) * g.cols + i;
-    const double u = (rx - g.xs[v]) / (g.xs[v + 1] - g.xs[v]),
-                 w = (ry - g.ys[v]) / (g.ys[v + g.cols] - g.ys[v]);
-    const int32_t corner[4] = {v, v + 1, v + g.cols, v + g.cols + 1};
-    const double weight[4] = {(1 - u) * (1 - w), u * (1 - w), (1 - u) * w, u * w};
-    s[0] = s[1] = 0;
-    for (int c = 0; c < 4; ++c) {
-        if (g.x[corner[c]] >= kRenderer2InvalidVertex) return false;
-        s[0] += weight[c] * g.x[corner[c]];
-        s[1] += weight[c] * g.y[corner[c]];
-    }
-    return true;
-}
-
 struct PairResult {
     double worstRowOffset = 0, worstDisparity = 0;  // |row 1 - row 2|; disparity against f B / Z
     double worstGrid = 0;                           // the grid's map against the camera model

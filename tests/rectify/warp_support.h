@@ -1,5 +1,6 @@
 // Helpers of the rectification and grid warp tests: owned grids and
-// renderers, sample layouts, smooth pictures, and camera and lens models.
+// renderers, sample layouts and smooth pictures; camera and lens models come
+// from support/camera_model.h.
 #pragma once
 
 #include <cmath>
@@ -9,6 +10,8 @@
 #include "alignment/mvec.h"
 #include "rectify/rectify_lens_dist.h"
 #include "rectify/renderer2.h"
+#include "rectify/stereo_rectify.h"
+#include "support/camera_model.h"
 #include "support/picture.h"
 
 namespace vq_tl_test {
@@ -33,6 +36,24 @@ struct Grid {
     }
 };
 
+// The warp's map at rectified pixel (rx, ry): the bilinear blend of its
+// cell's vertices, as Renderer2 draws it. False on an invalid vertex.
+inline bool gridAt(const vq_tl::Renderer2_Params& g, double rx, double ry, double* s) {
+    const int32_t i = std::clamp(static_cast<int32_t>(rx / g.gridWidth), 0, g.cols - 2),
+                  v = std::clamp(static_cast<int32_t>(ry / g.gridHeight), 0, g.rows - 2) * g.cols + i;
+    const double u = (rx - g.xs[v]) / (g.xs[v + 1] - g.xs[v]),
+                 w = (ry - g.ys[v]) / (g.ys[v + g.cols] - g.ys[v]);
+    const int32_t corner[4] = {v, v + 1, v + g.cols, v + g.cols + 1};
+    const double weight[4] = {(1 - u) * (1 - w), u * (1 - w), (1 - u) * w, u * w};
+    s[0] = s[1] = 0;
+    for (int c = 0; c < 4; ++c) {
+        if (g.x[corner[c]] >= vq_tl::kRenderer2InvalidVertex) return false;
+        s[0] += weight[c] * g.x[corner[c]];
+        s[1] += weight[c] * g.y[corner[c]];
+    }
+    return true;
+}
+
 struct Renderer {
     vq_tl::Env env{};
     vq_tl::Renderer2 r;
@@ -43,6 +64,17 @@ struct Renderer {
     ~Renderer() { vq_tl::destruct_Renderer2(&r); }
     Renderer(const Renderer&) = delete;
     Renderer& operator=(const Renderer&) = delete;
+};
+
+struct Stereo {
+    vq_tl::Env env{};
+    vq_tl::StereoRectify s;
+    explicit Stereo(vq_tl::Pel* pel = nullptr) {
+        vq_tl::construct_StereoRectify(&s, &env), vq_tl::StereoRectify_setPel(&s, pel);
+    }
+    ~Stereo() { vq_tl::destruct_StereoRectify(&s); }
+    Stereo(const Stereo&) = delete;
+    Stereo& operator=(const Stereo&) = delete;
 };
 
 inline TLResult render(Renderer& r, Picture& dst, const Picture& src, const Grid& grid) {
@@ -109,36 +141,6 @@ inline double referenceLuma(const Picture& p, const Layout& l, int32_t w, int32_
     };
     return (at(fx, fy) * (1 - ax) + at(fx + 1, fy) * ax) * (1 - ay) +
            (at(fx, fy + 1) * (1 - ax) + at(fx + 1, fy + 1) * ax) * ay;
-}
-
-// Rotation about a unit axis, written out: Rodrigues' formula.
-inline vq_tl::Mvec8Real rodrigues(double ax, double ay, double az, double angle) {
-    const double n = std::sqrt(ax * ax + ay * ay + az * az);
-    ax /= n, ay /= n, az /= n;
-    const double c = std::cos(angle), s = std::sin(angle), t = 1 - c;
-    return vq_tl::Mvec8Real{{t * ax * ax + c, t * ax * ay - s * az, t * ax * az + s * ay,
-                             t * ax * ay + s * az, t * ay * ay + c, t * ay * az - s * ax,
-                             t * ax * az - s * ay, t * ay * az + s * ax, t * az * az + c}};
-}
-
-inline vq_tl::Mvec8Real camera(double f, double cx, double cy, double fy = 0) {
-    return vq_tl::Mvec8Real{{f, 0, cx, 0, fy != 0 ? fy : f, cy, 0, 0, 1}};
-}
-
-inline vq_tl::RectifyLensDist coeffLens(double k1, double k2, double k3, double p1, double p2) {
-    vq_tl::RectifyLensDist d;
-    vq_tl::RectifyLensDist_clear(&d);
-    const double k[3] = {k1, k2, k3}, p[2] = {p1, p2};
-    vq_tl::RectifyLensDist_setDistCoeff(&d, k, 3, p, 2);
-    return d;
-}
-
-// The forward lens model, written out: ideal to distorted normalised point.
-inline void distort(const vq_tl::RectifyLensDistortionCoeff& c, double x, double y, double* dx, double* dy) {
-    const double r2 = x * x + y * y;
-    const double radial = 1 + c.k[0] * r2 + c.k[1] * r2 * r2 + c.k[2] * r2 * r2 * r2;
-    *dx = x * radial + 2 * c.p[0] * x * y + c.p[1] * (r2 + 2 * x * x);
-    *dy = y * radial + c.p[0] * (r2 + 2 * y * y) + 2 * c.p[1] * x * y;
 }
 
 }  // namespace vq_tl_test

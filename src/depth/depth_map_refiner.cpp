@@ -67,8 +67,10 @@ constexpr KindOps kKinds[kKindCount] = {
     {separableInit, separableBufferSize, separableLevel}, {}, {}, {}, {},
 };
 
+bool isKind(int32_t kind) { return kind >= 0 && kind < kKindCount; }
+
 const KindOps* kindOps(int32_t kind) {
-    if (kind < 0 || kind >= kKindCount || kKinds[kind].init == nullptr) return nullptr;
+    if (!isKind(kind) || kKinds[kind].init == nullptr) return nullptr;
     return &kKinds[kind];
 }
 
@@ -265,8 +267,9 @@ bool hasPixels(const Image* m) { return m->plane[0] != nullptr && m->width > 0 &
 TLResult refine(DepthMapRefiner* self, Image* out, const Image* map, const Image* weight, const Image* guide,
                 int32_t window, int32_t guideMode, float sigmaSpace, float sigmaRange) {
     if (self == nullptr) return TL_ERROR_PARAM;
+    if (self->filterKind < 0) return TL_ERROR_STATE;
     const KindOps* kind = kindOps(self->filterKind);
-    if (kind == nullptr) return TL_ERROR_STATE;
+    if (kind == nullptr) return TL_ERROR_UNSUPPORTED;
     if (out == nullptr || map == nullptr || guide == nullptr) return TL_ERROR_PARAM;
     if (window < 0 || window > kDepthMapRefinerMaxWindow || guideMode < 1 || guideMode > 3)
         return TL_ERROR_PARAM;
@@ -389,13 +392,13 @@ int32_t DepthMapRefiner_getLevelSizes(int32_t width, int32_t height, int32_t map
 int32_t DepthMapRefiner_getBufferSize(int32_t width, int32_t height, int32_t smallWidth, int32_t smallHeight,
                                       int32_t guideWidth, int32_t guideHeight, uint32_t mapFormat,
                                       uint32_t guideFormat, int32_t filterKind) {
+    if (!isKind(filterKind) || guideWidth < 1 || guideHeight < 1) return -1;
     const KindOps* kind = kindOps(filterKind);
-    if (kind == nullptr || guideWidth < 1 || guideHeight < 1) return -1;
     if (mapFormat != IMAGE_FORMAT_UINT8 && mapFormat != IMAGE_FORMAT_FLOAT) return -1;
     int32_t sizes[kDepthMapRefinerMaxLevels][2];
     const int32_t levels = DepthMapRefiner_getLevelSizes(width, height, smallWidth, smallHeight, sizes);
     const int32_t proc = ImageProc_getBufferSize(width, height, IMAGE_FORMAT_FLOAT);
-    const int64_t filter = kind->bufferSize(width, height, smallWidth, smallHeight);
+    const int64_t filter = kind != nullptr ? kind->bufferSize(width, height, smallWidth, smallHeight) : 0;
     const int32_t work = Image_getSize(width, height, guideFormat, IMAGE_SIZE_TOTAL);
     if (levels == 0 || proc < 0 || filter < 0 || work == 0) return -1;
     int64_t total =
@@ -461,11 +464,11 @@ TLResult DepthMapRefiner_init(DepthMapRefiner* self, int32_t width, int32_t heig
         return TL_ERROR_PARAM;
     }
     DepthMapRefiner_recycle(self);
+    if (!isKind(filterKind)) return TL_ERROR_UNSUPPORTED;
     const KindOps* kind = kindOps(filterKind);
-    if (kind == nullptr) return TL_ERROR_UNSUPPORTED;
     if (mapFormat != IMAGE_FORMAT_UINT8 && mapFormat != IMAGE_FORMAT_FLOAT) return TL_ERROR_UNSUPPORTED;
     TLResult r = Image_init(&self->work, width, height, nullptr, guideFormat);
-    if (r == TL_OK) r = kind->init(self, width, height, smallWidth, smallHeight);
+    if (r == TL_OK && kind != nullptr) r = kind->init(self, width, height, smallWidth, smallHeight);
     if (r != TL_OK) {
         DepthMapRefiner_recycle(self);
         return r;

@@ -6,7 +6,8 @@
 //
 // Filter kinds (fixed at init): 0 SeparableBilateralFilter. Kinds 1 to 4
 // (bilateral, guided, cross-based local, domain transform) have their place
-// in the table of kinds but no filter yet: init answers TL_ERROR_UNSUPPORTED.
+// in the table of kinds but no filter yet: init takes them, so that an owner
+// can be set up for them, and the filter calls answer TL_ERROR_UNSUPPORTED.
 //
 // Guide modes: 1 the luma of a YUV or UINT8 guide; 2 the chroma plane of a
 // semi-planar 4:2:0 guide (27, 29) as UINT88; 3 RGB888 converted from a
@@ -58,8 +59,9 @@ int32_t DepthMapRefiner_getLevelSizes(int32_t width, int32_t height, int32_t map
 
 // Memory of init and of one call, for planning: the executor kernels' work,
 // the work image, the converted guide, and per level the map buffer (with 15
-// pixels of room on two sides), its weight buffer and the level's guide. -1
-// for bad sizes, a format without kernels or a kind without a filter.
+// pixels of room on two sides), its weight buffer and the level's guide; a
+// kind without a filter counts none. -1 for bad sizes, a format without
+// kernels or a kind outside 0 to 4.
 int32_t DepthMapRefiner_getBufferSize(int32_t width, int32_t height, int32_t smallWidth, int32_t smallHeight,
                                       int32_t guideWidth, int32_t guideHeight, uint32_t mapFormat,
                                       uint32_t guideFormat, int32_t filterKind);
@@ -70,7 +72,7 @@ TLResult DepthMapRefiner_setPel(DepthMapRefiner* self, Pel* pel);
 TLResult DepthMapRefiner_setParallelExecutor(DepthMapRefiner* self, ParallelExecutor* executor);
 // (width, height): the largest output; mapFormat UINT8 or FLOAT. The small
 // and guide sizes are for planning only. TL_ERROR_PARAM for sizes below 1,
-// TL_ERROR_UNSUPPORTED for another map format or a kind without a filter,
+// TL_ERROR_UNSUPPORTED for another map format or a kind outside 0 to 4,
 // TL_ERROR_MEMORY when the work image cannot be had.
 TLResult DepthMapRefiner_init(DepthMapRefiner* self, int32_t width, int32_t height, int32_t smallWidth,
                               int32_t smallHeight, int32_t guideWidth, int32_t guideHeight,
@@ -78,11 +80,10 @@ TLResult DepthMapRefiner_init(DepthMapRefiner* self, int32_t width, int32_t heig
 
 // out: the refined map, at most init's size, in init's map format, as map.
 // window 0 to 31, guideMode 1 to 3. TL_ERROR_STATE before init;
-// TL_ERROR_PARAM for absent images, a window or guide mode out of range,
-// formats that differ from init's or an output larger than init's;
-// TL_ERROR_UNSUPPORTED for a guide the mode can't read; TL_ERROR_MEMORY for
-// the level buffers. out is written only once every check has passed; the
-// first failing step's code is returned.
+// TL_ERROR_UNSUPPORTED for a kind without a filter; TL_ERROR_PARAM for absent images, a window or guide mode
+// out of range, formats that differ from init's or an output larger than init's; TL_ERROR_UNSUPPORTED for a
+// guide the mode can't read; TL_ERROR_MEMORY for the level buffers. out is written only once every check has
+// passed; the first failing step's code is returned.
 TLResult DepthMapRefiner_crossFilter(DepthMapRefiner* self, Image* out, const Image* map, const Image* guide,
                                      int32_t window, int32_t guideMode, float sigmaSpace, float sigmaRange);
 // The same with a UINT8 weight per map pixel (map and weight of one size,

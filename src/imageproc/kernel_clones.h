@@ -5,7 +5,11 @@
 // with NEON included, the mark is empty and the baseline build is the code.
 #pragma once
 
-#if defined(__x86_64__) && defined(__linux__) && !defined(__ANDROID__) && defined(__has_attribute)
+// ThreadSanitizer builds keep the baseline alone: the loader runs the clones'
+// resolvers while it relocates the program, before the sanitizer's runtime is
+// up, and their instrumented entries crash there.
+#if defined(__x86_64__) && defined(__linux__) && !defined(__ANDROID__) && defined(__has_attribute) && \
+    !defined(__SANITIZE_THREAD__)
 #if __has_attribute(target_clones)
 #define VQ_TL_KERNEL_CLONES __attribute__((target_clones("avx2", "default")))
 #endif

@@ -265,9 +265,10 @@ TEST(DepthMapRefiner, LevelSizesAndEnlargementKnownAnswers) {
 // weighted refinement fails, for any n, out is untouched and no block held.
 TEST(DepthMapRefiner, BadArgumentsLeaveOutputUntouched) {
     Env env{};
-    DepthMapRefiner fresh, ready;
+    DepthMapRefiner fresh, ready, kind4;
     construct_DepthMapRefiner(&fresh, &env);
     construct_DepthMapRefiner(&ready, &env);
+    construct_DepthMapRefiner(&kind4, &env);
     Picture guide(64, 48, IMAGE_FORMAT_YUV420_SEMIPLANAR), planar(64, 48, IMAGE_FORMAT_YUV420_PLANAR),
         map(16, 12, IMAGE_FORMAT_UINT8), floats(16, 12, IMAGE_FORMAT_FLOAT), out(64, 48, IMAGE_FORMAT_UINT8),
         big(66, 48, IMAGE_FORMAT_UINT8);
@@ -288,9 +289,12 @@ TEST(DepthMapRefiner, BadArgumentsLeaveOutputUntouched) {
         const char* name;
         TLResult got, want;
     } cases[] = {
-        {"kind 4", init(&fresh, IMAGE_FORMAT_UINT8, 4), TL_ERROR_UNSUPPORTED},
+        {"kind 5", init(&fresh, IMAGE_FORMAT_UINT8, 5), TL_ERROR_UNSUPPORTED},
         {"UINT16 map", init(&fresh, IMAGE_FORMAT_UINT16, 0), TL_ERROR_UNSUPPORTED},
         {"before init", refine(&fresh, o, m, g, 7, 1), TL_ERROR_STATE},
+        // A kind without its filter yet is set up and refuses to filter.
+        {"kind 4", init(&kind4, IMAGE_FORMAT_UINT8, 4), TL_OK},
+        {"kind 4 filtering", refine(&kind4, o, m, g, 7, 1), TL_ERROR_UNSUPPORTED},
         {"init", init(&ready, IMAGE_FORMAT_UINT8, 0), TL_OK},
         {"window 32", refine(&ready, o, m, g, 32, 1), TL_ERROR_PARAM},
         {"guide mode 0", refine(&ready, o, m, g, 7, 0), TL_ERROR_PARAM},
@@ -312,6 +316,7 @@ TEST(DepthMapRefiner, BadArgumentsLeaveOutputUntouched) {
         if (asked < n) break;
         EXPECT_TRUE(out.storage == before[0]) << n;
     }
+    destruct_DepthMapRefiner(&kind4);
     destruct_DepthMapRefiner(&ready);
     destruct_DepthMapRefiner(&fresh);
 }

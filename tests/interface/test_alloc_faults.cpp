@@ -8,6 +8,8 @@
 #include <vector>
 
 #include "runtime/memory.h"
+#include "stereo/disparity_estimator.h"
+#include "support/scene.h"
 #include "support/session_params.h"
 #include "velquin/rectify_data_converter.h"
 
@@ -112,4 +114,54 @@ TEST_F(AllocFaults, Converter) {
         EXPECT_EQ(velquin_RectifyDataConverter_finalize(&handle), TL_OK);
     });
     EXPECT_GT(runs, 10);
+}
+
+// The estimator's life on a small shot: init, grids, a frame and its
+// refinement, on a Pel (an executor would add its forks' copies to the walk).
+// A frame that fails leaves the map of init (level 0, confidence 1).
+TEST_F(AllocFaults, DisparityEstimator) {
+    vq_tl_test::SceneConfig config;
+    config.scale = 0.16;  // 640 by 480 and 414 by 310
+    const vq_tl_test::Scene s(config);
+    const Image &main = s.main->image, &sub = s.sub->image;
+    Env env{};
+    Pel pel;
+    construct_Pel(&pel, &env);
+    pel.params.numberOfWorkers = 2;
+    ASSERT_EQ(Pel_init(&pel), TL_OK);
+    const int runs = walk([&](int64_t n) {
+        DisparityEstimator e;
+        construct_DisparityEstimator(&e, &env);
+        DisparityEstimator_setPel(&e, &pel);
+        TLResult r = DisparityEstimator_init(&e, main.width, main.height, sub.width, sub.height, 320, 240,
+                                             static_cast<float>(s.baseline), main.format, 0, 0);
+        if (r == TL_OK) {
+            Mvec8Real rotation;
+            float t[3];
+            s.extrinsics(false, &rotation, t);
+            RectifyLensDist mainLens = s.mainCalib.lens, subLens = s.subCalib.lens;
+            r = DisparityEstimator_calcGridParams(&e, &s.mainCalib.matrix, &s.subCalib.matrix, &mainLens,
+                                                  &subLens, &rotation, t, 1, 4000, 3000, 2592, 1944);
+        }
+        if (r == TL_OK) {
+            r = DisparityEstimator_estimateDisparity(&e, &main, &sub, 5, 40, 1.0f, 0, 255);
+            for (int32_t y = 0; r != TL_OK && y < e.disparityHeight; ++y) {
+                for (int32_t x = 0; x < e.disparityWidth; ++x) {
+                    ASSERT_EQ(e.disparity.plane[0][y * e.disparity.pitch[0] + x], 0) << "allocation " << n;
+                    ASSERT_EQ(e.confidence.plane[0][y * e.confidence.pitch[0] + x], 1) << "allocation " << n;
+                }
+            }
+        }
+        if (r == TL_OK) {
+            Image out;
+            construct_Image(&out, &env);
+            r = Image_init(&out, 320, 240, nullptr, IMAGE_FORMAT_UINT8);
+            if (r == TL_OK) r = DisparityEstimator_refineDisparity(&e, &out, &main, 7, 3, 10.0f, 15.0f);
+            destruct_Image(&out);
+        }
+        EXPECT_TRUE(r == TL_OK || r == TL_ERROR_MEMORY) << std::hex << r << " at allocation " << n;
+        destruct_DisparityEstimator(&e);
+    });
+    EXPECT_GT(runs, 30);
+    destruct_Pel(&pel);
 }

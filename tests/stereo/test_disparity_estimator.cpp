@@ -1,0 +1,541 @@
+// The disparity estimator: its frame sizes, the depth tables, status and
+// depth image on answers worked by hand, and the whole pipeline on the
+// synthetic stereo shot against the scene's ground truth.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "stereo/disparity_estimator.h"
+#include "support/picture.h"
+#include "support/scene.h"
+#include "support/test_env.h"
+
+using namespace vq_tl;
+using vq_tl_test::Picture;
+using vq_tl_test::Scene;
+using vq_tl_test::SceneConfig;
+
+namespace {
+
+// An estimator set up for a small normal-mode frame, for the steps that
+// need only its fields.
+struct Fixture {
+    Env env{};
+    DisparityEstimator e;
+    Fixture() {
+        construct_DisparityEstimator(&e, &env);
+        EXPECT_EQ(DisparityEstimator_init(&e, 640, 480, 640, 480, 320, 240, 10.0f,
+                                          IMAGE_FORMAT_YVU420_SEMIPLANAR, 0, 0),
+                  TL_OK);
+    }
+    ~Fixture() { destruct_DisparityEstimator(&e); }
+};
+
+void fill(Picture& p, uint8_t value) {
+    for (int32_t y = 0; y < p.image.height; ++y) std::memset(p.row(0, y), value, p.image.width);
+}
+
+void setRow(Picture& p, std::initializer_list<uint8_t> values) {
+    std::copy(values.begin(), values.end(), p.row(0, 0));
+}
+
+SceneConfig sceneConfig(double scale) {
+    SceneConfig c;
+    c.scale = scale;
+    c.threads = 2;
+    return c;
+}
+
+// The shot most tests share, rendered once: half size natively, a quarter
+// under emulation and sanitizers.
+const Scene& sharedScene() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    const bool slow = true;
+#else
+    const bool slow = vq_tl_test_isEmulated();
+#endif
+    static const std::unique_ptr<Scene> scene = std::make_unique<Scene>(sceneConfig(slow ? 0.25 : 0.5));
+    return *scene;
+}
+
+// An estimator for a scene's frames, with a Pel and a pool executor of
+// `workers` threads each, and its grids from the scene's calibration.
+struct Rig {
+    Env env{};
+    Pel pel;
+    ParallelExecutor executor;
+    DisparityEstimator e;
+    int32_t depthWidth, depthHeight;
+    Rig(const Scene& s, int32_t workers = 2, uint32_t fine = 0) {
+        construct_Pel(&pel, &env);
+        pel.params.numberOfWorkers = workers;
+        EXPECT_EQ(Pel_init(&pel), TL_OK);
+        construct_ParallelExecutor(&executor, &env);
+        executor.numberOfThreads = workers - 1;
+        executor.callerWorks = 1;
+        executor.setAffinity = 0;
+        EXPECT_EQ(ParallelExecutor_init(&executor, workers, 16), TL_OK);
+        construct_DisparityEstimator(&e, &env);
+        DisparityEstimator_setPel(&e, &pel);
+        DisparityEstimator_setParallelExecutor(&e, &executor);
+        // The depth output at 48 % of the main width, as 1920 is of 4000.
+        depthWidth = (s.main->image.width * 12 / 25) & ~1;
+        depthHeight = depthWidth * 3 / 4;
+        EXPECT_EQ(DisparityEstimator_init(&e, s.main->image.width, s.main->image.height, s.sub->image.width,
+                                          s.sub->image.height, depthWidth, depthHeight,
+                                          static_cast<float>(s.baseline), s.config.format, 0, fine),
+                  TL_OK);
+    }
+    ~Rig() {
+        destruct_DisparityEstimator(&e);
+        destruct_ParallelExecutor(&executor);
+        destruct_Pel(&pel);
+    }
+    TLResult grids(const Scene& s, double subCentreShift = 0.0) {
+        Mvec8Real rotation, subMatrix = s.subCalib.matrix;
+        float t[3];
+        s.extrinsics(false, &rotation, t);
+        subMatrix.m[2] += subCentreShift;
+        RectifyLensDist mainLens = s.mainCalib.lens, subLens = s.subCalib.lens;
+        return DisparityEstimator_calcGridParams(&e, &s.mainCalib.matrix, &subMatrix, &mainLens, &subLens,
+                                                 &rotation, t, 1, s.mainCalib.width, s.mainCalib.height,
+                                                 s.subCalib.width, s.subCalib.height);
+    }
+    TLResult estimate(const Scene& s) {
+        return DisparityEstimator_estimateDisparity(&e, &s.main->image, &s.sub->image, 5, 40, 1.0f, 0, 255);
+    }
+    // The disparity of a stretched level, in working pixels: the level's
+    // value carries the -minDisparity offset.
+    double disparityOf(uint8_t level) const {
+        return e.minDisparityPx + (e.maxDisparityPx - e.minDisparityPx) * level / 255.0 + e.minDisparity;
+    }
+};
+
+// The main frame's pixel under the centre of pixel (x, y) of a w by h map.
+size_t truthIndex(const Scene& s, int32_t x, int32_t y, int32_t w, int32_t h) {
+    const int32_t W = s.main->image.width, H = s.main->image.height;
+    return static_cast<size_t>((y * 2 + 1) * H / (2 * h)) * W + (x * 2 + 1) * W / (2 * w);
+}
+
+bool onBox(const Scene& s, size_t i) {
+    return s.surface[i] == vq_tl_test::kSceneBoxFront || s.surface[i] == vq_tl_test::kSceneBoxSide;
+}
+
+// The result of the last frame: maps, depth table, range and status.
+std::vector<uint8_t> resultBytes(const DisparityEstimator& e) {
+    std::vector<uint8_t> b;
+    for (const Image* m : {&e.disparity, &e.confidence}) {
+        for (int32_t y = 0; y < m->height; ++y) {
+            const uint8_t* row = m->plane[0] + static_cast<size_t>(m->pitch[0]) * y;
+            b.insert(b.end(), row, row + m->width);
+        }
+    }
+    const uint8_t* table = reinterpret_cast<const uint8_t*>(e.depthTable);
+    b.insert(b.end(), table, table + kDisparityLevels * sizeof(float));
+    const float fields[] = {e.focalLength, e.minDisparityPx, e.maxDisparityPx, static_cast<float>(e.status)};
+    b.insert(b.end(), reinterpret_cast<const uint8_t*>(fields), reinterpret_cast<const uint8_t*>(fields + 4));
+    return b;
+}
+
+}  // namespace
+
+TEST(DisparityEstimator, FrameSizes) {
+    // Working side: trunc(27 % (18 % fine) + 0.5), even; disparity side:
+    // half the depth side rounded up to even; refine side: the depth side, even.
+    const struct {
+        int32_t mainW, mainH, depthW, depthH;
+        uint32_t rotation, fine;
+        int32_t workW, workH, matchW, matchH, dispW, dispH, refineW, refineH;
+    } cases[] = {
+        {4000, 3000, 1920, 1440, 0, 0, 1080, 810, 1080, 810, 960, 720, 1920, 1440},
+        {4000, 3000, 1921, 1441, 0, 1, 720, 540, 720, 540, 960, 720, 1920, 1440},
+        {1336, 1004, 962, 541, 1, 0, 360, 270, 270, 360, 482, 270, 962, 540},  // 271.58 -> 270
+        {640, 480, 320, 240, 3, 0, 172, 130, 130, 172, 160, 120, 320, 240},
+        {641, 479, 321, 239, 0, 1, 114, 86, 114, 86, 160, 120, 320, 238},  // 115.88 -> 114,
+    };
+    for (const auto& c : cases) {
+        Env env{};
+        DisparityEstimator e;
+        construct_DisparityEstimator(&e, &env);
+        ASSERT_EQ(DisparityEstimator_init(&e, c.mainW, c.mainH, c.mainW, c.mainH, c.depthW, c.depthH, 10.0f,
+                                          IMAGE_FORMAT_YUV420_SEMIPLANAR, c.rotation, c.fine),
+                  TL_OK)
+            << c.mainW << "x" << c.mainH;
+        const int32_t got[] = {e.workWidth,      e.workHeight,      e.matchWidth,  e.matchHeight,
+                               e.disparityWidth, e.disparityHeight, e.refineWidth, e.refineHeight};
+        const int32_t want[] = {c.workW, c.workH, c.matchW, c.matchH, c.dispW, c.dispH, c.refineW, c.refineH};
+        for (int i = 0; i < 8; ++i) EXPECT_EQ(got[i], want[i]) << c.mainW << "x" << c.mainH << " field " << i;
+        EXPECT_GT(DisparityEstimator_getBufferSize(c.mainW, c.mainH, c.mainW, c.mainH, c.depthW, c.depthH,
+                                                   IMAGE_FORMAT_YUV420_SEMIPLANAR, c.rotation, c.fine),
+                  0);
+        destruct_DisparityEstimator(&e);
+    }
+}
+
+// A 20 by 20 map; the focus window at the centre is columns and rows 8 to 11
+// (0.5 + 0.4 * 20 = 8.5 to 0.5 + 0.6 * 20 = 12.5, truncated), 16 pixels.
+TEST(DisparityEstimator, StatusFromTheFocusWindow) {
+    Fixture f;
+    f.e.focalLength = 100.0f;
+    // Ranges: 4 to 20 px, where the near limit 18 = 24 - 4 - 2 starts at level
+    // 224 (d(223) = 17.99) and nothing is far; and 0 to 2 px, where levels up to
+    // 127 (d = 0.996) lie at or below one pixel, so levels 0 to 126 count as far.
+    const struct {
+        const char* name;
+        uint8_t low, high;
+        float focusX, focusY;
+        uint8_t level;
+        int32_t confidentInWindow;  // in raster order; the rest unconfident at level 0
+        int32_t want;
+        uint32_t total;
+    } cases[] = {
+        {"all at the top", 32, 160, 0.5f, 0.5f, 240, 16, 1, 16},
+        {"none confident", 32, 160, 0.5f, 0.5f, 100, 0, 1, 16},
+        {"11 of 16 unconfident", 32, 160, 0.5f, 0.5f, 100, 5, 0, 16},
+        {"12 of 16 unconfident", 32, 160, 0.5f, 0.5f, 100, 4, 1, 16},
+        {"at level 224, not near", 32, 160, 0.5f, 0.5f, 224, 16, 0, 16},
+        {"at level 225, near", 32, 160, 0.5f, 0.5f, 225, 16, 1, 16},
+        {"far", 0, 16, 0.5f, 0.5f, 126, 16, 2, 16},
+        {"level 127 is not far", 0, 16, 0.5f, 0.5f, 127, 16, 0, 16},
+        // Corner focus: columns and rows 0 to 1 (trunc(0.5 + 0.1 * 20) = 2).
+        {"corner", 32, 160, 0.0f, 0.0f, 240, 4, 1, 4},
+    };
+    for (const auto& c : cases) {
+        Picture map(20, 20, IMAGE_FORMAT_UINT8), confidence(20, 20, IMAGE_FORMAT_UINT8);
+        fill(map, 50);  // outside the window: neither near nor far
+        fill(confidence, 255);
+        const int32_t first = c.total == 4 ? 0 : 8, side = c.total == 4 ? 2 : 4;
+        for (int32_t i = 0; i < side * side; ++i) {
+            const int32_t x = first + i % side, y = first + i / side;
+            const bool confident = i < c.confidentInWindow;
+            map.u8(x, y) = confident ? c.level : 0;
+            confidence.u8(x, y) = confident ? 255 : 0;
+        }
+        DisparityEstimator_updateDepthTables(&f.e, c.low, c.high);
+        ASSERT_EQ(DisparityEstimator_setFocusCoord(&f.e, c.focusX, c.focusY), TL_OK);
+        int32_t status = -1;
+        ASSERT_EQ(DisparityEstimator_updateStatus(&f.e, &status, &map.image, &confidence.image, 255), TL_OK);
+        EXPECT_EQ(status, c.want) << c.name;
+        EXPECT_EQ(f.e.roiTotal, c.total) << c.name;
+        EXPECT_EQ(f.e.roiHistogram[256], static_cast<uint32_t>(side * side - c.confidentInWindow)) << c.name;
+    }
+}
+
+// Raw values 4 to 164 at 3 fraction bits: 0.5 to 20.5 pixels, level i at
+// d(i) = 0.5 + 20 i / 255. With f B = 100 * 0.1, depth(i) = 10 / d(i), which
+// exceeds 10 up to level 6, so the depth image saturates levels below 6.
+TEST(DisparityEstimator, StretchTablesAndDepthImage) {
+    Fixture f;
+    f.e.focalLength = 100.0f;
+    f.e.baseline = 0.1f;
+    Picture raw(4, 1, IMAGE_FORMAT_UINT8);
+    setRow(raw, {4, 5, 84, 164});
+    uint8_t low = 0, high = 0;
+    ASSERT_EQ(DisparityEstimator_getDisparityRange(&f.e, &low, &high, &raw.image), TL_OK);
+    ASSERT_EQ(DisparityEstimator_stretchDisparity(&f.e, &raw.image, low, high), TL_OK);
+    // (v - 4) * 255 / 160 + 0.5: 1.59 + 0.5 -> 2, 127.5 + 0.5 -> 128.
+    const uint8_t levels[4] = {0, 2, 128, 255};
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(raw.u8(i, 0), levels[i]) << i;
+    DisparityEstimator_updateDepthTables(&f.e, low, high);
+    EXPECT_FLOAT_EQ(f.e.minDisparityPx, 0.5f);
+    EXPECT_FLOAT_EQ(f.e.maxDisparityPx, 20.5f);
+    EXPECT_FLOAT_EQ(f.e.depthTable[0], 20.0f);
+    EXPECT_FLOAT_EQ(f.e.depthTable[51], 10.0f / 4.5f);
+    EXPECT_FLOAT_EQ(f.e.inverseDepthTable[255], 0.205f);
+    // A flat map has no range: every pixel becomes level 0.
+    ASSERT_EQ(DisparityEstimator_stretchDisparity(&f.e, &raw.image, 77, 77), TL_OK);
+    EXPECT_EQ(raw.u8(3, 0), 0);
+
+    Picture map(6, 1, IMAGE_FORMAT_UINT8), out(6, 1, IMAGE_FORMAT_UINT8);
+    setRow(map, {0, 3, 6, 10, 128, 255});
+    const struct {
+        int32_t mode;
+        uint8_t want[6];
+    } cases[] = {
+        // Linear in disparity between levels 6 and 255: (255 - v) * 255 / 249, clamped.
+        {1, {255, 255, 255, 250, 130, 0}},
+        // Linear in depth: s * 255 / v - s with s = 6 * 255 / 249; level 6
+        // lands on 255 up to float rounding and is left out.
+        {0, {255, 255, 0, 150, 6, 0}},
+        {2, {77, 77, 77, 77, 77, 77}},  // another mode writes nothing
+    };
+    for (const auto& c : cases) {
+        setRow(out, {77, 77, 77, 77, 77, 77});
+        float nearDepth = 0, farDepth = 0;
+        ASSERT_EQ(
+            DisparityEstimator_getDepthImage(&f.e, &out.image, &nearDepth, &farDepth, &map.image, c.mode),
+            TL_OK);
+        EXPECT_FLOAT_EQ(farDepth, 10.0f / (0.5f + 120.0f / 255.0f));
+        EXPECT_FLOAT_EQ(nearDepth, 10.0f / 20.5f);
+        for (int i = 0; i < 6; ++i) {
+            if (c.mode != 0 || i != 2) {
+                EXPECT_EQ(out.u8(i, 0), c.want[i]) << "mode " << c.mode << ", " << i;
+            }
+        }
+    }
+}
+
+// Fine mode's radial lowering on a 5 by 5 map of 100: the centre (2, 2) and
+// the normaliser sqrt(2^2 + 2^2). Factor form, rate 0.5 over radii 0 to 1:
+// the corner (r = 1) halves, (2, 0) at r = 0.707 keeps 1 - 0.5 * 0.707.
+TEST(DisparityEstimator, RadialLowering) {
+    Fixture f;
+    Picture map(5, 5, IMAGE_FORMAT_UINT8);
+    fill(map, 100);
+    f.e.lowerRate = 0.5f;
+    f.e.lowerInnerRadius = 0.0f;
+    f.e.lowerOuterRadius = 1.0f;
+    ASSERT_EQ(DisparityEstimator_lowerDisparity(&f.e, &map.image), TL_OK);
+    EXPECT_EQ(map.u8(2, 2), 100);
+    EXPECT_EQ(map.u8(0, 0), 50);
+    EXPECT_EQ(map.u8(4, 4), 50);
+    EXPECT_EQ(map.u8(2, 0), 65);  // 64.64 + 0.5
+    // Subtractive form: trunc(min(0.5 + r, amount)), amount = 1 << 3.
+    fill(map, 100);
+    f.e.lowerRate = 0.0f;
+    f.e.lowerAmount = 1;
+    ASSERT_EQ(DisparityEstimator_lowerDisparity(&f.e, &map.image), TL_OK);
+    EXPECT_EQ(map.u8(2, 2), 100);  // 0.5
+    EXPECT_EQ(map.u8(0, 0), 99);   // 1.5
+}
+
+// Against the scene's truth, in working pixels: disparity = f B / z.
+TEST(DisparityEstimator, MatchesTheScene) {
+    const Scene& s = sharedScene();
+    Rig rig(s);
+    ASSERT_EQ(rig.grids(s), TL_OK);
+    ASSERT_EQ(rig.estimate(s), TL_OK);
+    const DisparityEstimator& e = rig.e;
+    const double fb = e.focalLength * e.baseline;
+    int64_t confident = 0, close = 0, wanted = 0, covered = 0;
+    for (int32_t y = 0; y < e.disparityHeight; ++y) {
+        for (int32_t x = 0; x < e.disparityWidth; ++x) {
+            const size_t i = truthIndex(s, x, y, e.disparityWidth, e.disparityHeight);
+            const bool sure = e.confidence.plane[0][y * e.confidence.pitch[0] + x] == 255;
+            const double d = rig.disparityOf(e.disparity.plane[0][y * e.disparity.pitch[0] + x]);
+            confident += sure;
+            close += sure && std::fabs(d - fb / s.depth[i]) <= 1.0;
+            const bool textured = s.textured[i] != 0 && s.occluded[i] == 0;
+            wanted += textured;
+            covered += textured && sure;
+        }
+    }
+    const double accuracy = static_cast<double>(close) / confident,
+                 cover = static_cast<double>(covered) / wanted;
+    EXPECT_GE(accuracy, 0.9) << "confident pixels within one pixel of the truth: " << accuracy;
+    EXPECT_GE(cover, 0.8) << "share of the textured, unoccluded area that is confident: " << cover;
+
+    // The refined map: where the truth passes between the box and what lies
+    // beside it, the map must cross the middle disparity within two pixels.
+    for (uint8_t window : {5, 7, 15}) {
+        Picture out(rig.depthWidth, rig.depthHeight, IMAGE_FORMAT_UINT8);
+        ASSERT_EQ(
+            DisparityEstimator_refineDisparity(&rig.e, &out.image, &s.main->image, window, 3, 10.0f, 15.0f),
+            TL_OK);
+        const int32_t w = rig.depthWidth, h = rig.depthHeight, reach = 4;
+        int64_t edges = 0, kept = 0;
+        for (int32_t dx = 0; dx < 2; ++dx) {
+            const int32_t dy = 1 - dx;
+            for (int32_t y = reach * dy; y + (reach + 1) * dy < h; ++y) {
+                for (int32_t x = reach * dx; x + (reach + 1) * dx < w; ++x) {
+                    auto truth = [&](int32_t k) { return truthIndex(s, x + k * dx, y + k * dy, w, h); };
+                    auto above = [&](int32_t k, double mid) {
+                        return rig.disparityOf(out.u8(x + k * dx, y + k * dy)) > mid;
+                    };
+                    if (onBox(s, truth(0)) == onBox(s, truth(1))) continue;
+                    const double mid = 0.5 * (fb / s.depth[truth(-3)] + fb / s.depth[truth(4)]);
+                    bool found = false;
+                    for (int32_t k = -2; k <= 2 && !found; ++k) found = above(k, mid) != above(k + 1, mid);
+                    ++edges;
+                    kept += found;
+                }
+            }
+        }
+        const double share = static_cast<double>(kept) / edges;
+        EXPECT_GE(share, 0.9) << "window " << int{window} << ": box edges kept within two pixels: " << share;
+    }
+}
+
+TEST(DisparityEstimator, SameBytesWithAnyNumberOfWorkers) {
+    const Scene& s = sharedScene();
+    std::vector<std::vector<uint8_t>> results;
+    for (int32_t workers : {1, 2, 4}) {
+        Rig rig(s, workers);
+        ASSERT_EQ(rig.grids(s), TL_OK);
+        ASSERT_EQ(rig.estimate(s), TL_OK);
+        Picture out(rig.depthWidth, rig.depthHeight, IMAGE_FORMAT_UINT8);
+        ASSERT_EQ(DisparityEstimator_refineDisparity(&rig.e, &out.image, &s.main->image, 7, 3, 10.0f, 15.0f),
+                  TL_OK);
+        std::vector<uint8_t> bytes = resultBytes(rig.e);
+        bytes.insert(bytes.end(), out.storage.begin(), out.storage.end());
+        if (!results.empty()) {
+            EXPECT_TRUE(bytes == results[0]) << workers << " workers";
+        }
+        results.push_back(std::move(bytes));
+    }
+}
+
+// Status from the window round the focus point: the normal shot with the
+// focus on the box is usable; the box brought to 10 cm, at the top of the
+// matching range or beyond it, is too near. Far needs disparities at or below one pixel
+// above the lowest candidate, -4 + 1: behind a background at 3.5 m, which
+// is less than a pixel away, the sub camera's calibrated centre is moved so
+// that the rectified sub frame slides by about 4 pixels.
+TEST(DisparityEstimator, StatusOfShots) {
+    const double scale = 0.25;
+    SceneConfig nearConfig = sceneConfig(scale), farConfig = sceneConfig(scale);
+    nearConfig.box = {0.0, 0.0, 100.0, 400.0, 400.0, 100.0};
+    farConfig.box.z = 5000.0;
+    const Scene nearShot(nearConfig), farShot(farConfig);
+    const Scene& normal = sharedScene();
+    const struct {
+        const char* name;
+        const Scene& scene;
+        float focusX, focusY;
+        bool shifted;
+        int32_t want;
+    } cases[] = {
+        // The box's front face is centred at (-250, 100) mm, 800 mm away.
+        {"normal", normal, static_cast<float>((3000.0 * -250 / 800 + 2011.5) / 4000),
+         static_cast<float>((3000.0 * 100 / 800 + 1493.25) / 3000), false, 0},
+        {"near", nearShot, 0.5f, 0.5f, false, 1},
+        {"far", farShot, 0.5f, 0.5f, true, 2},
+    };
+    for (const auto& c : cases) {
+        Rig rig(c.scene);
+        ASSERT_EQ(rig.grids(c.scene), TL_OK);
+        if (c.shifted) {
+            // A shift of the calibrated centre by u sub pixels slides the
+            // rectified sub frame by u f / f_sub working pixels and adds that
+            // to every disparity: -3.5 pixels at the background.
+            const double background = rig.e.focalLength * c.scene.baseline / 3500.0;
+            ASSERT_EQ(
+                rig.grids(c.scene, (-3.5 - background) * c.scene.subCalib.matrix.m[0] / rig.e.focalLength),
+                TL_OK);
+        }
+        ASSERT_EQ(DisparityEstimator_setFocusCoord(&rig.e, c.focusX, c.focusY), TL_OK);
+        ASSERT_EQ(rig.estimate(c.scene), TL_OK) << c.name;
+        int32_t status = -1;
+        ASSERT_EQ(DisparityEstimator_getStatus(&rig.e, &status), TL_OK);
+        EXPECT_EQ(status, c.want) << c.name << ": range " << rig.e.minDisparityPx << " to "
+                                  << rig.e.maxDisparityPx;
+    }
+}
+
+// Fine mode is set up completely but lacks its hole filler and its
+// refinement filter: the frame calls say so and change nothing.
+TEST(DisparityEstimator, FineModeRefusesWhatItLacks) {
+    const Scene& s = sharedScene();
+    Rig rig(s, 2, 1);
+    ASSERT_EQ(rig.grids(s), TL_OK);
+    Picture out(rig.depthWidth, rig.depthHeight, IMAGE_FORMAT_UINT8);
+    const std::vector<uint8_t> before = resultBytes(rig.e);
+    EXPECT_EQ(rig.estimate(s), TL_ERROR_UNSUPPORTED);
+    EXPECT_TRUE(resultBytes(rig.e) == before);
+    EXPECT_EQ(DisparityEstimator_refineDisparity(&rig.e, &out.image, &s.main->image, 7, 3, 10.0f, 15.0f),
+              TL_ERROR_UNSUPPORTED);
+    EXPECT_EQ(DisparityEstimator_refineDisparity(&rig.e, &out.image, &s.main->image, 0, 0, 10.0f, 15.0f),
+              TL_OK);
+}
+
+// Extrinsics given the other way round are turned back in the caller's
+// records, and give the same grids.
+TEST(DisparityEstimator, ReversedExtrinsics) {
+    const Scene& s = sharedScene();
+    Rig forward(s), reversed(s);
+    ASSERT_EQ(forward.grids(s), TL_OK);
+    Mvec8Real rotation, want;
+    float t[3], wantT[3];
+    s.extrinsics(true, &rotation, t);
+    s.extrinsics(false, &want, wantT);
+    RectifyLensDist mainLens = s.mainCalib.lens, subLens = s.subCalib.lens;
+    ASSERT_EQ(DisparityEstimator_calcGridParams(&reversed.e, &s.mainCalib.matrix, &s.subCalib.matrix,
+                                                &mainLens, &subLens, &rotation, t, 0, s.mainCalib.width,
+                                                s.mainCalib.height, s.subCalib.width, s.subCalib.height),
+              TL_OK);
+    for (int i = 0; i < 9; ++i) EXPECT_NEAR(rotation.m[i], want.m[i], 1e-12) << i;
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(t[i], wantT[i]) << i;
+    for (auto grid :
+         {&DisparityEstimator::mainGrid, &DisparityEstimator::subGrid, &DisparityEstimator::disparityGrid}) {
+        const Renderer2_Params &a = forward.e.*grid, &b = reversed.e.*grid;
+        for (int32_t v = 0; v < a.cols * a.rows; ++v) {
+            ASSERT_NEAR(b.x[v], a.x[v], 1e-6) << v;
+            ASSERT_NEAR(b.y[v], a.y[v], 1e-6) << v;
+        }
+    }
+}
+
+// Refused input changes nothing: the last good map, tables and status stay.
+TEST(DisparityEstimator, BadInputLeavesTheLastResult) {
+    const Scene& s = sharedScene();
+    Rig rig(s);
+    DisparityEstimator* e = &rig.e;
+    ASSERT_EQ(rig.grids(s), TL_OK);
+    ASSERT_EQ(rig.estimate(s), TL_OK);
+    const std::vector<uint8_t> before = resultBytes(*e);
+    const Image *main = &s.main->image, *sub = &s.sub->image;
+    Picture small(main->width / 2, main->height / 2, main->format), luma(main->width, main->height, 60),
+        rgb(sub->width, sub->height, IMAGE_FORMAT_RGB888), out(rig.depthWidth, rig.depthHeight, 60),
+        outOdd(rig.depthWidth + 1, rig.depthHeight, 60);
+    Fixture noGrids;
+    auto est = [&](DisparityEstimator* x, const Image* m, const Image* su, float threshold) {
+        return DisparityEstimator_estimateDisparity(x, m, su, 5, 40, threshold, 0, 255);
+    };
+    auto refine = [&](Picture* o, const Image* guide, int32_t mode, float sigmaRange) {
+        return DisparityEstimator_refineDisparity(e, &o->image, guide, 7, mode, 10.0f, sigmaRange);
+    };
+    // Calibrations that cannot be rectified.
+    Mvec8Real rotation, flat = s.mainCalib.matrix, skewed = s.subCalib.matrix, singular{};
+    float t[3], zero[3] = {0, 0, 0};
+    s.extrinsics(false, &rotation, t);
+    flat.m[0] = 0.0;
+    skewed.m[1] = 0.5;
+    RectifyLensDist mainLens = s.mainCalib.lens, subLens = s.subCalib.lens, kind2 = subLens;
+    kind2.kind = 2;
+    auto grid = [&](const Mvec8Real* mc, const Mvec8Real* sc, RectifyLensDist* sl, Mvec8Real* r, float* tr,
+                    int32_t forward) {
+        return DisparityEstimator_calcGridParams(e, mc, sc, &mainLens, sl, r, tr, forward, 4000, 3000, 2592,
+                                                 1944);
+    };
+    const Mvec8Real *mc = &s.mainCalib.matrix, *sc = &s.subCalib.matrix;
+    const struct {
+        const char* name;
+        std::function<TLResult()> call;
+        TLResult want;
+    } cases[] = {
+        {"null main", [&] { return est(e, nullptr, sub, 1.0f); }, TL_ERROR_PARAM},
+        {"main of half size", [&] { return est(e, &small.image, sub, 1.0f); }, TL_ERROR_PARAM},
+        {"sub of the main's size", [&] { return est(e, main, main, 1.0f); }, TL_ERROR_PARAM},
+        {"main in UINT8", [&] { return est(e, &luma.image, sub, 1.0f); }, TL_ERROR_UNSUPPORTED},
+        {"sub in RGB", [&] { return est(e, main, &rgb.image, 1.0f); }, TL_ERROR_UNSUPPORTED},
+        {"threshold NaN", [&] { return est(e, main, sub, NAN); }, TL_ERROR_PARAM},
+        {"before the grids", [&] { return est(&noGrids.e, main, sub, 1.0f); }, TL_ERROR_STATE},
+        {"sigmaRange 64.5", [&] { return refine(&out, main, 3, 64.5f); }, TL_ERROR_PARAM},
+        {"output of another size", [&] { return refine(&outOdd, main, 3, 15.0f); }, TL_ERROR_PARAM},
+        {"guide mode 0 with a window", [&] { return refine(&out, main, 0, 15.0f); }, TL_ERROR_PARAM},
+        {"guide in UINT8", [&] { return refine(&out, &luma.image, 3, 15.0f); }, TL_ERROR_UNSUPPORTED},
+        {"focus 1.0001", [&] { return DisparityEstimator_setFocusCoord(e, 1.0001f, 0.5f); }, TL_ERROR_PARAM},
+        {"focal length 0", [&] { return grid(&flat, sc, &subLens, &rotation, t, 1); }, TL_ERROR_GENERAL},
+        {"skewed sub camera", [&] { return grid(mc, &skewed, &subLens, &rotation, t, 1); }, TL_ERROR_GENERAL},
+        {"zero baseline", [&] { return grid(mc, sc, &subLens, &rotation, zero, 1); }, TL_ERROR_GENERAL},
+        {"singular rotation to invert", [&] { return grid(mc, sc, &subLens, &singular, t, 0); },
+         TL_ERROR_PARAM},
+        {"lens of kind 2", [&] { return grid(mc, sc, &kind2, &rotation, t, 1); }, TL_ERROR_UNSUPPORTED},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.call(), c.want) << c.name;
+    EXPECT_TRUE(resultBytes(*e) == before);
+    EXPECT_TRUE(e->focusX == 0.5f && e->focusY == 0.5f);
+    for (int i = 0; i < 9; ++i) EXPECT_EQ(singular.m[i], 0.0);
+    EXPECT_EQ(t[0], static_cast<float>(s.translation[0]));
+    EXPECT_EQ(DisparityEstimator_setFocusCoord(e, 1.0f, 0.0f), TL_OK);
+    EXPECT_EQ(DisparityEstimator_init(e, 640, 480, 640, 480, 320, 240, 10.0f, IMAGE_FORMAT_UINT8, 0, 0),
+              TL_ERROR_UNSUPPORTED);
+    // A sub frame below the working frame (172 by 130) could not be shrunk to it.
+    EXPECT_EQ(DisparityEstimator_init(e, 640, 480, 160, 120, 320, 240, 10.0f, main->format, 0, 0),
+              TL_ERROR_PARAM);
+}

@@ -66,7 +66,10 @@ typedef struct TwinLensLensDist {
 } TwinLensLensDist;
 
 /* One calibration row, 1280 bytes. Matrices are row-major 3x3; camera
- * matrices hold the focal length in pixels at element 0. */
+ * matrices hold the focal length in pixels at element 0. The translation
+ * carries the row's length unit: the calibration's unit, metres by
+ * convention, is the unit of the depth limits and depth tables that the
+ * session reports. */
 typedef struct TwinLensCameraParam {
     double focusPosition;      /* lens position; the key of setFocusPos */
     int32_t extrinsicsForward; /* 0: invert the stereo rotation and negate the translation */

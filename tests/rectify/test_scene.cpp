@@ -47,11 +47,11 @@ TEST(Scene, SurfacePointsLandWhereTheLensModelPutsThem) {
         double p[3];
         SceneSurface surface;
         double depthTolerance;
-    } cases[] = {{{1200, -500, 3500}, kSceneBackground, 1e-3},
-                 {{770, -630, 3500}, kSceneFlatPatch, 1e-3},
-                 {{600, 600, 2000}, kSceneGround, 8},
-                 {{-300, 200, 800}, kSceneBoxFront, 1e-3},
-                 {{-50, 0, 900}, kSceneBoxSide, 15}};
+    } cases[] = {{{1.2, -0.5, 3.5}, kSceneBackground, 1e-6},
+                 {{0.77, -0.63, 3.5}, kSceneFlatPatch, 1e-6},
+                 {{0.6, 0.6, 2.0}, kSceneGround, 0.008},
+                 {{-0.3, 0.2, 0.8}, kSceneBoxFront, 1e-6},
+                 {{-0.05, 0.0, 0.9}, kSceneBoxSide, 0.015}};
     for (const auto& c : cases) {
         for (int cam = 0; cam < 2; ++cam) {
             const SceneCamera& k = cam == 0 ? s.mainCamera : s.subCamera;
@@ -61,7 +61,7 @@ TEST(Scene, SurfacePointsLandWhereTheLensModelPutsThem) {
             const double u = k.matrix.m[0] * x + k.matrix.m[2], v = k.matrix.m[4] * y + k.matrix.m[5];
             const SceneHit hit = s.castPixel(cam, u, v);
             EXPECT_EQ(hit.surface, c.surface) << c.p[0] << " camera " << cam;
-            EXPECT_LT(std::hypot(hit.p[0] - c.p[0], hit.p[1] - c.p[1], hit.p[2] - c.p[2]), 1e-6) << c.p[0];
+            EXPECT_LT(std::hypot(hit.p[0] - c.p[0], hit.p[1] - c.p[1], hit.p[2] - c.p[2]), 1e-9) << c.p[0];
             if (cam == 1) continue;
             const size_t i = at(s, u, v);
             EXPECT_EQ(s.surface[i], c.surface) << c.p[0];
@@ -76,7 +76,7 @@ TEST(Scene, OcclusionStripLeftOfTheBoxHasTheBaselinesWidth) {
     // The sub camera, 10 mm to the right, sees the box moved further left
     // than the background behind it: main pixels left of the box edge are
     // hidden from it over f B (1 / 0.8 m - 1 / 3.5 m) = 810 * 10 * 0.000964
-    // = 7.8 pixels. Nothing right of the box's front face is hidden.
+    // = 7.8 pixels (f in pixels, B and Z in metres). Nothing right of the box's front face is hidden.
     const Scene& s = workingScene();
     for (const double v : {330.0, 400.0, 470.0}) {
         int32_t edge = 0, run = 0, right = 0;

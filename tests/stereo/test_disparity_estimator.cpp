@@ -389,8 +389,8 @@ TEST(DisparityEstimator, SameBytesWithAnyNumberOfWorkers) {
 TEST(DisparityEstimator, StatusOfShots) {
     const double scale = 0.25;
     SceneConfig nearConfig = sceneConfig(scale), farConfig = sceneConfig(scale);
-    nearConfig.box = {0.0, 0.0, 100.0, 400.0, 400.0, 100.0};
-    farConfig.box.z = 5000.0;
+    nearConfig.box = {0.0, 0.0, 0.1, 0.4, 0.4, 0.1};
+    farConfig.box.z = 5.0;
     const Scene nearShot(nearConfig), farShot(farConfig);
     const Scene& normal = sharedScene();
     const struct {
@@ -400,9 +400,9 @@ TEST(DisparityEstimator, StatusOfShots) {
         bool shifted;
         int32_t want;
     } cases[] = {
-        // The box's front face is centred at (-250, 100) mm, 800 mm away.
-        {"normal", normal, static_cast<float>((3000.0 * -250 / 800 + 2011.5) / 4000),
-         static_cast<float>((3000.0 * 100 / 800 + 1493.25) / 3000), false, 0},
+        // The box's front face is centred at (-0.25, 0.1) m, 0.8 m away.
+        {"normal", normal, static_cast<float>((3000.0 * -0.25 / 0.8 + 2011.5) / 4000),
+         static_cast<float>((3000.0 * 0.1 / 0.8 + 1493.25) / 3000), false, 0},
         {"near", nearShot, 0.5f, 0.5f, false, 1},
         {"far", farShot, 0.5f, 0.5f, true, 2},
     };
@@ -413,7 +413,7 @@ TEST(DisparityEstimator, StatusOfShots) {
             // A shift of the calibrated centre by u sub pixels slides the
             // rectified sub frame by u f / f_sub working pixels and adds that
             // to every disparity: -3.5 pixels at the background.
-            const double background = rig.e.focalLength * c.scene.baseline / 3500.0;
+            const double background = rig.e.focalLength * c.scene.baseline / 3.5;
             ASSERT_EQ(
                 rig.grids(c.scene, (-3.5 - background) * c.scene.subCalib.matrix.m[0] / rig.e.focalLength),
                 TL_OK);

@@ -48,8 +48,8 @@ int32_t evenWidth(int32_t explicitWidth, double scale, int32_t full) {
     return explicitWidth > 0 ? explicitWidth : 2 * static_cast<int32_t>(std::lround(0.5 * scale * full));
 }
 
-// The ground: y = 700 - 0.05 z, i.e. n . p = 700 with n = (0, 1, 0.05).
-constexpr double kGroundHeight = 700.0, kGroundRise = 0.05;
+// The ground: y = 0.7 - 0.05 z, i.e. n . p = 0.7 with n = (0, 1, 0.05).
+constexpr double kGroundHeight = 0.7, kGroundRise = 0.05;
 // The flat patch in directions from the main camera, on the background.
 constexpr double kPatchLeft = 0.18, kPatchRight = 0.26, kPatchTop = -0.22, kPatchBottom = -0.14;
 
@@ -116,19 +116,19 @@ inline double texture(double u, double w) {
     return (r0[c0] + a * (r0[c1] - r0[c0])) * (1 - b) + (r1[c0] + a * (r1[c1] - r1[c0])) * b;
 }
 
-// Per surface: mean luma, coarsest cells per mm (the finest cell is an
+// Per surface: mean luma, coarsest cells per metre (the finest cell is an
 // eighth of the coarsest), an offset into the texture in cells, and chroma
 // offsets (V, U).
 struct Material {
     double luma, cells, seed, v, u;
 };
 constexpr Material kMaterials[6] = {
-    {128, 1, 0, 0, 0},               // nothing
-    {120, 1 / 192.0, 0.0, 6, -10},   // background: cells of 192 to 24 mm
-    {112, 1 / 96.0, 11.3, 14, -18},  // ground: 96 to 12 mm
-    {138, 1 / 48.0, 21.7, -20, 16},  // box front: 48 to 6 mm
-    {104, 1 / 48.0, 5.5, -16, 12},   // box side
-    {150, 1, 0, 4, 4},               // flat patch
+    {128, 1, 0, 0, 0},                // nothing
+    {120, 1 / 0.192, 0.0, 6, -10},    // background: cells of 192 to 24 mm
+    {112, 1 / 0.096, 11.3, 14, -18},  // ground: 96 to 12 mm
+    {138, 1 / 0.048, 21.7, -20, 16},  // box front: 48 to 6 mm
+    {104, 1 / 0.048, 5.5, -16, 12},   // box side
+    {150, 1, 0, 4, 4},                // flat patch
 };
 
 uint8_t toByte(double v) { return static_cast<uint8_t>(std::clamp(v, 8.0, 247.0) + 0.5); }
@@ -350,7 +350,7 @@ void Scene::render(int which, int32_t rowBegin, int32_t rowEnd) {
                 const double* p = hit.p;
                 const double wobble = hit.surface == kSceneFlatPatch
                                           ? 0
-                                          : texture((p[0] + p[2]) / 3000, (p[1] - p[2]) / 3000 + m.seed);
+                                          : texture((p[0] + p[2]) / 3.0, (p[1] - p[2]) / 3.0 + m.seed);
                 chroma[i + (vFirst ? 0 : 1)] = toByte(128 + m.v + 100 * wobble);
                 chroma[i + (vFirst ? 1 : 0)] = toByte(128 + m.u - 100 * wobble);
             }

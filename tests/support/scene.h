@@ -3,9 +3,10 @@
 // depths, rendered by casting one ray per pixel, with the main view's ground
 // truth (depth, surface, texture, occlusion).
 //
-// Coordinates are the main camera's, in millimetres: x right, y down, z
-// along the optical axis. The sub camera sits about 10 mm to the right
-// (x_sub = R x_main + t). The world:
+// Coordinates are the main camera's, in metres, the unit the library's
+// depth limits take from the calibration: x right, y down, z along the
+// optical axis. The sub camera sits about 10 mm to the right (x_sub = R
+// x_main + t). The world:
 // - a fronto-parallel background at 3.5 m,
 // - a ground plane 0.7 m below the cameras that rises by 5 cm per metre of
 //   depth (the cameras look slightly down), seen from 1.27 m at the bottom
@@ -43,7 +44,7 @@ enum SceneSurface : uint8_t {
 };
 
 // An axis-aligned box: the centre of its front face, that face's depth, and
-// its size, in mm.
+// its size, in metres.
 struct SceneBox {
     double x, y, z, width, height, thickness;
 };
@@ -55,11 +56,11 @@ struct SceneConfig {
     // Explicit frame widths override the scale per camera (the height keeps
     // 4:3), e.g. 1080 for both to render straight at the working size.
     int32_t mainWidth = 0, subWidth = 0;
-    double backgroundDepth = 3500.0;
-    SceneBox box{-250.0, 100.0, 800.0, 400.0, 500.0, 300.0};
+    double backgroundDepth = 3.5;
+    SceneBox box{-0.25, 0.1, 0.8, 0.4, 0.5, 0.3};
     // The sub camera's centre in main coordinates: a 10 mm baseline with
     // small vertical and depth components.
-    double subCentre[3] = {10.0, 0.3, -0.25};
+    double subCentre[3] = {0.010, 0.0003, -0.00025};
     // Relative rotation: 0.3 degrees about a skew axis.
     double rotationAxis[3] = {0.3, -0.5, 0.8};
     double rotationDegrees = 0.3;
@@ -112,11 +113,11 @@ public:
     SceneCamera mainCamera, subCamera;
     vq_tl::Mvec8Real rotation;  // x_sub = rotation x_main + translation
     double translation[3];
-    double baseline;  // |translation|, mm
+    double baseline;  // |translation|, metres
 
     std::unique_ptr<Picture> main, sub;  // tight rows, config.format
     // Ground truth of the main frame, row by row (empty without config.truth):
-    // depth z in mm, the surface seen, 1 on textured surfaces, and 1 where
+    // depth z in metres, the surface seen, 1 on textured surfaces, and 1 where
     // the point is hidden from the sub camera or outside its frame.
     LargeVector<float> depth;
     LargeVector<uint8_t> surface, textured, occluded;

@@ -15,7 +15,22 @@ int main(void) {
     params.depthWidth = 480;
     params.depthHeight = 360;
     params.format = "YUV420_SEMIPLANAR";
+    /* One calibration row: two undistorted cameras of 1200 pixels' focal
+     * length at the frame size, side by side 10 mm apart (metres). */
     params.cameraParamCount = 1;
+    TwinLensCameraParam* row = &params.cameraParams[0];
+    row->extrinsicsForward = 1;
+    row->mainCalibWidth = row->subCalibWidth = 1440;
+    row->mainCalibHeight = row->subCalibHeight = 1080;
+    for (int i = 0; i < 2; ++i) {
+        double* m = i == 0 ? row->mainCameraMatrix : row->subCameraMatrix;
+        m[0] = m[4] = 1200.0;
+        m[2] = 720.0;
+        m[5] = 540.0;
+        m[8] = 1.0;
+    }
+    row->stereoRotation[0] = row->stereoRotation[4] = row->stereoRotation[8] = 1.0;
+    row->stereoTranslation[0] = -0.010;
 
     const int32_t size = velquin_TwinLens_getBufferSize(&params);
     if (size < 0) return 1;

@@ -45,9 +45,24 @@ VELQUIN_TL_API int32_t velquin_TwinLens_getBufferSize(const TwinLensParams* para
 /* Validates in this order: params (TL_ERROR_PARAM), the format name
  * (TL_ERROR_UNSUPPORTED unless "YUV420_PLANAR", "YUV420_SEMIPLANAR" or
  * "YVU420_SEMIPLANAR"), handle and buffer (TL_ERROR_PARAM), sizes
- * (TL_ERROR_PARAM), buffer size (TL_ERROR_SYSTEM). Sizes: each even, at most
- * 16384; main and sub at least 76800 pixels, depth at least 19200; aspect
- * ratios of sub and depth within 0.1 of main. */
+ * (TL_ERROR_PARAM), calibration rows (TL_ERROR_PARAM), buffer size
+ * (TL_ERROR_SYSTEM), lens kinds (TL_ERROR_GENERAL, the buffer untouched).
+ * Sizes: each even, at most 16384; main and sub at least 76800 pixels, depth
+ * at least 19200; aspect ratios of sub and depth within 0.1 of main.
+ *
+ * Calibration: the first cameraParamCount rows (at most 20) are checked and
+ * refused when any real the session reads is NaN or infinite; when a camera
+ * matrix has a focal length (element 0 or 4) of zero or below, a skew
+ * (element 1 or 3) or a last row other than (0, 0, 1); when the stereo
+ * rotation, or a per-camera rectifying rotation that is given, is not a
+ * rotation (rows orthonormal within 1e-5, determinant +1); when the
+ * translation is zero; when a calibration size, or a rectified size that is
+ * given, is below 1; when a radial table has fewer than 2 or more than 41
+ * entries or a last radius of zero or below. A lens kind other than 0 or 1
+ * gives TL_ERROR_GENERAL. Row 0's translation sets the session's depth
+ * scale: its unit, metres by convention, is the unit of every depth the
+ * session reports. Any other failure while the session is assembled gives
+ * TL_ERROR_GENERAL. */
 VELQUIN_TL_API TLResult velquin_TwinLens_initialize(TwinLensHandle* handle, void* buffer, int32_t bufferSize,
                                                     const TwinLensParams* params);
 
@@ -65,6 +80,11 @@ VELQUIN_TL_API TLResult velquin_TwinLens_finalize(TwinLensHandle* handle);
  * TL_OK with *sequenceOut -1, and the pixels are the caller's again at once.
  * sequenceOut may be null. The callback runs on the worker thread (or, for a
  * superseded frame, inside this call) and must not call finalize.
+ * TL_ERROR_PARAM for a null handle or frame, a frame of another size than
+ * the session's, and in synchronous sessions a frame that lacks a plane its
+ * format has or has a pitch below 1. A frame that fails in the estimator
+ * returns the estimator's code (synchronous sessions); the depth result of
+ * the last good frame stays in force.
  *
  * Two ways an asynchronous session stops taking pairs, kept for
  * compatibility: (1) out of memory: when the small record that carries the
@@ -82,6 +102,35 @@ VELQUIN_TL_API TLResult velquin_TwinLens_process(TwinLensHandle* handle, const T
 /* The same with records that carry pitches. */
 VELQUIN_TL_API TLResult velquin_TwinLens_processEx(TwinLensHandle* handle, const TwinLensImageEx* main,
                                                    const TwinLensImageEx* sub, int32_t* sequenceOut);
+
+/* The depth picture of the last finished frame, resized to the caller's
+ * image: an 8-bit single-plane picture of any size (UINT8, plane0 only),
+ * where 0 is the nearest and 255 the farthest depth of the frame.
+ * *nearDepth and *farDepth receive the depths of levels 0 and 255, in the
+ * calibration's unit (metres by convention). Depths beyond 10 units are
+ * saturated at 255, so that a far tail does not flatten the rest; a frame
+ * whose every level lies beyond is 255 throughout. mode 0: levels linear in
+ * depth. Any other mode: levels linear in disparity, that is in 1 / depth:
+ * level v stands for 1 / depth = 1 / near + (1 / far - 1 / near) v / 255.
+ * Before the first frame the picture is 255 throughout and both limits 0.
+ * The picture reads a result that the next frame but one overwrites, so in
+ * asynchronous sessions one call must not outlast two frames; the call
+ * itself may run while a frame is estimated. TL_ERROR_PARAM for a null
+ * handle, image, plane0 or limit pointer. */
+VELQUIN_TL_API TLResult velquin_TwinLens_getDepthImage(TwinLensHandle* handle, const TwinLensImage* image,
+                                                       float* nearDepth, float* farDepth, int32_t mode);
+
+/* The same with a record that carries its pitch. */
+VELQUIN_TL_API TLResult velquin_TwinLens_getDepthImageEx(TwinLensHandle* handle, const TwinLensImageEx* image,
+                                                         float* nearDepth, float* farDepth, int32_t mode);
+
+/* The status of the last finished estimate, from a window round the focus
+ * point: 0 usable; 1 the subject is too near (over 70 % of the window at the
+ * near limit or not measurable); 2 too far (over 70 % below one pixel of
+ * disparity). Frames that only refine keep the status of the last estimate.
+ * TL_ERROR_PARAM for a null handle or status, TL_ERROR_STATE for a session
+ * that is not ready. */
+VELQUIN_TL_API TLResult velquin_TwinLens_getEstimateStatus(TwinLensHandle* handle, int32_t* status);
 
 #ifdef __cplusplus
 } /* extern "C" */

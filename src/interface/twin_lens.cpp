@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "interface/twin_lens_session.h"
+#include "rectify/rectify_lens_dist.h"
 #include "runtime/fenced_word.h"
 
 namespace vq_tl {
@@ -28,6 +29,12 @@ uint32_t guardOf(const TwinLensHandle* handle) {
     return kSessionGuardKey ^ static_cast<uint32_t>(reinterpret_cast<uintptr_t>(handle));
 }
 
+// The rows the session copies: the count as given, at most the table's 20.
+int32_t calibrationRows(const TwinLensParams* p) {
+    const int32_t n = p->cameraParamCount;
+    return n < 0 ? 0 : n > TWIN_LENS_MAX_CAMERA_PARAMS ? TWIN_LENS_MAX_CAMERA_PARAMS : n;
+}
+
 // The tail shared by the failure path of initialize and by finalize.
 TLResult closeSession(TwinLensHandle* handle, TwinLensSession* session, TLResult success) {
     if (static_cast<int32_t>(destruct_Env(&session->env)) < 0) return TL_ERROR_SYSTEM;
@@ -37,6 +44,81 @@ TLResult closeSession(TwinLensHandle* handle, TwinLensSession* session, TLResult
 }
 
 }  // namespace
+
+namespace {
+
+// Rows of a rotation must be orthonormal to this precision: rotations that
+// went through single precision on their way into a row are off by about
+// 1e-7, a scaled or sheared matrix by far more.
+constexpr double kRotationTolerance = 1e-5;
+
+bool allFinite(const double* values, int count) {
+    for (int i = 0; i < count; ++i) {
+        // NaN and both infinities fail: their difference with themselves is not 0.
+        if (!(values[i] - values[i] == 0.0)) return false;
+    }
+    return true;
+}
+
+// fx and fy positive, no skew, last row (0, 0, 1): what rectification takes.
+bool cameraMatrixValid(const double* m) {
+    return allFinite(m, 9) && m[0] > 0.0 && m[4] > 0.0 && m[1] == 0.0 && m[3] == 0.0 && m[6] == 0.0 &&
+           m[7] == 0.0 && m[8] == 1.0;
+}
+
+// R R^T = I and det R = +1 (a reflection has -1).
+bool rotationValid(const double* r) {
+    if (!allFinite(r, 9)) return false;
+    for (int i = 0; i < 3; ++i) {
+        for (int k = 0; k < 3; ++k) {
+            const double dot =
+                r[3 * i] * r[3 * k] + r[3 * i + 1] * r[3 * k + 1] + r[3 * i + 2] * r[3 * k + 2];
+            if (absDiff(dot, i == k ? 1.0 : 0.0) > kRotationTolerance) return false;
+        }
+    }
+    const double det = r[0] * (r[4] * r[8] - r[5] * r[7]) - r[1] * (r[3] * r[8] - r[5] * r[6]) +
+                       r[2] * (r[3] * r[7] - r[4] * r[6]);
+    return det > 0.0;
+}
+
+bool lensValid(const TwinLensLensDist& lens) {
+    if (lens.kind == 0) return allFinite(lens.u.coeff.k, 6) && allFinite(lens.u.coeff.p, 2);
+    if (lens.kind == 1) {
+        const TwinLensLensTable& t = lens.u.data;
+        return t.count >= 2 && t.count <= kRectifyLensTableMax && allFinite(t.table, t.count) &&
+               allFinite(&t.maxRadius, 1) && t.maxRadius > 0.0;
+    }
+    return true;  // unknown kinds have a code of their own
+}
+
+}  // namespace
+
+bool TwinLens_cameraParamValid(const TwinLensCameraParam* row) {
+    if (!allFinite(&row->focusPosition, 1) || !cameraMatrixValid(row->mainCameraMatrix) ||
+        !cameraMatrixValid(row->subCameraMatrix) || !lensValid(row->mainLensDist) ||
+        !lensValid(row->subLensDist) || !rotationValid(row->stereoRotation) ||
+        !allFinite(row->stereoTranslation, 3)) {
+        return false;
+    }
+    const double* t = row->stereoTranslation;
+    if (t[0] == 0.0 && t[1] == 0.0 && t[2] == 0.0) return false;
+    if (row->mainCalibWidth < 1 || row->mainCalibHeight < 1 || row->subCalibWidth < 1 ||
+        row->subCalibHeight < 1) {
+        return false;
+    }
+    // The per-camera rectification is read only when its first row is given.
+    const double* r = row->mainRectRotation;
+    if (r[0] == 0.0 && r[1] == 0.0 && r[2] == 0.0) return true;
+    return rotationValid(row->mainRectRotation) && rotationValid(row->subRectRotation) &&
+           cameraMatrixValid(row->mainRectCameraMatrix) && cameraMatrixValid(row->subRectCameraMatrix) &&
+           row->mainRectWidth > 0 && row->mainRectHeight > 0 && row->subRectWidth > 0 &&
+           row->subRectHeight > 0;
+}
+
+bool TwinLens_lensKindsKnown(const TwinLensCameraParam* row) {
+    return (row->mainLensDist.kind == 0 || row->mainLensDist.kind == 1) &&
+           (row->subLensDist.kind == 0 || row->subLensDist.kind == 1);
+}
 
 bool TwinLens_sizesValid(const TwinLensParams* p) {
     const int32_t sides[6] = {p->mainWidth, p->mainHeight, p->subWidth,
@@ -89,9 +171,18 @@ TLResult velquin_TwinLens_initialize(TwinLensHandle* handle, void* buffer, int32
     }
     if (handle == nullptr || buffer == nullptr || bufferSize < 1) return TL_ERROR_PARAM;
     if (!TwinLens_sizesValid(params)) return TL_ERROR_PARAM;
+    const int32_t rows = calibrationRows(params);
+    for (int32_t i = 0; i < rows; ++i) {
+        if (!TwinLens_cameraParamValid(&params->cameraParams[i])) return TL_ERROR_PARAM;
+    }
     handle->session = nullptr;
     TwinLensSession* s = TwinLens_sessionInBuffer(buffer, bufferSize);
     if (s == nullptr) return TL_ERROR_SYSTEM;
+    // A lens of unknown kind is refused before the buffer is touched, so
+    // nothing is built that would have to be taken down.
+    for (int32_t i = 0; i < rows; ++i) {
+        if (!TwinLens_lensKindsKnown(&params->cameraParams[i])) return TL_ERROR_GENERAL;
+    }
 
     std::memset(static_cast<void*>(s), 0, sizeof *s);
     construct_Env(&s->env, nullptr, 0);
@@ -114,8 +205,6 @@ TLResult velquin_TwinLens_initialize(TwinLensHandle* handle, void* buffer, int32
     s->coarseBokehLevel = 40;
     // The count is taken as given; rows beyond the table's 20 are not copied.
     s->cameraParamCount = params->cameraParamCount;
-    int32_t rows = params->cameraParamCount;
-    if (rows > TWIN_LENS_MAX_CAMERA_PARAMS) rows = TWIN_LENS_MAX_CAMERA_PARAMS;
     if (rows > 0) std::memcpy(s->cameraParams, params->cameraParams, sizeof(TwinLensCameraParam) * rows);
 
     s->cameraDirty = 1;

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <vector>
 
 #include "runtime/memory.h"
@@ -38,10 +39,26 @@ int32_t countCallback(void*, uint32_t, int32_t) {
     return 0;
 }
 
+// A small shot for the session walk: both frames at 320 by 240.
+const vq_tl_test::Scene& smallShot() {
+    static const std::unique_ptr<vq_tl_test::Scene> scene = [] {
+        vq_tl_test::SceneConfig c;
+        c.mainWidth = c.subWidth = 320;
+        c.truth = false;
+        return std::make_unique<vq_tl_test::Scene>(c);
+    }();
+    return *scene;
+}
+
+// A session's life with one estimated frame and a depth picture. A frame
+// that fails keeps the picture of before the first frame (255 throughout).
 void sessionScenario(int32_t asyncMode, int64_t n) {
+    const vq_tl_test::Scene& shot = smallShot();
     auto p = vq_tl_test::makeParams(320, 240, 160, 120);
+    p->format = "YVU420_SEMIPLANAR";
     p->asyncMode = asyncMode;
     p->completionCallback = countCallback;
+    shot.cameraParam(&p->cameraParams[0]);
     std::vector<uint8_t> buffer(static_cast<size_t>(velquin_TwinLens_getBufferSize(p.get())));
     TwinLensHandle handle{nullptr};
     const TLResult init =
@@ -51,20 +68,43 @@ void sessionScenario(int32_t asyncMode, int64_t n) {
         ASSERT_EQ(handle.session, nullptr);
         return;
     }
-    std::vector<uint8_t> y(320 * 240), uv(320 * 120);
-    const TwinLensImage frame = {320, 240, y.data(), uv.data(), nullptr};
+    const Image &main = shot.main->image, &sub = shot.sub->image;
+    const TwinLensImage mainFrame = {320, 240, main.plane[0], main.plane[1], nullptr},
+                        subFrame = {320, 240, sub.plane[0], sub.plane[1], nullptr};
     gCallbacks = 0;
     const int64_t before = Memory_getAllocCount();
     int32_t sequence = -2;
-    ASSERT_EQ(velquin_TwinLens_process(&handle, &frame, &frame, &sequence), TL_OK) << "allocation " << n;
-    const bool jobRefused = before < n && Memory_getAllocCount() >= n;
-    EXPECT_EQ(sequence, 0);
-    if (jobRefused && asyncMode != 0) {
-        // The documented consequence: the frame stays in progress for good.
-        EXPECT_EQ(velquin_TwinLens_process(&handle, &frame, &frame, &sequence), TL_OK);
+    const TLResult processed = velquin_TwinLens_process(&handle, &mainFrame, &subFrame, &sequence);
+    const bool failedHere = before < n && Memory_getAllocCount() >= n;
+    if (asyncMode == 0) {
+        // The estimator's own failures come back as they are.
+        ASSERT_TRUE(processed == TL_OK || (failedHere && processed == TL_ERROR_MEMORY))
+            << std::hex << processed << " at allocation " << std::dec << n;
+        EXPECT_EQ(sequence, processed == TL_OK ? 0 : -2);
+    } else {
+        ASSERT_EQ(processed, TL_OK) << "allocation " << n;
+        EXPECT_EQ(sequence, 0);
+    }
+    // The job record is the one allocation of the hand-off; without it the
+    // frame stays in progress for good, as documented.
+    const bool jobRefused = asyncMode != 0 && before + 1 == n;
+    if (jobRefused) {
+        EXPECT_EQ(velquin_TwinLens_process(&handle, &mainFrame, &subFrame, &sequence), TL_OK);
         EXPECT_EQ(sequence, -1);
     }
     // finalize lets the worker finish a queued frame before it stops.
+    if (asyncMode == 0) {
+        std::vector<uint8_t> pixels(80 * 60);
+        const TwinLensImage picture = {80, 60, pixels.data(), nullptr, nullptr};
+        float nearDepth = 0, farDepth = 0;
+        const int64_t reading = Memory_getAllocCount();
+        const TLResult read = velquin_TwinLens_getDepthImage(&handle, &picture, &nearDepth, &farDepth, 1);
+        const bool readFailed = reading < n && Memory_getAllocCount() >= n;
+        EXPECT_EQ(read, readFailed ? TL_ERROR_MEMORY : TL_OK) << "allocation " << n;
+        if (read == TL_OK && processed != TL_OK) {
+            EXPECT_TRUE(nearDepth == 0 && farDepth == 0 && pixels[0] == 255) << "allocation " << n;
+        }
+    }
     ASSERT_EQ(velquin_TwinLens_finalize(&handle), TL_OK) << "allocation " << n;
     // A job record that could not be allocated is never run and never called back.
     if (asyncMode != 0) {
@@ -84,8 +124,9 @@ protected:
 TEST_F(AllocFaults, SessionLifeCycle) {
     for (int32_t asyncMode : {0, 1}) {
         const int runs = walk([&](int64_t n) { sessionScenario(asyncMode, n); });
-        // The session takes at least its queues, locks and result images.
-        EXPECT_GT(runs, 20) << "asyncMode " << asyncMode;
+        // The session takes its queues, locks, result images and the
+        // estimator's members; the frame takes the estimator's work images.
+        EXPECT_GT(runs, 100) << "asyncMode " << asyncMode;
     }
 }
 

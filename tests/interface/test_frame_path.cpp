@@ -43,7 +43,7 @@ struct Probe {
     }
 };
 
-TLResult probeStep(TwinLensSession* s, const TwinLensCameraParam*, int32_t slot, vq_tl::Image* main,
+TLResult probeStep(TwinLensSession* s, const TwinLensCameraParam*, int32_t, int32_t slot, vq_tl::Image* main,
                    vq_tl::Image*) {
     Probe* probe = static_cast<Probe*>(s->callbackUserData);
     std::unique_lock<std::mutex> lock(probe->mutex);
@@ -188,6 +188,7 @@ TEST_F(FramePath, AsynchronousSequencesSkipFramesOfferedWhileOneRuns) {
 TEST_F(FramePath, AsynchronousStress) {
     OpenSession session(params(1).get());
     ASSERT_EQ(session.opened, TL_OK);
+    session.s()->estimationStep = probeStep;
     const int32_t wanted = vq_tl_test_scaled(3000, 300);
     for (int32_t expected = 0; expected < wanted && !HasFailure();) {
         const int32_t sequence = offer(session);
@@ -202,10 +203,11 @@ TEST_F(FramePath, AsynchronousStress) {
 // finalize right after an offer: the job is either finished with its callback
 // or dropped without one, and nothing leaks (the sanitizer build checks).
 TEST_F(FramePath, FinalizeRacesAQueuedJob) {
-    for (int i = 0; i < vq_tl_test_scaled(200, 20); ++i) {
+    for (int i = 0; i < vq_tl_test_scaled(60, 10); ++i) {
         Probe done;
         OpenSession session(params(1 + (i & 1), &done).get());
         ASSERT_EQ(session.opened, TL_OK);
+        session.s()->estimationStep = probeStep;
         ASSERT_EQ(offer(session), 0);
         ASSERT_EQ(velquin_TwinLens_finalize(&session.handle), TL_OK);
         EXPECT_LE(done.completed.size(), 1u);  // the worker has been joined

@@ -22,14 +22,24 @@ inline std::unique_ptr<TwinLensParams> makeParams(int32_t mainWidth = 640, int32
     p->depthHeight = depthHeight;
     p->format = "YUV420_SEMIPLANAR";
     p->cameraParamCount = 1;
+    // Rows that pass validation: two undistorted cameras of 3000 pixels'
+    // focal length, side by side 10 mm apart (the unit is the metre).
     for (int i = 0; i < TWIN_LENS_MAX_CAMERA_PARAMS; ++i) {
         TwinLensCameraParam& row = p->cameraParams[i];
         row.focusPosition = i;
+        row.extrinsicsForward = 1;
         row.mainCalibWidth = 4000 + i;
         row.mainCalibHeight = 3000 + i;
         row.subCalibWidth = 4000;
         row.subCalibHeight = 3000;
-        row.stereoTranslation[0] = 10.0;
+        for (double* m : {row.mainCameraMatrix, row.subCameraMatrix}) {
+            m[0] = m[4] = 3000.0;
+            m[2] = 2000.0;
+            m[5] = 1500.0;
+            m[8] = 1.0;
+        }
+        row.stereoRotation[0] = row.stereoRotation[4] = row.stereoRotation[8] = 1.0;
+        row.stereoTranslation[0] = -0.010;
     }
     return p;
 }

@@ -107,11 +107,17 @@ VELQUIN_TL_API TLResult velquin_TwinLens_processEx(TwinLensHandle* handle, const
  * image: an 8-bit single-plane picture of any size (UINT8, plane0 only),
  * where 0 is the nearest and 255 the farthest depth of the frame.
  * *nearDepth and *farDepth receive the depths of levels 0 and 255, in the
- * calibration's unit (metres by convention). Depths beyond 10 units are
- * saturated at 255, so that a far tail does not flatten the rest; a frame
- * whose every level lies beyond is 255 throughout. mode 0: levels linear in
- * depth. Any other mode: levels linear in disparity, that is in 1 / depth:
- * level v stands for 1 / depth = 1 / near + (1 / far - 1 / near) v / 255.
+ * calibration's unit (metres by convention). Depths beyond 10 units
+ * saturate at 255 and the far limit stops there, so that a far tail does
+ * not flatten the rest; a frame whose every level lies beyond is 255
+ * throughout. mode 0: levels linear in depth. Any other mode: levels linear
+ * in disparity, that is in 1 / depth: level v stands for
+ * 1 / depth = 1 / near + (1 / far - 1 / near) v / 255.
+ * The depths are those of the disparity as the matcher counts it, from its
+ * lowest candidate (4 working pixels below zero in normal mode, 10 in fine
+ * mode): a surface at depth z reads as f B / (f B / z + 4) in normal mode,
+ * f the rectified focal length in working pixels and B the baseline. Near
+ * surfaces read close to their depth, far ones markedly nearer.
  * Before the first frame the picture is 255 throughout and both limits 0.
  * The picture reads a result that the next frame but one overwrites, so in
  * asynchronous sessions one call must not outlast two frames; the call

@@ -114,7 +114,10 @@ TLResult TwinLens_assembleSession(TwinLensSession* s) {
         construct_Image(&s->subFrames[i], env);
     }
     construct_DisparityEstimator(&s->estimator, env);
-    // refocusBokeh, defocusFaceBokeh, defocusFaceBokehGL and cocmap are constructed here.
+    // refocusBokeh is constructed here.
+    // defocusFaceBokeh is constructed here.
+    // defocusFaceBokehGL is constructed here.
+    // cocmap is constructed here.
     construct_Rectify(&s->rectify, env);
 
     // Parallel layers.
@@ -138,8 +141,10 @@ TLResult TwinLens_assembleSession(TwinLensSession* s) {
     // cocmap takes estimatorPel here.
     ImageProc_setParallelExecutor(&s->imageProc, &s->executor);
     ImageProc2_setPel(&s->imageProc2, &s->pel);
-    // refocusBokeh, defocusFaceBokeh and defocusFaceBokehGL take their layers here.
+    // refocusBokeh takes executor and pel here.
+    // defocusFaceBokeh takes pel here.
     Rectify_setPel(&s->rectify, &s->pel);
+    // defocusFaceBokehGL takes pel here.
     r = ImageProc_init(&s->imageProc);
     if (r != TL_OK) return r;
     r = ImageProc2_init(&s->imageProc2);
@@ -173,7 +178,7 @@ TLResult TwinLens_assembleSession(TwinLensSession* s) {
     if (r != TL_OK) return r;
 
     // cocmap: its largest blur and its init at depth size, here.
-    // The blur back-end chosen by blurBackend is initialised here.
+    // The blur back-end that blurBackend names (0 or 2) is initialised here.
 
     // Result images at depth size.
     for (int i = 0; i < 2; ++i) {
@@ -238,7 +243,10 @@ void TwinLens_destructMembers(TwinLensSession* s) {
         destruct_Image(&s->mainFrames[i]);
         destruct_Image(&s->subFrames[i]);
     }
-    // refocusBokeh, defocusFaceBokeh, defocusFaceBokehGL and cocmap are taken down here.
+    // refocusBokeh is taken down here.
+    // defocusFaceBokeh is taken down here.
+    // defocusFaceBokehGL is taken down here.
+    // cocmap is taken down here.
     destruct_DisparityEstimator(&s->estimator);
     destruct_Rectify(&s->rectify);
     destruct_Image(&s->maskCopy);

@@ -98,7 +98,7 @@ Depth readDepth(TwinLensHandle* handle, int32_t width = kDepthWidth, int32_t hei
 
 }  // namespace
 
-// In mode 1 1 / depth runs linearly from 1 / near at level 0 to 1 / far at
+// In mode 1, 1 / depth runs linearly from 1 / near at level 0 to 1 / far at
 // level 255. The table behind the limits takes the disparity as the matcher
 // stores it, counted from its lowest candidate (-4 pixels in normal mode),
 // so a true depth z reads as f B / (f B / z + 4), f B from the estimator's

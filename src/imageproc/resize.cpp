@@ -89,7 +89,7 @@ void resizeRowV(T* dst, const typename ResizeAcc<T>::type* h0, const typename Re
 // The columns whose pair lies inside the row go first, without clamping, so
 // that the compiler vectorises them.
 template <typename T, int C>
-void halfRow(T* dst, const T* r0, const T* r1, int32_t dstWidth, int32_t srcWidth) {
+VQ_TL_KERNEL_CLONES void halfRow(T* dst, const T* r0, const T* r1, int32_t dstWidth, int32_t srcWidth) {
     auto mean = [&](int32_t x, int32_t i0, int32_t i1) {
         for (int c = 0; c < C; ++c) {
             if constexpr (std::is_floating_point_v<T>) {

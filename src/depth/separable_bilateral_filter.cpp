@@ -252,6 +252,189 @@ TLResult verticalTask(void* arg, int32_t index, int32_t count) {
     return TL_OK;
 }
 
+// ---- Blocked passes for windows up to 31 with weights in floats -------------
+//
+// The same sums as filterRun in the same order, with the guide and the values
+// converted to floats once per line instead of once per tap, the channels of
+// the guide in planes of their own, and kLanes outputs summed over all taps
+// in registers before the next kLanes: every sum is an integer below 2^24
+// except vSum, whose additions happen in filterRun's order, so the bits are
+// the same.
+
+constexpr int32_t kFastMaxHalf = 15;
+// Eight floats: one AVX2 register, two SSE or NEON ones. A block is four of
+// them, so that four chains of additions hide each other's latency.
+constexpr int32_t kVecLanes = 8;
+constexpr int32_t kBlockVecs = 4;
+constexpr int32_t kLanes = kVecLanes * kBlockVecs;
+// Columns of a vertical band done at a time: the band's window of rows is
+// kept converted, 2 kFastMaxHalf + 1 rows of kVChunk + kLanes floats per
+// guide channel and for the values (40 KB for one channel, 80 KB for three).
+constexpr int32_t kVChunk = 128;
+
+using Vec = float __attribute__((vector_size(kVecLanes * sizeof(float))));
+using IntVec = int32_t __attribute__((vector_size(kVecLanes * sizeof(int32_t))));
+
+// The same vector at any float's address, for unaligned loads.
+using VecAt = float __attribute__((vector_size(kVecLanes * sizeof(float)), aligned(4), may_alias));
+
+// Vectors are filled through a reference: a vector returned by value would
+// change the calling convention between the clones.
+inline void loadVec(Vec& v, const float* p) { v = *reinterpret_cast<const VecAt*>(p); }
+
+// Quotients vSum / wSum of n outputs, n a multiple of kLanes; g and s must
+// be readable that far. g[t * C + c] is channel c of tap t's guide, s[t] tap
+// t's values, both at the first output.
+template <int C, int H>
+VQ_TL_KERNEL_CLONES void blockRun(float* q, const float* const* g, const float* const* s, const Pass& p,
+                                  int32_t n) {
+    const int32_t half = H > 0 ? H : p.half;
+    if (p.range == 0) {
+        // C is 0: no tap has weight, not even the centre; the values stay.
+        std::memcpy(q, s[half], sizeof(float) * static_cast<size_t>(n));
+        return;
+    }
+    const float start = static_cast<float>(p.range * 128);
+    const float range = static_cast<float>(p.range);
+    float sp[2 * kFastMaxHalf + 1];
+    for (int32_t t = 0; t <= 2 * half; ++t) sp[t] = static_cast<float>(p.spatial[t]);
+    for (int32_t i = 0; i < n; i += kLanes) {
+        Vec gc[kBlockVecs][C], ws[kBlockVecs], vs[kBlockVecs];
+        for (int b = 0; b < kBlockVecs; ++b) {
+            const int32_t o = i + b * kVecLanes;
+            for (int c = 0; c < C; ++c) loadVec(gc[b][c], g[half * C + c] + o);
+            loadVec(vs[b], s[half] + o);
+            vs[b] *= start;
+            ws[b] = start + Vec{};
+        }
+        for (int32_t t = 0; t <= 2 * half; ++t) {
+            if (t == half) continue;
+            const float spt = sp[t];
+            for (int b = 0; b < kBlockVecs; ++b) {
+                const int32_t o = i + b * kVecLanes;
+                Vec e = Vec{}, gt, st;
+                for (int c = 0; c < C; ++c) {
+                    loadVec(gt, g[t * C + c] + o);
+                    const Vec d = gc[b][c] - gt;
+                    e = c == 0 ? d * d : e + d * d;
+                }
+                // r = C - e, clamped to 0 below by clearing the bits of a
+                // float whose sign bit is set.
+                IntVec r = reinterpret_cast<IntVec>(range - e);
+                r &= ~(r >> 31);
+                const Vec w = reinterpret_cast<Vec>(r) * spt;
+                loadVec(st, s[t] + o);
+                ws[b] += w;
+                vs[b] += w * st;
+            }
+        }
+        for (int b = 0; b < kBlockVecs; ++b) {
+            *reinterpret_cast<VecAt*>(q + i + b * kVecLanes) = vs[b] / ws[b];
+        }
+    }
+}
+
+// Stores n quotients as filterRun does: FLOAT as they are; UINT8 as
+// trunc(q + 0.5) in doubles, at most 255. For 0 <= q < 2^24 that is k =
+// trunc(q) plus trunc(2 (q - k)), all exact in floats, which the compiler
+// vectorises.
+template <typename T>
+VQ_TL_KERNEL_CLONES void storeRun(T* out, const float* q, int32_t n) {
+    if constexpr (std::is_floating_point_v<T>) {
+        std::memcpy(out, q, sizeof(float) * static_cast<size_t>(n));
+    } else {
+        for (int32_t i = 0; i < n; ++i) {
+            const int32_t k = static_cast<int32_t>(q[i]);
+            const int32_t v = k + static_cast<int32_t>((q[i] - static_cast<float>(k)) * 2.0f);
+            out[i] = static_cast<T>(v < 255 ? v : 255);
+        }
+    }
+}
+
+template <int C, typename T, int H>
+TLResult fastHorizontalTask(void* arg, int32_t index, int32_t count) {
+    const Pass& p = *static_cast<const Pass*>(arg);
+    const int32_t w = p.src->width, half = H > 0 ? H : p.half, taps = 2 * half + 1;
+    constexpr int32_t kPadded = kChunk + 2 * kFastMaxHalf + kLanes;
+    int32_t first, last;
+    ImageStripe_rows(p.src->height, index, count, &first, &last);
+    float gp[C][kPadded], sp[kPadded], q[kChunk + kLanes];
+    const float* g[(2 * kFastMaxHalf + 1) * C];
+    const float* s[2 * kFastMaxHalf + 1];
+    for (int32_t t = 0; t < taps; ++t) {
+        for (int c = 0; c < C; ++c) g[t * C + c] = gp[c] + t;
+        s[t] = sp + t;
+    }
+    for (int32_t y = first; y < last; ++y) {
+        const uint8_t* gr = rowAt<const uint8_t>(p.guide, y);
+        const T* sr = rowAt<const T>(p.src, y);
+        for (int32_t x0 = 0; x0 < w; x0 += kChunk) {
+            const int32_t n = w - x0 < kChunk ? w - x0 : kChunk;
+            const int32_t blocks = (n + kLanes - 1) / kLanes * kLanes;
+            // Columns [x0 - half, x0 + blocks + half), the border repeated;
+            // the whole chunk is read before any of it is written, and a
+            // chunk reaches back at most half columns: in place is safe.
+            const int32_t lo = x0 - half, hi = x0 + blocks + half;   // columns [lo, hi)
+            const int32_t a = lo < 0 ? 0 : lo, b = hi > w ? w : hi;  // of which inside
+            auto convert = [&](int32_t j, int32_t x) {
+                for (int c = 0; c < C; ++c) gp[c][j] = static_cast<float>(gr[x * C + c]);
+                sp[j] = static_cast<float>(sr[x]);
+            };
+            for (int32_t j = 0; j < a - lo; ++j) convert(j, 0);
+            for (int32_t x = a; x < b; ++x) convert(x - lo, x);
+            for (int32_t j = b - lo; j < hi - lo; ++j) convert(j, w - 1);
+            blockRun<C, H>(q, g, s, p, blocks);
+            storeRun<T>(rowAt<T>(p.dst, y) + x0, q, n);
+        }
+    }
+    return TL_OK;
+}
+
+template <int C, typename T, int H>
+TLResult fastVerticalTask(void* arg, int32_t index, int32_t count) {
+    const Pass& p = *static_cast<const Pass*>(arg);
+    const int32_t h = p.src->height, half = H > 0 ? H : p.half, taps = 2 * half + 1;
+    constexpr int32_t kRing = 2 * kFastMaxHalf + 1;
+    constexpr int32_t kWidth = kVChunk + kLanes;
+    int32_t first, last;
+    ImageStripe_rows(p.src->width, index, count, &first, &last);
+    float gr[C][kRing][kWidth], sr[kRing][kWidth], q[kWidth];
+    const float* g[kRing * C];
+    const float* s[kRing];
+    for (int32_t x0 = first; x0 < last; x0 += kVChunk) {
+        const int32_t n = last - x0 < kVChunk ? last - x0 : kVChunk;
+        const int32_t blocks = (n + kLanes - 1) / kLanes * kLanes;
+        // Row r of the band lives in slot r mod taps, converted once. Rows
+        // top to bottom: every row a dst row may cover is converted before
+        // the dst row is written, so in place is safe.
+        auto load = [&](int32_t r) {
+            const uint8_t* gs = rowAt<const uint8_t>(p.guide, r) + x0 * C;
+            const T* ss = rowAt<const T>(p.src, r) + x0;
+            const int32_t slot = r % taps;
+            for (int32_t j = 0; j < n; ++j) {
+                for (int c = 0; c < C; ++c) gr[c][slot][j] = static_cast<float>(gs[j * C + c]);
+                sr[slot][j] = static_cast<float>(ss[j]);
+            }
+            for (int32_t j = n; j < blocks; ++j) {
+                for (int c = 0; c < C; ++c) gr[c][slot][j] = 0.0f;
+                sr[slot][j] = 0.0f;
+            }
+        };
+        for (int32_t r = 0; r < half && r < h; ++r) load(r);
+        for (int32_t y = 0; y < h; ++y) {
+            if (y + half < h) load(y + half);
+            for (int32_t t = 0; t < taps; ++t) {
+                const int32_t slot = clampIndex(y - half + t, h) % taps;
+                for (int c = 0; c < C; ++c) g[t * C + c] = gr[c][slot];
+                s[t] = sr[slot];
+            }
+            blockRun<C, H>(q, g, s, p, blocks);
+            storeRun<T>(rowAt<T>(p.dst, y) + x0, q, n);
+        }
+    }
+    return TL_OK;
+}
+
 // Kernels by guide channels, value type, window (3, 5, 7 or any) and pass:
 // the short windows are the same arithmetic with the tap count fixed.
 struct PassKernels {
@@ -276,10 +459,25 @@ constexpr std::array<std::array<PassKernels, 4>, 4> byValueAndWeights() {
             byWindow<C, float, kIntWeights>(), byWindow<C, float, kFloatWeights>()};
 }
 
+template <int C, typename T>
+constexpr std::array<PassKernels, 4> fastByWindow() {
+    return {PassKernels{fastHorizontalTask<C, T, 0>, fastVerticalTask<C, T, 0>},
+            PassKernels{fastHorizontalTask<C, T, 1>, fastVerticalTask<C, T, 1>},
+            PassKernels{fastHorizontalTask<C, T, 2>, fastVerticalTask<C, T, 2>},
+            PassKernels{fastHorizontalTask<C, T, 3>, fastVerticalTask<C, T, 3>}};
+}
+
+// Weights in floats and windows up to 31 take the blocked passes.
 const PassKernels& plainKernels(int32_t channels, bool isFloat, int32_t half, bool floatWeights) {
     static constexpr std::array<std::array<PassKernels, 4>, 4> table[3] = {
         byValueAndWeights<1>(), byValueAndWeights<2>(), byValueAndWeights<3>()};
-    return table[channels - 1][(isFloat ? 2 : 0) + (floatWeights ? 1 : 0)][half >= 1 && half <= 3 ? half : 0];
+    static constexpr std::array<std::array<PassKernels, 4>, 2> fast[3] = {
+        {fastByWindow<1, uint8_t>(), fastByWindow<1, float>()},
+        {fastByWindow<2, uint8_t>(), fastByWindow<2, float>()},
+        {fastByWindow<3, uint8_t>(), fastByWindow<3, float>()}};
+    const int32_t byHalf = half >= 1 && half <= 3 ? half : 0;
+    if (floatWeights && half <= kFastMaxHalf) return fast[channels - 1][isFloat ? 1 : 0][byHalf];
+    return table[channels - 1][(isFloat ? 2 : 0) + (floatWeights ? 1 : 0)][byHalf];
 }
 
 const PassKernels& weightedKernels(int32_t channels) {

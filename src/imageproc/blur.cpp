@@ -1,5 +1,6 @@
 #include "imageproc/blur.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 #include <type_traits>
@@ -111,9 +112,12 @@ struct ConvJob {
     const int32_t* taps;  // 2 radius + 1, taps[0] at offset -radius
     int32_t radius;
     RowsFn rows;
-    uint8_t* scratch;  // per stripe: a padded row, then a row of sums
+    uint8_t* scratch;  // per stripe: a padded row, then rows of sums
     size_t stride;
 };
+
+// ---- General radius: a row pass into an intermediate picture, then a
+// column pass.
 
 template <typename T, int C>
 size_t convScratchBytes(int32_t width, int32_t radius) {
@@ -122,12 +126,11 @@ size_t convScratchBytes(int32_t width, int32_t radius) {
            alignUp(sizeof(typename Px<T>::Acc) * n);
 }
 
-// R is the radius of the fixed kernels (1, 2, 3), 0 for the general one.
-template <typename T, int C, int R>
+template <typename T, int C>
 VQ_TL_KERNEL_CLONES TLResult convRowStripe(void* arg, int32_t index, int32_t count) {
     using A = typename Px<T>::Acc;
     const ConvJob& j = *static_cast<const ConvJob*>(arg);
-    const int32_t r = R > 0 ? R : j.radius;
+    const int32_t r = j.radius;
     const int32_t n = j.width * C;
     int32_t first, last;
     j.rows(j.height, index, count, &first, &last);
@@ -137,33 +140,23 @@ VQ_TL_KERNEL_CLONES TLResult convRowStripe(void* arg, int32_t index, int32_t cou
     for (int32_t y = first; y < last; ++y) {
         padRow<T, A, C>(pad, rowAt<const T>(const_cast<uint8_t*>(j.src), j.srcPitch, y), j.width, r);
         T* d = rowAt<T>(j.dst, j.dstPitch, y);
-        if constexpr (R > 0) {
-            A t[2 * R + 1];
-            for (int k = 0; k <= 2 * R; ++k) t[k] = static_cast<A>(j.taps[k]);
-            for (int32_t i = 0; i < n; ++i) {
-                A a = 0;
-                for (int k = 0; k <= 2 * R; ++k) a += t[k] * pad[i + k * C];
-                d[i] = fromQ15<T>(a);
-            }
-        } else {
-            const A t0 = static_cast<A>(j.taps[0]);
-            for (int32_t i = 0; i < n; ++i) acc[i] = t0 * pad[i];
-            for (int32_t k = 1; k <= 2 * r; ++k) {
-                const A t = static_cast<A>(j.taps[k]);
-                const A* p = pad + k * C;
-                for (int32_t i = 0; i < n; ++i) acc[i] += t * p[i];
-            }
-            for (int32_t i = 0; i < n; ++i) d[i] = fromQ15<T>(acc[i]);
+        const A t0 = static_cast<A>(j.taps[0]);
+        for (int32_t i = 0; i < n; ++i) acc[i] = t0 * pad[i];
+        for (int32_t k = 1; k <= 2 * r; ++k) {
+            const A t = static_cast<A>(j.taps[k]);
+            const A* p = pad + k * C;
+            for (int32_t i = 0; i < n; ++i) acc[i] += t * p[i];
         }
+        for (int32_t i = 0; i < n; ++i) d[i] = fromQ15<T>(acc[i]);
     }
     return TL_OK;
 }
 
-template <typename T, int C, int R>
+template <typename T, int C>
 VQ_TL_KERNEL_CLONES TLResult convColumnStripe(void* arg, int32_t index, int32_t count) {
     using A = typename Px<T>::Acc;
     const ConvJob& j = *static_cast<const ConvJob*>(arg);
-    const int32_t r = R > 0 ? R : j.radius;
+    const int32_t r = j.radius;
     const int32_t n = j.width * C;
     int32_t first, last;
     j.rows(j.height, index, count, &first, &last);
@@ -174,45 +167,176 @@ VQ_TL_KERNEL_CLONES TLResult convColumnStripe(void* arg, int32_t index, int32_t 
         for (int32_t k = 0; k <= 2 * r; ++k)
             p[k] = rowAt<const T>(const_cast<uint8_t*>(j.src), j.srcPitch, clampIndex(y + k - r, j.height));
         T* d = rowAt<T>(j.dst, j.dstPitch, y);
-        if constexpr (R > 0) {
-            A t[2 * R + 1];
-            for (int k = 0; k <= 2 * R; ++k) t[k] = static_cast<A>(j.taps[k]);
-            for (int32_t i = 0; i < n; ++i) {
-                A a = 0;
-                for (int k = 0; k <= 2 * R; ++k) a += t[k] * static_cast<A>(p[k][i]);
-                d[i] = fromQ15<T>(a);
-            }
-        } else {
-            const A t0 = static_cast<A>(j.taps[0]);
-            for (int32_t i = 0; i < n; ++i) acc[i] = t0 * static_cast<A>(p[0][i]);
-            for (int32_t k = 1; k <= 2 * r; ++k) {
-                const A t = static_cast<A>(j.taps[k]);
-                const T* q = p[k];
-                for (int32_t i = 0; i < n; ++i) acc[i] += t * static_cast<A>(q[i]);
-            }
-            for (int32_t i = 0; i < n; ++i) d[i] = fromQ15<T>(acc[i]);
+        const A t0 = static_cast<A>(j.taps[0]);
+        for (int32_t i = 0; i < n; ++i) acc[i] = t0 * static_cast<A>(p[0][i]);
+        for (int32_t k = 1; k <= 2 * r; ++k) {
+            const A t = static_cast<A>(j.taps[k]);
+            const T* q = p[k];
+            for (int32_t i = 0; i < n; ++i) acc[i] += t * static_cast<A>(q[i]);
         }
+        for (int32_t i = 0; i < n; ++i) d[i] = fromQ15<T>(acc[i]);
+    }
+    return TL_OK;
+}
+
+// ---- Radius 1 to 3: both passes in one sweep --------------------------------
+//
+// Each stripe keeps the last 2R + 1 rows of the row pass in a ring, as
+// accumulator values of the rounded row results, and runs the column pass
+// from the ring as soon as a row's window is complete: no intermediate
+// picture, and every pixel converted once. The R rows above a stripe and the
+// R below it, which belong to its neighbours, are made by a first run over
+// all stripes, before anything is written, so dst may be src: within a stripe
+// row y + R is made before row y is written.
+//
+// With symmetric taps the pairs of pixels at equal distance are added first:
+// for integer pixels every partial sum is an integer below 2^24 (or 2^53),
+// so the sums are the same; float pixels keep the order of the taps.
+
+template <typename T, int C, int R>
+size_t sweepScratchBytes(int32_t width) {
+    const size_t n = static_cast<size_t>(width) * C, a = sizeof(typename Px<T>::Acc);
+    return alignUp(a * (n + 2 * R * C)) + alignUp(a * n) * (4 * R + 1);
+}
+
+template <typename T, int C, int R, bool Sym>
+inline void sweepRow(typename Px<T>::Acc* __restrict out, typename Px<T>::Acc* __restrict pad, const T* s,
+                     int32_t width, const typename Px<T>::Acc* t) {
+    using A = typename Px<T>::Acc;
+    padRow<T, A, C>(pad, s, width, R);
+    for (int32_t i = 0; i < width * C; ++i) {
+        A a = 0;
+        if constexpr (Sym) {
+            a = t[R] * pad[i + R * C];
+            for (int k = 0; k < R; ++k) a += t[k] * (pad[i + k * C] + pad[i + (2 * R - k) * C]);
+        } else {
+            for (int k = 0; k <= 2 * R; ++k) a += t[k] * pad[i + k * C];
+        }
+        if constexpr (std::is_floating_point_v<T>) {
+            out[i] = fromQ15<T>(a);
+        } else {
+            // fromQ15 with the clamp as min and max, which the compiler
+            // turns into vector instructions.
+            using I = typename Px<T>::Int;
+            const I v = (static_cast<I>(a) + 16384) >> 15;
+            out[i] = static_cast<A>(std::min<I>(std::max<I>(v, 0), Px<T>::kMax));
+        }
+    }
+}
+
+template <typename T, int C, int R, bool Sym>
+inline void sweepColumn(T* d, const typename Px<T>::Acc* const* m, int32_t n, const typename Px<T>::Acc* t) {
+    using A = typename Px<T>::Acc;
+    for (int32_t i = 0; i < n; ++i) {
+        A a = 0;
+        if constexpr (Sym) {
+            a = t[R] * m[R][i];
+            for (int k = 0; k < R; ++k) a += t[k] * (m[k][i] + m[2 * R - k][i]);
+        } else {
+            for (int k = 0; k <= 2 * R; ++k) a += t[k] * m[k][i];
+        }
+        if constexpr (std::is_floating_point_v<T>) {
+            d[i] = fromQ15<T>(a);
+        } else {
+            using I = typename Px<T>::Int;
+            const I v = (static_cast<I>(a) + 16384) >> 15;
+            d[i] = static_cast<T>(std::min<I>(std::max<I>(v, 0), Px<T>::kMax));
+        }
+    }
+}
+
+// Where a stripe keeps its rows: the padded row, the ring, then the 2R rows
+// of its neighbours (R above, R below).
+template <typename T, int C, int R>
+struct SweepRows {
+    using A = typename Px<T>::Acc;
+    A* pad;
+    A* ring;
+    A* edge;
+    size_t rowStride;  // in elements
+    SweepRows(const ConvJob& j, int32_t index) {
+        const size_t n = static_cast<size_t>(j.width) * C;
+        uint8_t* base = j.scratch + j.stride * static_cast<size_t>(index);
+        pad = reinterpret_cast<A*>(base);
+        rowStride = alignUp(sizeof(A) * n) / sizeof(A);
+        ring = reinterpret_cast<A*>(base + alignUp(sizeof(A) * (n + 2 * R * C)));
+        edge = ring + rowStride * (2 * R + 1);
+    }
+};
+
+template <typename T, int C, int R>
+VQ_TL_KERNEL_CLONES TLResult sweepEdgeStripe(void* arg, int32_t index, int32_t count) {
+    using A = typename Px<T>::Acc;
+    const ConvJob& j = *static_cast<const ConvJob*>(arg);
+    int32_t first, last;
+    j.rows(j.height, index, count, &first, &last);
+    const SweepRows<T, C, R> w(j, index);
+    A t[2 * R + 1];
+    for (int k = 0; k <= 2 * R; ++k) t[k] = static_cast<A>(j.taps[k]);
+    for (int32_t e = 0; e < 2 * R && first < last; ++e) {
+        const int32_t r = e < R ? first - R + e : last + e - R;
+        if (r < 0 || r >= j.height || (r >= first && r < last)) continue;
+        sweepRow<T, C, R, false>(w.edge + w.rowStride * e, w.pad,
+                                 rowAt<const T>(const_cast<uint8_t*>(j.src), j.srcPitch, r), j.width, t);
+    }
+    return TL_OK;
+}
+
+template <typename T, int C, int R, bool Sym>
+VQ_TL_KERNEL_CLONES TLResult sweepStripe(void* arg, int32_t index, int32_t count) {
+    using A = typename Px<T>::Acc;
+    const ConvJob& j = *static_cast<const ConvJob*>(arg);
+    int32_t first, last;
+    j.rows(j.height, index, count, &first, &last);
+    const SweepRows<T, C, R> w(j, index);
+    A t[2 * R + 1];
+    for (int k = 0; k <= 2 * R; ++k) t[k] = static_cast<A>(j.taps[k]);
+    const A* m[2 * R + 1];
+    int32_t next = first;  // the next of the stripe's own rows to make
+    for (int32_t y = first; y < last; ++y) {
+        for (; next < last && next <= y + R; ++next) {
+            sweepRow<T, C, R, Sym>(w.ring + w.rowStride * (next % (2 * R + 1)), w.pad,
+                                   rowAt<const T>(const_cast<uint8_t*>(j.src), j.srcPitch, next), j.width, t);
+        }
+        for (int k = 0; k <= 2 * R; ++k) {
+            const int32_t r = clampIndex(y + k - R, j.height);
+            if (r >= first && r < last) {
+                m[k] = w.ring + w.rowStride * (r % (2 * R + 1));
+            } else {
+                m[k] = w.edge + w.rowStride * (r < first ? r - first + R : r - last + R);
+            }
+        }
+        sweepColumn<T, C, R, Sym>(rowAt<T>(j.dst, j.dstPitch, y), m, j.width * C, t);
     }
     return TL_OK;
 }
 
 using ScratchFn = size_t (*)(int32_t width, int32_t radius);
+using SweepScratchFn = size_t (*)(int32_t width);
 
 struct ConvKernels {
-    ImageStripeFn rows[4];  // by radius: 0 general, 1 to 3 fixed
-    ImageStripeFn columns[4];
+    ImageStripeFn rows;  // general radius
+    ImageStripeFn columns;
     ScratchFn scratch;
+    ImageStripeFn edges[3];      // radius 1 to 3
+    ImageStripeFn sweeps[3][2];  // by radius 1 to 3, then asymmetric or symmetric taps
+    SweepScratchFn sweepScratch[3];
     int32_t pixelBytes;
+    bool exactSums;  // integer pixels: the symmetric sweep gives the same sums
 };
 
 template <typename T, int C>
 constexpr ConvKernels convKernelsOf() {
-    return ConvKernels{
-        {convRowStripe<T, C, 0>, convRowStripe<T, C, 1>, convRowStripe<T, C, 2>, convRowStripe<T, C, 3>},
-        {convColumnStripe<T, C, 0>, convColumnStripe<T, C, 1>, convColumnStripe<T, C, 2>,
-         convColumnStripe<T, C, 3>},
-        convScratchBytes<T, C>,
-        static_cast<int32_t>(sizeof(T) * C)};
+    return ConvKernels{convRowStripe<T, C>,
+                       convColumnStripe<T, C>,
+                       convScratchBytes<T, C>,
+                       {sweepEdgeStripe<T, C, 1>, sweepEdgeStripe<T, C, 2>, sweepEdgeStripe<T, C, 3>},
+                       {{sweepStripe<T, C, 1, false>, sweepStripe<T, C, 1, true>},
+                        {sweepStripe<T, C, 2, false>, sweepStripe<T, C, 2, true>},
+                        {sweepStripe<T, C, 3, false>, sweepStripe<T, C, 3, true>}},
+                       {sweepScratchBytes<T, C, 1>, sweepScratchBytes<T, C, 2>, sweepScratchBytes<T, C, 3>},
+                       static_cast<int32_t>(sizeof(T) * C),
+                       !std::is_floating_point_v<T>};
 }
 
 // Kernels by the format of a single-plane picture; null without one.
@@ -239,13 +363,27 @@ const ConvKernels* convKernelsFor(uint32_t format) {
 
 bool hasConvKernel(uint32_t format) { return convKernelsFor(format) != nullptr; }
 
-// One plane: row pass into an intermediate of the plane's size and type,
-// then the column pass into dst. variant: 0 general, 1 to 3 fixed radius.
+// One plane. variant 0: row pass into an intermediate of the plane's size and
+// type, then the column pass into dst; 1 to 3: the sweep of that radius.
 TLResult convPlane(const Stripes& st, Image* dst, const Image* src, const int32_t* taps, int32_t radius,
                    int32_t variant) {
     const ConvKernels* k = convKernelsFor(src->format);
     if (k == nullptr) return TL_ERROR_UNSUPPORTED;
     const int32_t w = src->width, h = src->height;
+    if (variant > 0) {
+        const size_t stride = alignUp(k->sweepScratch[variant - 1](w));
+        uint8_t* block = static_cast<uint8_t*>(Memory_alloc(stride * static_cast<size_t>(st.count)));
+        if (block == nullptr) return TL_ERROR_MEMORY;
+        bool symmetric = k->exactSums;
+        for (int32_t i = 0; i < radius; ++i) symmetric = symmetric && taps[i] == taps[2 * radius - i];
+        ConvJob job{src->plane[0], dst->plane[0], src->pitch[0], dst->pitch[0], w,     h,
+                    taps,          radius,        st.rows,       block,         stride};
+        TLResult r = ImageStripeExec_run(st.exec, k->edges[variant - 1], &job, st.count);
+        if (r == TL_OK)
+            r = ImageStripeExec_run(st.exec, k->sweeps[variant - 1][symmetric ? 1 : 0], &job, st.count);
+        Memory_free(block);
+        return r;
+    }
     const size_t midPitch = alignUp(static_cast<size_t>(w) * k->pixelBytes);
     const size_t midBytes = midPitch * static_cast<size_t>(h);
     const size_t stride = alignUp(k->scratch(w, radius));
@@ -254,13 +392,13 @@ TLResult convPlane(const Stripes& st, Image* dst, const Image* src, const int32_
     ConvJob job{
         src->plane[0],    block, src->pitch[0], static_cast<int32_t>(midPitch), w, h, taps, radius, st.rows,
         block + midBytes, stride};
-    TLResult r = ImageStripeExec_run(st.exec, k->rows[variant], &job, st.count);
+    TLResult r = ImageStripeExec_run(st.exec, k->rows, &job, st.count);
     if (r == TL_OK) {
         job.src = block;
         job.srcPitch = static_cast<int32_t>(midPitch);
         job.dst = dst->plane[0];
         job.dstPitch = dst->pitch[0];
-        r = ImageStripeExec_run(st.exec, k->columns[variant], &job, st.count);
+        r = ImageStripeExec_run(st.exec, k->columns, &job, st.count);
     }
     Memory_free(block);
     return r;
@@ -640,10 +778,22 @@ TLResult gauss(Self* self, Image* dst, const Image* src, uint32_t option, double
                    : Blur_gaussBlur(&exec, dst, src, option, sigma);
 }
 
-// Work memory of the convolution of one plane: intermediate and stripe rows.
+// Work memory of the convolution of one plane: the intermediate and stripe
+// rows of the general radius, or the rows of the sweep.
 int64_t convBytes(int32_t width, int32_t height, const ConvKernels* k, int32_t radius) {
+    if (radius <= kDirectRadius) {
+        return static_cast<int64_t>(alignUp(k->sweepScratch[kDirectRadius - 1](width))) *
+               kImageStripeDefaultCount;
+    }
     const int64_t mid = static_cast<int64_t>(alignUp(static_cast<size_t>(width) * k->pixelBytes)) * height;
     return mid + static_cast<int64_t>(alignUp(k->scratch(width, radius))) * kImageStripeDefaultCount;
+}
+
+// Either path of the Gaussian, whichever takes more.
+int64_t gaussBytes(int32_t width, int32_t height, const ConvKernels* k) {
+    const int64_t general = convBytes(width, height, k, kMaxRadius);
+    const int64_t direct = convBytes(width, height, k, kDirectRadius);
+    return general > direct ? general : direct;
 }
 
 // The largest plane of a picture: the luma of a YUV picture, else itself.
@@ -731,7 +881,7 @@ TLResult ImageProc_filterGaussianBlur3x3_uint16(ImageProc* self, Image* dst, con
 int32_t ImageProc2_getBufferSizeForGaussBlur(int32_t width, int32_t height, uint32_t format) {
     const ConvKernels* k = widestPlane(format);
     if (width < 1 || height < 1 || k == nullptr) return -1;
-    return toSize(convBytes(width, height, k, kMaxRadius));
+    return toSize(gaussBytes(width, height, k));
 }
 
 int32_t ImageProc2_getBufferSizeForConvolution(int32_t width, int32_t height, uint32_t format) {
@@ -752,7 +902,7 @@ int32_t ImageProc2_getBufferSizeForPgaussBlur(int32_t width, int32_t height, uin
         h = static_cast<int32_t>(h * 0.5) & ~1;
         halves += static_cast<int64_t>(w) * h * k->pixelBytes;
     }
-    return toSize(halves + convBytes(width, height, k, kMaxRadius));
+    return toSize(halves + gaussBytes(width, height, k));
 }
 
 int32_t ImageProc2_getBufferSizeForBoxBlur(int32_t width, int32_t height, uint32_t format) {

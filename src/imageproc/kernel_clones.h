@@ -1,8 +1,10 @@
 // VQ_TL_KERNEL_CLONES marks a hot pixel loop to be compiled twice on x86-64
 // Linux, for AVX2 and for the baseline, the loader picking one by the
-// processor. The loops are plain C++ whose sums are exact (integers carried
-// in floats or integers), so both copies give the same bits; elsewhere, Arm
-// with NEON included, the mark is empty and the baseline build is the code.
+// processor. The loops are plain C++ or the compiler's vector types: both
+// copies make the same IEEE operations in the same order, never fused into
+// multiply-adds (the library builds with -ffp-contract=off), so they give
+// the same bits; elsewhere, Arm with NEON included, the mark is empty and
+// the baseline build is the code.
 #pragma once
 
 // ThreadSanitizer builds keep the baseline alone: the loader runs the clones'

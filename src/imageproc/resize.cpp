@@ -6,6 +6,7 @@
 
 #include "imageproc/image_proc.h"
 #include "imageproc/image_proc2.h"
+#include "imageproc/kernel_clones.h"
 #include "imageproc/plane_views.h"
 #include "runtime/memory.h"
 #include "runtime/raw_double.h"
@@ -34,6 +35,8 @@ template <typename T>
 using Wide = std::conditional_t<std::is_same_v<T, int32_t>, int64_t, int32_t>;
 
 constexpr float kQ15Inv = 1.0f / 32768.0f;
+
+int32_t minInt(int32_t a, int32_t b) { return a < b ? a : b; }
 
 template <typename T>
 T* rowAt(const Image* m, int32_t row) {
@@ -83,11 +86,11 @@ void resizeRowV(T* dst, const typename ResizeAcc<T>::type* h0, const typename Re
 }
 
 // 2 by 2 mean of source rows r0, r1; columns beyond the source's last repeat it.
+// The columns whose pair lies inside the row go first, without clamping, so
+// that the compiler vectorises them.
 template <typename T, int C>
-void halfRow(T* dst, const T* r0, const T* r1, int32_t dstWidth, int32_t srcWidth) {
-    for (int32_t x = 0; x < dstWidth; ++x) {
-        const int32_t i0 = 2 * x < srcWidth ? 2 * x : srcWidth - 1;
-        const int32_t i1 = 2 * x + 1 < srcWidth ? 2 * x + 1 : srcWidth - 1;
+VQ_TL_KERNEL_CLONES void halfRow(T* dst, const T* r0, const T* r1, int32_t dstWidth, int32_t srcWidth) {
+    auto mean = [&](int32_t x, int32_t i0, int32_t i1) {
         for (int c = 0; c < C; ++c) {
             if constexpr (std::is_floating_point_v<T>) {
                 dst[x * C + c] = (r0[i0 * C + c] + r0[i1 * C + c] + r1[i0 * C + c] + r1[i1 * C + c]) * 0.25f;
@@ -97,6 +100,49 @@ void halfRow(T* dst, const T* r0, const T* r1, int32_t dstWidth, int32_t srcWidt
                 dst[x * C + c] = static_cast<T>(sum >> 2);
             }
         }
+    };
+    const int32_t inside = minInt(dstWidth, srcWidth / 2);
+    for (int32_t x = 0; x < inside; ++x) mean(x, 2 * x, 2 * x + 1);
+    for (int32_t x = inside; x < dstWidth; ++x) {
+        mean(x, 2 * x < srcWidth ? 2 * x : srcWidth - 1, 2 * x + 1 < srcWidth ? 2 * x + 1 : srcWidth - 1);
+    }
+}
+
+// Exact enlargement by two along rows, 8-bit elements: the taps are then
+// (0, 0, 0), (i, i + 1, 8192), (i, i + 1, 24576), ..., (last, last, 0), so
+// the interpolated row is 8192 times H, H = 4 s[0], 3 s[i] + s[i + 1],
+// s[i] + 3 s[i + 1], ..., 4 s[last]: at most 1020.
+template <int C>
+void doubleRowH(int32_t* out, const uint8_t* src, int32_t srcWidth) {
+    for (int c = 0; c < C; ++c) {
+        out[c] = 4 * src[c];
+        out[(2 * srcWidth - 1) * C + c] = 4 * src[(srcWidth - 1) * C + c];
+    }
+    for (int32_t i = 0; i + 1 < srcWidth; ++i) {
+        for (int c = 0; c < C; ++c) {
+            const int32_t a = src[i * C + c], b = src[(i + 1) * C + c];
+            out[(2 * i + 1) * C + c] = 3 * a + b;
+            out[(2 * i + 2) * C + c] = a + 3 * b;
+        }
+    }
+}
+
+// resizeRowV on rows of H = h / 8192: (8192 H0 + 2^14) >> 15 = (H0 + 2) >> 2
+// when fy is 0, else (2^13 (H0 (32768 - fy) + H1 fy) + 2^29) >> 30 =
+// (H0 (32768 - fy) + H1 fy + 2^16) >> 17, within 31 bits.
+// Enlarged twice along columns as well, fy is 8192 or 24576: (3 H0 + H1 +
+// 8) >> 4 or (H0 + 3 H1 + 8) >> 4.
+inline void doubleRowV(uint8_t* dst, const int32_t* h0, const int32_t* h1, int32_t fy, int32_t count) {
+    if (fy == 0) {
+        for (int32_t i = 0; i < count; ++i) dst[i] = static_cast<uint8_t>((h0[i] + 2) >> 2);
+    } else if (fy == 8192) {
+        for (int32_t i = 0; i < count; ++i) dst[i] = static_cast<uint8_t>((3 * h0[i] + h1[i] + 8) >> 4);
+    } else if (fy == 24576) {
+        for (int32_t i = 0; i < count; ++i) dst[i] = static_cast<uint8_t>((h0[i] + 3 * h1[i] + 8) >> 4);
+    } else {
+        const int32_t w0 = 32768 - fy, w1 = fy;
+        for (int32_t i = 0; i < count; ++i)
+            dst[i] = static_cast<uint8_t>((h0[i] * w0 + h1[i] * w1 + 65536) >> 17);
     }
 }
 
@@ -111,7 +157,7 @@ struct PlaneArgs {
 };
 
 template <typename T, int C>
-TLResult resizeStripe(void* arg, int32_t index, int32_t count) {
+VQ_TL_KERNEL_CLONES TLResult resizeStripe(void* arg, int32_t index, int32_t count) {
     using H = typename ResizeAcc<T>::type;
     const PlaneArgs& a = *static_cast<const PlaneArgs*>(arg);
     const int32_t width = a.dst->width;
@@ -121,6 +167,15 @@ TLResult resizeStripe(void* arg, int32_t index, int32_t count) {
     H* rows[2] = {static_cast<H*>(a.cache) + static_cast<size_t>(index) * 2 * n,
                   static_cast<H*>(a.cache) + static_cast<size_t>(index) * 2 * n + n};
     int32_t tags[2] = {-1, -1};  // source row held by each cache row
+    // 8-bit rows enlarged exactly twice take the short sums.
+    constexpr bool kByte = std::is_same_v<T, uint8_t>;
+    const bool twice = kByte && a.dst->width == 2 * a.src->width && a.src->width >= 2;
+    auto rowH = [&](H* out, int32_t row) {
+        if constexpr (kByte) {
+            if (twice) return doubleRowH<C>(out, rowAt<const uint8_t>(a.src, row), a.src->width);
+        }
+        resizeRowH<T, C>(out, rowAt<const T>(a.src, row), a.xTaps, width);
+    };
     for (int32_t y = first; y < last; ++y) {
         const ResizeTap& t = a.yTaps[y];
         // When enlarging, neighbouring destination rows share source rows:
@@ -132,13 +187,19 @@ TLResult resizeStripe(void* arg, int32_t index, int32_t count) {
                 rows[1] = r;
                 tags[1] = tags[0];
             } else {
-                resizeRowH<T, C>(rows[0], rowAt<const T>(a.src, t.i0), a.xTaps, width);
+                rowH(rows[0], t.i0);
             }
             tags[0] = t.i0;
         }
         if (t.frac != 0 && tags[1] != t.i1) {
-            resizeRowH<T, C>(rows[1], rowAt<const T>(a.src, t.i1), a.xTaps, width);
+            rowH(rows[1], t.i1);
             tags[1] = t.i1;
+        }
+        if constexpr (kByte) {
+            if (twice) {
+                doubleRowV(rowAt<uint8_t>(a.dst, y), rows[0], rows[1], t.frac, n);
+                continue;
+            }
         }
         resizeRowV<T>(rowAt<T>(a.dst, y), rows[0], rows[1], t.frac, n);
     }
@@ -146,7 +207,7 @@ TLResult resizeStripe(void* arg, int32_t index, int32_t count) {
 }
 
 template <typename T, int C>
-TLResult halfStripe(void* arg, int32_t index, int32_t count) {
+VQ_TL_KERNEL_CLONES TLResult halfStripe(void* arg, int32_t index, int32_t count) {
     const PlaneArgs& a = *static_cast<const PlaneArgs*>(arg);
     int32_t first, last;
     ImageStripe_rows(a.dst->height, index, count, &first, &last);
@@ -159,8 +220,6 @@ TLResult halfStripe(void* arg, int32_t index, int32_t count) {
     }
     return TL_OK;
 }
-
-int32_t minInt(int32_t a, int32_t b) { return a < b ? a : b; }
 
 // Work blocks put tables and accumulator rows one after another; each part
 // starts on 16 bytes so that 64-bit accumulators are aligned.

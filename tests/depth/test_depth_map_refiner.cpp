@@ -71,12 +71,12 @@ std::vector<double> bilateralReference(Picture& src, Picture& guide, int32_t cha
 
 // Windows 3, 5, 7 (kernels of their own) and wider, guides of 1 to 3
 // channels, UINT8 and FLOAT values, C from 0 (the values stay) over small
-// ones (weights in floats) to 80000 (in integers), rows of two chunks.
+// ones (weights in floats) to 80000 (in integers), rows of several chunks.
 TEST(SeparableBilateralFilter, MatchesDirectDefinition) {
     SeparableBilateralFilter f;
     construct_SeparableBilateralFilter(&f, nullptr);
     std::mt19937 rng(6);
-    const int32_t w = 277, h = 19;
+    const int32_t w = 533, h = 19;
     const struct {
         uint32_t guideFormat, valueFormat;
         int32_t channels, window;

@@ -222,9 +222,8 @@ TEST(Mvec6F32, RoundTripsAndCompositionFollowTheRealMaps) {
     Mvec6F32 id, inv, p, ab, q, shifted;
     Mvec6F32_setIdentity(&id);
     for (int round = 0; round < 1000 && !HasFailure(); ++round) {
-        // m after its inverse is the identity within one unit. The other order
-        // carries the rounding of the inverse's linear part times the
-        // translation, so it holds to one unit for short shifts only.
+        // m after its inverse is the identity within one unit. The other order carries the rounding of the
+        // inverse's linear part times the translation, so it holds to one unit for short shifts only.
         const Mvec6F32 far = randomMotion(rng, 2000.0), near = randomMotion(rng, 0.5);
         ASSERT_EQ(Mvec6F32_inv(&inv, &far), TL_OK);
         ASSERT_EQ(Mvec6F32_mult(&p, &far, &inv), TL_OK);

@@ -1,8 +1,11 @@
+// Image records: owned planes, views, copies, format geometry and the public records.
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <vector>
 
 #include "image/image.h"
+#include "image/public_image.h"
 #include "support/picture.h"
 
 using namespace vq_tl;
@@ -63,10 +66,9 @@ TEST(Image, OwnedPlanesAreTightAndContiguous) {
     EXPECT_EQ(std::memcmp(&before, &a.image, sizeof before), 0);
 }
 
-// Where each plane of a view starts in a 20 x 10 source, for a 9 x 4
-// rectangle, worked out from the per-format offset rules. Whole-image views
-// take plane k > 0 from source plane k at (row1, off1); plane views are one
-// plane of source plane `from`.
+// Where each plane of a view starts in a 20 x 10 source, for a 9 x 4 rectangle, worked out from the
+// per-format offset rules. Whole-image views take plane k > 0 from source plane k at (row1, off1); plane
+// views are one plane of source plane `from`.
 TEST(Image, ViewOffsetsOfHandWorkedCases) {
     struct Case {
         ViewFn fn;
@@ -195,4 +197,128 @@ TEST(Image, PartialCopyPlacesTheRectangle) {
     EXPECT_EQ(Image_partialCopy(dst.get(), src.get(), 0, 1, rect), TL_ERROR_PARAM);
     EXPECT_EQ(Image_partialCopy(dst.get(), src.get(), 0, 0, oddTop), TL_ERROR_PARAM);
     EXPECT_EQ(Image_partialCopy(dst.get(), src.get(), 12, 4, rect), TL_ERROR_PARAM);
+}
+
+// Geometry worked out by hand for formats of each layout: the width rounds up
+// to hUnit, the height to 2^vShift, then come pitch and rows per plane. Odd
+// sizes and subsampled chroma are where rounding goes wrong.
+TEST(ImageFormat, GeometryOfHandWorkedCases) {
+    struct Case {
+        const char* name;
+        int32_t width, height;
+        int32_t total, pitch0, rows0, pitch1, rows1, pitch2, rows2;
+    };
+    const Case cases[] = {
+        {"YUV420_SEMIPLANAR", 100, 75, 11400, 100, 76, 100, 38, 0, 0},
+        {"YUV420_PLANAR", 101, 3, 612, 102, 4, 51, 2, 51, 2},
+        {"RGB565", 7, 5, 70, 14, 5, 0, 0, 0, 0},
+        {"YUV422_YUYV", 7, 3, 48, 16, 3, 0, 0, 0, 0},
+        {"YUV422_PLANAR", 5, 3, 36, 6, 3, 3, 3, 3, 3},
+        {"YUV422_SEMIPLANAR", 5, 3, 36, 6, 3, 6, 3, 0, 0},
+        {"YUV444_PLANAR", 5, 3, 45, 5, 3, 5, 3, 5, 3},
+        {"YUV10B420_SEMIPLANAR", 5, 3, 72, 12, 4, 12, 2, 0, 0},
+        {"YUV10B_PACKED_LE_420S", 7, 5, 144, 16, 6, 16, 3, 0, 0},
+        {"BAYER10_M8L2PACKED_GBRG", 10, 2, 30, 15, 2, 0, 0, 0, 0},
+        {"YUV9_44_UV", 10, 5, 108, 12, 8, 6, 2, 0, 0},
+        {"LAB", 3, 2, 72, 36, 2, 0, 0, 0, 0},
+        {"RGB161616", 3, 2, 36, 18, 2, 0, 0, 0, 0},
+        {"FLOAT", 9, 7, 252, 36, 7, 0, 0, 0, 0},
+        {"NONE", 64, 64, 0, 0, 0, 0, 0, 0, 0},
+    };
+    // Selectors of rows, bytes and pitch for each plane; the second set
+    // holds the aliases 3, 11, 12 and 13 of planes 0 and 1.
+    const int32_t selectors[2][3][3] = {{{1, 2, 4}, {6, 5, 7}, {9, 8, 10}},
+                                        {{3, 2, 4}, {12, 11, 13}, {9, 8, 10}}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const uint32_t f = Image_getImageFormat(c.name);
+        EXPECT_EQ(Image_getSize(c.width, c.height, f, IMAGE_SIZE_TOTAL), c.total);
+        const int32_t pitch[3] = {c.pitch0, c.pitch1, c.pitch2}, rows[3] = {c.rows0, c.rows1, c.rows2};
+        for (const auto& set : selectors) {
+            for (int k = 0; k < 3; ++k) {
+                const int32_t want[3] = {rows[k], pitch[k] * rows[k], pitch[k]};
+                for (int i = 0; i < 3; ++i)
+                    EXPECT_EQ(Image_getSize(c.width, c.height, f, set[k][i]), want[i])
+                        << "selector " << set[k][i];
+            }
+        }
+    }
+    // Refused, as {width, height, format, selector}: unknown selectors, negative
+    // sides, an unknown code, and 3 GiB of LAB, more than a 32-bit target holds.
+    const int32_t refused[][4] = {{101, 3, 26, 14}, {101, 3, 26, -1}, {-2, 3, 26, 0},
+                                  {2, -3, 26, 0},   {2, 2, 72, 0},    {16384, 16384, IMAGE_FORMAT_LAB, 0}};
+    for (const auto& c : refused)
+        EXPECT_EQ(Image_getSize(c[0], c[1], static_cast<uint32_t>(c[2]), c[3]), 0) << c[0];
+}
+
+TEST(ImageFormat, NamesRoundTripAndUnknownsGiveZero) {
+    for (uint32_t code = 0; code < kImageFormatCount; ++code)
+        EXPECT_EQ(Image_getImageFormat(Image_getImageFormatStr(code)), code) << code;
+    for (const char* name : {"(unknown)", "yuv420_planar", "YUV420_PLANAR "})
+        EXPECT_EQ(Image_getImageFormat(name), 0u);
+}
+
+// The records below borrow their planes, so they need no destruct_Image.
+TEST(PublicImage, RecordsGiveTheirPlanesAndPitches) {
+    std::vector<uint8_t> y(128 * 48), u(128 * 24), v(32 * 24);
+    TwinLensImage plain{64, 48, y.data(), u.data(), v.data()};
+    Image a;
+    construct_Image(&a, nullptr);
+    ASSERT_EQ(IF_initImage(&a, &plain, IMAGE_FORMAT_YUV420_PLANAR), TL_OK);
+    EXPECT_TRUE(a.plane[2] == v.data() && a.pitch[1] == 32);
+    ASSERT_EQ(IF_initImage(&a, &plain, IMAGE_FORMAT_YVU420_SEMIPLANAR), TL_OK);
+    EXPECT_TRUE(a.plane[1] == u.data() && a.plane[2] == nullptr);
+    // A packed format reads plane0 alone; the other fields may hold garbage.
+    plain.plane1 = reinterpret_cast<void*>(uintptr_t{0x1});
+    ASSERT_EQ(IF_initImage(&a, &plain, IMAGE_FORMAT_YUV422_YUYV), TL_OK);
+    EXPECT_TRUE(a.plane[0] == y.data() && a.plane[1] == nullptr && a.external == 1);
+    // Records with pitches keep them, and read back into a plain record.
+    TwinLensImageEx ex{64, 48, y.data(), u.data(), nullptr, 128, 96, 0};
+    ASSERT_EQ(IF_initImageEx(&a, &ex, IMAGE_FORMAT_YUV420_SEMIPLANAR), TL_OK);
+    EXPECT_TRUE(a.pitch[0] == 128 && a.pitch[1] == 96);
+    TwinLensImage back{};
+    ASSERT_EQ(IF_initImageData(&back, &a), TL_OK);
+    EXPECT_TRUE(back.width == 64 && back.plane0 == y.data() && back.plane1 == u.data() && !back.plane2);
+}
+
+TEST(PublicImage, PitchTestOnlyForOddSubsampledWidths) {
+    struct Case {
+        uint32_t format;
+        int32_t width, pitch0, pitch1, pitch2, expected;
+    };
+    const Case cases[] = {
+        {IMAGE_FORMAT_YUV420_SEMIPLANAR, 63, 64, 64, 0, 1},
+        {IMAGE_FORMAT_YUV420_SEMIPLANAR, 63, 63, 64, 0, 0},  // rows round up to 64
+        {IMAGE_FORMAT_YUV420_SEMIPLANAR, 63, 64, 63, 0, 0},
+        {IMAGE_FORMAT_YVU420_SEMIPLANAR, 63, 64, 62, 0, 0},
+        {IMAGE_FORMAT_YUV420_PLANAR, 63, 64, 32, 32, 1},
+        {IMAGE_FORMAT_YUV420_PLANAR, 63, 64, 32, 31, 0},
+        {IMAGE_FORMAT_YUV422_PLANAR, 63, 64, 31, 32, 0},
+        {IMAGE_FORMAT_YUV420_SEMIPLANAR, 64, 1, 1, 0, 1},  // even widths are not examined
+        {IMAGE_FORMAT_UINT8, 63, 1, 0, 0, 1},              // nor other formats
+    };
+    for (const Case& c : cases) {
+        TwinLensImageEx ex{c.width, 8, nullptr, nullptr, nullptr, c.pitch0, c.pitch1, c.pitch2};
+        EXPECT_EQ(IF_isAvailableImageEx(&ex, c.format), c.expected)
+            << Image_getImageFormatStr(c.format) << " " << c.pitch0 << "/" << c.pitch1 << "/" << c.pitch2;
+    }
+}
+
+TEST(PublicImage, DisplayModes) {
+    struct Case {
+        int32_t width, height, mode;
+    };
+    const Case cases[] = {
+        {7680, 4320, 0}, {7680, 4322, 24}, {4000, 3000, 1}, {3999, 3000, 2}, {1920, 1080, 8},
+        {640, 480, 18},  {320, 240, 19},   {320, 239, 20},  {64, 64, 23},    {0, 0, 23},
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(IF_getDisplayMode(c.width, c.height), c.mode) << c.width << "x" << c.height;
+    // Each mode's pixel count is the least count of that mode.
+    for (int32_t mode = 1; mode < 23; ++mode) {
+        EXPECT_EQ(IF_getDisplayMode(IF_getPixelSize(mode), 1), mode);
+        EXPECT_EQ(IF_getDisplayMode(IF_getPixelSize(mode) - 1, 1), mode + 1);
+    }
+    EXPECT_EQ(IF_getPixelSize(23), 0);
+    EXPECT_EQ(IF_getPixelSize(-1), 0);
 }

@@ -1,6 +1,5 @@
-// Format conversion: the fixed-point pixel formulas against BT.601 full range
-// in double precision, chroma placement on odd sizes and rectangles, the
-// dispatch rules, and known answers for the other families.
+// Format conversion: the fixed-point pixel formulas against BT.601 full range in double precision, chroma
+// placement on odd sizes and rectangles, the dispatch rules, and known answers for the other families.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -66,8 +65,7 @@ void rgbOf(double y, double u, double v, double rgb[3]) {
     for (int c = 0; c < 3; ++c) rgb[c] = std::fmin(255.0, std::fmax(0.0, rgb[c]));
 }
 
-// The dispatcher for a destination format; a rectangle selects the
-// _withRect form.
+// The dispatcher for a destination format; a rectangle selects the _withRect form.
 TLResult convert(Image* dst, const Image* src, const ImageRect* rect = nullptr) {
     const uint32_t f = dst->format;
     using Plain = TLResult (*)(Image*, const Image*);
@@ -105,11 +103,10 @@ const YuvFormat kYuvFormats[] = {
 
 using namespace vq_tl_test;
 
-// Y of every pixel, and U, V of every block from the mean of its pixels
-// inside the image, on an odd size so that the right and bottom blocks are
-// cut. Y truncates (up to 1 below) with 15-bit coefficients (up to 0.005
-// off); the block mean is rounded to whole values before the chroma formula
-// (up to 0.5 more). Measured worst differences: Y 1.002, chroma 1.351.
+// Y of every pixel, and U, V of every block from the mean of its pixels inside the image, on an odd size so
+// that the right and bottom blocks are cut. Y truncates (up to 1 below) with 15-bit coefficients (up to 0.005
+// off); the block mean is rounded to whole values before the chroma formula (up to 0.5 more). Measured worst
+// differences: Y 1.002, chroma 1.351.
 TEST(ImageConv, RgbToYuvFollowsBt601OnRandomPixelsAndBlocks) {
     std::mt19937 rng(7);
     for (const YuvFormat& f : kYuvFormats) {
@@ -144,11 +141,10 @@ TEST(ImageConv, RgbToYuvFollowsBt601OnRandomPixelsAndBlocks) {
     }
 }
 
-// Every pixel takes the chroma of block (x >> 1, y >> vShift); the chroma
-// terms truncate (up to 1 below), and the 15-bit G coefficients are up to
-// 0.00015 off, 0.04 over the chroma range: measured worst difference 1.026.
-// Luma in 64..192 and chroma in 96..160 give RGB that needs no clamping, so
-// the way back loses only the truncations: measured worst difference 1.
+// Every pixel takes the chroma of block (x >> 1, y >> vShift); the chroma terms truncate (up to 1 below), and
+// the 15-bit G coefficients are up to 0.00015 off, 0.04 over the chroma range: measured worst difference
+// 1.026. Luma in 64..192 and chroma in 96..160 give RGB that needs no clamping, so the way back loses only
+// the truncations: measured worst difference 1.
 TEST(ImageConv, YuvToRgbFollowsBt601AndRoundTrips) {
     std::mt19937 rng(11);
     const int32_t kW = 261, kH = 9;  // rows of more than 64 chroma blocks, odd
@@ -187,9 +183,8 @@ TEST(ImageConv, YuvToRgbFollowsBt601AndRoundTrips) {
     }
 }
 
-// Pixels through every family, worked by hand. Red: Y = 9798 * 255 >> 15 =
-// 76; U = -5538 * 255 >> 15 = -44, + 128 = 84; V = 255 << 14 >> 15 = 127, +
-// 128 = 255. Back: R = 76 + 178, G = 76 - 75, B = 76 - 78 clamped.
+// Pixels through every family, worked by hand. Red: Y = 9798 * 255 >> 15 = 76; U = -5538 * 255 >> 15 = -44, +
+// 128 = 84; V = 255 << 14 >> 15 = 127, + 128 = 255. Back: R = 76 + 178, G = 76 - 75, B = 76 - 78 clamped.
 TEST(ImageConv, KnownAnswers) {
     struct Case {
         uint32_t from, to;
@@ -252,9 +247,8 @@ TEST(ImageConv, TenBitSamples) {
     EXPECT_TRUE(packed.canariesIntact() && wide.canariesIntact() && b.canariesIntact());
 }
 
-// A rectangle is widened to whole chroma blocks (left and top down to even,
-// right and bottom up unless at the edge) and lands at the same place; the
-// rest of the destination keeps its bytes.
+// A rectangle is widened to whole chroma blocks (left and top down to even, right and bottom up unless at the
+// edge) and lands at the same place; the rest of the destination keeps its bytes.
 TEST(ImageConv, RectanglesCoverWholeChromaBlocksInPlace) {
     const ImageRect rects[] = {{3, 3, 9, 8}, {1, 5, 15, 11}, {0, 0, 15, 11}, {4, 1, 5, 2}};
     const YuvFormat nv21{29, 1, nullptr};

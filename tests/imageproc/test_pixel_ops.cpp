@@ -82,8 +82,7 @@ std::vector<double> elementsOf(const Image& m) {
     return v;
 }
 
-// Random elements, a quarter of them extremes: 0, the type's limits, and for
-// floats NaN, infinities and -0.
+// Random elements, a quarter of them extremes: 0, the type's limits, and for floats NaN, infinities and -0.
 void fillRandom(const Image& m, std::mt19937& rng) {
     const Kind k = kindOf(m.format);
     const bool f = k.type == 'f';
@@ -97,8 +96,7 @@ void fillRandom(const Image& m, std::mt19937& rng) {
     });
 }
 
-// Operations in the order of the library's families: two operands, abs, with
-// a scalar, the shift.
+// Operations in the order of the library's families: two operands, abs, with a scalar, the shift.
 // clang-format off
 enum class K { kAdd, kSub, kMul, kDiv, kAbsSub, kMax, kMin, kMla, kAbs, kNAdd, kNSub, kNSubr, kNMul, kNMax, kNMin, kNShift };
 // clang-format on
@@ -116,9 +114,8 @@ TLResult call(K k, ImageProc* p, Image* d, const Image* a, const Image* b, doubl
     return k == K::kNShift ? ImageProc_n_shift(p, d, a, static_cast<int32_t>(n)) : kWithN[i - 9](p, d, a, n);
 }
 
-// The operation on one element in double, where every integer operand is
-// exact. A float result is the double one rounded once, which for +, -, *
-// and / of floats is the single-precision result; mla rounds its product
+// The operation on one element in double, where every integer operand is exact. A float result is the double
+// one rounded once, which for +, -, * and / of floats is the single-precision result; mla rounds its product
 // first. Integers truncate their quotients and saturate.
 double expected(K op, Kind k, double d, double a, double b, double n) {
     const bool f = k.type == 'f';
@@ -262,8 +259,7 @@ TEST(PixelOps, NarrowingAndTableEdges) {
     EXPECT_EQ(std::memcmp(d.row(0, 0), fromInts, 9), 0);
     ASSERT_EQ(ImageProc_ImageFloat_toUint8(&proc.proc, &d.image, &f32.image), TL_OK);
     EXPECT_EQ(std::memcmp(d.row(0, 0), fromReals, 9), 0);
-    // Table 255 - i: values at or past the end take the last entry; fewer than
-    // 33 entries change nothing.
+    // Table 255 - i: values at or past the end take the last entry; fewer than 33 entries change nothing.
     uint8_t table[256];
     for (int i = 0; i < 256; ++i) table[i] = static_cast<uint8_t>(255 - i);
     const uint8_t src[] = {0, 31, 32, 33, 100, 255};
@@ -281,8 +277,7 @@ TEST(PixelOps, NarrowingAndTableEdges) {
 }
 
 TEST(PixelOps, ConversionsAgreeWithTheWholePictureDispatchers) {
-    // Striped conversions give the bytes of one whole call; the splits give
-    // the planes of the RGB picture.
+    // Striped conversions give the bytes of one whole call; the splits give the planes of the RGB picture.
     const struct {
         uint32_t from, to;
         TLResult (*cvt)(ImageProc*, Image*, const Image*);

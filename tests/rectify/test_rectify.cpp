@@ -1,5 +1,7 @@
-// Rectify: rotations, camera matrices and grid maps against hand-worked and
-// closed forms; the lens model and its fitted inverse; the solver of the fit.
+// Rectify: rotations, camera matrices and grid maps against hand-worked and closed forms; the lens model
+// and its fitted inverse; the solver of the fit. StereoRectify: camera matrices fitted between sizes by
+// hand, the composition of grids, and a synthetic calibrated pair of phone cameras whose 3D points must
+// land on the same rows of the two rectified frames.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,7 +12,9 @@
 
 #include "rectify/rectify.h"
 #include "rectify/rectify_util.h"
+#include "rectify/stereo_rectify.h"
 #include "support/layers.h"
+#include "support/test_env.h"
 #include "warp_support.h"
 
 using namespace vq_tl;
@@ -26,15 +30,6 @@ struct Fixture {
 };
 
 const Mvec8Real kIdentity = {{1, 0, 0, 0, 1, 0, 0, 0, 1}};
-
-Mvec8Real multiply(const Mvec8Real& a, const Mvec8Real& b) {
-    Mvec8Real r;
-    for (int i = 0; i < 9; ++i) {
-        const int row = i / 3 * 3, col = i % 3;
-        r.m[i] = a.m[row] * b.m[col] + a.m[row + 1] * b.m[3 + col] + a.m[row + 2] * b.m[6 + col];
-    }
-    return r;
-}
 
 void expectMatrixNear(const Mvec8Real& a, const Mvec8Real& e, double tolerance, const char* what) {
     for (int i = 0; i < 9; ++i) EXPECT_NEAR(a.m[i], e.m[i], tolerance) << what << " " << i;
@@ -69,26 +64,87 @@ void referenceUndistort(const RectifyLensDistortionCoeff& c, double xd, double y
     *y = static_cast<double>(py);
 }
 
-// A float matrix image, rows padded so that code which ignores the pitch is caught.
-struct Matrix {
-    Env env{};
-    Image image;
-    std::vector<uint8_t> storage;
-    Matrix(int32_t rows, int32_t cols, std::initializer_list<float> v = {}) {
-        construct_Image(&image, &env);
-        storage.assign(static_cast<size_t>(cols * 4 + 12) * rows + 4, 0xEE);
-        ImagePlanes p;
-        std::memset(&p, 0, sizeof p);
-        p.one = ImagePlanes1{storage.data(), cols * 4 + 12};
-        Image_initWithPitch(&image, cols, rows, &p, IMAGE_FORMAT_FLOAT);
+// A float matrix, element k row-major; rows padded so that code which ignores the pitch is caught.
+struct Matrix : Picture {
+    Matrix(int32_t rows, int32_t cols, std::initializer_list<float> v = {})
+        : Picture(cols, rows, IMAGE_FORMAT_FLOAT, 12) {
         int k = 0;
         for (float x : v) at(k++) = x;
     }
-    ~Matrix() { destruct_Image(&image); }
-    float& at(int k) {  // row-major element k
-        return reinterpret_cast<float*>(image.plane[0] + image.pitch[0] * (k / image.width))[k % image.width];
-    }
+    float& at(int k) { return Picture::at<float>(k % image.width, k / image.width); }
 };
+
+struct PairResult {
+    double worstRowOffset = 0, worstDisparity = 0;  // |row 1 - row 2|; disparity against f B / Z
+    double worstGrid = 0;                           // the grid's map against the camera model
+    int32_t points = 0;                             // seen by both cameras and compared
+    Mvec8Real newCamera[2];
+};
+
+// Rectifies a pair of 4000 by 3000 phone cameras (f 3200, module-sized lens terms, centres a few pixels off)
+// at the working size, 1080 by 810 in cells of 32, and projects 3D points into both.
+PairResult rectifyPair(const float baseline[3], const Mvec8Real& rotation, Pel* pel) {
+    PairResult res;
+    Stereo st(pel);
+    const Mvec8Real k[2] = {camera(3200, 2003.5, 1497.2), camera(3150, 1995.0, 1506.0)};
+    RectifyLensDist lens[2] = {coeffLens(0.06, -0.12, 0.04, 6e-4, -4e-4),
+                               coeffLens(-0.05, 0.08, -0.02, -5e-4, 3e-4)};
+    constexpr int32_t kW = 1080, kH = 810;
+    Mvec8Real r[2], *n = res.newCamera, fitted[2];
+    EXPECT_EQ(StereoRectify_stereoRectify(&st.s, &r[0], &r[1], &n[0], &n[1], &k[0], &k[1], &lens[0], &lens[1],
+                                          &rotation, baseline, kW, kH, 4000, 3000, 4000, 3000, 8, 8),
+              TL_OK);
+    EXPECT_TRUE(lens[0].coeff.invValid && lens[1].coeff.invValid);
+    // The main camera with the inverse grid (at half the working size), then the sub.
+    Grid grid[2] = {{kW, kH, 32}, {kW, kH, 32}}, inverseGrid(kW / 2, kH / 2, 32);
+    for (int c = 0; c < 2; ++c) {
+        EXPECT_EQ(
+            StereoRectify_calcRectifyGridParams(&st.s, &grid[c].g, c == 0 ? &inverseGrid.g : nullptr, &r[c],
+                                                &n[c], &k[c], &lens[c], kW, kH, kW, kH, kW, kH, 4000, 3000),
+            TL_OK);
+        StereoRectify_fitCameraMatrix(&fitted[c], &k[c], kW, kH, 4000, 3000);
+    }
+    const double b = std::hypot(double{baseline[0]}, double{baseline[1]}, double{baseline[2]});
+    const int32_t steps = vq_tl_test_scaled(15, 7);
+    for (const double depth : {500.0, 900.0, 2000.0, 5000.0}) {
+        for (int32_t i = 0; i < (steps + 1) * (steps + 1); ++i) {
+            // Directions over the main camera's field, to its corners.
+            double p[2][3] = {{depth * (-0.6 + 1.2 * (i % (steps + 1)) / steps),
+                               depth * (-0.45 + 0.9 * (i / (steps + 1)) / steps), depth}};
+            for (int row = 0; row < 3; ++row) {
+                const double* m = &rotation.m[3 * row];
+                p[1][row] = m[0] * p[0][0] + m[1] * p[0][1] + m[2] * p[0][2] + baseline[row];
+            }
+            double u[2], v[2], x[2][2], q[3], at[2];
+            bool seen = true;
+            for (int c = 0; c < 2; ++c) {
+                distort(lens[c].coeff, p[c][0] / p[c][2], p[c][1] / p[c][2], &u[c], &v[c]);
+                u[c] = fitted[c].m[0] * u[c] + fitted[c].m[2];
+                v[c] = fitted[c].m[4] * v[c] + fitted[c].m[5];
+                seen = seen && u[c] >= 0 && u[c] <= kW && v[c] >= 0 && v[c] <= kH;
+                // The rectified pixel of the point: the new camera of the turned frame.
+                for (int row = 0; row < 3; ++row)
+                    q[row] = r[c].m[3 * row] * p[c][0] + r[c].m[3 * row + 1] * p[c][1] +
+                             r[c].m[3 * row + 2] * p[c][2];
+                x[c][0] = n[c].m[0] * q[0] / q[2] + n[c].m[2];
+                x[c][1] = n[c].m[4] * q[1] / q[2] + n[c].m[5];
+            }
+            if (!seen) continue;
+            // The warp fills that pixel from where the camera sees the point.
+            for (int c = 0; c < 2; ++c) {
+                EXPECT_TRUE(gridAt(grid[c].g, x[c][0], x[c][1], at)) << x[c][0] << "," << x[c][1];
+                res.worstGrid = std::fmax(res.worstGrid, std::hypot(at[0] - u[c], at[1] - v[c]));
+            }
+            // The whole source frame lies inside the rectified frame.
+            EXPECT_TRUE(x[0][0] >= 0 && x[0][0] <= kW && x[0][1] >= 0 && x[0][1] <= kH) << x[0][0];
+            res.worstRowOffset = std::fmax(res.worstRowOffset, std::fabs(x[0][1] - x[1][1]));
+            res.worstDisparity = std::fmax(res.worstDisparity,
+                                           std::fabs(std::fabs(x[0][0] - x[1][0]) - n[0].m[0] * b / depth));
+            ++res.points;
+        }
+    }
+    return res;
+}
 
 }  // namespace
 
@@ -107,18 +163,15 @@ TEST(Rectify, RectifyingRotationsWorkedByHand) {
         // vertical baseline takes the y axis; its sign does not matter.
         {"baseline -x", kIdentity, {-10, 0, 0}, kIdentity, kIdentity},
         {"baseline +y", kIdentity, {0, 5, 0}, kIdentity, kIdentity},
-        // (3, 4, 0): y is strictly greater, n = (0.6, 0.8, 0), and align turns
-        // y onto n by acos(0.8) about -z. (-4, 3, 0): x is greater and
-        // negative, so t becomes (4, -3, 0): the same turn.
+        // (3, 4, 0): y is strictly greater, n = (0.6, 0.8, 0), and align turns y onto n by acos(0.8) about
+        // -z. (-4, 3, 0): x is greater and negative, so t becomes (4, -3, 0): the same turn.
         {"baseline (3, 4, 0)", kIdentity, {3, 4, 0}, turn, turn},
         {"baseline (-4, 3, 0)", kIdentity, {-4, 3, 0}, turn, turn},
         // Equal parts count as horizontal: 45 degrees about z.
         {"baseline (2, 2, 0)", kIdentity, {2, 2, 0}, eighth, eighth},
-        // 10 degrees about y with the baseline along -x: the halves are
-        // Ry(5) and Ry(-5), t = Ry(-5) (-10, 0, 0) turned positive is
-        // (cos 5, 0, sin 5) * 10, and align = Ry(-5) takes x onto it. With
-        // align itself in both products: rotation1 = Ry(-5) Ry(5) = I and
-        // rotation2 = Ry(-5) Ry(-5) = Ry(-10).
+        // 10 degrees about y with the baseline along -x: the halves are Ry(5) and Ry(-5), t = Ry(-5) (-10, 0,
+        // 0) turned positive is (cos 5, 0, sin 5) * 10, and align = Ry(-5) takes x onto it. With align itself
+        // in both products: rotation1 = Ry(-5) Ry(5) = I and rotation2 = Ry(-5) Ry(-5) = Ry(-10).
         {"10 degrees about y", ry10, {-10, 0, 0}, kIdentity, ryMinus10},
     };
     for (const auto& c : cases) {
@@ -126,9 +179,10 @@ TEST(Rectify, RectifyingRotationsWorkedByHand) {
         ASSERT_EQ(Rectify_calcRectifyRotMat(&f.rectify, &r1, &r2, &c.rotation, c.t), TL_OK) << c.name;
         expectMatrixNear(r1, c.rotation1, 1e-12, c.name);
         expectMatrixNear(r2, c.rotation2, 1e-12, c.name);
-        // Whatever the baseline, both rectified frames are parallel:
-        // rotation2 * rotation = rotation1.
-        expectMatrixNear(multiply(r2, c.rotation), r1, 1e-12, c.name);
+        // Whatever the baseline, both rectified frames are parallel: rotation2 * rotation = rotation1.
+        Mvec8Real product;
+        ASSERT_EQ(Mvec8Real_mult(&product, &r2, &c.rotation), TL_OK);
+        expectMatrixNear(product, r1, 1e-12, c.name);
     }
     // Refused with the outputs untouched: not a rotation (the sine of its
     // angle would be above 1), no baseline, not a number.
@@ -168,9 +222,8 @@ TEST(Rectify, GridMapsMatchClosedFormsAndTheInverseGridUndoesThem) {
             EXPECT_LT(worst, 0.1);
         }
     }
-    // Laid out on 100 by 60 of the 400 by 300 image: the scaled inverse
-    // multiplies the focal terms by 4 across and 5 down and leaves the
-    // offsets, so with no lens, no rotation and the same camera each vertex
+    // Laid out on 100 by 60 of the 400 by 300 image: the scaled inverse multiplies the focal terms by 4
+    // across and 5 down and leaves the offsets, so with no lens, no rotation and the same camera each vertex
     // (x, y) maps to (4 x, 5 y).
     RectifyLensDist d = none;
     Grid grid(400, 300, 32), inverse(100, 60, 8);
@@ -183,9 +236,8 @@ TEST(Rectify, GridMapsMatchClosedFormsAndTheInverseGridUndoesThem) {
 }
 
 TEST(Rectify, VerticesBeyondTheRadiusLimitAreInvalid) {
-    // No distortion: the limit is the radius of the corners pushed out by
-    // 32 pixels, hypot(232, 182) / 320. A short new focal length of 100 sends
-    // the outer vertices of the rectified frame beyond it.
+    // No distortion: the limit is the radius of the corners pushed out by 32 pixels, hypot(232, 182) / 320. A
+    // short new focal length of 100 sends the outer vertices of the rectified frame beyond it.
     Fixture f;
     const Mvec8Real k = camera(320, 200, 150), newK = camera(100, 108, 81);
     RectifyLensDist none = coeffLens(0, 0, 0, 0, 0);
@@ -231,11 +283,10 @@ TEST(Rectify, ComplementingTwoGrids) {
 }
 
 TEST(RectifyLensDist, FittedInverseUndoesPhoneLenses) {
-    // 4000 by 3000 phone cameras, f 3200: over 41 by 31 distorted points,
-    // distort(undistort(p)) - p and the fitted inverse against the reference.
-    // The single-precision fit comes to about 0.8 pixel at the corners for
-    // the strong barrel lens, 0.25 for the pincushion, 0.04 for the mild one.
-    // Over a Pel the fit is the same.
+    // 4000 by 3000 phone cameras, f 3200: over 41 by 31 distorted points, distort(undistort(p)) - p and the
+    // fitted inverse against the reference. The single-precision fit comes to about 0.8 pixel at the corners
+    // for the strong barrel lens, 0.25 for the pincushion, 0.04 for the mild one. Over a Pel the fit is the
+    // same.
     const struct {
         double k1, k2, k3, p1, p2, tolerancePixels;
     } lenses[] = {{-0.12, 0.05, -0.01, 0.0010, -0.0008, 1.0},
@@ -281,9 +332,8 @@ TEST(RectifyLensDist, ModelsWorkedByHand) {
     EXPECT_DOUBLE_EQ(x, 0.5 * (1 - 0.2 * r2) + 0.02 * (r2 + 0.5));
     EXPECT_DOUBLE_EQ(y, -0.25 * (1 - 0.2 * r2) + 2 * 0.02 * 0.5 * -0.25);
 
-    // A table of three knots at ideal radii 0, 1, 2 (maxRadius 2): distorted
-    // 0, 0.8, 2.4. Beyond the last knot the factor is T[n-1] itself
-    // (3 * 1.2), and 1 / T[n-1] back: the map jumps there. The optical
+    // A table of three knots at ideal radii 0, 1, 2 (maxRadius 2): distorted 0, 0.8, 2.4. Beyond the last
+    // knot the factor is T[n-1] itself (3 * 1.2), and 1 / T[n-1] back: the map jumps there. The optical
     // centre and points closer than 1e-15 pass unchanged.
     RectifyLensDist t;
     const double knots[3] = {0.0, 0.4, 1.2};
@@ -305,8 +355,7 @@ TEST(RectifyLensDist, ModelsWorkedByHand) {
 }
 
 TEST(RectifyUtil, GaussianElimination) {
-    // Random diagonally dominant systems from a known solution, in double,
-    // stored as float.
+    // Random diagonally dominant systems from a known solution, in double, stored as float.
     std::mt19937 rng(31337);
     std::uniform_real_distribution<float> u(-1.0f, 1.0f);
     for (int round = 0; round < 100; ++round) {
@@ -327,4 +376,127 @@ TEST(RectifyUtil, GaussianElimination) {
     // A singular matrix is refused.
     Matrix singular(2, 2, {1, 2, 2, 4}), b(2, 1, {1, 1});
     EXPECT_EQ(RectifyUtil_laSolveGaussianElimination(&singular.image, &b.image), TL_ERROR_GENERAL);
+}
+
+TEST(StereoRectify, FitCameraMatrixWorkedByHand) {
+    // From 4000 by 3000, f 3200 by 3190 at (2003.3, 1497.7). The same aspect scales; a wider frame
+    // scales by the heights and crops across (square: 1 / 3, 500 off cx), a taller one by the widths
+    // and crops down (16:9: 0.48, 375 off cy). In float.
+    const Mvec8Real k = camera(3200, 2003.3, 1497.7, 3190);
+    const struct {
+        int32_t width, height;
+        double f, fy, cx, cy;
+    } cases[] = {
+        {4000, 3000, 3200, 3190, 2003.3, 1497.7},
+        {1000, 750, 800, 797.5, 500.825, 374.425},
+        {1080, 810, 864, 861.3, 540.891, 404.379},
+        {1000, 1000, 3200 / 3.0, 3190 / 3.0, (2003.3 - 500) / 3, 1497.7 / 3},
+        {1920, 1080, 1536, 1531.2, 961.584, 0.48 * (1497.7 - 375)},
+    };
+    for (const auto& c : cases) {
+        Mvec8Real out;
+        ASSERT_EQ(StereoRectify_fitCameraMatrix(&out, &k, c.width, c.height, 4000, 3000), TL_OK);
+        const Mvec8Real expected = camera(c.f, c.cx, c.cy, c.fy);
+        for (int i = 0; i < 9; ++i) EXPECT_NEAR(out.m[i], expected.m[i], 2e-4) << c.width << " " << i;
+    }
+}
+
+TEST(StereoRectify, SynthesizeGridComposesTwoMaps) {
+    // A lookup holding an affine map at its vertices: bilinear interpolation reproduces it exactly
+    // inside, and its edge outside. The 4 row tasks over a Pel agree. One grid for both is refused.
+    Stereo serial, parallel(&sharedLayers().pel);
+    Grid lookup(64, 48, 16), grid(40, 30, 8), again(40, 30, 8);
+    lookup.apply(
+        [](double x, double y, double* sx, double* sy) { *sx = 2.0 * x + 1.0, *sy = -3.0 * y + 0.5 * x; });
+    for (Grid* g : {&grid, &again}) {
+        g->apply(
+            [](double x, double y, double* sx, double* sy) { *sx = 1.3 * x + 0.7, *sy = 1.1 * y + 2.25; });
+        // Outside on two sides, and the invalid marker, which reads the last column and row.
+        g->g.x[0] = -10;
+        g->g.y[0] = 60;
+        g->g.x[1] = g->g.y[1] = kRenderer2InvalidVertex;
+    }
+    const std::vector<double> x(grid.g.x, grid.g.x + grid.count()), y(grid.g.y, grid.g.y + grid.count());
+    ASSERT_EQ(StereoRectify_synthesizeGrid(&serial.s, &grid.g, &lookup.g), TL_OK);
+    ASSERT_EQ(StereoRectify_synthesizeGrid(&parallel.s, &again.g, &lookup.g), TL_OK);
+    for (int32_t v = 0; v < grid.count(); ++v) {
+        const double cx = std::clamp(x[v], 0.0, 64.0), cy = std::clamp(y[v], 0.0, 48.0);
+        ASSERT_TRUE(std::fabs(grid.g.x[v] - (2.0 * cx + 1.0)) < 1e-9 &&
+                    std::fabs(grid.g.y[v] - (-3.0 * cy + 0.5 * cx)) < 1e-9)
+            << v;
+    }
+    EXPECT_TRUE(!std::memcmp(again.g.x, grid.g.x, sizeof(double) * grid.count()) &&
+                !std::memcmp(again.g.y, grid.g.y, sizeof(double) * grid.count()));
+    EXPECT_EQ(StereoRectify_synthesizeGrid(&serial.s, &grid.g, &grid.g), TL_ERROR_PARAM);
+}
+
+TEST(StereoRectify, PointsLandOnTheSameRowOfBothFrames) {
+    // A 10 mm baseline along x, a residual rotation of 0.3 degree: every point from 0.5 m to 5 m
+    // lands on the same row of both frames within a quarter of a pixel, at the disparity (1.7 to 17
+    // pixels) of the baseline at the rectified focal length. Vertical and depth components of a few
+    // tenths of a millimetre part the rows (the rotation turns the baseline by twice its angle to
+    // the axis), but by no more than the 4 rows each way that the matcher searches.
+    const Mvec8Real turn = rodrigues(0.3, -0.5, 0.8, 0.3 * M_PI / 180),
+                    tilt = rodrigues(-0.7, 0.2, 0.4, 0.4 * M_PI / 180);
+    const struct {
+        float baseline[3];
+        const Mvec8Real& rotation;
+        double rows, disparity;
+    } cases[] = {{{-10.0f, 0.0f, 0.0f}, turn, 0.25, 0.15},
+                 {{-10.0f, 0.3f, 0.3f}, tilt, 4.0, 1e9},
+                 {{-10.0f, -0.4f, 0.2f}, tilt, 4.0, 1e9},
+                 {{10.0f, 0.3f, -0.4f}, tilt, 4.0, 1e9}};
+    for (const auto& c : cases) {
+        const PairResult r = rectifyPair(c.baseline, c.rotation, nullptr);
+        EXPECT_GT(r.points, vq_tl_test_scaled(500, 100));
+        EXPECT_LT(r.worstRowOffset, c.rows) << c.baseline[1];
+        EXPECT_LT(r.worstDisparity, c.disparity) << c.baseline[1];
+        EXPECT_LT(r.worstGrid, 0.15) << c.baseline[1];
+        // One new camera for both, at about a quarter of the calibration's focal length.
+        EXPECT_EQ(std::memcmp(&r.newCamera[0], &r.newCamera[1], sizeof(Mvec8Real)), 0);
+        EXPECT_TRUE(r.newCamera[0].m[0] > 800 && r.newCamera[0].m[0] < 870) << r.newCamera[0].m[0];
+    }
+    EXPECT_EQ(rectifyPair(cases[0].baseline, turn, &sharedLayers().pel).worstGrid,
+              rectifyPair(cases[0].baseline, turn, nullptr).worstGrid);
+}
+
+TEST(StereoRectify, SmallFrameWithAStrongLensKeepsItsCoverage) {
+    // A 640 by 480 camera, f 560, with a strong k3, at its working size of 172 by 130: the radius
+    // limit pushes the corners out by 32 pixels, far beyond where the lens inverse was fitted (the
+    // frame grown by a tenth), and there the fitted inverse folds back inside the image. The grid
+    // must still cover what the lens images: the share of pixels drawn from an all-white frame
+    // within 3 points of the share whose rays land in the frame by the forward model (about 81 %).
+    constexpr int32_t kW = 172, kH = 130;
+    const Mvec8Real k[2] = {camera(560, 322.5, 238), camera(560, 318, 241)};
+    RectifyLensDist lens[2] = {coeffLens(-0.27, -0.05, 0.25, 0, 0), coeffLens(-0.27, -0.05, 0.25, 0, 0)};
+    const Mvec8Real turn = rodrigues(0.3, -0.5, 0.8, 0.3 * M_PI / 180);
+    const float baseline[3] = {-10.0f, 0.0f, 0.0f};
+    Stereo st;
+    Mvec8Real r[2], n[2], fitted;
+    ASSERT_EQ(StereoRectify_stereoRectify(&st.s, &r[0], &r[1], &n[0], &n[1], &k[0], &k[1], &lens[0], &lens[1],
+                                          &turn, baseline, kW, kH, 640, 480, 640, 480, 8, 8),
+              TL_OK);
+    Grid grid(kW, kH, 32);
+    ASSERT_EQ(StereoRectify_calcRectifyGridParams(&st.s, &grid.g, nullptr, &r[0], &n[0], &k[0], &lens[0], kW,
+                                                  kH, kW, kH, kW, kH, 640, 480),
+              TL_OK);
+    Picture white(kW, kH, IMAGE_FORMAT_UINT8), drawn(kW, kH, IMAGE_FORMAT_UINT8);
+    white.fillPlanes(255), drawn.fillPlanes(0);
+    Renderer renderer(1, 1);
+    ASSERT_EQ(render(renderer, drawn, white, grid), TL_OK);
+    StereoRectify_fitCameraMatrix(&fitted, &k[0], kW, kH, 640, 480);
+    int32_t covered = 0, imaged = 0;
+    for (int32_t i = 0; i < kW * kH; ++i) {
+        const int32_t x = i % kW, y = i / kW;
+        covered += drawn.u8(x, y) == 255;
+        // The ray of the rectified pixel in the camera, by the transposed rotation.
+        const double q[3] = {(x - n[0].m[2]) / n[0].m[0], (y - n[0].m[5]) / n[0].m[4], 1};
+        double p[3], u, v;
+        for (int a = 0; a < 3; ++a) p[a] = r[0].m[a] * q[0] + r[0].m[3 + a] * q[1] + r[0].m[6 + a] * q[2];
+        distort(lens[0].coeff, p[0] / p[2], p[1] / p[2], &u, &v);
+        u = fitted.m[0] * u + fitted.m[2], v = fitted.m[4] * v + fitted.m[5];
+        imaged += u >= 0 && v >= 0 && u <= kW - 1 && v <= kH - 1;
+    }
+    EXPECT_GT(imaged, 0.75 * kW * kH);
+    EXPECT_NEAR(static_cast<double>(covered) / (kW * kH), static_cast<double>(imaged) / (kW * kH), 0.03);
 }

@@ -27,11 +27,10 @@ struct Converter {
     }
 };
 
-// The hand-made record. Power-of-two pitches keep it exact: main f = 4.0 mm /
-// 2^-10 mm = 4096 pixels, sub f = 3.0 mm / 1.953125 um = 1536. Principal points
-// off centre by (8, -12) and (-3, 0) pixels; crop origins round to (3, -1) and
-// (0, 2), sizes to 3996 by 2996 and 2000 by 1500. The sub table comes from a
-// radial model: the knot at fraction t to the corner has R2 = t^2 1250^2 / 1536^2.
+// The hand-made record. Power-of-two pitches keep it exact: main f = 4.0 mm / 2^-10 mm = 4096 pixels, sub f =
+// 3.0 mm / 1.953125 um = 1536. Principal points off centre by (8, -12) and (-3, 0) pixels; crop origins round
+// to (3, -1) and (0, 2), sizes to 3996 by 2996 and 2000 by 1500. The sub table comes from a radial model: the
+// knot at fraction t to the corner has R2 = t^2 1250^2 / 1536^2.
 const float kMainTable[5] = {0.0f, 0.24f, 0.47f, 0.69f, 0.9f};
 constexpr float kSubK1 = -0.05f, kSubK2 = 0.01f;
 float gSubTable[11];
@@ -85,8 +84,7 @@ TEST(RectifyDataConverter, HandMadeRecordGivesTheRowWorkedOutByHand) {
     EXPECT_TRUE(row.mainCalibWidth == 3996 && row.mainCalibHeight == 2996 && row.subCalibWidth == 2000 &&
                 row.subCalibHeight == 1500 && row.mainRectWidth == 3996 && row.mainRectHeight == 2996 &&
                 row.subRectWidth == 2000 && row.subRectHeight == 1500);
-    // Main lens kept as a table: half the diagonal over f is
-    // hypot(4000, 3000) / 4096 / 2 = 0.6103515625.
+    // Main lens kept as a table: half the diagonal over f is hypot(4000, 3000) / 4096 / 2 = 0.6103515625.
     EXPECT_TRUE(row.mainLensDist.kind == 1 && row.mainLensDist.u.data.count == 5);
     EXPECT_NEAR(row.mainLensDist.u.data.maxRadius, 0.6103515625, 1e-15);
     EXPECT_TRUE(std::equal(kMainTable, kMainTable + 5, row.mainLensDist.u.data.table));
@@ -206,8 +204,7 @@ TEST(RectifyDataConverter, PublicLifeCycle) {
         EXPECT_EQ(velquin_RectifyDataConverter_initialize(r.handle, r.buffer, r.size, r.capacity, 3),
                   r.expected);
     EXPECT_EQ(handle.context, nullptr);
-    // Calls before initialize, with missing arguments, and on a context that
-    // is not initialised.
+    // Calls before initialize, with missing arguments, and on a context that is not initialised.
     const RectifyDataConverterParam p = handMadeRecord();
     TwinLensCameraParam row = sentinelRow();
     alignas(8) uint8_t blank[64] = {};

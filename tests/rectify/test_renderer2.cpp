@@ -102,9 +102,8 @@ TEST(Renderer2, IdentityReproducesTheSource) {
             Renderer r(f.mode, 0);
             ASSERT_EQ(render(r, dst, src, grid), TL_OK) << what;
             EXPECT_TRUE(dst.canariesIntact()) << what;
-            // Bilinear luma is exact, except that the row's tail limits its
-            // column to width - 2: in the grid's last cell (groups stop 16
-            // pixels before the end) and in the last column of cells of a
+            // Bilinear luma is exact, except that the row's tail limits its column to width - 2: in the
+            // grid's last cell (groups stop 16 pixels before the end) and in the last column of cells of a
             // width that is not a multiple of 8.
             const int32_t lastLeft = grid.g.xs[grid.g.cols - 2],
                           lastTop = grid.g.ys[(grid.g.rows - 2) * grid.g.cols];
@@ -117,11 +116,10 @@ TEST(Renderer2, IdentityReproducesTheSource) {
 }
 
 TEST(Renderer2, GroupArithmeticWorkedByHand) {
-    // A half-pixel shift between columns of 10 and 13: groups of 8 give the
-    // rounded mean 12, the pixels of the tail the truncated 11. In the grid's
-    // last cell groups stop 16 pixels before the end: on a 40-pixel row the
-    // groups cover 0 to 31 and the tail 32 to 39. The same cell as the first
-    // of two runs its groups to 8 pixels before its end.
+    // A half-pixel shift between columns of 10 and 13: groups of 8 give the rounded mean 12, the pixels of
+    // the tail the truncated 11. In the grid's last cell groups stop 16 pixels before the end: on a 40-pixel
+    // row the groups cover 0 to 31 and the tail 32 to 39. The same cell as the first of two runs its groups
+    // to 8 pixels before its end.
     Picture src(96, 8, kGray);
     for (int32_t i = 0; i < 96 * 8; ++i) src.u8(i % 96, i / 96) = i % 2 == 0 ? 10 : 13;
     Renderer r;
@@ -133,9 +131,8 @@ TEST(Renderer2, GroupArithmeticWorkedByHand) {
         for (int32_t i = 0; i < w * 8; ++i)
             ASSERT_EQ(dst.u8(i % w, i / w), i % w % 40 < 32 || i % w < w - 40 ? 12 : 11) << i % w;
     }
-    // A top edge rising 0.6 pixel over 128: dy = trunc(-0.6 * 32768 / 128) =
-    // -153, dy >> 3 = -20, and lane k's row offset in sixteenths is
-    // (-20 k + 255) >> 8 = 0: the first group reads row 4 of a ramp of 16
+    // A top edge rising 0.6 pixel over 128: dy = trunc(-0.6 * 32768 / 128) = -153, dy >> 3 = -20, and lane
+    // k's row offset in sixteenths is (-20 k + 255) >> 8 = 0: the first group reads row 4 of a ramp of 16
     // levels per row exactly, 64. (Without the 255: 63 past the first lane.)
     Picture ramp(136, 140, kGray), dst(128, 128, kGray);
     for (int32_t i = 0; i < 136 * 140; ++i)
@@ -147,10 +144,9 @@ TEST(Renderer2, GroupArithmeticWorkedByHand) {
 }
 
 TEST(Renderer2, TrimmedRowsAndSkippedCellsLeaveTheDestinationAlone) {
-    // The boundary check trims rows by pairs until their ends map inside
-    // [0, width - 2] by [0, height - 2]; without it a cell with a vertex outside
-    // is skipped, as is one with an invalid vertex. Expected: 0 untouched (fill
-    // 1, the source is 100 or more), 1 the source at the rounded map, 2 drawn, -1 any.
+    // The boundary check trims rows by pairs until their ends map inside [0, width - 2] by [0, height - 2];
+    // without it a cell with a vertex outside is skipped, as is one with an invalid vertex. Expected: 0
+    // untouched (fill 1, the source is 100 or more), 1 the source at the rounded map, 2 drawn, -1 any.
     auto marker = [](double x, double y, double* sx, double* sy) {
         const bool at = x == 32 && y == 32;
         *sx = at ? kRenderer2InvalidVertex : x;
@@ -167,13 +163,11 @@ TEST(Renderer2, TrimmedRowsAndSkippedCellsLeaveTheDestinationAlone) {
         Map map;
         int (*expect)(int32_t x, int32_t y);
     } cases[] = {
-        // Identity: odd sizes lose their last column and row, then pairs
-        // until width - 2.
+        // Identity: odd sizes lose their last column and row, then pairs until width - 2.
         {"identity 37x29", k420SP, 37, 29, 37, 29, 8, 1, affine(1, 0, 0, 0, 1, 0),
          [](int32_t x, int32_t y) { return int{x < 35 && y < 28}; }},
-        // Columns 40 to 104 of a 64-wide source: the second cell's rows lose
-        // two pixels at a time from their last, 31, until the end maps to
-        // column 62 or less: 21 is the last drawn. Cells from 32 have no
+        // Columns 40 to 104 of a 64-wide source: the second cell's rows lose two pixels at a time from their
+        // last, 31, until the end maps to column 62 or less: 21 is the last drawn. Cells from 32 have no
         // vertex inside and are skipped.
         {"one vertex inside", kGray, 64, 64, 64, 64, 16, 1, affine(1, 0, 40, 0, 1, 0),
          [](int32_t x, int32_t) { return int{x <= 21}; }},
@@ -214,8 +208,7 @@ TEST(Renderer2, TrimmedRowsAndSkippedCellsLeaveTheDestinationAlone) {
 }
 
 TEST(Renderer2, WarpsAgreeWithAPerPixelBilinearReference) {
-    // Widths of whole groups: cells away from the last column and row are
-    // drawn in groups of 8 only.
+    // Widths of whole groups: cells away from the last column and row are drawn in groups of 8 only.
     const int32_t w = vq_tl_test_scaled(136, 72), h = vq_tl_test_scaled(101, 51);
     const Map maps[] = {
         affine(1, 0, 2.3125, 0, 1, 1.75),                   // shift
@@ -263,14 +256,11 @@ TEST(Renderer2, WarpsAgreeWithAPerPixelBilinearReference) {
 }
 
 TEST(Renderer2, ChromaNearestAndCopySamplesKnownAnswers) {
-    // A shift of 1.25 pixels on both axes. The plain 4:2:0 rule truncates:
-    // (x + 1.25) / 2 for even x is chroma column x / 2, row y / 2. The HQ
-    // rule adds half a step and a half (2 + 0.25 in all): x / 2 + 1 and
-    // y / 2 + 1. Interleaved 4:2:2 rounds likewise to macro-pixel x / 2 + 1
-    // on luma row y + 1; planar 4:2:2 truncates the column. Nearest luma
-    // rounds 1.25 to 1; copy mode truncates 1.25 and 1.75 to 1 for luma and
-    // (x + 1.75) / 2 to x / 2 for chroma, and moves an even shift of 6
-    // whole: chroma by 3.
+    // A shift of 1.25 pixels on both axes. The plain 4:2:0 rule truncates: (x + 1.25) / 2 for even x is
+    // chroma column x / 2, row y / 2. The HQ rule adds half a step and a half (2 + 0.25 in all): x / 2 + 1
+    // and y / 2 + 1. Interleaved 4:2:2 rounds likewise to macro-pixel x / 2 + 1 on luma row y + 1; planar
+    // 4:2:2 truncates the column. Nearest luma rounds 1.25 to 1; copy mode truncates 1.25 and 1.75 to 1 for
+    // luma and (x + 1.75) / 2 to x / 2 for chroma, and moves an even shift of 6 whole: chroma by 3.
     const struct {
         FormatMode f;
         double shift;
@@ -297,10 +287,9 @@ TEST(Renderer2, ChromaNearestAndCopySamplesKnownAnswers) {
 }
 
 TEST(Renderer2, CellsAreClassifiedByShape) {
-    // Deviations in pixels of the 128-pixel cell: a from a parallelogram in
-    // x, b in y, c the drop of the top edge; 0.5 is the threshold of both.
-    // Each cell is drawn by the renderer and by two kernels directly, and so
-    // chosen that the kernel it must not take gives other pixels.
+    // Deviations in pixels of the 128-pixel cell: a from a parallelogram in x, b in y, c the drop of the top
+    // edge; 0.5 is the threshold of both. Each cell is drawn by the renderer and by two kernels directly, and
+    // so chosen that the kernel it must not take gives other pixels.
     const Renderer2_DrawFn noRot = Renderer2_Uint8_drawRectNoRot, parallel = Renderer2_Uint8_drawRectParallel,
                            general = Renderer2_Uint8_drawRect;
     const struct {
@@ -361,9 +350,8 @@ TEST(Renderer2, EveryWayOfRunningCellsGivesTheSamePixels) {
 }
 
 TEST(Renderer2Params, LayoutsWorkedOutByHand) {
-    // Vertices stand at left + i * cell while below right, and one more at
-    // right; the same down; x and y start at those positions. p is the cell
-    // width or division; q the cell height. A cell width of 0 marks a
+    // Vertices stand at left + i * cell while below right, and one more at right; the same down; x and y
+    // start at those positions. p is the cell width or division; q the cell height. A cell width of 0 marks a
     // refused layout, which leaves the grid as it was.
     enum Kind { kGridSize, kDivision };
     const struct {

@@ -1,6 +1,5 @@
-// Helpers of the rectification and grid warp tests: owned grids and
-// renderers, sample layouts and smooth pictures; camera and lens models come
-// from support/camera_model.h.
+// Helpers of the rectification and grid warp tests: owned grids and renderers, sample layouts and smooth
+// pictures; camera and lens models come from support/camera_model.h.
 #pragma once
 
 #include <cmath>
@@ -28,8 +27,6 @@ struct Grid {
         vq_tl::Renderer2_Params_initWithGridSize(&g, rect, cell, cell);
     }
     ~Grid() { vq_tl::destruct_Renderer2_Params(&g); }
-    Grid(const Grid&) = delete;
-    Grid& operator=(const Grid&) = delete;
     int32_t count() const { return g.cols * g.rows; }
     void apply(const Map& map) {
         for (int32_t v = 0; v < count(); ++v) map(g.xs[v], g.ys[v], &g.x[v], &g.y[v]);
@@ -62,8 +59,6 @@ struct Renderer {
         vq_tl::Renderer2_setMode(&r, mode), vq_tl::Renderer2_setBoundaryCheck(&r, boundaryCheck);
     }
     ~Renderer() { vq_tl::destruct_Renderer2(&r); }
-    Renderer(const Renderer&) = delete;
-    Renderer& operator=(const Renderer&) = delete;
 };
 
 struct Stereo {
@@ -73,8 +68,6 @@ struct Stereo {
         vq_tl::construct_StereoRectify(&s, &env), vq_tl::StereoRectify_setPel(&s, pel);
     }
     ~Stereo() { vq_tl::destruct_StereoRectify(&s); }
-    Stereo(const Stereo&) = delete;
-    Stereo& operator=(const Stereo&) = delete;
 };
 
 inline TLResult render(Renderer& r, Picture& dst, const Picture& src, const Grid& grid) {
@@ -111,9 +104,8 @@ struct Layout {
     }
 };
 
-// Smooth pictures: luma changes by at most 2.7 levels per pixel, so groups
-// placing samples up to an eighth of a pixel short (phase and lane offset
-// truncated to sixteenths) stay within one level.
+// Smooth pictures: luma changes by at most 2.7 levels per pixel, so groups placing samples up to an eighth of
+// a pixel short (phase and lane offset truncated to sixteenths) stay within one level.
 inline double smoothLuma(double x, double y) {
     return 128.0 + 24.0 * std::sin(0.09 * x + 0.04 * y) + 18.0 * std::cos(0.06 * y - 0.03 * x);
 }

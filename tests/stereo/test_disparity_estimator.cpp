@@ -1,16 +1,15 @@
-// The disparity estimator: its frame sizes, the depth tables, status and
-// depth image on answers worked by hand, and the whole pipeline on the
-// synthetic stereo shot against the scene's ground truth.
+// The disparity estimator: its frame sizes, the depth tables, status and depth image on answers worked by
+// hand, and the whole pipeline on the synthetic stereo shot against the scene's ground truth.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <functional>
 #include <memory>
 #include <vector>
 
 #include "stereo/disparity_estimator.h"
+#include "support/layers.h"
 #include "support/picture.h"
 #include "support/scene.h"
 #include "support/test_env.h"
@@ -22,8 +21,7 @@ using vq_tl_test::SceneConfig;
 
 namespace {
 
-// An estimator set up for a small normal-mode frame, for the steps that
-// need only its fields.
+// An estimator set up for a small normal-mode frame, for the steps that need only its fields.
 struct Fixture {
     Env env{};
     DisparityEstimator e;
@@ -36,10 +34,6 @@ struct Fixture {
     ~Fixture() { destruct_DisparityEstimator(&e); }
 };
 
-void fill(Picture& p, uint8_t value) {
-    for (int32_t y = 0; y < p.image.height; ++y) std::memset(p.row(0, y), value, p.image.width);
-}
-
 void setRow(Picture& p, std::initializer_list<uint8_t> values) {
     std::copy(values.begin(), values.end(), p.row(0, 0));
 }
@@ -51,8 +45,7 @@ SceneConfig sceneConfig(double scale) {
     return c;
 }
 
-// The shot most tests share, rendered once: half size natively, a quarter
-// under emulation and sanitizers.
+// The shot most tests share, rendered once: half size natively, a quarter under emulation and sanitizers.
 const Scene& sharedScene() {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     const bool slow = true;
@@ -63,26 +56,19 @@ const Scene& sharedScene() {
     return *scene;
 }
 
-// An estimator for a scene's frames, with a Pel and a pool executor of
-// `workers` threads each, and its grids from the scene's calibration.
+// An estimator for a scene's frames, its work shared out over a Pel and an executor of the shared layers
+// (`layers` 0: none, the calling thread), and its grids from the scene's calibration.
 struct Rig {
     Env env{};
-    Pel pel;
-    ParallelExecutor executor;
     DisparityEstimator e;
     int32_t depthWidth, depthHeight;
-    Rig(const Scene& s, int32_t workers = 2, uint32_t fine = 0) {
-        construct_Pel(&pel, &env);
-        pel.params.numberOfWorkers = workers;
-        EXPECT_EQ(Pel_init(&pel), TL_OK);
-        construct_ParallelExecutor(&executor, &env);
-        executor.numberOfThreads = workers - 1;
-        executor.callerWorks = 1;
-        executor.setAffinity = 0;
-        EXPECT_EQ(ParallelExecutor_init(&executor, workers, 16), TL_OK);
+    Rig(const Scene& s, int layers = 1, uint32_t fine = 0) {
+        vq_tl_test::Layers& l = vq_tl_test::sharedLayers();
         construct_DisparityEstimator(&e, &env);
-        DisparityEstimator_setPel(&e, &pel);
-        DisparityEstimator_setParallelExecutor(&e, &executor);
+        DisparityEstimator_setPel(&e, layers == 0 ? nullptr : layers == 1 ? &l.pel : &l.balanced);
+        DisparityEstimator_setParallelExecutor(&e, layers == 0   ? nullptr
+                                                   : layers == 1 ? &l.pool
+                                                                 : &l.twoBands);
         // The depth output at 48 % of the main width, as 1920 is of 4000.
         depthWidth = (s.main->image.width * 12 / 25) & ~1;
         depthHeight = depthWidth * 3 / 4;
@@ -91,11 +77,7 @@ struct Rig {
                                           static_cast<float>(s.baseline), s.config.format, 0, fine),
                   TL_OK);
     }
-    ~Rig() {
-        destruct_DisparityEstimator(&e);
-        destruct_ParallelExecutor(&executor);
-        destruct_Pel(&pel);
-    }
+    ~Rig() { destruct_DisparityEstimator(&e); }
     TLResult grids(const Scene& s, double subCentreShift = 0.0) {
         Mvec8Real rotation, subMatrix = s.subCalib.matrix;
         float t[3];
@@ -207,8 +189,8 @@ TEST(DisparityEstimator, StatusFromTheFocusWindow) {
     };
     for (const auto& c : cases) {
         Picture map(20, 20, IMAGE_FORMAT_UINT8), confidence(20, 20, IMAGE_FORMAT_UINT8);
-        fill(map, 50);  // outside the window: neither near nor far
-        fill(confidence, 255);
+        map.fillPlanes(50);  // outside the window: neither near nor far
+        confidence.fillPlanes(255);
         const int32_t first = c.total == 4 ? 0 : 8, side = c.total == 4 ? 2 : 4;
         for (int32_t i = 0; i < side * side; ++i) {
             const int32_t x = first + i % side, y = first + i / side;
@@ -286,7 +268,7 @@ TEST(DisparityEstimator, StretchTablesAndDepthImage) {
 TEST(DisparityEstimator, RadialLowering) {
     Fixture f;
     Picture map(5, 5, IMAGE_FORMAT_UINT8);
-    fill(map, 100);
+    map.fillPlanes(100);
     f.e.lowerRate = 0.5f;
     f.e.lowerInnerRadius = 0.0f;
     f.e.lowerOuterRadius = 1.0f;
@@ -296,7 +278,7 @@ TEST(DisparityEstimator, RadialLowering) {
     EXPECT_EQ(map.u8(4, 4), 50);
     EXPECT_EQ(map.u8(2, 0), 65);  // 64.64 + 0.5
     // Subtractive form: trunc(min(0.5 + r, amount)), amount = 1 << 3.
-    fill(map, 100);
+    map.fillPlanes(100);
     f.e.lowerRate = 0.0f;
     f.e.lowerAmount = 1;
     ASSERT_EQ(DisparityEstimator_lowerDisparity(&f.e, &map.image), TL_OK);
@@ -361,11 +343,11 @@ TEST(DisparityEstimator, MatchesTheScene) {
     }
 }
 
-TEST(DisparityEstimator, SameBytesWithAnyNumberOfWorkers) {
+TEST(DisparityEstimator, SameBytesOnEveryLayer) {
     const Scene& s = sharedScene();
-    std::vector<std::vector<uint8_t>> results;
-    for (int32_t workers : {1, 2, 4}) {
-        Rig rig(s, workers);
+    std::vector<uint8_t> serial;
+    for (int layers : {0, 1, 2}) {
+        Rig rig(s, layers);
         ASSERT_EQ(rig.grids(s), TL_OK);
         ASSERT_EQ(rig.estimate(s), TL_OK);
         Picture out(rig.depthWidth, rig.depthHeight, IMAGE_FORMAT_UINT8);
@@ -373,19 +355,14 @@ TEST(DisparityEstimator, SameBytesWithAnyNumberOfWorkers) {
                   TL_OK);
         std::vector<uint8_t> bytes = resultBytes(rig.e);
         bytes.insert(bytes.end(), out.storage.begin(), out.storage.end());
-        if (!results.empty()) {
-            EXPECT_TRUE(bytes == results[0]) << workers << " workers";
-        }
-        results.push_back(std::move(bytes));
+        if (layers == 0) serial = bytes;
+        EXPECT_TRUE(bytes == serial) << "layers " << layers;
     }
 }
 
-// Status from the window round the focus point: the normal shot with the
-// focus on the box is usable; the box brought to 10 cm, at the top of the
-// matching range or beyond it, is too near. Far needs disparities at or below one pixel
-// above the lowest candidate, -4 + 1: behind a background at 3.5 m, which
-// is less than a pixel away, the sub camera's calibrated centre is moved so
-// that the rectified sub frame slides by about 4 pixels.
+// The normal shot focused on the box is usable; the box brought to 10 cm, at the top of the matching range or
+// beyond, is too near. Far needs disparities within a pixel of the lowest candidate, -4: the sub camera's
+// calibrated centre is moved so that the background at 3.5 m (under a pixel) lands at -3.5.
 TEST(DisparityEstimator, StatusOfShots) {
     const double scale = 0.25;
     SceneConfig nearConfig = sceneConfig(scale), farConfig = sceneConfig(scale);
@@ -410,9 +387,7 @@ TEST(DisparityEstimator, StatusOfShots) {
         Rig rig(c.scene);
         ASSERT_EQ(rig.grids(c.scene), TL_OK);
         if (c.shifted) {
-            // A shift of the calibrated centre by u sub pixels slides the
-            // rectified sub frame by u f / f_sub working pixels and adds that
-            // to every disparity: -3.5 pixels at the background.
+            // A shift of u sub pixels slides the rectified sub frame by u f / f_sub working pixels.
             const double background = rig.e.focalLength * c.scene.baseline / 3500.0;
             ASSERT_EQ(
                 rig.grids(c.scene, (-3.5 - background) * c.scene.subCalib.matrix.m[0] / rig.e.focalLength),
@@ -427,24 +402,7 @@ TEST(DisparityEstimator, StatusOfShots) {
     }
 }
 
-// Fine mode is set up completely but lacks its hole filler and its
-// refinement filter: the frame calls say so and change nothing.
-TEST(DisparityEstimator, FineModeRefusesWhatItLacks) {
-    const Scene& s = sharedScene();
-    Rig rig(s, 2, 1);
-    ASSERT_EQ(rig.grids(s), TL_OK);
-    Picture out(rig.depthWidth, rig.depthHeight, IMAGE_FORMAT_UINT8);
-    const std::vector<uint8_t> before = resultBytes(rig.e);
-    EXPECT_EQ(rig.estimate(s), TL_ERROR_UNSUPPORTED);
-    EXPECT_TRUE(resultBytes(rig.e) == before);
-    EXPECT_EQ(DisparityEstimator_refineDisparity(&rig.e, &out.image, &s.main->image, 7, 3, 10.0f, 15.0f),
-              TL_ERROR_UNSUPPORTED);
-    EXPECT_EQ(DisparityEstimator_refineDisparity(&rig.e, &out.image, &s.main->image, 0, 0, 10.0f, 15.0f),
-              TL_OK);
-}
-
-// Extrinsics given the other way round are turned back in the caller's
-// records, and give the same grids.
+// Extrinsics given the other way round are turned back in the caller's records, and give the same grids.
 TEST(DisparityEstimator, ReversedExtrinsics) {
     const Scene& s = sharedScene();
     Rig forward(s), reversed(s);
@@ -470,14 +428,15 @@ TEST(DisparityEstimator, ReversedExtrinsics) {
     }
 }
 
-// Refused input changes nothing: the last good map, tables and status stay.
+// Refused input changes nothing: the last good map, tables and status stay. Fine mode is set up completely
+// but lacks its hole filler and its refinement filter: its frame calls say so.
 TEST(DisparityEstimator, BadInputLeavesTheLastResult) {
     const Scene& s = sharedScene();
-    Rig rig(s);
+    Rig rig(s), fine(s, 1, 1);
     DisparityEstimator* e = &rig.e;
-    ASSERT_EQ(rig.grids(s), TL_OK);
+    ASSERT_TRUE(rig.grids(s) == TL_OK && fine.grids(s) == TL_OK);
     ASSERT_EQ(rig.estimate(s), TL_OK);
-    const std::vector<uint8_t> before = resultBytes(*e);
+    const std::vector<uint8_t> before = resultBytes(*e), fineBefore = resultBytes(fine.e);
     const Image *main = &s.main->image, *sub = &s.sub->image;
     Picture small(main->width / 2, main->height / 2, main->format), luma(main->width, main->height, 60),
         rgb(sub->width, sub->height, IMAGE_FORMAT_RGB888), out(rig.depthWidth, rig.depthHeight, 60),
@@ -486,8 +445,8 @@ TEST(DisparityEstimator, BadInputLeavesTheLastResult) {
     auto est = [&](DisparityEstimator* x, const Image* m, const Image* su, float threshold) {
         return DisparityEstimator_estimateDisparity(x, m, su, 5, 40, threshold, 0, 255);
     };
-    auto refine = [&](Picture* o, const Image* guide, int32_t mode, float sigmaRange) {
-        return DisparityEstimator_refineDisparity(e, &o->image, guide, 7, mode, 10.0f, sigmaRange);
+    auto refine = [&](Picture* o, const Image* guide, int32_t mode, float sigmaRange, Rig& r, uint8_t w = 7) {
+        return DisparityEstimator_refineDisparity(&r.e, &o->image, guide, w, mode, 10.0f, sigmaRange);
     };
     // Calibrations that cannot be rectified.
     Mvec8Real rotation, flat = s.mainCalib.matrix, skewed = s.subCalib.matrix, singular{};
@@ -515,10 +474,13 @@ TEST(DisparityEstimator, BadInputLeavesTheLastResult) {
         {"sub in RGB", [&] { return est(e, main, &rgb.image, 1.0f); }, TL_ERROR_UNSUPPORTED},
         {"threshold NaN", [&] { return est(e, main, sub, NAN); }, TL_ERROR_PARAM},
         {"before the grids", [&] { return est(&noGrids.e, main, sub, 1.0f); }, TL_ERROR_STATE},
-        {"sigmaRange 64.5", [&] { return refine(&out, main, 3, 64.5f); }, TL_ERROR_PARAM},
-        {"output of another size", [&] { return refine(&outOdd, main, 3, 15.0f); }, TL_ERROR_PARAM},
-        {"guide mode 0 with a window", [&] { return refine(&out, main, 0, 15.0f); }, TL_ERROR_PARAM},
-        {"guide in UINT8", [&] { return refine(&out, &luma.image, 3, 15.0f); }, TL_ERROR_UNSUPPORTED},
+        {"fine mode's filler", [&] { return est(&fine.e, main, sub, 1.0f); }, TL_ERROR_UNSUPPORTED},
+        {"fine mode's filter", [&] { return refine(&out, main, 3, 15.0f, fine); }, TL_ERROR_UNSUPPORTED},
+        {"fine mode, no filter", [&] { return refine(&out, main, 0, 15.0f, fine, 0); }, TL_OK},
+        {"sigmaRange 64.5", [&] { return refine(&out, main, 3, 64.5f, rig); }, TL_ERROR_PARAM},
+        {"output of another size", [&] { return refine(&outOdd, main, 3, 15.0f, rig); }, TL_ERROR_PARAM},
+        {"guide mode 0 with a window", [&] { return refine(&out, main, 0, 15.0f, rig); }, TL_ERROR_PARAM},
+        {"guide in UINT8", [&] { return refine(&out, &luma.image, 3, 15.0f, rig); }, TL_ERROR_UNSUPPORTED},
         {"focus 1.0001", [&] { return DisparityEstimator_setFocusCoord(e, 1.0001f, 0.5f); }, TL_ERROR_PARAM},
         {"focal length 0", [&] { return grid(&flat, sc, &subLens, &rotation, t, 1); }, TL_ERROR_GENERAL},
         {"skewed sub camera", [&] { return grid(mc, &skewed, &subLens, &rotation, t, 1); }, TL_ERROR_GENERAL},
@@ -528,7 +490,7 @@ TEST(DisparityEstimator, BadInputLeavesTheLastResult) {
         {"lens of kind 2", [&] { return grid(mc, sc, &kind2, &rotation, t, 1); }, TL_ERROR_UNSUPPORTED},
     };
     for (const auto& c : cases) EXPECT_EQ(c.call(), c.want) << c.name;
-    EXPECT_TRUE(resultBytes(*e) == before);
+    EXPECT_TRUE(resultBytes(*e) == before && resultBytes(fine.e) == fineBefore);
     EXPECT_TRUE(e->focusX == 0.5f && e->focusY == 0.5f);
     for (int i = 0; i < 9; ++i) EXPECT_EQ(singular.m[i], 0.0);
     EXPECT_EQ(t[0], static_cast<float>(s.translation[0]));

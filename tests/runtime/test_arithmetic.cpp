@@ -1,7 +1,8 @@
-// RawDouble_* against the C library over wide sweeps, and its special values.
-// Built from one log2, one exp2 and one cosine polynomial; exp, log, sqrt, pow
-// and sin are exact compositions of those (checked bit for bit), so only the
-// three and the functions of their own are swept.
+// Arithmetic without the floating-point unit: the integer-only Double_* family against the processor's IEEE
+// arithmetic (nearest even, subnormals on) bit for bit, any NaN for a NaN; and RawDouble_* against the C
+// library. RawDouble is built from one log2, one exp2 and one cosine polynomial; exp, log, sqrt, pow and
+// sin are exact compositions of those (checked bit for bit), so only the three and the functions of their
+// own are swept. Then the table cosine and arcsine and the integer root.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,21 +10,78 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <numbers>
 #include <random>
+#include <vector>
 
+#include "runtime/fixed_math.h"
 #include "runtime/raw_double.h"
+#include "runtime/soft_double.h"
+#include "support/test_env.h"
 
 using namespace vq_tl;
 
 namespace {
 
+uint64_t bits(double x) { return std::bit_cast<uint64_t>(x); }
+double real(uint64_t b) { return std::bit_cast<double>(b); }
+
 constexpr double kInf = std::numeric_limits<double>::infinity();
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double kMinSub = std::numeric_limits<double>::denorm_min();
-constexpr double kMaxFinite = std::numeric_limits<double>::max();
-constexpr double kPi = 3.141592653589793, kHalfPi = 1.5707963267948966, kQuarterPi = 0.7853981633974483;
+constexpr double kMinNormal = std::numeric_limits<double>::min();
+constexpr double kMax = std::numeric_limits<double>::max();
 
-uint64_t bits(double x) { return std::bit_cast<uint64_t>(x); }
+::testing::AssertionResult sameDouble(uint64_t got, double want) {
+    if (std::isnan(want) ? std::isnan(real(got)) : got == bits(want)) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << std::hexfloat << "got " << real(got) << " want " << want;
+}
+
+// Sum, difference, product, quotient and root of a (r), and a < b.
+::testing::AssertionResult arithmeticMatches(uint64_t a, uint64_t b) {
+    const double x = real(a), y = real(b);
+    const uint64_t got[] = {Double_add(a, b), Double_sub(a, b), Double_mul(a, b), Double_div(a, b),
+                            Double_sqrt(a)};
+    const double want[] = {x + y, x - y, x * y, x / y, std::sqrt(x)};
+    for (int i = 0; i < 5; ++i) {
+        ::testing::AssertionResult r = sameDouble(got[i], want[i]);
+        if (!r) return r << " for " << std::hexfloat << x << ' ' << "+-*/r"[i] << ' ' << y;
+    }
+    if (Double_isLessThan(a, b) == (x < y)) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << std::hexfloat << x << " < " << y;
+}
+
+// Values where rounding, overflow and the special cases live, with both signs.
+std::vector<double> specials() {
+    // clang-format off
+    std::vector<double> v = {
+        0.0, kMinSub, 2 * kMinSub, 3 * kMinSub, real(0x000FFFFFFFFFFFFFull) /* largest subnormal */,
+        0x1p-1023, kMinNormal, real(0x0010000000000001ull), 0x1.8p-1022, 1e-300,
+        0.5, 1.0, real(0x3FF0000000000001ull) /* 1 + ulp */, real(0x3FEFFFFFFFFFFFFFull) /* largest below 1 */,
+        1.5, 2.0, 3.0, 0.1, 1.0 / 3.0, 0x1p-53, 0x1p-54, 0x1.8p-52, 0x1p52, 0x1p53, 0x1p53 + 2,
+        1e300, 0x1p1023, 0x1p970, 0x1p969, kMax, real(0x7FEFFFFFFFFFFFFEull), kInf,
+        kNaN, real(0x7FF0000000000001ull) /* signalling NaN */};
+    // clang-format on
+    const size_t n = v.size();
+    for (size_t i = 0; i < n; ++i) v.push_back(-v[i]);
+    return v;
+}
+
+// A random sign and mantissa under the given exponent field, clamped to the finite ones.
+uint64_t make(std::mt19937_64& rng, int64_t exponentField) {
+    static constexpr uint64_t kM = 0x000FFFFFFFFFFFFFull;
+    uint64_t mantissa = rng() & kM;
+    switch (rng() % 4) {
+        case 1: mantissa &= 0x000FFC0000000000ull; break;  // few bits set: exact results and exact ties
+        case 2: mantissa = kM ^ (rng() & 0xFF); break;     // runs of ones: carries
+        case 3: mantissa |= 1; break;
+        default: break;
+    }
+    const uint64_t e = static_cast<uint64_t>(std::clamp<int64_t>(exponentField, 0, 2046));
+    return (rng() & 0x8000000000000000ull) | (e << 52) | mantissa;
+}
+
+constexpr double kPi = 3.141592653589793, kHalfPi = 1.5707963267948966, kQuarterPi = 0.7853981633974483;
 
 // Distance in representable doubles; both signs on one ordered line.
 double ulpDistance(double a, double b) {
@@ -112,6 +170,40 @@ const Sweep kSweeps[] = {
 
 }  // namespace
 
+// Every pair of special values, then operand pairs of five shapes, each aimed at one kind of fault: any
+// patterns, close exponents, products near the limits, quotients near them, subnormals.
+TEST(Double, ArithmeticMatchesHardware) {
+    const std::vector<double> v = specials();
+    for (double x : v) {
+        for (double y : v) EXPECT_TRUE(arithmeticMatches(bits(x), bits(y)));
+    }
+    std::mt19937_64 rng(0xD0B1Eu);
+    for (int shape = 0; shape < 5; ++shape) {
+        for (int i = 0; i < vq_tl_test_scaled(100000, 12500); ++i) {
+            const int64_t ea = static_cast<int64_t>(rng() % 2047);
+            const int64_t jitter = static_cast<int64_t>(rng() % 130) - 65;
+            uint64_t a = make(rng, ea), b = 0;
+            switch (shape) {
+                case 0: a = rng(), b = rng(); break;
+                case 1: b = make(rng, ea + jitter); break;
+                case 2: b = make(rng, (rng() & 1 ? 1023 : 3070) - ea + jitter); break;
+                case 3: b = make(rng, ea + (rng() & 1 ? 1023 : -1024) + jitter); break;
+                default:
+                    a = make(rng, static_cast<int64_t>(rng() % 4)),
+                    b = make(rng, static_cast<int64_t>(rng() % 60));
+            }
+            if (rng() & 1) std::swap(a, b);
+            ASSERT_TRUE(arithmeticMatches(a, b)) << "shape " << shape;
+            // Squares of short mantissas have exact roots; their neighbours are the hard cases.
+            const double r =
+                std::ldexp(static_cast<double>(rng() >> 38), static_cast<int>(rng() % 400) - 200);
+            for (uint64_t s : {bits(r * r) - 1, bits(r * r), bits(r * r) + 1}) {
+                ASSERT_TRUE(sameDouble(Double_sqrt(s), std::sqrt(real(s))));
+            }
+        }
+    }
+}
+
 TEST(RawDouble, SweepsAgainstTheCLibrary) {
     for (const Sweep& s : kSweeps) {
         std::mt19937_64 rng(0x5EEDu);
@@ -158,20 +250,19 @@ TEST(RawDouble, SpecialValues) {
         E(exp2, 1023.9999999, std::exp2(1023.9999999), 4), E(log2, 0.0, -kInf, 0), E(log2, -0.0, -kInf, 0),
         E(log2, -1.0, kNaN, 0), E(log2, kNaN, kNaN, 0), E(log2, kInf, kInf, 0),
         E(log2, 1.4142135623730949, std::log2(1.4142135623730949), 2), E(log2, 1.4142135623730951, 0.5, 2),
-        E(log2, kMaxFinite, 1024.0, 1), E(cbrt, -8.0, -2.0, 2), E(cos, 0.0, 1.0, 0), E(cos, kPi, -1.0, 0),
+        E(log2, kMax, 1024.0, 1), E(cbrt, -8.0, -2.0, 2), E(cos, 0.0, 1.0, 0), E(cos, kPi, -1.0, 0),
         E(cos, 2 * kPi, 1.0, 0), E(sin, kHalfPi, 1.0, 1), E(tan, kQuarterPi, 1.0, 3),
         E(tanh, 1000.0, 1.0, 0), E(tanh, -1000.0, -1.0, 0), E(asin, 1.0, kHalfPi, 1),
         E(asin, -1.0, -kHalfPi, 1), E(asin, 1.5, kNaN, 0), E(acos, 1.0, 0.0, 0), E(acos, -1.0, kPi, 1),
         E(atan, 1.0, kQuarterPi, 1), E(atan, kInf, kHalfPi, 0), E(atan, -kInf, -kHalfPi, 0),
         E(atan, -0.0, -0.0, 0), E(atan, kNaN, kNaN, 0), E(ulp, 1.0, 0x1p-52, 0), E(ulp, 0.0, kMinSub, 0),
-        E(ulp, kMinSub, kMinSub, 0), E(ulp, 0x1p-1022, kMinSub, 0), E(ulp, kMaxFinite, 0x1p971, 0),
+        E(ulp, kMinSub, kMinSub, 0), E(ulp, 0x1p-1022, kMinSub, 0), E(ulp, kMax, 0x1p971, 0),
         E(ulp, -kInf, kInf, 0), E(ulp, kNaN, kNaN, 0),
     };
     // clang-format on
 #undef E
     for (const Edge& e : edges) EXPECT_TRUE(near(e.got, e.want, e.ulps)) << e.call;
-    // The cosine's NaN is the default quiet one; sin(0) is cos of the double
-    // nearest pi/2: tiny, not zero.
+    // The cosine's NaN is the default quiet one; sin(0) is cos of the double nearest pi/2: tiny, not zero.
     for (double x : {kInf, -kInf, kNaN}) EXPECT_EQ(bits(RawDouble_cos(x)), 0x7FF8000000000000ull) << x;
     EXPECT_LT(std::fabs(RawDouble_sin(0.0)), 1e-16);
 }
@@ -213,7 +304,69 @@ TEST(RawDouble, FloorCeilRoundAndUlpAgainstTheCLibrary) {
         ASSERT_EQ(bits(RawDouble_ceil(x)), bits(std::ceil(x))) << x;
         ASSERT_EQ(bits(RawDouble_round(x)), bits(std::round(x))) << x;  // C round: halves away from zero
         const double any = draw(rng, AnyBits, 0, 0), a = std::fabs(any);
-        ASSERT_TRUE(a == kMaxFinite || RawDouble_ulp(any) == std::nextafter(a, kInf) - a) << any;
+        ASSERT_TRUE(a == kMax || RawDouble_ulp(any) == std::nextafter(a, kInf) - a) << any;
     }
     EXPECT_TRUE(std::isnan(RawDouble_floor(kNaN)));
+}
+
+TEST(FixedMath, TablesAreTruncatedValues) {
+    for (int k = 0; k <= 1024; ++k) {
+        // k = 1024 gives 32768 cos(pi/2), a rounding error above 0 in double: truncated to 0.
+        ASSERT_EQ(kCosTable[k],
+                  static_cast<int>(std::floor(32768.0 * std::cos(std::numbers::pi * k / 2048.0))))
+            << k;
+    }
+    for (int v = 0; v <= 1024; ++v) {
+        // Only v = 0, 512, 1024 give whole numbers (0, 300, 900); the 1e-9 lifts the
+        // last of double's rounding there, and no other value lies that close.
+        const double tenths = std::asin(v / 1024.0) * 1800.0 / std::numbers::pi;
+        ASSERT_EQ(kAsinTable[v], static_cast<int>(std::floor(tenths + 1e-9))) << v;
+    }
+}
+
+TEST(FixedMath, CosineAndArcsineHandWorked) {
+    // Q15 radians over pi is the phase at 65536 per turn; the table index is phase >> 4.
+    const struct {
+        int32_t angle, want;
+    } cosines[] = {
+        {0, 32768},           // cos 0
+        {25736, 23170},       // pi/4: phase 8192.02 -> 8192, index 512, floor(32768 / sqrt 2) = 23170
+        {-25736, 23170},      // the magnitude is taken first
+        {34315, 16413},       // pi/3: phase 10922.8 -> 10922, index 682, floor(32768 cos(682 pi / 2048))
+        {51472, 0},           // pi/2: phase 16384.05 -> 16384, index 1024
+        {51471, 50},          // just under: phase 16383, index 1023, floor(32768 sin(pi / 2048)) = 50
+        {77208, -23170},      // 3pi/4: phase 24576, mirrored to index (32768 - 24576) >> 4 = 512
+        {102944, -32768},     // pi: phase 32768.09 -> 32768, index 0, negated
+        {205887, 32768},      // 2 pi: phase 65535, folded to 1
+        {INT32_MIN, -23662},  // 2^31: phase 683565275 mod 65536 = 24795, index (32768 - 24795) >> 4 = 498
+    };
+    for (const auto& c : cosines) EXPECT_EQ(getCOS(c.angle), c.want) << c.angle;
+    // Tenths of a degree; asin(100 / 1024) = 5.604 degrees. Beyond +-1024 there is no arcsine: 0.
+    const struct {
+        int32_t value, want;
+    } arcsines[] = {
+        {0, 0},      {1, 0},    {100, 56},      {300, 170},   {512, 300},    {1000, 775}, {1023, 874},
+        {1024, 900}, {1025, 0}, {INT32_MAX, 0}, {-512, -300}, {-1024, -900}, {-1025, 0},  {INT32_MIN, 0},
+    };
+    for (const auto& c : arcsines) EXPECT_EQ(getASIN(c.value), c.want) << c.value;
+}
+
+TEST(FixedMath, CosineFollowsTheTrueCosine) {
+    // The phase keeps 12 bits per turn: an error of at most 16 phase steps of
+    // 2 pi / 65536 times the slope 32768, about 50.3, plus 1 for truncation.
+    std::mt19937 rng(31);
+    for (int i = 0; i < 400000; ++i) {
+        const int32_t angle = i < 210000 ? i - 5000 : static_cast<int32_t>(rng());
+        ASSERT_LE(std::fabs(getCOS(angle) - 32768.0 * std::cos(angle / 32768.0)), 52.0) << angle;
+        ASSERT_EQ(getCOS(angle), getCOS(angle == INT32_MIN ? angle : -angle)) << angle;
+    }
+}
+
+TEST(FixedMath, IsqrtIsTheFloorOfTheRoot) {
+    // The edges k^2 - 1, k^2 and (k + 1)^2 - 1 of every root, up to 2^32 - 1.
+    for (uint32_t k = 1; k < 65536; ++k) {
+        ASSERT_EQ(isqrt(k * k - 1), k - 1) << k;
+        ASSERT_EQ(isqrt(k * k), k) << k;
+        ASSERT_EQ(isqrt(k * k + 2 * k), k) << k;
+    }
 }

@@ -17,9 +17,8 @@ using vq_tl_test::Picture;
 
 namespace vq_tl_test {
 
-// Where a YUV format keeps the luma of pixel (x, y) and the chroma of its
-// block, worked out here from the format's name rather than taken from the
-// library. `order`: the bytes of an interleaved pixel pair, else null.
+// Where a YUV format keeps the luma of pixel (x, y) and the chroma of its block, worked out from the format's
+// name, not taken from the library. `order`: the bytes of an interleaved pixel pair, else null.
 struct YuvFormat {
     uint32_t code;
     int vShift;
@@ -103,10 +102,9 @@ const YuvFormat kYuvFormats[] = {
 
 using namespace vq_tl_test;
 
-// Y of every pixel, and U, V of every block from the mean of its pixels inside the image, on an odd size so
-// that the right and bottom blocks are cut. Y truncates (up to 1 below) with 15-bit coefficients (up to 0.005
-// off); the block mean is rounded to whole values before the chroma formula (up to 0.5 more). Measured worst
-// differences: Y 1.002, chroma 1.351.
+// Y of every pixel, and U, V of every block from the mean of its pixels inside the image, on an odd size that
+// cuts the right and bottom blocks. Y truncates (up to 1 below) with 15-bit coefficients (up to 0.005 off);
+// the block mean is rounded before the chroma formula (0.5 more). Measured worst: Y 1.002, chroma 1.351.
 TEST(ImageConv, RgbToYuvFollowsBt601OnRandomPixelsAndBlocks) {
     std::mt19937 rng(7);
     for (const YuvFormat& f : kYuvFormats) {
@@ -183,8 +181,8 @@ TEST(ImageConv, YuvToRgbFollowsBt601AndRoundTrips) {
     }
 }
 
-// Pixels through every family, worked by hand. Red: Y = 9798 * 255 >> 15 = 76; U = -5538 * 255 >> 15 = -44, +
-// 128 = 84; V = 255 << 14 >> 15 = 127, + 128 = 255. Back: R = 76 + 178, G = 76 - 75, B = 76 - 78 clamped.
+// Pixels through every family, worked by hand. Red: Y = 9798 * 255 >> 15 = 76; U = 128 - 44 = 84 (-5538 *
+// 255 >> 15 is -44); V = 128 + (255 << 14 >> 15) = 255. Back: R = 76 + 178, G = 76 - 75, B = 76 - 78 clamped.
 TEST(ImageConv, KnownAnswers) {
     struct Case {
         uint32_t from, to;
@@ -208,7 +206,7 @@ TEST(ImageConv, KnownAnswers) {
         {64, 60, 1, {0x34, 0x12}, {0x12}},
         {30, 2, 1, {255, 128, 128}, {255, 255, 255}},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.from << " to " << c.to << ": " << int{c.in[0]});
         Picture src(c.width, 1, c.from), dst(c.width, 1, c.to);
         std::memcpy(src.row(0, 0), c.in.data(), c.in.size());
@@ -277,8 +275,7 @@ TEST(ImageConv, RectanglesCoverWholeChromaBlocksInPlace) {
     }
 }
 
-// Whole-pixel sources fill a destination of another size by nearest
-// neighbour from the rectangle: x = left + dx * width / dst width.
+// Whole-pixel sources fill another size by nearest neighbour: x = left + dx * width / dst width.
 TEST(ImageConv, WholePixelSourcesScaleByNearestNeighbour) {
     Picture src(6, 4, 9), dst(2, 2, 2), yuv(6, 4, 27);  // RGBA
     for (int32_t i = 0; i < 24; ++i)
@@ -289,8 +286,7 @@ TEST(ImageConv, WholePixelSourcesScaleByNearestNeighbour) {
     EXPECT_EQ(convert(&dst.image, &yuv.image), TL_ERROR_PARAM);  // no scaling from shared chroma
 }
 
-// Failures and no-ops leave the destination's bytes as they were: routes
-// (a null `rect` is a whole-image conversion) and rectangles.
+// Failures and no-ops leave the destination untouched: routes (a null rect: whole image), rectangles.
 TEST(ImageConv, DispatchRulesAndBadRectanglesLeaveDestinationUntouched) {
     struct Case {
         TLResult (*plain)(Image*, const Image*);  // else convert() with the rectangle
@@ -315,7 +311,7 @@ TEST(ImageConv, DispatchRulesAndBadRectanglesLeaveDestinationUntouched) {
         {nullptr, 2, 27, {5, 4, 2, 6}, TL_OK},
     };
     std::mt19937 rng(1);
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.from << " to " << c.to << " right " << c.rect.right);
         Picture src(8, 6, c.from), dst(8, 6, c.to), copy(8, 6, c.to);
         src.fillRandom(rng);
@@ -327,8 +323,7 @@ TEST(ImageConv, DispatchRulesAndBadRectanglesLeaveDestinationUntouched) {
     }
 }
 
-// A constant colour survives the mosaic and bilinear demosaicing exactly,
-// edges included; each site holds its pattern's component.
+// A constant colour survives mosaic and bilinear demosaic exactly, edges too; each site holds its component.
 TEST(ImageConv, BayerRoundTripOfAConstantColour) {
     struct Case {
         uint32_t code;
@@ -336,7 +331,7 @@ TEST(ImageConv, BayerRoundTripOfAConstantColour) {
     } cases[] = {{40, {0, 1, 1, 2}}, {41, {1, 0, 2, 1}}, {42, {1, 2, 0, 1}},
                  {43, {2, 1, 1, 0}}, {56, {0, 1, 1, 2}}, {59, {2, 1, 1, 0}}};
     const uint8_t colour[3] = {200, 90, 17};
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.code);
         Picture rgb(7, 5, 2), bayer(7, 5, c.code), back(7, 5, 2);
         for (int32_t i = 0; i < 35; ++i) std::memcpy(rgb.row(0, i / 7) + 3 * (i % 7), colour, 3);

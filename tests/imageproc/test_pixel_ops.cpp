@@ -1,5 +1,4 @@
-// Point operations against plain expressions written here, on random
-// pictures with odd sizes, views into larger pictures and extreme values.
+// Point operations against plain expressions, on random pictures of odd sizes, views and extreme values.
 #include <gtest/gtest.h>
 
 #include <bit>
@@ -61,8 +60,7 @@ void store(uint8_t* p, Kind k, double v) {
     std::memcpy(p, k.type == 'f' ? static_cast<const void*>(&f) : &i, k.size);
 }
 
-// Calls f on every element that the pixels occupy, plane by plane: whole
-// units of the format's bytes per pixels, rows by its subsampling.
+// Calls f on every element the pixels occupy, plane by plane, rows by the format's subsampling.
 template <typename F>
 void forEachElement(const Image& m, F f) {
     const Kind k = kindOf(m.format);
@@ -207,9 +205,8 @@ TEST(PixelOps, ClearFillsEveryPlaneOrOnlyLuma) {
 }
 
 TEST(PixelOps, BlendWorkedByHandOnEachLayout) {
-    // a 200, b 100: alpha 0 gives 100, 32 gives 125, 64 gives 150, 96 gives 175,
-    // 128 (or more) gives 200. A 4:2:0 chroma sample takes the rounded mean of
-    // its 2 by 2 pixels' alpha, the last column and row repeated at odd sizes.
+    // a 200, b 100: alpha 0 gives 100, 32 gives 125, 64 gives 150, 96 gives 175, 128 (or more) 200. A 4:2:0
+    // chroma sample takes the rounded mean of its 2 by 2 pixels' alpha, edges repeated at odd sizes.
     const uint8_t alpha[3][3] = {{0, 255, 128}, {128, 128, 0}, {0, 64, 128}};
     const uint8_t luma[3][3] = {{100, 200, 200}, {200, 200, 100}, {100, 150, 200}};
     const uint8_t chroma[2][2] = {{175, 150}, {125, 200}};  // from 96, 64, 32 and 128

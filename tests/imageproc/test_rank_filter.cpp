@@ -1,5 +1,4 @@
-// Rank filters against a brute force: the window's part inside the image,
-// sorted (the median the lower middle). Every layout, plane masks, in place.
+// Rank filters against a brute force over the window's part inside the image (the median the lower middle).
 #include <gtest/gtest.h>
 
 #include <algorithm>

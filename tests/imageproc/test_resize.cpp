@@ -1,5 +1,4 @@
-// Resizing against models written here: bilinear in double, the exact mean
-// of the covered area, and the rounded mean of four for halving.
+// Resizing against models: bilinear in double, the exact mean of the covered area, the rounded mean of four.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -49,8 +48,7 @@ void set(Picture& p, int32_t i, int32_t y, double v) {
 }  // namespace
 
 TEST(Resize, RampsWorkedByHand) {
-    // 4 -> 8: samples at -0.25 (edge), 0.25, 0.75, ..., 3.25 (edge). 10 -> 3:
-    // at 1.1667, 4.5 (a tie, rounded up), 7.8333 of a ramp of 25 per pixel.
+    // 4 -> 8: samples at -0.25 (edge), 0.25, ..., 3.25 (edge). 10 -> 3: 1.17, 4.5 (tie, up), 7.83.
     const struct {
         int32_t sw, dw;
         std::vector<uint8_t> src, expected;
@@ -70,8 +68,7 @@ TEST(Resize, RampsWorkedByHand) {
 }
 
 TEST(Resize, MatchesADoubleModelWithinOneLevel) {
-    // Samples at the resizer's Q15 positions: steep random data tests the
-    // arithmetic, not the position's last bit. INT32 holds values times 2^16.
+    // Samples at the resizer's Q15 positions on steep random data; INT32 holds values times 2^16.
     const struct {
         uint32_t format;
         int32_t lo, hi, scale;
@@ -107,8 +104,7 @@ TEST(Resize, MatchesADoubleModelWithinOneLevel) {
 }
 
 TEST(Resize, HalvingIsTheRoundedMeanOfFour) {
-    // (a + b + c + d + 2) >> 2, the last column and row repeated where the source
-    // is odd or short; resizing to about half is the same kernel.
+    // (a + b + c + d + 2) >> 2, the last column and row repeated; resizing to about half is the same kernel.
     std::mt19937 rng(31);
     for (uint32_t f : {IMAGE_FORMAT_UINT8, IMAGE_FORMAT_UINT88, IMAGE_FORMAT_INT16, IMAGE_FORMAT_INT32}) {
         for (int round = 0; round < 6; ++round) {

@@ -1,5 +1,4 @@
-// The eight orientation operations against their formulas on every plane,
-// and the operation table by composition.
+// The eight orientation operations against their formulas on every plane; the operation table by composition.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -43,9 +42,8 @@ TEST(Rotate, OperationTableIsAGroup) {
 }
 
 TEST(Rotate, EveryOperationMatchesItsFormulaOnEveryPlane) {
-    // From orientation 1 to `to` is operation kFromOne[to] (6 the clockwise
-    // quarter turn). Every element of every plane at its own element size (1 to
-    // 4 bytes); odd sizes above one tile (4:2:0 needs even ones); rows padded by 7.
+    // From orientation 1 to `to` is operation kFromOne[to] (6 the clockwise quarter turn). Every element of
+    // every plane at its own size (1 to 4 bytes); odd sizes above one tile (4:2:0 even); rows padded by 7.
     const int kFromOne[9] = {0, 1, 2, 3, 4, 5, 8, 7, 6};
     std::mt19937 rng(1234);
     for (uint32_t f :

@@ -1,6 +1,5 @@
-// Row stripes: both division rules, the one runner over every layer, and the same pixels from the
-// kernels whichever layer runs them, through the object that holds that kind of layer (ImageProc an
-// executor, ImageProc2 a Pel).
+// Row stripes: both division rules, the runner over every layer, and the kernels' pixels whichever layer runs
+// them, through the object holding that kind of layer (ImageProc an executor, ImageProc2 a Pel).
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -1,7 +1,6 @@
-// Rectify: rotations, camera matrices and grid maps against hand-worked and closed forms; the lens model
-// and its fitted inverse; the solver of the fit. StereoRectify: camera matrices fitted between sizes by
-// hand, the composition of grids, and a synthetic calibrated pair of phone cameras whose 3D points must
-// land on the same rows of the two rectified frames.
+// Rectify: rotations, camera matrices and grid maps against hand-worked and closed forms; the lens model and
+// its fitted inverse; the fit's solver. StereoRectify: camera matrices fitted between sizes by hand, grid
+// composition, and a synthetic calibrated pair whose 3D points land on the same rows of both frames.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -35,8 +34,7 @@ void expectMatrixNear(const Mvec8Real& a, const Mvec8Real& e, double tolerance, 
     for (int i = 0; i < 9; ++i) EXPECT_NEAR(a.m[i], e.m[i], tolerance) << what << " " << i;
 }
 
-// The grid map tests: camera f 320 at (203, 148) on a 400 by 300 frame,
-// rectified camera f 300 at (108, 81), and this rotation between them.
+// Grid map tests: camera f 320 at (203, 148) on 400 by 300, new camera f 300 at (108, 81), this rotation.
 const Mvec8Real kCamera = camera(320, 203, 148), kNewCamera = camera(300, 108, 81);
 const Mvec8Real kRotation = rodrigues(0.2, -0.5, 0.8, 0.02);
 
@@ -51,8 +49,7 @@ void forward(const RectifyLensDist& lens, double x, double y, double* sx, double
     *sy = 320 * *sy + 148;
 }
 
-// Independent inverse of the forward model: fixed-point iteration
-// p = d - (forward(p) - p), in long double, run to convergence.
+// An independent inverse of the forward model: p = d - (forward(p) - p) iterated in long double.
 void referenceUndistort(const RectifyLensDistortionCoeff& c, double xd, double yd, double* x, double* y) {
     long double px = xd, py = yd;
     for (int it = 0; it < 200; ++it) {
@@ -159,8 +156,7 @@ TEST(Rectify, RectifyingRotationsWorkedByHand) {
         double t[3];
         Mvec8Real rotation1, rotation2;
     } cases[] = {
-        // No rotation, baseline along x either way: nothing to turn. A
-        // vertical baseline takes the y axis; its sign does not matter.
+        // No rotation, baseline along x: nothing to turn. A vertical baseline takes the y axis, either sign.
         {"baseline -x", kIdentity, {-10, 0, 0}, kIdentity, kIdentity},
         {"baseline +y", kIdentity, {0, 5, 0}, kIdentity, kIdentity},
         // (3, 4, 0): y is strictly greater, n = (0.6, 0.8, 0), and align turns y onto n by acos(0.8) about
@@ -184,8 +180,7 @@ TEST(Rectify, RectifyingRotationsWorkedByHand) {
         ASSERT_EQ(Mvec8Real_mult(&product, &r2, &c.rotation), TL_OK);
         expectMatrixNear(product, r1, 1e-12, c.name);
     }
-    // Refused with the outputs untouched: not a rotation (the sine of its
-    // angle would be above 1), no baseline, not a number.
+    // Refused, outputs untouched: not a rotation (the sine of its angle above 1), no baseline, not a number.
     Mvec8Real r1 = kIdentity, r2 = kIdentity;
     const Mvec8Real notRotation = {{1, 0, 0, 0, 1, -3, 0, 3, 1}},
                     notANumber = {{1, 0, 0, 0, 1, NAN, 0, 0, 1}};
@@ -197,9 +192,8 @@ TEST(Rectify, RectifyingRotationsWorkedByHand) {
 }
 
 TEST(Rectify, GridMapsMatchClosedFormsAndTheInverseGridUndoesThem) {
-    // Each vertex against the model written out, serially and over a Pel.
-    // Each vertex of the inverse grid, sent forward through the exact model,
-    // comes back to its source pixel within the fitted inverse's accuracy.
+    // Each vertex against the model written out, serially and over a Pel. Each vertex of the inverse grid,
+    // sent forward through the exact model, comes back to its source within the fitted inverse's accuracy.
     Fixture serial, parallel(&sharedLayers().pel);
     const RectifyLensDist none = coeffLens(0, 0, 0, 0, 0), mild = coeffLens(0.05, -0.08, 0.02, 4e-4, -3e-4);
     for (const RectifyLensDist& lens : {none, mild}) {
@@ -223,8 +217,7 @@ TEST(Rectify, GridMapsMatchClosedFormsAndTheInverseGridUndoesThem) {
         }
     }
     // Laid out on 100 by 60 of the 400 by 300 image: the scaled inverse multiplies the focal terms by 4
-    // across and 5 down and leaves the offsets, so with no lens, no rotation and the same camera each vertex
-    // (x, y) maps to (4 x, 5 y).
+    // across and 5 down, so with no lens, no rotation and one camera vertex (x, y) maps to (4 x, 5 y).
     RectifyLensDist d = none;
     Grid grid(400, 300, 32), inverse(100, 60, 8);
     ASSERT_EQ(Rectify_calcRectifyGridParams(&serial.rectify, &grid.g, &inverse.g, &kCamera, &d, &kIdentity,
@@ -285,8 +278,7 @@ TEST(Rectify, ComplementingTwoGrids) {
 TEST(RectifyLensDist, FittedInverseUndoesPhoneLenses) {
     // 4000 by 3000 phone cameras, f 3200: over 41 by 31 distorted points, distort(undistort(p)) - p and the
     // fitted inverse against the reference. The single-precision fit comes to about 0.8 pixel at the corners
-    // for the strong barrel lens, 0.25 for the pincushion, 0.04 for the mild one. Over a Pel the fit is the
-    // same.
+    // for the strong barrel lens, 0.25 for the pincushion, 0.04 for the mild one, over a Pel too.
     const struct {
         double k1, k2, k3, p1, p2, tolerancePixels;
     } lenses[] = {{-0.12, 0.05, -0.01, 0.0010, -0.0008, 1.0},
@@ -431,11 +423,10 @@ TEST(StereoRectify, SynthesizeGridComposesTwoMaps) {
 }
 
 TEST(StereoRectify, PointsLandOnTheSameRowOfBothFrames) {
-    // A 10 mm baseline along x, a residual rotation of 0.3 degree: every point from 0.5 m to 5 m
-    // lands on the same row of both frames within a quarter of a pixel, at the disparity (1.7 to 17
-    // pixels) of the baseline at the rectified focal length. Vertical and depth components of a few
-    // tenths of a millimetre part the rows (the rotation turns the baseline by twice its angle to
-    // the axis), but by no more than the 4 rows each way that the matcher searches.
+    // A 10 mm baseline along x, a residual rotation of 0.3 degree: every point from 0.5 m to 5 m lands on the
+    // same row of both frames within a quarter of a pixel, at the disparity (1.7 to 17 pixels) of the
+    // baseline at the new focal length. Vertical and depth parts of tenths of a millimetre part the rows (the
+    // rotation turns the baseline by twice its angle), within the 4 rows each way the matcher searches.
     const Mvec8Real turn = rodrigues(0.3, -0.5, 0.8, 0.3 * M_PI / 180),
                     tilt = rodrigues(-0.7, 0.2, 0.4, 0.4 * M_PI / 180);
     const struct {

@@ -27,10 +27,10 @@ struct Converter {
     }
 };
 
-// The hand-made record. Power-of-two pitches keep it exact: main f = 4.0 mm / 2^-10 mm = 4096 pixels, sub f =
-// 3.0 mm / 1.953125 um = 1536. Principal points off centre by (8, -12) and (-3, 0) pixels; crop origins round
-// to (3, -1) and (0, 2), sizes to 3996 by 2996 and 2000 by 1500. The sub table comes from a radial model: the
-// knot at fraction t to the corner has R2 = t^2 1250^2 / 1536^2.
+// The hand-made record. Power-of-two pitches keep it exact: main f = 4.0 mm / 2^-10 mm = 4096 pixels, and
+// sub f = 3.0 mm / 1.953125 um = 1536. Principal points off centre by (8, -12) and (-3, 0) pixels; crop
+// origins round to (3, -1) and (0, 2), sizes to 3996 by 2996 and 2000 by 1500. The sub table comes from a
+// radial model: the knot at fraction t to the corner has R2 = t^2 1250^2 / 1536^2.
 const float kMainTable[5] = {0.0f, 0.24f, 0.47f, 0.69f, 0.9f};
 constexpr float kSubK1 = -0.05f, kSubK2 = 0.01f;
 float gSubTable[11];
@@ -40,9 +40,8 @@ RectifyDataConverterParam handMadeRecord() {
         const double t = i / 10.0, r2 = t * t * (1250.0 * 1250.0) / (1536.0 * 1536.0);
         gSubTable[i] = static_cast<float>(t * (1.0 + kSubK1 * r2 + kSubK2 * r2 * r2));
     }
-    // In the order of the record: the forward flag, pitches, focal lengths,
-    // sensor sizes, centre offsets, the main and sub crops (left, top, width,
-    // height), lens kinds, counts and tables, translation, rotation angles.
+    // In the record's order: the forward flag, pitches, focal lengths, sensor sizes, centre offsets, the main
+    // and sub crops (left, top, width, height), lens kinds, counts, tables, translation, rotation angles.
     return {1,          0.9765625f,   1.953125f,     4.0f, 3.0f, 4000,  3000,    2000,       1500,
             0.0078125f, -0.01171875f, -0.005859375f, 0.0f, 2.5f, -0.5f, 3995.5f, 2996.4f,    0.49f,
             1.5f,       1999.5f,      1499.5f,       1,    0,    5,     11,      kMainTable, gSubTable,
@@ -68,14 +67,12 @@ TEST(RectifyDataConverter, HandMadeRecordGivesTheRowWorkedOutByHand) {
     TwinLensCameraParam row = sentinelRow();
     ASSERT_EQ(velquin_RectifyDataConverter_convert(&c.handle, &row, &p), TL_OK);
     EXPECT_EQ(row.extrinsicsForward, 1);
-    // Camera matrices: main cx = 8 + 2000 - 3, cy = -12 + 1500 + 1; sub cx =
-    // -3 + 1000 - 0, cy = 0 + 750 - 2. Rect sizes take the calibration sizes.
+    // Camera matrices: main cx = 8 + 2000 - 3, cy = -12 + 1500 + 1; sub 997, 748 likewise.
     const double mainK[9] = {4096, 0, 2005, 0, 4096, 1489, 0, 0, 1},
                  subK[9] = {1536, 0, 997, 0, 1536, 748, 0, 0, 1};
     EXPECT_TRUE(std::equal(mainK, mainK + 9, row.mainCameraMatrix));
     EXPECT_TRUE(std::equal(subK, subK + 9, row.subCameraMatrix));
-    // Rz(90 degrees) with the radians rounded to float: fl(pi / 2) lies
-    // 4.371139e-8 above pi / 2, so the cosine is -4.371139e-8, not 0.
+    // Rz(90 degrees) with the radians in float: fl(pi / 2) lies 4.371139e-8 above pi / 2, the cosine below 0.
     const double z = std::cos(static_cast<double>(static_cast<float>(M_PI / 2))),
                  rotation[9] = {z, -1, 0, 1, z, 0, 0, 0, 1};
     for (int i = 0; i < 9; ++i) EXPECT_NEAR(row.stereoRotation[i], rotation[i], 1e-14) << i;
@@ -89,8 +86,7 @@ TEST(RectifyDataConverter, HandMadeRecordGivesTheRowWorkedOutByHand) {
     EXPECT_NEAR(row.mainLensDist.u.data.maxRadius, 0.6103515625, 1e-15);
     EXPECT_TRUE(std::equal(kMainTable, kMainTable + 5, row.mainLensDist.u.data.table));
     EXPECT_TRUE(untouched(&row.mainLensDist.u.data.table[5], sizeof(double)));
-    // Sub lens fitted: the known k1 and k2 come back, p1 and p2 are 0, and
-    // what the fit does not produce is left alone.
+    // Sub lens fitted: k1 and k2 come back, p1 and p2 are 0; what the fit does not produce is left alone.
     EXPECT_EQ(row.subLensDist.kind, 0);
     const auto& sub = row.subLensDist.u.coeff;
     EXPECT_TRUE(std::fabs(sub.k[0] - kSubK1) < 2e-4 && std::fabs(sub.k[1] - kSubK2) < 5e-4 &&
@@ -106,8 +102,7 @@ TEST(RectifyDataConverter, HandMadeRecordGivesTheRowWorkedOutByHand) {
                 untouched(row.mainRectCameraMatrix, sizeof row.mainRectCameraMatrix) &&
                 untouched(row.subRectCameraMatrix, sizeof row.subRectCameraMatrix));
 
-    // The table, read by the lens model, moves an ideal point at fraction t
-    // of the way to the sensor corner to fraction T(t).
+    // The table, read by the lens model, moves an ideal point at fraction t to the sensor corner to T(t).
     RectifyLensDist lens;
     RectifyLensDist_clear(&lens);
     const auto& data = row.mainLensDist.u.data;

@@ -1,5 +1,5 @@
-// The grid warp against known answers and a per-pixel bilinear reference,
-// its cell handling and schedules, refused input; and warp grid layouts.
+// The grid warp against known answers and a per-pixel bilinear reference; cells, schedules, refusals, grids.
+// layouts.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -25,8 +25,7 @@ struct FormatMode {
     int32_t mode;
 };
 
-// Every format with a kernel, in every mode that selects a different one:
-// 16, 17, 20 and 21 are the interleaved 4:2:2 orders.
+// Every format with a kernel, in every mode selecting another: 16, 17, 20, 21 the interleaved 4:2:2 orders.
 constexpr uint32_t kGray = IMAGE_FORMAT_UINT8, k422P = IMAGE_FORMAT_YUV422_PLANAR,
                    k420P = IMAGE_FORMAT_YUV420_PLANAR, k420SP = IMAGE_FORMAT_YUV420_SEMIPLANAR,
                    k420VU = IMAGE_FORMAT_YVU420_SEMIPLANAR;
@@ -41,8 +40,7 @@ std::string nameOf(const FormatMode& f) {
     return std::string(Image_getImageFormatStr(f.format)) + " mode " + std::to_string(f.mode);
 }
 
-// Whether the vertices of the cell of pixel (x, y), at most `last` cells
-// before the end, lie in [0, w - margin] by [0, h - margin].
+// Whether the vertices of pixel (x, y)'s cell (at most `last` from the end) lie in [0, w - m] by [0, h - m].
 bool cellInside(const Grid& grid, int32_t x, int32_t y, int32_t w, int32_t h, int32_t margin, int32_t last) {
     const int32_t v = std::min(y / grid.g.gridHeight, grid.g.rows - last) * grid.g.cols +
                       std::min(x / grid.g.gridWidth, grid.g.cols - last);
@@ -102,9 +100,8 @@ TEST(Renderer2, IdentityReproducesTheSource) {
             Renderer r(f.mode, 0);
             ASSERT_EQ(render(r, dst, src, grid), TL_OK) << what;
             EXPECT_TRUE(dst.canariesIntact()) << what;
-            // Bilinear luma is exact, except that the row's tail limits its column to width - 2: in the
-            // grid's last cell (groups stop 16 pixels before the end) and in the last column of cells of a
-            // width that is not a multiple of 8.
+            // Bilinear luma is exact, but the tail limits its column to width - 2: in the last cell (groups
+            // stop 16 pixels before the end) and the last column of cells of a width not a multiple of 8.
             const int32_t lastLeft = grid.g.xs[grid.g.cols - 2],
                           lastTop = grid.g.ys[(grid.g.rows - 2) * grid.g.cols];
             const bool exact = isCopy(f) || isNearest(f);
@@ -116,10 +113,9 @@ TEST(Renderer2, IdentityReproducesTheSource) {
 }
 
 TEST(Renderer2, GroupArithmeticWorkedByHand) {
-    // A half-pixel shift between columns of 10 and 13: groups of 8 give the rounded mean 12, the pixels of
-    // the tail the truncated 11. In the grid's last cell groups stop 16 pixels before the end: on a 40-pixel
-    // row the groups cover 0 to 31 and the tail 32 to 39. The same cell as the first of two runs its groups
-    // to 8 pixels before its end.
+    // A half-pixel shift between columns of 10 and 13: groups of 8 give the rounded mean 12, the tail's
+    // pixels the truncated 11. In the last cell groups stop 16 pixels before the end: on a 40-pixel row they
+    // cover 0 to 31, the tail 32 to 39; the same cell as the first of two runs groups to 8 before its end.
     Picture src(96, 8, kGray);
     for (int32_t i = 0; i < 96 * 8; ++i) src.u8(i % 96, i / 96) = i % 2 == 0 ? 10 : 13;
     Renderer r;
@@ -166,9 +162,8 @@ TEST(Renderer2, TrimmedRowsAndSkippedCellsLeaveTheDestinationAlone) {
         // Identity: odd sizes lose their last column and row, then pairs until width - 2.
         {"identity 37x29", k420SP, 37, 29, 37, 29, 8, 1, affine(1, 0, 0, 0, 1, 0),
          [](int32_t x, int32_t y) { return int{x < 35 && y < 28}; }},
-        // Columns 40 to 104 of a 64-wide source: the second cell's rows lose two pixels at a time from their
-        // last, 31, until the end maps to column 62 or less: 21 is the last drawn. Cells from 32 have no
-        // vertex inside and are skipped.
+        // Columns 40 to 104 of a 64-wide source: the second cell's rows lose two pixels at a time from 31
+        // until the end maps to 62 or less: 21 is the last drawn. Cells from 32 have no vertex inside.
         {"one vertex inside", kGray, 64, 64, 64, 64, 16, 1, affine(1, 0, 40, 0, 1, 0),
          [](int32_t x, int32_t) { return int{x <= 21}; }},
         // An invalid vertex at (32, 32): its four cells are skipped.
@@ -323,8 +318,7 @@ TEST(Renderer2, CellsAreClassifiedByShape) {
 }
 
 TEST(Renderer2, EveryWayOfRunningCellsGivesTheSamePixels) {
-    // Each parallel layer gives the serial pixels. 13 (or 6) cell rows:
-    // the bands of the executors do not divide them evenly.
+    // Each parallel layer gives the serial pixels; 13 (or 6) cell rows do not divide evenly into bands.
     Layers& layers = sharedLayers();
     std::mt19937 random(17);
     const int32_t w = vq_tl_test_scaled(150, 70), h = vq_tl_test_scaled(128, 58);

@@ -33,8 +33,7 @@ struct Grid {
     }
 };
 
-// The warp's map at rectified pixel (rx, ry): the bilinear blend of its
-// cell's vertices, as Renderer2 draws it. False on an invalid vertex.
+// The warp's map at (rx, ry): its cell's vertices blended bilinearly, as drawn. False on an invalid vertex.
 inline bool gridAt(const vq_tl::Renderer2_Params& g, double rx, double ry, double* s) {
     const int32_t i = std::clamp(static_cast<int32_t>(rx / g.gridWidth), 0, g.cols - 2),
                   v = std::clamp(static_cast<int32_t>(ry / g.gridHeight), 0, g.rows - 2) * g.cols + i;
@@ -74,9 +73,8 @@ inline TLResult render(Renderer& r, Picture& dst, const Picture& src, const Grid
     return vq_tl::Renderer2_render(&r.r, &dst.image, &src.image, &grid.g);
 }
 
-// Where a format keeps its samples: luma at row(0, y)[lumaStep x + lumaOffset],
-// chroma component c (0 and 1 in memory order) at row(plane + c planeStep,
-// cy)[chromaStep cx + chromaOffset + c componentStep], in chroma samples.
+// Where a format keeps its samples: luma at row(0, y)[lumaStep x + lumaOffset], chroma component c (in memory
+// order) at row(plane + c planeStep, cy)[chromaStep cx + chromaOffset + c componentStep].
 struct Layout {
     bool hasChroma;
     int32_t chromaShiftY;  // 1 for 4:2:0; chroma is always half as wide
@@ -123,8 +121,7 @@ inline void fillSmooth(Picture& p, const Layout& l, int32_t w, int32_t h) {
             static_cast<uint8_t>(std::lround(smoothChroma(i % 2, i / 2 % cw, i / 2 / cw)));
 }
 
-// Bilinear sample of the luma of p at (sx, sy) with real weights, edges
-// repeated: the warp as it would be done per pixel in real arithmetic.
+// Bilinear luma of p at (sx, sy), real weights, edges repeated: the warp done per pixel in real arithmetic.
 inline double referenceLuma(const Picture& p, const Layout& l, int32_t w, int32_t h, double sx, double sy) {
     const double fx = std::floor(sx), fy = std::floor(sy), ax = sx - fx, ay = sy - fy;
     auto at = [&](double x, double y) {

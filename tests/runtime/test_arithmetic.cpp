@@ -139,9 +139,8 @@ double draw(std::mt19937_64& rng, Gen gen, double lo, double hi) {
 
 #define REF(f) [](double x) { return std::f(x); }
 
-// Bounds: measured worst cases (x86-64, glibc 2.36) in the comments, rounded
-// up. "abs" rows count absolute error in units of 2^-53, where relative error
-// means nothing near a zero or is lost to cancellation in the construction.
+// Bounds: measured worst cases (x86-64, glibc 2.36) in the comments, rounded up. "abs" rows count absolute
+// error in units of 2^-53, where relative error means nothing near a zero or is lost to cancellation.
 constexpr double kThirdPi = 1.0471975511965976;
 using enum Gen;
 using enum Metric;
@@ -221,8 +220,7 @@ TEST(RawDouble, SweepsAgainstTheCLibrary) {
     }
 }
 
-// On a grid of zeros, infinities, NaN and extremes both follow the C library:
-// quadrants, signs of zero, no overflow or underflow inside hypot.
+// On a grid of zeros, infinities, NaN and extremes both follow the C library: quadrants, zero signs, hypot.
 TEST(RawDouble, TwoArgumentFunctions) {
     const double grid[] = {0.0,  -0.0,  1.0,  -1.0,  -5.0,   3.0,    4.0,
                            kInf, -kInf, kNaN, 1e300, -1e300, 3e-310, 4e-310};
@@ -273,8 +271,7 @@ TEST(RawDouble, ExactPowersAndTheDefinedCompositions) {
         ASSERT_EQ(RawDouble_exp2(n), std::ldexp(1.0, n)) << n;
         ASSERT_EQ(RawDouble_log2(std::ldexp(1.0, n)), n) << n;
     }
-    // The derived functions must be these compositions bit for bit, since
-    // tables elsewhere were made with them; sqrt in particular is not the root.
+    // The derived functions are these compositions bit for bit (tables were made with them): sqrt is no root.
     std::mt19937_64 rng(7);
     int sqrtDiffers = 0;
     for (int i = 0; i < 20000; ++i) {
@@ -352,8 +349,7 @@ TEST(FixedMath, CosineAndArcsineHandWorked) {
 }
 
 TEST(FixedMath, CosineFollowsTheTrueCosine) {
-    // The phase keeps 12 bits per turn: an error of at most 16 phase steps of
-    // 2 pi / 65536 times the slope 32768, about 50.3, plus 1 for truncation.
+    // The phase keeps 12 bits per turn: 16 steps of 2 pi / 65536 times the slope 32768 (50.3), plus 1.
     std::mt19937 rng(31);
     for (int i = 0; i < 400000; ++i) {
         const int32_t angle = i < 210000 ? i - 5000 : static_cast<int32_t>(rng());

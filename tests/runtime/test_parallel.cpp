@@ -113,8 +113,7 @@ constexpr PelKernel kFailingIndex = PelKernel_perIndex<failingIndex>();
 enum Engine { NONE, PEL, PEL_DYNAMIC, POOL, POOL_CALLER_WORKS };
 const char* const kEngineNames[] = {"none", "pel", "pel-dynamic", "pool", "pool-caller-works"};
 
-// An executor of one engine, with its Pel where it has one; pools of `threads`
-// (3 by default) without affinity unless asked.
+// An executor of one engine, with its Pel where it has one; pools of `threads` (3) without affinity.
 struct Executor {
     Pel pel;
     ParallelExecutor e;
@@ -232,8 +231,7 @@ TEST(Pel, FixedSharesAreBresenhamSpread) {
     }
 }
 
-// Under contention every index runs exactly once, for random sizes, worker
-// numbers, both balancing modes, all entry shapes and nested kernels.
+// Under contention every index runs once, for random sizes and workers, both balancings, all shapes, nesting.
 TEST(Pel, EveryIndexRunsExactlyOnce) {
     std::mt19937 random(20261121);
     for (int round = 0; round < vq_tl_test_scaled(48, 12); ++round) {
@@ -256,8 +254,7 @@ TEST(Pel, EveryIndexRunsExactlyOnce) {
 
 namespace {
 
-// A node of a dependency graph stamps each of its calls on one global clock
-// of increments; its first and last stamps bound its run.
+// A graph node stamps each of its calls on one global clock; its first and last stamps bound its run.
 struct GraphNode {
     std::atomic<int32_t>* clock;
     std::atomic<int32_t> first{INT32_MAX}, last{-1};
@@ -332,9 +329,8 @@ TEST(Pel, DependencyGraphsCompleteInAValidOrder) {
 }
 
 // 256 command slots and 1024 dependency links, the pool held in a gate task: the enqueuer sleeps until
-// another thread opens the gate, with 300 tasks that wait on the gate for slots, or with fan-ins of 100
-// dependencies for links (100 + 9 * 100 links are taken; the tenth fan-in cannot get its 100). The opener
-// looks once the enqueuer had 30 ms to block.
+// another thread opens the gate, with 300 tasks waiting on the gate for slots, or with fan-ins of 100
+// dependencies for links (100 + 9 * 100 are taken; the tenth cannot get its 100). The opener waits 30 ms.
 TEST(Pel, ExhaustedTablesMakeTheEnqueuerWait) {
     for (int32_t variant = 0; variant < 3; ++variant) {
         const bool links = variant > 0;
@@ -457,8 +453,7 @@ TEST(ParallelExecutor, EnginesAgreeOnForkJoinAndExecute) {
     }
 }
 
-// Twice the queue capacity of places between joins; forks from several
-// threads at once, every event released afterwards.
+// Twice the queue capacity of places between joins; forks from several threads, every event released.
 TEST(ParallelExecutor, PelEnginePlacesAndForksFromSeveralThreads) {
     Executor x(PEL);
     ASSERT_EQ(ParallelExecutor_init(&x.e, 16, 64), TL_OK);

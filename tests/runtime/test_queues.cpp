@@ -138,8 +138,7 @@ TEST(ConcurrentLinkedQueue, RefusalsChangeNothing) {
     EXPECT_EQ(ConcurrentLinkedQueue_size(&f.q), 0);
 }
 
-// Far beyond 4096 changes of every tagged word: the counters wrap. The largest
-// ring uses every bit of the slot index.
+// Far beyond 4096 changes of every tagged word, so the counters wrap; the largest ring uses every index bit.
 TEST(ConcurrentLinkedQueue, MatchesASimpleQueueUnderRandomOperations) {
     for (const int32_t capacity : {1, 2, 5, 16, kClqMaxCapacity}) {
         SCOPED_TRACE(capacity);
@@ -169,8 +168,7 @@ TEST(ConcurrentLinkedQueue, HeadCounterTellsAReusedSlotApartAndWrapsAfter4096Cha
 
 // Small rings recycle slots constantly. With more threads than cores a stalled thread can sleep through 4096
 // changes of a tagged word, so the many-thread shapes use rings large enough that the same slot coming back
-// with the same counter stays out of reach; the one-to-one shape cannot get that far ahead of a stalled
-// partner.
+// with the same counter stays out of reach; one-to-one cannot get that far ahead.
 TEST(ConcurrentLinkedQueue, ExchangeLosesNothingAndKeepsEachProducersOrder) {
     for (const ExchangeShape& shape : {ExchangeShape{4, 4, 1024, 15000}, ExchangeShape{1, 1, 4, 40000},
                                        ExchangeShape{2, 2, 256, 20000}, ExchangeShape{3, 1, 256, 10000}}) {

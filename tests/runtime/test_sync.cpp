@@ -133,8 +133,7 @@ TEST(Lock, KindsReentryAndReinit) {
     EXPECT_EQ(Lock_lock(&lock), TL_ERROR_STATE);
 }
 
-// A plain counter under the lock: ThreadSanitizer reports it if the lock's
-// ordering is too weak, and the sum shows lost updates.
+// A plain counter under the lock: ThreadSanitizer reports too weak an ordering, the sum lost updates.
 TEST(Lock, FourThreadsNeverOverlapAndLoseNoUpdate) {
     const int each = vq_tl_test_scaled(20000, 1250);
     for (const int32_t kind : {LOCK_KIND_RECURSIVE_MUTEX, LOCK_KIND_SPIN}) {
@@ -217,8 +216,7 @@ TEST(Condition, SignalWakesWaitersAndSignalAllWakesEveryOne) {
     }
 }
 
-// Counted down to zero the latch stays there; init sets it again on the same
-// record. Timed waits run out, at once for a limit below 0.
+// Counted down to zero the latch stays there; init sets it again. Timed waits run out, at once below 0.
 TEST(CountDownLatch, CountsDownToZeroAndStaysThere) {
     Latch l(0);
     EXPECT_EQ(CountDownLatch_init(&l.latch, -1), TL_ERROR_PARAM);

@@ -1,6 +1,5 @@
-// fasthash32 and fasthash128 are MurmurHash3 x86_32 and x86_128: published values and the SMHasher
-// verification codes. RandomNumber against a plain Mersenne Twister written here from the published
-// algorithm. The memory pool and the log sink.
+// fasthash32 and fasthash128 are MurmurHash3 x86_32 and x86_128: published values and SMHasher's codes.
+// RandomNumber against a Mersenne Twister written from the published algorithm. The memory pool, the log.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -111,14 +110,12 @@ TEST(Fasthash, PublishedValues32) {
     }
 }
 
-// SMHasher's check: hash the keys {}, {0}, {0, 1}, ... {0..254} with seed 256 - length,
-// then hash the concatenated results with seed 0; the first word identifies the function.
-// Every tail length of both functions takes part.
+// SMHasher's check: hash the keys {}, {0}, {0, 1}, ... {0..254} with seed 256 - length, then their results
+// with seed 0; the first word identifies the function. Every tail length of both functions takes part.
 TEST(Fasthash, VerificationCodes) {
     std::vector<uint32_t> results32(256), results128(256 * 4);
     for (int i = 0; i < 256; ++i) {
-        // Exactly i bytes on the heap at an odd offset: a read past the end or
-        // an aligned-only load shows up under the address sanitizer.
+        // Exactly i bytes on the heap at an odd offset: the address sanitizer sees a read past the end.
         std::vector<uint8_t> storage(static_cast<size_t>(i) + 1);
         for (int k = 0; k < i; ++k) storage[static_cast<size_t>(k) + 1] = static_cast<uint8_t>(k);
         results32[i] = hash32(storage.data() + 1, i, 256 - i);
@@ -150,8 +147,7 @@ TEST(RandomNumber, SequencesMatchTheReference) {
     }
 }
 
-// Blocks below 4 bytes take 4, the link of the free list. The largest pool
-// still takes back every one of its blocks by address.
+// Blocks below 4 bytes take 4, the free list's link. The largest pool takes back all its blocks by address.
 TEST(MemPool, HandsOutBlocksInAddressOrderThenRunsDry) {
     const struct {
         int32_t blockSize, count;

@@ -91,8 +91,7 @@ struct Rig {
     TLResult estimate(const Scene& s) {
         return DisparityEstimator_estimateDisparity(&e, &s.main->image, &s.sub->image, 5, 40, 1.0f, 0, 255);
     }
-    // The disparity of a stretched level, in working pixels: the level's
-    // value carries the -minDisparity offset.
+    // A stretched level's disparity in working pixels; the level carries the -minDisparity offset.
     double disparityOf(uint8_t level) const {
         return e.minDisparityPx + (e.maxDisparityPx - e.minDisparityPx) * level / 255.0 + e.minDisparity;
     }
@@ -127,8 +126,7 @@ std::vector<uint8_t> resultBytes(const DisparityEstimator& e) {
 }  // namespace
 
 TEST(DisparityEstimator, FrameSizes) {
-    // Working side: trunc(27 % (18 % fine) + 0.5), even; disparity side:
-    // half the depth side rounded up to even; refine side: the depth side, even.
+    // Working side trunc(27 % (18 % fine) + 0.5), even; disparity side half the depth side up to even.
     const struct {
         int32_t mainW, mainH, depthW, depthH;
         uint32_t rotation, fine;
@@ -159,14 +157,12 @@ TEST(DisparityEstimator, FrameSizes) {
     }
 }
 
-// A 20 by 20 map; the focus window at the centre is columns and rows 8 to 11
-// (0.5 + 0.4 * 20 = 8.5 to 0.5 + 0.6 * 20 = 12.5, truncated), 16 pixels.
+// A 20 by 20 map; the focus window at the centre is columns and rows 8 to 11 (8.5 to 12.5, truncated).
 TEST(DisparityEstimator, StatusFromTheFocusWindow) {
     Fixture f;
     f.e.focalLength = 100.0f;
-    // Ranges: 4 to 20 px, where the near limit 18 = 24 - 4 - 2 starts at level
-    // 224 (d(223) = 17.99) and nothing is far; and 0 to 2 px, where levels up to
-    // 127 (d = 0.996) lie at or below one pixel, so levels 0 to 126 count as far.
+    // Ranges: 4 to 20 px, where the near limit 18 = 24 - 4 - 2 starts at level 224 (d(223) = 17.99) and none
+    // is far; 0 to 2 px, where levels to 127 (d = 0.996) lie at or below one pixel: 0 to 126 count as far.
     const struct {
         const char* name;
         uint8_t low, high;
@@ -208,9 +204,8 @@ TEST(DisparityEstimator, StatusFromTheFocusWindow) {
     }
 }
 
-// Raw values 4 to 164 at 3 fraction bits: 0.5 to 20.5 pixels, level i at
-// d(i) = 0.5 + 20 i / 255. With f B = 100 * 0.1, depth(i) = 10 / d(i), which
-// exceeds 10 up to level 6, so the depth image saturates levels below 6.
+// Raw values 4 to 164 at 3 fraction bits: 0.5 to 20.5 pixels, level i at d(i) = 0.5 + 20 i / 255. With f B =
+// 100 * 0.1, depth(i) = 10 / d(i) exceeds 10 up to level 6: the depth image saturates below.
 TEST(DisparityEstimator, StretchTablesAndDepthImage) {
     Fixture f;
     f.e.focalLength = 100.0f;
@@ -241,8 +236,7 @@ TEST(DisparityEstimator, StretchTablesAndDepthImage) {
     } cases[] = {
         // Linear in disparity between levels 6 and 255: (255 - v) * 255 / 249, clamped.
         {1, {255, 255, 255, 250, 130, 0}},
-        // Linear in depth: s * 255 / v - s with s = 6 * 255 / 249; level 6
-        // lands on 255 up to float rounding and is left out.
+        // Linear in depth: s * 255 / v - s with s = 6 * 255 / 249; level 6 hits 255 up to rounding: left out.
         {0, {255, 255, 0, 150, 6, 0}},
         {2, {77, 77, 77, 77, 77, 77}},  // another mode writes nothing
     };
@@ -262,9 +256,8 @@ TEST(DisparityEstimator, StretchTablesAndDepthImage) {
     }
 }
 
-// Fine mode's radial lowering on a 5 by 5 map of 100: the centre (2, 2) and
-// the normaliser sqrt(2^2 + 2^2). Factor form, rate 0.5 over radii 0 to 1:
-// the corner (r = 1) halves, (2, 0) at r = 0.707 keeps 1 - 0.5 * 0.707.
+// Fine mode's radial lowering on a 5 by 5 map of 100, centre (2, 2), normaliser sqrt(8). Factor form, rate
+// 0.5 over radii 0 to 1: the corner (r = 1) halves, (2, 0) at r = 0.707 keeps 1 - 0.5 * 0.707.
 TEST(DisparityEstimator, RadialLowering) {
     Fixture f;
     Picture map(5, 5, IMAGE_FORMAT_UINT8);
@@ -312,8 +305,7 @@ TEST(DisparityEstimator, MatchesTheScene) {
     EXPECT_GE(accuracy, 0.9) << "confident pixels within one pixel of the truth: " << accuracy;
     EXPECT_GE(cover, 0.8) << "share of the textured, unoccluded area that is confident: " << cover;
 
-    // The refined map: where the truth passes between the box and what lies
-    // beside it, the map must cross the middle disparity within two pixels.
+    // The refined map must cross the middle disparity within two pixels where the truth leaves the box.
     for (uint8_t window : {5, 7, 15}) {
         Picture out(rig.depthWidth, rig.depthHeight, IMAGE_FORMAT_UINT8);
         ASSERT_EQ(

@@ -101,8 +101,7 @@ struct Problem {
     const Image* guideImage() const { return guide ? &guide->image : nullptr; }
 };
 
-// P2 with a guide: max(round(P2 / (1 + g)), P1 + 1), g the guide step to the
-// previous pixel (the border at the edges); UINT88 averages both steps.
+// P2 with a guide: max(round(P2 / (1 + g)), P1 + 1), g the step to the previous pixel; UINT88 averages two.
 int penaltyAt(Problem& p, int32_t x, int32_t y, int dir) {
     const int base = p.penalty ? p.penalty->u8(x, y) : p.P2;
     if (!p.guide) return base;
@@ -335,12 +334,11 @@ TEST(SgmCostMatcher, HammingMatchesReferenceForEveryWindow) {
     Matcher serial, onPel(&layers.pel), onBalanced(&layers.balanced);
     std::mt19937 rng(11);
     const int32_t w = 37, h = vq_tl_test_scaled(15, 9);
-    struct Case {
+    const struct {
         uint32_t format;
         int D, m, window;
         bool swapped, masked;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {IMAGE_FORMAT_UINT8, 8, 0, 1, true, false},   {IMAGE_FORMAT_UINT8, 16, -4, 3, true, true},
         {IMAGE_FORMAT_UINT8, 24, -4, 5, false, true}, {IMAGE_FORMAT_UINT8, 8, 3, 7, false, false},
         {IMAGE_FORMAT_UINT8, 16, 2, 9, true, true},   {IMAGE_FORMAT_UINT8, 8, -2, 11, false, true},
@@ -348,7 +346,7 @@ TEST(SgmCostMatcher, HammingMatchesReferenceForEveryWindow) {
         {IMAGE_FORMAT_INT32, 24, 1, 21, true, true},  {IMAGE_FORMAT_INT32, 8, -9, 13, false, false},
         {IMAGE_FORMAT_INT32, 40, 0, 3, false, true},  // whole rows outside: W < D
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         Picture c1(w, h, c.format), c2(w, h, c.format), mask(w, h, IMAGE_FORMAT_UINT8);
         c1.fillRandom(rng);
         c2.fillRandom(rng);
@@ -442,8 +440,7 @@ TEST(SgmCostAggregator, ThreeShapesAgreeWithTheReferenceOnEveryPel) {
 }
 
 TEST(SgmCostAggregator, RefusalsWriteNothing) {
-    // Layout, lane and path-count checks guard every write; a guide of another
-    // format is passed over with TL_OK.
+    // Layout, lane and path-count checks guard every write; a guide of another format passes with TL_OK.
     Problem p(4, 3, 8);
     p.cost.fillPlanes(1);
     p.setGuide(1, std::vector<uint8_t>(12, 5));
@@ -743,9 +740,8 @@ TEST(Sgm, LeftRightCheckHandWorked) {
 
 TEST(Sgm, RadialPenaltyHandWorked) {
     // 8 by 4, rows stretched by 2; norm hypot(4, 4) = 5.657. (4, 0, 1): corner at dist norm: scale 4, 160;
-    // (0, 2) at dist 4: 1 + 3 * 4 / 5.657 = 3.121: 124.85 -> 125; centre: 40. (4, 0.4, 0.8): slope 7.5; (0,
-    // 2): 1 - 3 + 7.5 * 0.7071 = 3.303: 132.1 -> 132; centre clamps to 1, corner to 4. P2 100: bytes saturate
-    // at 255.
+    // (0, 2) at dist 4: 1 + 3 * 4 / 5.657 = 3.121: 124.85 -> 125; centre 40. (4, 0.4, 0.8): slope 7.5; (0,
+    // 2): 1 - 3 + 7.5 * 0.7071 = 3.303: 132.1 -> 132; centre clamps to 1, corner to 4. P2 100 saturates.
     SgmObject o;
     ASSERT_EQ(Sgm_init(&o.sgm, 8, 4, 8, 1), TL_OK);
     Picture p(8, 4, IMAGE_FORMAT_UINT8);

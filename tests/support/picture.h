@@ -19,8 +19,7 @@ struct Picture {
     int32_t rowBytes[3] = {0, 0, 0};
     int32_t rows[3] = {0, 0, 0};
 
-    // `padding` bytes after each row; a multiple of 4 keeps 16- and 32-bit
-    // rows aligned for kernels that read whole elements.
+    // `padding` bytes after each row; a multiple of 4 keeps 16- and 32-bit rows aligned for whole elements.
     Picture(int32_t w, int32_t h, uint32_t format, int32_t padding = 8) {
         using namespace vq_tl;
         construct_Image(&image, &env);

@@ -114,6 +114,19 @@ TEST(Mvec, RefusalsLeaveTheResultAlone) {
     EXPECT_EQ(MvecDetectMulti2_Mvec6F32_output(&r6, &id, 0, 0), TL_ERROR_PARAM);
     EXPECT_EQ(MvecDetectMulti2_Mvec6F32_input(&r6, &id, -2, 0), TL_ERROR_PARAM);
     EXPECT_TRUE(same(r6, canary));
+    // Dispatch records of mixed or missing kinds, and singular ones.
+    MvecDetectMulti2_Mvec a = make(6), b = make(8), never{};
+    EXPECT_EQ(MvecDetectMulti2_Mvec_mult(&a, &a, &b), TL_ERROR_PARAM);
+    EXPECT_EQ(MvecDetectMulti2_Mvec_inv(&b, &a), TL_ERROR_PARAM);
+    EXPECT_EQ(MvecDetectMulti2_Mvec_upscale(&never, &a), TL_ERROR_PARAM);
+    a.u.affine = {0, 0, 0, 0, 0, 0};
+    MvecDetectMulti2_Mvec result = make(6);
+    result.u.affine.c = 99;
+    EXPECT_EQ(MvecDetectMulti2_Mvec_inv(&result, &a), TL_ERROR_PARAM);
+    EXPECT_EQ(result.u.affine.c, 99);
+    MvecDetectMulti2_Mvec q = make(3);
+    q.u.quat = {0, 0, 0, 0};
+    EXPECT_EQ(MvecDetectMulti2_Mvec_inv(&q, &q), TL_ERROR_PARAM);
 }
 
 TEST(Mvec8Real, PointMapsWorkedByHand) {
@@ -127,9 +140,7 @@ TEST(Mvec8Real, PointMapsWorkedByHand) {
     EXPECT_TRUE(rx == 1.5 && ry == 3.0) << rx << "," << ry;
     EXPECT_TRUE(fx == 1.75f && fy == -0.75f) << fx << "," << fy;
     EXPECT_TRUE(v[0] == 5.0 && v[1] == 6.0 && v[2] == 4.0) << v[0] << "," << v[1] << "," << v[2];
-}
-
-TEST(Mvec8Real, Trans2DF32IsBitExactForTheIdentityAndRoundsHalfAway) {
+    // The Q15 form is bit exact for the identity and rounds halves away from zero.
     Mvec8Real id;
     Mvec8Real_setIdentity(&id);
     const int32_t fixed[] = {0, 1, -1, 16384, -16384, INT32_MAX, INT32_MIN, 123456789};
@@ -341,20 +352,4 @@ TEST(MvecDispatch, InverseAndUpscaleAgreeWithTheMaps) {
             EXPECT_LE(std::abs(fy - 2 * cy), 4);
         }
     }
-}
-
-TEST(MvecDispatch, RefusesMixedOrMissingRecords) {
-    MvecDetectMulti2_Mvec a = make(6), b = make(8), never{};
-    EXPECT_EQ(MvecDetectMulti2_Mvec_mult(&a, &a, &b), TL_ERROR_PARAM);
-    EXPECT_EQ(MvecDetectMulti2_Mvec_inv(&b, &a), TL_ERROR_PARAM);
-    EXPECT_EQ(MvecDetectMulti2_Mvec_upscale(&never, &a), TL_ERROR_PARAM);
-    // A singular record keeps the result as it was.
-    a.u.affine = {0, 0, 0, 0, 0, 0};
-    MvecDetectMulti2_Mvec result = make(6);
-    result.u.affine.c = 99;
-    EXPECT_EQ(MvecDetectMulti2_Mvec_inv(&result, &a), TL_ERROR_PARAM);
-    EXPECT_EQ(result.u.affine.c, 99);
-    MvecDetectMulti2_Mvec q = make(3);
-    q.u.quat = {0, 0, 0, 0};
-    EXPECT_EQ(MvecDetectMulti2_Mvec_inv(&q, &q), TL_ERROR_PARAM);
 }

@@ -233,8 +233,7 @@ TEST(ImageFormat, GeometryOfHandWorkedCases) {
             }
         }
     }
-    // Refused, as {width, height, format, selector}: unknown selectors, negative sides, an unknown code,
-    // and 3 GiB of LAB, more than a 32-bit target holds.
+    // Refused {width, height, format, selector}: unknown selectors and codes, negative sides, 3 GiB of LAB.
     const int32_t refused[][4] = {{101, 3, 26, 14}, {101, 3, 26, -1}, {-2, 3, 26, 0},
                                   {2, -3, 26, 0},   {2, 2, 72, 0},    {16384, 16384, IMAGE_FORMAT_LAB, 0}};
     for (const auto& c : refused)

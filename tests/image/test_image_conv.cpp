@@ -140,9 +140,8 @@ TEST(ImageConv, RgbToYuvFollowsBt601OnRandomPixelsAndBlocks) {
 }
 
 // Every pixel takes the chroma of block (x >> 1, y >> vShift); the chroma terms truncate (up to 1 below), and
-// the 15-bit G coefficients are up to 0.00015 off, 0.04 over the chroma range: measured worst difference
-// 1.026. Luma in 64..192 and chroma in 96..160 give RGB that needs no clamping, so the way back loses only
-// the truncations: measured worst difference 1.
+// the 15-bit G coefficients are up to 0.00015 off, 0.04 over the chroma range: worst 1.026. Luma in 64..192
+// and chroma in 96..160 need no clamping, so the way back loses only the truncations: worst 1.
 TEST(ImageConv, YuvToRgbFollowsBt601AndRoundTrips) {
     std::mt19937 rng(11);
     const int32_t kW = 261, kH = 9;  // rows of more than 64 chroma blocks, odd
@@ -216,8 +215,7 @@ TEST(ImageConv, KnownAnswers) {
     }
 }
 
-// 10-bit luma: (s + 2) >> 2 below 1022, else 255; chroma s >> 2 below 1024,
-// else 255; packed samples keep their top 8 bits. 8 to 10 bits and back is exact.
+// 10-bit luma: (s + 2) >> 2 below 1022, else 255; chroma s >> 2 below 1024, else 255; packed: top 8 bits.
 TEST(ImageConv, TenBitSamples) {
     Picture p10(6, 2, 37), p8(6, 2, 27);
     const uint16_t luma[6] = {0, 1, 2, 1021, 1022, 4000}, chroma[6] = {5, 1023, 1024, 0, 512, 65535};

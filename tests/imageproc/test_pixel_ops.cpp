@@ -112,9 +112,8 @@ TLResult call(K k, ImageProc* p, Image* d, const Image* a, const Image* b, doubl
     return k == K::kNShift ? ImageProc_n_shift(p, d, a, static_cast<int32_t>(n)) : kWithN[i - 9](p, d, a, n);
 }
 
-// The operation on one element in double, where every integer operand is exact. A float result is the double
-// one rounded once, which for +, -, * and / of floats is the single-precision result; mla rounds its product
-// first. Integers truncate their quotients and saturate.
+// The operation on one element in double, integers exact; a float result is the double one rounded once (for
+// +, -, *, / the float result; mla rounds its product first). Integers truncate quotients, saturate.
 double expected(K op, Kind k, double d, double a, double b, double n) {
     const bool f = k.type == 'f';
     const double m = f ? static_cast<float>(n) : std::round(n);

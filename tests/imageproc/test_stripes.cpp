@@ -59,8 +59,7 @@ TLResult visitStripe(void* arg, int32_t index, int32_t count) {
 
 TLResult expectedResult(int32_t count) { return (1u << std::min(count, 8)) - 1; }
 
-// Operation `op` through the object holding the layer of `e` (null: the
-// calling thread); ImageProc's own rank filters run on the caller on a Pel layer.
+// Operation `op` via the object holding e's layer (none: the caller); ImageProc's rank filters on a Pel too.
 TLResult apply(int op, const ImageStripeExec* e, Image* d, const Image* s) {
     ImageProc proc;
     ImageProc2 proc2;

@@ -108,10 +108,8 @@ PairResult rectifyPair(const float baseline[3], const Mvec8Real& rotation, Pel* 
             // Directions over the main camera's field, to its corners.
             double p[2][3] = {{depth * (-0.6 + 1.2 * (i % (steps + 1)) / steps),
                                depth * (-0.45 + 0.9 * (i / (steps + 1)) / steps), depth}};
-            for (int row = 0; row < 3; ++row) {
-                const double* m = &rotation.m[3 * row];
-                p[1][row] = m[0] * p[0][0] + m[1] * p[0][1] + m[2] * p[0][2] + baseline[row];
-            }
+            Mvec8Real_trans3DReal(&rotation, p[1], p[0]);
+            for (int a = 0; a < 3; ++a) p[1][a] += baseline[a];
             double u[2], v[2], x[2][2], q[3], at[2];
             bool seen = true;
             for (int c = 0; c < 2; ++c) {
@@ -120,9 +118,7 @@ PairResult rectifyPair(const float baseline[3], const Mvec8Real& rotation, Pel* 
                 v[c] = fitted[c].m[4] * v[c] + fitted[c].m[5];
                 seen = seen && u[c] >= 0 && u[c] <= kW && v[c] >= 0 && v[c] <= kH;
                 // The rectified pixel of the point: the new camera of the turned frame.
-                for (int row = 0; row < 3; ++row)
-                    q[row] = r[c].m[3 * row] * p[c][0] + r[c].m[3 * row + 1] * p[c][1] +
-                             r[c].m[3 * row + 2] * p[c][2];
+                Mvec8Real_trans3DReal(&r[c], q, p[c]);
                 x[c][0] = n[c].m[0] * q[0] / q[2] + n[c].m[2];
                 x[c][1] = n[c].m[4] * q[1] / q[2] + n[c].m[5];
             }
@@ -324,9 +320,8 @@ TEST(RectifyLensDist, ModelsWorkedByHand) {
     EXPECT_DOUBLE_EQ(x, 0.5 * (1 - 0.2 * r2) + 0.02 * (r2 + 0.5));
     EXPECT_DOUBLE_EQ(y, -0.25 * (1 - 0.2 * r2) + 2 * 0.02 * 0.5 * -0.25);
 
-    // A table of three knots at ideal radii 0, 1, 2 (maxRadius 2): distorted 0, 0.8, 2.4. Beyond the last
-    // knot the factor is T[n-1] itself (3 * 1.2), and 1 / T[n-1] back: the map jumps there. The optical
-    // centre and points closer than 1e-15 pass unchanged.
+    // Three knots at ideal radii 0, 1, 2 (maxRadius 2): distorted 0, 0.8, 2.4. Beyond the last knot the
+    // factor is T[n-1] (3 * 1.2), 1 / T[n-1] back: the map jumps. The centre and points within 1e-15 stay.
     RectifyLensDist t;
     const double knots[3] = {0.0, 0.4, 1.2};
     RectifyLensDist_clear(&t), RectifyLensDist_setDistData(&t, knots, 3, 2.0);
@@ -371,9 +366,8 @@ TEST(RectifyUtil, GaussianElimination) {
 }
 
 TEST(StereoRectify, FitCameraMatrixWorkedByHand) {
-    // From 4000 by 3000, f 3200 by 3190 at (2003.3, 1497.7). The same aspect scales; a wider frame
-    // scales by the heights and crops across (square: 1 / 3, 500 off cx), a taller one by the widths
-    // and crops down (16:9: 0.48, 375 off cy). In float.
+    // From 4000 by 3000, f 3200 by 3190 at (2003.3, 1497.7). One aspect scales; wider frames scale by height
+    // and crop across (square: 1 / 3, cx 500 off), taller by width, down (16:9: 0.48, cy 375).
     const Mvec8Real k = camera(3200, 2003.3, 1497.7, 3190);
     const struct {
         int32_t width, height;
@@ -452,11 +446,10 @@ TEST(StereoRectify, PointsLandOnTheSameRowOfBothFrames) {
 }
 
 TEST(StereoRectify, SmallFrameWithAStrongLensKeepsItsCoverage) {
-    // A 640 by 480 camera, f 560, with a strong k3, at its working size of 172 by 130: the radius
-    // limit pushes the corners out by 32 pixels, far beyond where the lens inverse was fitted (the
-    // frame grown by a tenth), and there the fitted inverse folds back inside the image. The grid
-    // must still cover what the lens images: the share of pixels drawn from an all-white frame
-    // within 3 points of the share whose rays land in the frame by the forward model (about 81 %).
+    // A 640 by 480 camera, f 560, with a strong k3, at its working size of 172 by 130: the radius limit
+    // pushes the corners out by 32 pixels, far beyond where the lens inverse was fitted (the frame grown by a
+    // tenth), where the fitted inverse folds back inside. The grid must still cover what the lens images: the
+    // share drawn from a white frame within 3 points of the share whose rays land in the frame (about 81 %).
     constexpr int32_t kW = 172, kH = 130;
     const Mvec8Real k[2] = {camera(560, 322.5, 238), camera(560, 318, 241)};
     RectifyLensDist lens[2] = {coeffLens(-0.27, -0.05, 0.25, 0, 0), coeffLens(-0.27, -0.05, 0.25, 0, 0)};

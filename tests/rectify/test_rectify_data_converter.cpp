@@ -1,5 +1,4 @@
-// The public converter of calibration records: a record worked out by hand,
-// the rotation, rounding of crops, lens kinds, the life cycle and refusals.
+// The public converter of calibration records: a record by hand, the rotation, crops, lens kinds, life cycle.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -27,10 +26,9 @@ struct Converter {
     }
 };
 
-// The hand-made record. Power-of-two pitches keep it exact: main f = 4.0 mm / 2^-10 mm = 4096 pixels, and
-// sub f = 3.0 mm / 1.953125 um = 1536. Principal points off centre by (8, -12) and (-3, 0) pixels; crop
-// origins round to (3, -1) and (0, 2), sizes to 3996 by 2996 and 2000 by 1500. The sub table comes from a
-// radial model: the knot at fraction t to the corner has R2 = t^2 1250^2 / 1536^2.
+// The hand-made record. Power-of-two pitches keep it exact: main f = 4.0 mm / 2^-10 mm = 4096 pixels, sub f =
+// 3.0 mm / 1.953125 um = 1536. Centres off by (8, -12) and (-3, 0) pixels; crop origins round to (3, -1) and
+// (0, 2), sizes to 3996 by 2996 and 2000 by 1500. The sub table: R2 = t^2 1250^2 / 1536^2 at fraction t.
 const float kMainTable[5] = {0.0f, 0.24f, 0.47f, 0.69f, 0.9f};
 constexpr float kSubK1 = -0.05f, kSubK2 = 0.01f;
 float gSubTable[11];

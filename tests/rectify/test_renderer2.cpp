@@ -1,5 +1,4 @@
 // The grid warp against known answers and a per-pixel bilinear reference; cells, schedules, refusals, grids.
-// layouts.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -66,8 +65,7 @@ Map affine(double a, double b, double c, double d, double e, double f) {
     return projective({a, b, c, d, e, f, 0, 0, 1});
 }
 
-// Samples moved by whole steps: luma (when checked) from (x + d, y + d), the
-// column limited to `lastColumn(y)` where given; chroma from (cx + cdx, cy + cdy).
+// Samples moved by whole steps: luma from (x + d, y + d), columns up to lastColumn(y); chroma by (cdx, cdy).
 void expectMoved(const Picture& dst, const Picture& src, const Layout& l, int32_t w, int32_t h, bool luma,
                  int32_t d, int32_t cdx, int32_t cdy, const std::string& what,
                  const std::function<int32_t(int32_t)>& lastColumn = nullptr) {
@@ -282,9 +280,8 @@ TEST(Renderer2, ChromaNearestAndCopySamplesKnownAnswers) {
 }
 
 TEST(Renderer2, CellsAreClassifiedByShape) {
-    // Deviations in pixels of the 128-pixel cell: a from a parallelogram in x, b in y, c the drop of the top
-    // edge; 0.5 is the threshold of both. Each cell is drawn by the renderer and by two kernels directly, and
-    // so chosen that the kernel it must not take gives other pixels.
+    // Deviations of the 128-pixel cell: a from a parallelogram in x, b in y, c the top edge's drop; 0.5 is
+    // the threshold. Each cell is drawn by the renderer and two kernels, the wrong one giving other pixels.
     const Renderer2_DrawFn noRot = Renderer2_Uint8_drawRectNoRot, parallel = Renderer2_Uint8_drawRectParallel,
                            general = Renderer2_Uint8_drawRect;
     const struct {
@@ -344,9 +341,8 @@ TEST(Renderer2, EveryWayOfRunningCellsGivesTheSamePixels) {
 }
 
 TEST(Renderer2Params, LayoutsWorkedOutByHand) {
-    // Vertices stand at left + i * cell while below right, and one more at right; the same down; x and y
-    // start at those positions. p is the cell width or division; q the cell height. A cell width of 0 marks a
-    // refused layout, which leaves the grid as it was.
+    // Vertices at left + i * cell while below right, one more at right; the same down. p: cell width or
+    // division; q: cell height. A cell width of 0 marks a refused layout, which leaves the grid as it was.
     enum Kind { kGridSize, kDivision };
     const struct {
         const char* name;

@@ -1,5 +1,4 @@
-// Helpers of the rectification and grid warp tests: owned grids and renderers, sample layouts and smooth
-// pictures; camera and lens models come from support/camera_model.h.
+// Helpers of the rectification and warp tests: owned grids and renderers, sample layouts, smooth pictures.
 #pragma once
 
 #include <cmath>

@@ -1,8 +1,7 @@
-// Arithmetic without the floating-point unit: the integer-only Double_* family against the processor's IEEE
-// arithmetic (nearest even, subnormals on) bit for bit, any NaN for a NaN; and RawDouble_* against the C
-// library. RawDouble is built from one log2, one exp2 and one cosine polynomial; exp, log, sqrt, pow and
-// sin are exact compositions of those (checked bit for bit), so only the three and the functions of their
-// own are swept. Then the table cosine and arcsine and the integer root.
+// Arithmetic without the floating-point unit: Double_* against the processor's IEEE arithmetic (nearest even,
+// subnormals on) bit for bit, any NaN for a NaN; RawDouble_* against the C library, built from one log2, one
+// exp2 and one cosine polynomial; exp, log, sqrt, pow and sin are exact compositions of those (checked bit
+// for bit), so only those and its own functions are swept. The table cosine and arcsine; the integer root.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -314,8 +313,7 @@ TEST(FixedMath, TablesAreTruncatedValues) {
             << k;
     }
     for (int v = 0; v <= 1024; ++v) {
-        // Only v = 0, 512, 1024 give whole numbers (0, 300, 900); the 1e-9 lifts the
-        // last of double's rounding there, and no other value lies that close.
+        // Only v = 0, 512, 1024 give whole numbers; the 1e-9 lifts double's rounding there, near no other v.
         const double tenths = std::asin(v / 1024.0) * 1800.0 / std::numbers::pi;
         ASSERT_EQ(kAsinTable[v], static_cast<int>(std::floor(tenths + 1e-9))) << v;
     }

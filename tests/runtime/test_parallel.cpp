@@ -33,8 +33,7 @@ struct PelOwner {
     Pel* get() { return pel.get(); }
 };
 
-// Every cell counts its visits; a run is right when each is exactly 1 and no
-// call saw a wrong count. Outer index i of a nested run visits 13 i to 13 i + 12.
+// Each cell counts its visits: right when each is 1 and no call saw a wrong count. Nested: i visits 13 i on.
 struct Visits {
     std::vector<std::atomic<int32_t>> hits;
     std::atomic<int32_t> failures{0};
@@ -177,8 +176,7 @@ uint32_t countShare(void* arg, int32_t index, int32_t count) {
 
 }  // namespace
 
-// No pel: everything runs at once on the calling thread (a task once) and the
-// or of the results comes back. Refused enqueues run nothing and hold no slot.
+// No pel: all runs at once on the caller (a task once), results or'ed. Refusals run nothing, hold no slot.
 TEST(Pel, SerialPathAndRefusals) {
     std::atomic<int32_t> calls{0};
     uint32_t event = 9;
@@ -282,8 +280,7 @@ uint32_t graphIndex(void* arg, int32_t, PelWorkInfo*) {
 constexpr PelKernel kGraphTask = PelKernel_task<graphTask>();
 constexpr PelKernel kGraphIndex = PelKernel_perIndex<graphIndex>();
 
-// Enqueues the graph (deps[i] lists earlier nodes; every third node a kernel
-// of 5 indices) and checks that each node ran wholly after its dependencies.
+// Enqueues the graph (every third node a kernel of 5 indices); each node must run after its dependencies.
 void runGraph(Pel* pel, const std::vector<std::vector<int32_t>>& deps) {
     const size_t n = deps.size();
     std::atomic<int32_t> clock{0};
@@ -413,8 +410,7 @@ TEST(ParallelExecutor, RefusalsAndTheCallingThread) {
     EXPECT_EQ(out[0], mix(1)) << "one share on the calling thread";
 }
 
-// The same tasks give the same outputs and the same or'ed results on every engine; forked arguments are
-// copies. Without a count, execute runs one share per worker.
+// Same outputs and or'ed results on every engine; forks copy arguments; a count of 0 is a share per worker.
 TEST(ParallelExecutor, EnginesAgreeOnForkJoinAndExecute) {
     std::mt19937 random(42);
     for (int round = 0; round < vq_tl_test_scaled(16, 1); ++round) {

@@ -21,8 +21,7 @@ namespace {
 
 void* itemOf(uintptr_t value) { return reinterpret_cast<void*>(value); }
 
-// Random offers and polls against std::deque: every refusal, item and size as
-// the model says; `way` picks among the calls. fillFirst offers come first.
+// Random offers and polls against std::deque; `way` picks among the calls. fillFirst offers come first.
 template <typename Offer, typename Poll, typename Size>
 void matchModel(uint32_t seed, size_t capacity, int steps, Offer offer, Poll poll, Size size,
                 int fillFirst = 0) {

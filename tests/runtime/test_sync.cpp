@@ -32,8 +32,7 @@ uint32_t runJob(void* argument) {
     return job->toReturn;
 }
 
-// tryLock from another thread, so that the recursive mutex cannot simply let
-// its owner in again: 1 when it got the lock (and let it go), 0 when held.
+// tryLock from another thread, past the mutex's reentry: 1 when it got the lock (and let it go), 0 when held.
 int32_t tryFromOtherThread(Lock* lock) {
     int32_t acquired = -1;
     std::thread([&] {
@@ -69,8 +68,7 @@ struct Latch {
         EXPECT_EQ(CountDownLatch_getCount(&latch, &count), TL_OK);
         return count;
     }
-    // Waits up to `millis` for `waiters` releases. A waiter that slept through
-    // the last countDown would never come back: it is woken by hand, and the test fails.
+    // Waits up to `millis` for `waiters` releases; a waiter that missed the last countDown is woken: failure.
     void expectReleased(const std::atomic<int>& released, int waiters, double millis) {
         const auto start = std::chrono::steady_clock::now();
         while (released.load() < waiters && vq_tl_test_millisSince(start) < millis) sched_yield();
@@ -85,8 +83,7 @@ struct Latch {
 
 }  // namespace
 
-// Both joins and destruct hand back what the function returned, on another
-// thread; a second join, and a join of a thread never started, find nothing.
+// Both joins and destruct hand back what the function returned; a second join, or one never started, nothing.
 TEST(Thread, JoinAndDestructReturnTheFunctionsResult) {
     for (const uint32_t expected : {0u, 1u, 0x10000u, 0xFFFFFFFFu}) {
         Job job{expected, 0, 0}, other{6, 0, 0};
@@ -165,8 +162,7 @@ TEST(Lock, FourThreadsNeverOverlapAndLoseNoUpdate) {
 TEST(Condition, TimedWaitRunsOutAfterItsTime) {
     Guarded g;
     // A limit above one second whose millisecond part, added to the clock's nanoseconds now, passes the next
-    // full second: the deadline needs both the seconds part and the carry out of the nanoseconds. 2 ms of
-    // margin for the time until the wait reads the clock.
+    // second: the deadline needs the seconds and the carry out of the nanoseconds. 2 ms of margin.
     struct timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     const int32_t carrying = 1000 + (1002 - static_cast<int32_t>(now.tv_nsec / 1000000)) % 1000;
@@ -238,9 +234,8 @@ TEST(CountDownLatch, CountsDownToZeroAndStaysThere) {
     }
 }
 
-// Workers write their own slot of `work` and count down; waiters, once released, read every slot. The latch
-// must order those writes before the reads (ThreadSanitizer checks it), and no waiter may sleep through the
-// last countDown. Waiters start first on even rounds, workers on odd ones.
+// Workers fill their slot of `work` and count down; released waiters read every slot, which the latch must
+// order after the writes (ThreadSanitizer checks); no waiter may miss the last countDown.
 TEST(CountDownLatch, ReleasesEveryWaiterAfterTheLastCountDownInManyRounds) {
     for (int round = 0; round < vq_tl_test_scaled(300, 19) && !HasFailure(); ++round) {
         Latch l(4);

@@ -1,7 +1,6 @@
-// Sgm: the census and Hamming costs against plain implementations; the aggregation by a hand-worked
-// recurrence, and its three execution shapes on every Pel against a plain recurrence written here; the
-// driver on a stereogram of known disparity in both modes and on every layer, winners against a plain rule,
-// hand-worked winners, left-right checks and radial penalties.
+// Sgm: census and Hamming costs against plain implementations; the aggregation by a hand-worked recurrence
+// and, in three shapes on every Pel, against a plain one; the driver on a stereogram of known disparity in
+// both modes on every layer; winners against a plain rule and by hand; left-right checks; radial penalties.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -162,8 +161,7 @@ struct Aggregator {
     ~Aggregator() { destruct_SgmCostAggregator(&a); }
 };
 
-// The path work image: every (D + 1)-th byte a 255 separator, the rest 0 when
-// prepared; aggregation leaves separators, border rows and columns alone.
+// The path work image: a 255 separator every D + 1 bytes, the rest 0; aggregation leaves borders alone.
 void expectLayout(const Picture& pc, const Problem& p, bool used) {
     const int32_t S = p.D + 1;
     for (int32_t row = 0; row < pc.image.height; ++row)
@@ -373,8 +371,7 @@ TEST(SgmCostMatcher, HammingMatchesReferenceForEveryWindow) {
 }
 
 TEST(SgmCostMatcher, RefusalsWriteNothing) {
-    // Lanes of 8 candidates and the volume's width bound every write. Census of
-    // another format is passed over with TL_OK (the driver calls both widths).
+    // Lanes of 8 candidates and the volume's width bound writes; census of another format passes with TL_OK.
     Matcher t;
     Picture c1(16, 4, IMAGE_FORMAT_UINT8), c2(16, 4, IMAGE_FORMAT_UINT8), cost(16 * 8, 4, IMAGE_FORMAT_UINT8),
         wide(16, 4, IMAGE_FORMAT_INT32), floats(16, 4, IMAGE_FORMAT_FLOAT), narrow(15, 4, IMAGE_FORMAT_UINT8);

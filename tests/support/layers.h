@@ -1,5 +1,4 @@
-// One set of parallel layers for the tests that check a kernel gives the same result whichever layer runs it.
-// Built on first use and taken down after the last test of the program.
+// One set of parallel layers for the tests that a kernel's result does not depend on the layer; built once.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -225,9 +225,8 @@ TEST(Renderer2, WarpsAgreeWithAPerPixelBilinearReference) {
             Renderer r(f.mode, bc);
             ASSERT_EQ(render(r, dst, src, grid), TL_OK) << what;
             EXPECT_TRUE(dst.canariesIntact()) << what;
-            // Without the boundary check only cells inside the source are drawn.
-            // Inside, one level; tails (last column and row, trimmed rows)
-            // truncate, a level lower; nearest luma may be half a pixel off.
+            // Without the boundary check only cells inside the source are drawn. One level inside; tails
+            // (last column, row, trimmed rows) truncate, a level lower; nearest luma may be half a pixel off.
             auto drawn = [&](int32_t x, int32_t y) { return bc != 0 || cellInside(grid, x, y, w, h, 0, 2); };
             int32_t compared = 0;
             for (int32_t y = 0; y < h; ++y) {

@@ -374,7 +374,9 @@ TEST(DisparityEstimator, StatusOfShots) {
         Rig rig(c.scene);
         ASSERT_EQ(rig.grids(c.scene), TL_OK);
         if (c.shifted) {
-            // A shift of u sub pixels slides the rectified sub frame by u f / f_sub working pixels.
+            // A shift of the calibrated centre by u sub pixels slides the
+            // rectified sub frame by u f / f_sub working pixels and adds that
+            // to every disparity: -3.5 pixels at the background.
             const double background = rig.e.focalLength * c.scene.baseline / 3500.0;
             ASSERT_EQ(
                 rig.grids(c.scene, (-3.5 - background) * c.scene.subCalib.matrix.m[0] / rig.e.focalLength),

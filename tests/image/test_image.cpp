@@ -455,8 +455,7 @@ TEST(ImageConv, YuvToRgbFollowsBt601AndRoundTrips) {
             }
             EXPECT_LT(worst, 1.04);
             EXPECT_TRUE(dst.canariesIntact());
-            ASSERT_EQ(convert(&dst.image, &a.image), TL_OK);
-            ASSERT_EQ(convert(&back.image, &dst.image), TL_OK);
+            ASSERT_TRUE(convert(&dst.image, &a.image) == TL_OK && convert(&back.image, &dst.image) == TL_OK);
             int worstY = 0, worstC = 0;
             for (int32_t i = 0; i < kW * kH; ++i) {
                 const int32_t x = i % kW, y = i / kW;
@@ -522,8 +521,7 @@ TEST(ImageConv, TenBitSamples) {
     a.fillRandom(rng);
     ASSERT_EQ(convert(&packed.image, &a.image), TL_OK);
     ASSERT_EQ(convert(&wide.image, &packed.image), TL_OK);  // and swaps U, V
-    ASSERT_EQ(convert(&b.image, &packed.image), TL_OK);
-    ASSERT_EQ(convert(&c.image, &wide.image), TL_OK);
+    ASSERT_TRUE(convert(&b.image, &packed.image) == TL_OK && convert(&c.image, &wide.image) == TL_OK);
     // Through 16-bit words the 8-bit luma rule rounds (4s + 2) >> 2 = s.
     EXPECT_TRUE(a.samePixels(b) && a.samePixels(c));
     uint32_t word;

@@ -651,6 +651,9 @@ TEST(RectifyDataConverter, LensKindsAndCounts) {
 }
 
 TEST(RectifyDataConverter, PublicLifeCycle) {
+    constexpr auto init = velquin_RectifyDataConverter_initialize;
+    constexpr auto finalize = velquin_RectifyDataConverter_finalize;
+    constexpr auto convert = velquin_RectifyDataConverter_convert;
     const uint32_t size = velquin_RectifyDataConverter_getBufferSize(41, 3);
     ASSERT_LT(size, 64u);
     EXPECT_TRUE(velquin_RectifyDataConverter_getBufferSize(0, 3) == TL_ERROR_PARAM &&
@@ -667,9 +670,7 @@ TEST(RectifyDataConverter, PublicLifeCycle) {
                    {&handle, buffer, 0, 41, TL_ERROR_PARAM},
                    {&handle, buffer, static_cast<int32_t>(size) - 1, 41, TL_ERROR_SYSTEM},
                    {&handle, buffer, 64, 0, TL_ERROR_GENERAL}};
-    for (const auto& r : refused)
-        EXPECT_EQ(velquin_RectifyDataConverter_initialize(r.handle, r.buffer, r.size, r.capacity, 3),
-                  r.expected);
+    for (const auto& r : refused) EXPECT_EQ(init(r.handle, r.buffer, r.size, r.capacity, 3), r.expected);
     EXPECT_EQ(handle.context, nullptr);
     // Calls before initialize, with missing arguments, and on a context that is not initialised.
     const RectifyDataConverterParam p = handMadeRecord();
@@ -678,23 +679,18 @@ TEST(RectifyDataConverter, PublicLifeCycle) {
     RectifyDataConverterHandle stale{reinterpret_cast<RectifyDataConverterContext*>(blank)};
     using Call =
         TLResult (*)(RectifyDataConverterHandle*, TwinLensCameraParam*, const RectifyDataConverterParam*);
-    for (const Call call :
-         {velquin_RectifyDataConverter_convert, velquin_RectifyDataConverter_convertCameraMatrix,
-          velquin_RectifyDataConverter_convertCalibSize})
+    for (const Call call : {convert, velquin_RectifyDataConverter_convertCameraMatrix,
+                            velquin_RectifyDataConverter_convertCalibSize})
         EXPECT_TRUE(call(&handle, &row, &p) == TL_ERROR_PARAM && call(&stale, &row, &p) == TL_ERROR_STATE);
-    EXPECT_TRUE(velquin_RectifyDataConverter_finalize(&handle) == TL_ERROR_PARAM &&
-                velquin_RectifyDataConverter_finalize(nullptr) == TL_ERROR_PARAM &&
-                velquin_RectifyDataConverter_finalize(&stale) == TL_ERROR_STATE);
-
-    ASSERT_EQ(velquin_RectifyDataConverter_initialize(&handle, buffer, static_cast<int32_t>(size), 41, 3),
-              TL_OK);
+    EXPECT_TRUE(finalize(&handle) == TL_ERROR_PARAM && finalize(nullptr) == TL_ERROR_PARAM &&
+                finalize(&stale) == TL_ERROR_STATE);
+    ASSERT_EQ(init(&handle, buffer, static_cast<int32_t>(size), 41, 3), TL_OK);
     ASSERT_NE(handle.context, nullptr);
-    EXPECT_TRUE(velquin_RectifyDataConverter_convert(&handle, nullptr, &p) == TL_ERROR_PARAM &&
-                velquin_RectifyDataConverter_convert(&handle, &row, nullptr) == TL_ERROR_PARAM);
-    EXPECT_EQ(velquin_RectifyDataConverter_convert(&handle, &row, &p), TL_OK);
-    EXPECT_EQ(velquin_RectifyDataConverter_finalize(&handle), TL_OK);
+    EXPECT_TRUE(convert(&handle, nullptr, &p) == TL_ERROR_PARAM &&
+                convert(&handle, &row, nullptr) == TL_ERROR_PARAM);
+    EXPECT_EQ(convert(&handle, &row, &p), TL_OK);
+    EXPECT_EQ(finalize(&handle), TL_OK);
     EXPECT_EQ(handle.context, nullptr);
-    EXPECT_EQ(velquin_RectifyDataConverter_finalize(&handle), TL_ERROR_PARAM);
-    EXPECT_TRUE(
-        std::all_of(buffer, buffer + size, [](uint8_t b) { return b == 0; }));  // the context is zeroed
+    EXPECT_EQ(finalize(&handle), TL_ERROR_PARAM);
+    EXPECT_TRUE(std::all_of(buffer, buffer + size, [](uint8_t b) { return b == 0; })) << "context not zeroed";
 }

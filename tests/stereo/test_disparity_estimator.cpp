@@ -278,8 +278,7 @@ TEST(DisparityEstimator, RadialLowering) {
 TEST(DisparityEstimator, MatchesTheScene) {
     const Scene& s = sharedScene();
     Rig rig(s);
-    ASSERT_EQ(rig.grids(s), TL_OK);
-    ASSERT_EQ(rig.estimate(s), TL_OK);
+    ASSERT_TRUE(rig.grids(s) == TL_OK && rig.estimate(s) == TL_OK);
     const DisparityEstimator& e = rig.e;
     const double fb = e.focalLength * e.baseline;
     int64_t confident = 0, close = 0, wanted = 0, covered = 0;
@@ -335,8 +334,7 @@ TEST(DisparityEstimator, SameBytesOnEveryLayer) {
     std::vector<uint8_t> serial;
     for (int layers : {0, 1, 2}) {
         Rig rig(s, layers);
-        ASSERT_EQ(rig.grids(s), TL_OK);
-        ASSERT_EQ(rig.estimate(s), TL_OK);
+        ASSERT_TRUE(rig.grids(s) == TL_OK && rig.estimate(s) == TL_OK);
         Picture out(rig.depthWidth, rig.depthHeight, IMAGE_FORMAT_UINT8);
         ASSERT_EQ(DisparityEstimator_refineDisparity(&rig.e, &out.image, &s.main->image, 7, 3, 10.0f, 15.0f),
                   TL_OK);

@@ -494,14 +494,15 @@ TEST(Sgm, RecoversPiecewisePlanarStereogram) {
         mask.fillPlanes(255);
         const int8_t m = static_cast<int8_t>(c.m);
         SgmObject o;
-        ASSERT_EQ(Sgm_init(&o.sgm, W, H, c.D, c.mode), TL_OK);
-        ASSERT_EQ(
-            Sgm_createDisparityU8(&o.sgm, &d1.image, &d2.image, scene.view1(), scene.view2(), &mask.image,
-                                  &scene.guide.image, c.D, m, c.window, c.f, 5, 40, 1, c.swapped),
-            TL_OK);
-        ASSERT_EQ(Sgm_createConfidenceU8(&o.sgm, &conf.image, &d1.image, &d2.image, c.D, m, c.f, 1, 0, 255,
-                                         c.swapped),
+        Sgm* g = &o.sgm;
+        const Image *v1 = scene.view1(), *v2 = scene.view2(), *guide = &scene.guide.image;
+        ASSERT_EQ(Sgm_init(g, W, H, c.D, c.mode), TL_OK);
+        ASSERT_EQ(Sgm_createDisparityU8(g, &d1.image, &d2.image, v1, v2, &mask.image, guide, c.D, m, c.window,
+                                        c.f, 5, 40, 1, c.swapped),
                   TL_OK);
+        ASSERT_EQ(
+            Sgm_createConfidenceU8(g, &conf.image, &d1.image, &d2.image, c.D, m, c.f, 1, 0, 255, c.swapped),
+            TL_OK);
         Picture& map = c.swapped ? d1 : d2;
         // Columns whose every candidate lies inside the match view.
         const int dLow = c.swapped ? 1 - (c.m + c.D) : c.m, dHigh = dLow + c.D - 1;
@@ -529,10 +530,9 @@ TEST(Sgm, RecoversPiecewisePlanarStereogram) {
         EXPECT_TRUE(occludedCount > 0 && occludedFailed >= 0.85 * occludedCount)
             << occludedFailed << " " << occludedCount;
         // The float maps are the byte maps before truncation.
-        ASSERT_EQ(
-            Sgm_createDisparityF32(&o.sgm, &s1.image, &s2.image, scene.view1(), scene.view2(), &mask.image,
-                                   &scene.guide.image, c.D, m, c.window, 5, 40, 1, c.swapped, 1),
-            TL_OK);
+        ASSERT_EQ(Sgm_createDisparityF32(g, &s1.image, &s2.image, v1, v2, &mask.image, guide, c.D, m,
+                                         c.window, 5, 40, 1, c.swapped, 1),
+                  TL_OK);
         auto fixed = [&](Picture& p, int32_t i) {
             return static_cast<uint8_t>(static_cast<int32_t>(p.at<float>(i % W, i / W) * (1 << c.f)));
         };
@@ -612,8 +612,7 @@ TEST(Sgm, SameMapsOnEveryLayerAndCall) {
         };
         SgmObject serial;
         Picture a1(W, H, IMAGE_FORMAT_UINT8), a2(W, H, IMAGE_FORMAT_UINT8);
-        ASSERT_EQ(Sgm_init(&serial.sgm, W, H, 16, mode), TL_OK);
-        ASSERT_EQ(run(serial, a1, a2), TL_OK);
+        ASSERT_TRUE(Sgm_init(&serial.sgm, W, H, 16, mode) == TL_OK && run(serial, a1, a2) == TL_OK);
         for (int i = 0; i < vq_tl_test::Layers::kCount; ++i) {
             const ImageStripeExec exec = layers.exec(i);
             SgmObject o;

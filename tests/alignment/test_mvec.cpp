@@ -241,7 +241,6 @@ TEST(Mvec6F32, RoundTripsAndCompositionFollowTheRealMaps) {
         // The identity on either side changes nothing, in place too.
         ASSERT_TRUE(Mvec6F32_mult(&p, &id, &far) == TL_OK && Mvec6F32_mult(&p, &p, &id) == TL_OK);
         EXPECT_TRUE(same(p, far));
-
         // a(b(p)) in reals against the composed record: an element half a unit off moves 4000 pixels by 1/8.
         const Mvec6F32 a = randomMotion(rng, 100.0), b = randomMotion(rng, 100.0);
         Mvec6F32_mult(&ab, &a, &b);

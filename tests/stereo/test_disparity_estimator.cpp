@@ -298,7 +298,6 @@ TEST(DisparityEstimator, MatchesTheScene) {
                  cover = static_cast<double>(covered) / wanted;
     EXPECT_GE(accuracy, 0.9) << "confident pixels within one pixel of the truth: " << accuracy;
     EXPECT_GE(cover, 0.8) << "share of the textured, unoccluded area that is confident: " << cover;
-
     // The refined map must cross the middle disparity within two pixels where the truth leaves the box.
     for (uint8_t window : {5, 7, 15}) {
         Picture out(rig.depthWidth, rig.depthHeight, IMAGE_FORMAT_UINT8);

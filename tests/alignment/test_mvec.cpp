@@ -30,8 +30,7 @@ long double realTrans(const Mvec6F32& m, long double x, long double y, bool firs
     return first ? (m.a * x + m.b * y) / 32768.0L + m.c : (m.d * x + m.e * y) / 32768.0L + m.f;
 }
 
-// A motion of the kind the search produces: scale 0.8 to 1.25, a rotation of
-// a few degrees, a translation of up to `maxShift` pixels.
+// A motion as the search finds them: scale 0.8 to 1.25, a few degrees of rotation, a shift up to maxShift.
 Mvec6F32 randomMotion(std::mt19937& rng, double maxShift) {
     std::uniform_real_distribution<double> scale(0.8, 1.25), angle(-0.1, 0.1), shift(-maxShift, maxShift);
     const double s = scale(rng), t = angle(rng), sy = scale(rng);
@@ -115,6 +114,19 @@ TEST(Mvec, RefusalsLeaveTheResultAlone) {
     EXPECT_EQ(MvecDetectMulti2_Mvec6F32_output(&r6, &id, 0, 0), TL_ERROR_PARAM);
     EXPECT_EQ(MvecDetectMulti2_Mvec6F32_input(&r6, &id, -2, 0), TL_ERROR_PARAM);
     EXPECT_TRUE(same(r6, canary));
+    // Dispatch records of mixed or missing kinds, and singular ones.
+    MvecDetectMulti2_Mvec a = make(6), b = make(8), never{};
+    EXPECT_EQ(MvecDetectMulti2_Mvec_mult(&a, &a, &b), TL_ERROR_PARAM);
+    EXPECT_EQ(MvecDetectMulti2_Mvec_inv(&b, &a), TL_ERROR_PARAM);
+    EXPECT_EQ(MvecDetectMulti2_Mvec_upscale(&never, &a), TL_ERROR_PARAM);
+    a.u.affine = {0, 0, 0, 0, 0, 0};
+    MvecDetectMulti2_Mvec result = make(6);
+    result.u.affine.c = 99;
+    EXPECT_EQ(MvecDetectMulti2_Mvec_inv(&result, &a), TL_ERROR_PARAM);
+    EXPECT_EQ(result.u.affine.c, 99);
+    MvecDetectMulti2_Mvec q = make(3);
+    q.u.quat = {0, 0, 0, 0};
+    EXPECT_EQ(MvecDetectMulti2_Mvec_inv(&q, &q), TL_ERROR_PARAM);
 }
 
 TEST(Mvec8Real, PointMapsWorkedByHand) {
@@ -128,9 +140,7 @@ TEST(Mvec8Real, PointMapsWorkedByHand) {
     EXPECT_TRUE(rx == 1.5 && ry == 3.0) << rx << "," << ry;
     EXPECT_TRUE(fx == 1.75f && fy == -0.75f) << fx << "," << fy;
     EXPECT_TRUE(v[0] == 5.0 && v[1] == 6.0 && v[2] == 4.0) << v[0] << "," << v[1] << "," << v[2];
-}
-
-TEST(Mvec8Real, Trans2DF32IsBitExactForTheIdentityAndRoundsHalfAway) {
+    // The Q15 form is bit exact for the identity and rounds halves away from zero.
     Mvec8Real id;
     Mvec8Real_setIdentity(&id);
     const int32_t fixed[] = {0, 1, -1, 16384, -16384, INT32_MAX, INT32_MIN, 123456789};
@@ -187,8 +197,7 @@ TEST(Mvec6F32, OperationsWorkedByHand) {
     // a after b: twice after the shift is 2x + 2, the shift after twice 2x + 1.
     EXPECT_TRUE(same(product(twice, onePixelRight), {65536, 0, 65536, 0, 65536, 0}));
     EXPECT_TRUE(same(product(onePixelRight, twice), {65536, 0, 32768, 0, 65536, 0}));
-    // Each element rounds to nearest: 3/4 of (1 + 2^-15) is 24576.75 units;
-    // half of +1 and -1 unit are ties, which round up.
+    // Elements round to nearest: 3/4 of (1 + 2^-15) is 24576.75 units; half of +-1 unit ties, rounding up.
     EXPECT_TRUE(
         same(product({24576, 0, 0, 0, 24576, 0}, {32769, 0, 1, 0, 32767, -1}), {24577, 0, 1, 0, 24575, -1}));
     EXPECT_TRUE(same(product({16384, 0, 0, 0, 16384, 0}, {1, 0, 0, 0, -1, 0}), {1, 0, 0, 0, 0, 0}));
@@ -222,23 +231,17 @@ TEST(Mvec6F32, RoundTripsAndCompositionFollowTheRealMaps) {
     Mvec6F32 id, inv, p, ab, q, shifted;
     Mvec6F32_setIdentity(&id);
     for (int round = 0; round < 1000 && !HasFailure(); ++round) {
-        // m after its inverse is the identity within one unit. The other order
-        // carries the rounding of the inverse's linear part times the
-        // translation, so it holds to one unit for short shifts only.
+        // m after its inverse is the identity within one unit. The other order carries the rounding of the
+        // inverse's linear part times the translation, so it holds to one unit for short shifts only.
         const Mvec6F32 far = randomMotion(rng, 2000.0), near = randomMotion(rng, 0.5);
-        ASSERT_EQ(Mvec6F32_inv(&inv, &far), TL_OK);
-        ASSERT_EQ(Mvec6F32_mult(&p, &far, &inv), TL_OK);
+        ASSERT_TRUE(Mvec6F32_inv(&inv, &far) == TL_OK && Mvec6F32_mult(&p, &far, &inv) == TL_OK);
         expectIdentityWithinOne(p);
-        ASSERT_EQ(Mvec6F32_inv(&inv, &near), TL_OK);
-        ASSERT_EQ(Mvec6F32_mult(&p, &inv, &near), TL_OK);
+        ASSERT_TRUE(Mvec6F32_inv(&inv, &near) == TL_OK && Mvec6F32_mult(&p, &inv, &near) == TL_OK);
         expectIdentityWithinOne(p);
         // The identity on either side changes nothing, in place too.
-        ASSERT_EQ(Mvec6F32_mult(&p, &id, &far), TL_OK);
-        ASSERT_EQ(Mvec6F32_mult(&p, &p, &id), TL_OK);
+        ASSERT_TRUE(Mvec6F32_mult(&p, &id, &far) == TL_OK && Mvec6F32_mult(&p, &p, &id) == TL_OK);
         EXPECT_TRUE(same(p, far));
-
-        // a(b(p)) in reals against the composed record: each element of ab is
-        // within half a unit, which moves a point of 4000 pixels by 1/8 pixel.
+        // a(b(p)) in reals against the composed record: an element half a unit off moves 4000 pixels by 1/8.
         const Mvec6F32 a = randomMotion(rng, 100.0), b = randomMotion(rng, 100.0);
         Mvec6F32_mult(&ab, &a, &b);
         const int32_t x = point(rng), y = point(rng);
@@ -247,8 +250,7 @@ TEST(Mvec6F32, RoundTripsAndCompositionFollowTheRealMaps) {
         Mvec6F32_trans(&ab, &ox, &oy, x, y);
         EXPECT_NEAR(ox, static_cast<double>(realTrans(a, bx, by, true)), 8192.0);
         EXPECT_NEAR(oy, static_cast<double>(realTrans(a, bx, by, false)), 8192.0);
-        // div undoes a composition. The translation carries half a unit of
-        // each linear element times shifts of up to 180 pixels.
+        // div undoes a composition; the shift carries half a unit per linear element times up to 180.
         Mvec6F32_div(&q, &ab, &b);
         EXPECT_NEAR(q.a, a.a, 2);
         EXPECT_NEAR(q.e, a.e, 2);
@@ -301,8 +303,7 @@ TEST(MvecDispatch, EachDofStartsAsTheIdentity) {
     EXPECT_EQ(MvecDetectMulti2_Mvec_init(&m, 3, 0.0), TL_ERROR_PARAM);  // a rotation needs a focal length
 }
 
-// A quarter turn about the optical axis moves (x, 0) to (0, x): the ray turns,
-// the depth stays, so the projection is the plain planar rotation.
+// A quarter turn about the optical axis moves (x, 0) to (0, x): the depth stays, a plain planar rotation.
 TEST(MvecDispatch, QuaternionWorkedByHand) {
     MvecDetectMulti2_Mvec m = make(3, 800.0);
     m.u.quat = rotation(M_PI / 2, 0.0, 0.0, 1.0);
@@ -310,8 +311,7 @@ TEST(MvecDispatch, QuaternionWorkedByHand) {
     ASSERT_EQ(MvecDetectMulti2_Mvec_transF32(&m, &x, &y, 100 * kOne, 0), TL_OK);
     EXPECT_EQ(x, 0);
     EXPECT_EQ(y, 100 * kOne);
-    // A pan of atan(0.25) about the vertical axis carries the centre to a
-    // quarter of the focal length sideways: 200 pixels at f = 800.
+    // A pan of atan(0.25) about the vertical axis moves the centre a quarter of f sideways: 200 at f = 800.
     m.u.quat = rotation(std::atan(0.25), 0.0, 1.0, 0.0);
     ASSERT_EQ(MvecDetectMulti2_Mvec_transF32(&m, &x, &y, 0, 0), TL_OK);
     EXPECT_NEAR(x, 200 * kOne, 1);
@@ -323,8 +323,7 @@ TEST(MvecDispatch, QuaternionWorkedByHand) {
     EXPECT_EQ(x, 7);
 }
 
-// For every kind: m after its inverse maps points back, and one level finer
-// the motion of a point doubles with the point.
+// For every kind: m after its inverse maps points back; one level finer a point's motion doubles with it.
 TEST(MvecDispatch, InverseAndUpscaleAgreeWithTheMaps) {
     std::mt19937 rng(3);
     std::uniform_int_distribution<int32_t> coord(-400 * kOne, 400 * kOne);
@@ -349,20 +348,4 @@ TEST(MvecDispatch, InverseAndUpscaleAgreeWithTheMaps) {
             EXPECT_LE(std::abs(fy - 2 * cy), 4);
         }
     }
-}
-
-TEST(MvecDispatch, RefusesMixedOrMissingRecords) {
-    MvecDetectMulti2_Mvec a = make(6), b = make(8), never{};
-    EXPECT_EQ(MvecDetectMulti2_Mvec_mult(&a, &a, &b), TL_ERROR_PARAM);
-    EXPECT_EQ(MvecDetectMulti2_Mvec_inv(&b, &a), TL_ERROR_PARAM);
-    EXPECT_EQ(MvecDetectMulti2_Mvec_upscale(&never, &a), TL_ERROR_PARAM);
-    // A singular record keeps the result as it was.
-    a.u.affine = {0, 0, 0, 0, 0, 0};
-    MvecDetectMulti2_Mvec result = make(6);
-    result.u.affine.c = 99;
-    EXPECT_EQ(MvecDetectMulti2_Mvec_inv(&result, &a), TL_ERROR_PARAM);
-    EXPECT_EQ(result.u.affine.c, 99);
-    MvecDetectMulti2_Mvec q = make(3);
-    q.u.quat = {0, 0, 0, 0};
-    EXPECT_EQ(MvecDetectMulti2_Mvec_inv(&q, &q), TL_ERROR_PARAM);
 }

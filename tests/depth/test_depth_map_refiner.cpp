@@ -25,9 +25,8 @@ double value(Picture& p, int32_t x, int32_t y) {
     return p.image.format == IMAGE_FORMAT_FLOAT ? p.at<float>(x, y) : p.u8(x, y);
 }
 
-// Both passes of the plain filter written out from its definition, summing
-// in the kernels' order (centre first, then the taps from -half) so that
-// FLOAT results compare exactly as well.
+// Both passes of the plain filter written out from its definition, summing in the kernels' order (centre
+// first, then the taps from -half) so that FLOAT results compare exactly as well.
 std::vector<double> bilateralReference(Picture& src, Picture& guide, int32_t channels, int32_t window,
                                        float sigmaSpace, float sigmaRange) {
     const int32_t w = src.image.width, h = src.image.height, half = window / 2;
@@ -93,8 +92,7 @@ TEST(SeparableBilateralFilter, MatchesDirectDefinition) {
     for (const auto& c : cases) {
         Picture guide(w, h, c.guideFormat), src(w, h, c.valueFormat), tmp(w, h, c.valueFormat),
             dst(w, h, c.valueFormat);
-        // A quarter of the guide anywhere, the rest within 6 levels: taps
-        // inside and outside the parabola.
+        // A quarter of the guide anywhere, the rest within 6 levels: taps inside and outside the parabola.
         const int32_t n = w * c.channels;
         for (int32_t i = 0; i < n * h; ++i)
             guide.row(0, i / n)[i % n] = static_cast<uint8_t>(rng() % 4 == 0 ? rng() : 120 + rng() % 6);
@@ -110,11 +108,10 @@ TEST(SeparableBilateralFilter, MatchesDirectDefinition) {
         EXPECT_EQ(got, bilateralReference(src, guide, c.channels, c.window, c.sigmaSpace, c.sigmaRange))
             << "window " << c.window << " sigmaRange " << c.sigmaRange;
     }
-    // Weighted form, flat guide, C = 50, spatial[+-1] = 90: values 100, 0, 50
-    // with weights 255, 0, 128. Pixel 1: S0 = 4500 + 6400 + 4500, S1 = 4500 *
-    // (255 + 128), S2 = 4500 * (255 * 100 + 128 * 50): value 83.3, weight 111.9.
-    // Pixel 0: value 100, weight 10700 * 255 / 15400 = 180.5; pixel 2: value 50,
-    // weight 1395200 / 15400 = 90.6. The vertical pass over one row keeps both.
+    // Weighted form, flat guide, C = 50, spatial[+-1] = 90: values 100, 0, 50 with weights 255, 0, 128.
+    // Pixel 1: S0 = 4500 + 6400 + 4500, S1 = 4500 * (255 + 128), S2 = 4500 * (255 * 100 + 128 * 50): value
+    // 83.3, weight 111.9. Pixel 0: value 100, weight 10700 * 255 / 15400 = 180.5; pixel 2: value 50, weight
+    // 1395200 / 15400 = 90.6. The vertical pass over one row keeps both.
     Picture flat(3, 1, IMAGE_FORMAT_UINT8), vals(3, 1, IMAGE_FORMAT_UINT8), wts(3, 1, IMAGE_FORMAT_UINT8),
         tVals(3, 1, IMAGE_FORMAT_UINT8), tWts(3, 1, IMAGE_FORMAT_UINT8), dVals(3, 1, IMAGE_FORMAT_UINT8),
         dWts(3, 1, IMAGE_FORMAT_UINT8);
@@ -131,9 +128,8 @@ TEST(SeparableBilateralFilter, MatchesDirectDefinition) {
 
 namespace {
 
-// Three planar regions with straight edges: 0 left of a slanted line, 1
-// right of it above row 0.6 h, 2 right of it below; depth planes in 8 bits,
-// and each pixel's Chebyshev distance to another region, up to 9.
+// Three planar regions with straight edges: 0 left of a slanted line, 1 right of it above row 0.6 h, 2 right
+// of it below; depth planes in 8 bits, and each pixel's Chebyshev distance to another region, up to 9.
 struct Scene {
     int32_t w, h;
     std::vector<int32_t> label;
@@ -177,10 +173,9 @@ struct Scene {
 
 }  // namespace
 
-// The coarse map is the mean of each 4 by 4 block of the scene's depth, as a
-// matcher at a quarter of the size would see it; the guide's luma is 50, 130
-// or 210 by region, with +-3 of texture. Three levels, on the session's
-// layers: the filters on a Pel, the resizes on an executor over it.
+// The coarse map is the mean of each 4 by 4 block of the scene's depth, as a matcher at a quarter of the size
+// would see it; the guide's luma is 50, 130 or 210 by region, with +-3 of texture. Three levels, on the
+// session's layers: the filters on a Pel, the resizes on an executor over it.
 TEST(DepthMapRefiner, SnapsDepthEdgesToTheGuide) {
     const int32_t w = 320, h = 240;
     Scene scene(w, h);
@@ -210,13 +205,11 @@ TEST(DepthMapRefiner, SnapsDepthEdgesToTheGuide) {
     EXPECT_TRUE(out.canariesIntact());
     ASSERT_EQ(Resize_resizeImage(nullptr, &bilinear.image, &map.image), TL_OK);
     const Scene::Errors refined = scene.measure(out), plain = scene.measure(bilinear);
-    // Measured (window 15, sigmaSpace 10, sigmaRange 15), refiner against
-    // bilinear: worst 2 or more pixels from an edge 14.6 and 42.4 levels;
-    // more than 8 inside worst 4.6 and 0.75, mean 0.46 and 0.26; mean within
-    // 5 of an edge 5.1 and 10.6. The planes differ by 63.7 levels or more at
-    // the edges, so an error below half of that keeps a pixel on its side:
-    // the refiner's depth edges lie within one pixel of the guide's, the
-    // bilinear ones do not. The price: a bias of a few levels near edges.
+    // Measured (window 15, sigmaSpace 10, sigmaRange 15), refiner against bilinear: worst 2 or more pixels
+    // from an edge 14.6 and 42.4 levels; more than 8 inside worst 4.6 and 0.75, mean 0.46 and 0.26; mean
+    // within 5 of an edge 5.1 and 10.6. The planes differ by 63.7 levels or more at the edges, so an error
+    // below half of that keeps a pixel on its side: the refiner's depth edges lie within one pixel of the
+    // guide's, the bilinear ones do not. The price: a bias of a few levels near edges.
     EXPECT_LT(refined.worstBeyondOne, 31.0);
     EXPECT_GT(plain.worstBeyondOne, 31.0);
     EXPECT_LE(refined.worstInside, 5.0);

@@ -1,6 +1,5 @@
-// The blur family against references written here in doubles: Q15
-// convolution exactly and the true Gaussian within stated errors, window sums
-// exactly; cases spread over the parallel layers; bad arguments.
+// The blur family against references written here in doubles: Q15 convolution exactly and the true Gaussian
+// within stated errors, window sums exactly; cases spread over the parallel layers; bad arguments.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -1,6 +1,4 @@
-// Helpers of the rectification and grid warp tests: owned grids and
-// renderers, sample layouts and smooth pictures; camera and lens models come
-// from support/camera_model.h.
+// Helpers of the rectification and warp tests: owned grids and renderers, sample layouts, smooth pictures.
 #pragma once
 
 #include <cmath>
@@ -28,16 +26,13 @@ struct Grid {
         vq_tl::Renderer2_Params_initWithGridSize(&g, rect, cell, cell);
     }
     ~Grid() { vq_tl::destruct_Renderer2_Params(&g); }
-    Grid(const Grid&) = delete;
-    Grid& operator=(const Grid&) = delete;
     int32_t count() const { return g.cols * g.rows; }
     void apply(const Map& map) {
         for (int32_t v = 0; v < count(); ++v) map(g.xs[v], g.ys[v], &g.x[v], &g.y[v]);
     }
 };
 
-// The warp's map at rectified pixel (rx, ry): the bilinear blend of its
-// cell's vertices, as Renderer2 draws it. False on an invalid vertex.
+// The warp's map at (rx, ry): its cell's vertices blended bilinearly, as drawn. False on an invalid vertex.
 inline bool gridAt(const vq_tl::Renderer2_Params& g, double rx, double ry, double* s) {
     const int32_t i = std::clamp(static_cast<int32_t>(rx / g.gridWidth), 0, g.cols - 2),
                   v = std::clamp(static_cast<int32_t>(ry / g.gridHeight), 0, g.rows - 2) * g.cols + i;
@@ -62,8 +57,6 @@ struct Renderer {
         vq_tl::Renderer2_setMode(&r, mode), vq_tl::Renderer2_setBoundaryCheck(&r, boundaryCheck);
     }
     ~Renderer() { vq_tl::destruct_Renderer2(&r); }
-    Renderer(const Renderer&) = delete;
-    Renderer& operator=(const Renderer&) = delete;
 };
 
 struct Stereo {
@@ -73,17 +66,14 @@ struct Stereo {
         vq_tl::construct_StereoRectify(&s, &env), vq_tl::StereoRectify_setPel(&s, pel);
     }
     ~Stereo() { vq_tl::destruct_StereoRectify(&s); }
-    Stereo(const Stereo&) = delete;
-    Stereo& operator=(const Stereo&) = delete;
 };
 
 inline TLResult render(Renderer& r, Picture& dst, const Picture& src, const Grid& grid) {
     return vq_tl::Renderer2_render(&r.r, &dst.image, &src.image, &grid.g);
 }
 
-// Where a format keeps its samples: luma at row(0, y)[lumaStep x + lumaOffset],
-// chroma component c (0 and 1 in memory order) at row(plane + c planeStep,
-// cy)[chromaStep cx + chromaOffset + c componentStep], in chroma samples.
+// Where a format keeps its samples: luma at row(0, y)[lumaStep x + lumaOffset], chroma component c (in memory
+// order) at row(plane + c planeStep, cy)[chromaStep cx + chromaOffset + c componentStep].
 struct Layout {
     bool hasChroma;
     int32_t chromaShiftY;  // 1 for 4:2:0; chroma is always half as wide
@@ -111,9 +101,8 @@ struct Layout {
     }
 };
 
-// Smooth pictures: luma changes by at most 2.7 levels per pixel, so groups
-// placing samples up to an eighth of a pixel short (phase and lane offset
-// truncated to sixteenths) stay within one level.
+// Smooth pictures: luma changes by at most 2.7 levels per pixel, so groups placing samples up to an eighth of
+// a pixel short (phase and lane offset truncated to sixteenths) stay within one level.
 inline double smoothLuma(double x, double y) {
     return 128.0 + 24.0 * std::sin(0.09 * x + 0.04 * y) + 18.0 * std::cos(0.06 * y - 0.03 * x);
 }
@@ -131,8 +120,7 @@ inline void fillSmooth(Picture& p, const Layout& l, int32_t w, int32_t h) {
             static_cast<uint8_t>(std::lround(smoothChroma(i % 2, i / 2 % cw, i / 2 / cw)));
 }
 
-// Bilinear sample of the luma of p at (sx, sy) with real weights, edges
-// repeated: the warp as it would be done per pixel in real arithmetic.
+// Bilinear luma of p at (sx, sy), real weights, edges repeated: the warp done per pixel in real arithmetic.
 inline double referenceLuma(const Picture& p, const Layout& l, int32_t w, int32_t h, double sx, double sy) {
     const double fx = std::floor(sx), fy = std::floor(sy), ax = sx - fx, ay = sy - fy;
     auto at = [&](double x, double y) {

@@ -1,13 +1,19 @@
-// The Sgm driver: a stereogram of known disparity recovered in both modes and on every layer;
-// winners against a plain rule; hand-worked winners, left-right checks, radial penalties.
+// Sgm: census and Hamming costs against plain implementations; the aggregation by a hand-worked recurrence
+// and, in three shapes on every Pel, against a plain one; the driver on a stereogram of known disparity in
+// both modes on every layer; winners against a plain rule and by hand; left-right checks; radial penalties.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
+#include <memory>
 #include <random>
 #include <vector>
 
+#include "runtime/pel.h"
 #include "stereo/sgm.h"
+#include "stereo/sgm_cost_aggregator.h"
+#include "stereo/sgm_cost_matcher.h"
 #include "support/layers.h"
 #include "support/picture.h"
 #include "support/test_env.h"
@@ -16,6 +22,221 @@ using namespace vq_tl;
 using vq_tl_test::Picture;
 
 namespace {
+
+int32_t clampTo(int32_t v, int32_t n) { return v < 0 ? 0 : (v >= n ? n - 1 : v); }
+
+// Bits in raster order, set where a neighbour (edges repeated) exceeds the centre.
+uint32_t referenceCensus(Picture& view, int32_t x, int32_t y, int r) {
+    const int32_t w = view.image.width, h = view.image.height;
+    const uint8_t c = view.u8(x, y);
+    uint32_t word = 0;
+    for (int dy = -r; dy <= r; ++dy) {
+        for (int dx = -r; dx <= r; ++dx) {
+            if (dx != 0 || dy != 0)
+                word = (word << 1) | (view.u8(clampTo(x + dx, w), clampTo(y + dy, h)) > c ? 1u : 0u);
+        }
+    }
+    return word;
+}
+
+uint32_t censusWord(Picture& census, int32_t x, int32_t y) {
+    return census.image.format == IMAGE_FORMAT_UINT8 ? census.u8(x, y) : census.at<uint32_t>(x, y);
+}
+
+// Outside columns 24 (unmasked); inside the row window's least distance ANDed with the mask.
+std::vector<uint8_t> referenceCost(Picture& c1, Picture& c2, Picture* mask, int D, int m, int window,
+                                   bool swapped) {
+    const int32_t w = c1.image.width, h = c1.image.height;
+    Picture& base = swapped ? c1 : c2;
+    Picture& match = swapped ? c2 : c1;
+    const int dLow = swapped ? 1 - (m + D) : m, dHigh = dLow + D - 1, r = window / 2;
+    std::vector<uint8_t> out(static_cast<size_t>(w) * D * h);
+    for (int32_t y = 0; y < h; ++y) {
+        for (int32_t x = 0; x < w; ++x) {
+            const bool outside = x < -dLow || x >= w - dHigh;
+            for (int k = 0; k < D; ++k) {
+                int best = outside ? 24 : 99;
+                for (int j = -r; j <= r && !outside; ++j) {
+                    const int pc = __builtin_popcount(censusWord(base, x, y) ^
+                                                      censusWord(match, x + dLow + k, clampTo(y + j, h)));
+                    best = pc < best ? pc : best;
+                }
+                if (!outside && mask != nullptr) best &= mask->u8(x, y);
+                out[(static_cast<size_t>(y) * w + x) * D + k] = static_cast<uint8_t>(best);
+            }
+        }
+    }
+    return out;
+}
+
+struct Matcher {
+    SgmCostMatcher m;
+    explicit Matcher(Pel* pel = nullptr) {
+        construct_SgmCostMatcher(&m, nullptr), SgmCostMatcher_setPel(&m, pel);
+    }
+    ~Matcher() { destruct_SgmCostMatcher(&m); }
+};
+
+const int kDx[8] = {-1, +1, 0, 0, -1, +1, +1, -1};
+const int kDy[8] = {0, 0, -1, +1, -1, +1, -1, +1};
+
+// Costs, an optional guide (1 or 2 channels, bordered), an optional penalty image.
+struct Problem {
+    int32_t W, H, D;
+    uint8_t P1 = 2, P2 = 20;
+    Picture cost;                      // W * D by H, slot k of x at x * D + k
+    std::unique_ptr<Picture> guide;    // (W + 2) by (H + 2); null: none
+    std::unique_ptr<Picture> penalty;  // W by H; null: the constant P2
+    Problem(int32_t w, int32_t h, int32_t d) : W(w), H(h), D(d), cost(w * d, h, IMAGE_FORMAT_UINT8) {}
+    void setGuide(int channels, const std::vector<uint8_t>& g) {
+        guide =
+            std::make_unique<Picture>(W + 2, H + 2, channels == 1 ? IMAGE_FORMAT_UINT8 : IMAGE_FORMAT_UINT88);
+        for (int32_t y = 0; y < H + 2; ++y)
+            for (int32_t i = 0; i < (W + 2) * channels; ++i)
+                guide->row(0, y)[i] =
+                    g[(std::clamp(y - 1, 0, H - 1) * W + std::clamp(i / channels - 1, 0, W - 1)) * channels +
+                      i % channels];
+    }
+    const Image* guideImage() const { return guide ? &guide->image : nullptr; }
+};
+
+// P2 with a guide: max(round(P2 / (1 + g)), P1 + 1), g the step to the previous pixel; UINT88 averages two.
+int penaltyAt(Problem& p, int32_t x, int32_t y, int dir) {
+    const int base = p.penalty ? p.penalty->u8(x, y) : p.P2;
+    if (!p.guide) return base;
+    const int c = p.guide->image.format == IMAGE_FORMAT_UINT8 ? 1 : 2;
+    auto g = [&](int32_t gx, int32_t gy, int ch) { return p.guide->row(0, gy + 1)[(gx + 1) * c + ch]; };
+    int step = std::abs(g(x, y, 0) - g(x + kDx[dir], y + kDy[dir], 0));
+    if (c == 2) step = (step + std::abs(g(x, y, 1) - g(x + kDx[dir], y + kDy[dir], 1))) >> 1;
+    const int q = (base + (1 + step) / 2) / (1 + step);
+    return (q > p.P1 + 1 ? q : p.P1 + 1) & 0xFF;
+}
+
+// L' of every pixel for one direction.
+std::vector<uint8_t> referencePath(Problem& p, int dir) {
+    const int32_t W = p.W, H = p.H, D = p.D;
+    std::vector<uint8_t> L(static_cast<size_t>(W) * H * D, 0);
+    const std::vector<uint8_t> zeros(D, 0);
+    const bool forward = (dir & 1) == 0;
+    for (int32_t n = 0; n < W * H; ++n) {
+        const int32_t y = forward ? n / W : H - 1 - n / W, x = forward ? n % W : W - 1 - n % W;
+        const int32_t qx = x + kDx[dir], qy = y + kDy[dir];
+        const uint8_t* prev = (qx < 0 || qy < 0 || qx >= W || qy >= H)
+                                  ? zeros.data()
+                                  : &L[(static_cast<size_t>(qy) * W + qx) * D];
+        const int p2 = penaltyAt(p, x, y, dir);
+        uint8_t* out = &L[(static_cast<size_t>(y) * W + x) * D];
+        int lowest = 255;
+        for (int k = 0; k < D; ++k) {
+            const int a = std::min(k > 0 ? prev[k - 1] : 255, k < D - 1 ? prev[k + 1] : 255);
+            out[k] = static_cast<uint8_t>(std::min({(a + p.P1) & 0xFF, p2, int{prev[k]}}) +
+                                          p.cost.u8(x * D + k, y));
+            lowest = std::min(lowest, int{out[k]});
+        }
+        for (int k = 0; k < D; ++k) out[k] = static_cast<uint8_t>(out[k] - lowest);
+    }
+    return L;
+}
+
+// The aggregated volume with its pads, entries (y * W + x) * (D + 2) + e.
+std::vector<uint16_t> referenceVolume(Problem& p, int paths) {
+    const size_t pixels = static_cast<size_t>(p.W) * p.H, E = p.D + 2;
+    std::vector<uint16_t> v(pixels * E, 0);
+    for (int dir = 0; dir < paths; ++dir) {
+        const std::vector<uint8_t> L = referencePath(p, dir);
+        for (size_t px = 0; px < pixels; ++px)
+            for (int k = 0; k < p.D; ++k)
+                v[px * E + k + 1] = static_cast<uint16_t>(v[px * E + k + 1] + L[px * p.D + k]);
+    }
+    for (size_t px = 0; px < pixels; ++px) v[px * E] = v[px * E + 2], v[px * E + E - 1] = v[px * E + E - 3];
+    return v;
+}
+
+struct Aggregator {
+    SgmCostAggregator a;
+    Aggregator(int32_t w, int32_t h, Pel* pel = nullptr) {
+        construct_SgmCostAggregator(&a, nullptr), SgmCostAggregator_init(&a, w, h),
+            SgmCostAggregator_setPel(&a, pel);
+    }
+    ~Aggregator() { destruct_SgmCostAggregator(&a); }
+};
+
+// The path work image: a 255 separator every D + 1 bytes, the rest 0; aggregation leaves borders alone.
+void expectLayout(const Picture& pc, const Problem& p, bool used) {
+    const int32_t S = p.D + 1;
+    for (int32_t row = 0; row < pc.image.height; ++row)
+        for (int32_t b = 0; b < pc.image.width; ++b)
+            ASSERT_TRUE((used && row % (p.H + 1) != 0 && b >= S && b <= (p.W + 1) * S && b % S != 0) ||
+                        pc.row(0, row)[b] == (b % S == 0 ? 255 : 0))
+                << row << " " << b;
+}
+
+std::unique_ptr<Picture> preparedPathCosts(const Problem& p, int32_t rows) {
+    auto pc =
+        std::make_unique<Picture>(SgmCostAggregator_getPathCostsWidth(p.W, p.D), rows, IMAGE_FORMAT_UINT8);
+    pc->fillPlanes(0x77);
+    EXPECT_EQ(SgmCostAggregator_preparePathCosts(nullptr, &pc->image, p.D), TL_OK);
+    expectLayout(*pc, p, false);
+    return pc;
+}
+
+// Runs shape 0 (parallel), 1 (2-way) or 2 (serial): the volume in 16-bit entries.
+std::vector<uint16_t> runShape(Problem& p, int shape, int paths, Pel* pel, TLResult* r) {
+    Aggregator agg(p.W, p.H, pel);
+    const int32_t E = p.D + 2;
+    Picture out(p.W * E, p.H, IMAGE_FORMAT_UINT16), second(p.W * E, p.H, IMAGE_FORMAT_UINT16);
+    auto pc = preparedPathCosts(p, shape == 0 ? paths * (p.H + 1) + 1 : 2 * paths);
+    const int32_t rpWidth = shape == 0 ? p.W : shape == 1 ? p.W * paths : p.W * 4;
+    Picture rowPenalty(rpWidth, shape == 0 ? paths : 1, IMAGE_FORMAT_UINT8);
+    Image* rp = p.guide ? &rowPenalty.image : nullptr;
+    const Image *cost = &p.cost.image, *penalty = p.penalty ? &p.penalty->image : nullptr;
+    if (shape == 0) {
+        *r = penalty ? SgmCostAggregator_aggregateParallelVariablePenalty(
+                           &agg.a, &pc->image, cost, p.guideImage(), p.P1, penalty, rp, p.D, paths)
+                     : SgmCostAggregator_aggregateParallel(&agg.a, &pc->image, cost, p.guideImage(), rp, p.D,
+                                                           p.P1, p.P2, paths);
+        if (*r == TL_OK) *r = SgmCostAggregator_sumPaths(&agg.a, &out.image, &pc->image, p.D, paths);
+        expectLayout(*pc, p, true);
+    } else if (shape == 1) {
+        *r = SgmCostAggregator_aggregate2wayParallel(&agg.a, &out.image, &second.image, cost, p.guideImage(),
+                                                     &pc->image, rp, p.D, p.P1, p.P2, paths);
+    } else {
+        *r = penalty
+                 ? SgmCostAggregator_aggregateSerialVariablePenalty(&agg.a, &out.image, cost, p.guideImage(),
+                                                                    &pc->image, p.P1, penalty, rp, p.D, paths)
+                 : SgmCostAggregator_aggregateSerial(&agg.a, &out.image, cost, p.guideImage(), &pc->image, rp,
+                                                     p.D, p.P1, p.P2, paths);
+    }
+    EXPECT_TRUE(pc->canariesIntact() && out.canariesIntact() && rowPenalty.canariesIntact());
+    std::vector<uint16_t> v(static_cast<size_t>(p.W) * p.H * E);
+    for (size_t i = 0; i < v.size(); ++i) {  // with 8 paths the 2-way shape's backward half is in `second`
+        const int32_t x = static_cast<int32_t>(i % (p.W * E)), y = static_cast<int32_t>(i / (p.W * E));
+        v[i] = static_cast<uint16_t>(out.at<uint16_t>(x, y) +
+                                     (shape == 1 && paths == 8 ? second.at<uint16_t>(x, y) : 0));
+    }
+    return v;
+}
+
+// Census costs 0 to 24; a guide of flat areas and steps; P2 sometimes below P1.
+std::unique_ptr<Problem> randomProblem(std::mt19937& rng, int guideChannels, bool variable) {
+    auto p =
+        std::make_unique<Problem>(11 + static_cast<int32_t>(rng() % 9), 5 + static_cast<int32_t>(rng() % 7),
+                                  8 * (1 + static_cast<int32_t>(rng() % 3)));
+    for (int32_t i = 0; i < p->W * p->D * p->H; ++i)
+        p->cost.u8(i % (p->W * p->D), i / (p->W * p->D)) = rng() % 25;
+    if (guideChannels != 0) {
+        std::vector<uint8_t> g(static_cast<size_t>(p->W) * p->H * guideChannels);
+        for (auto& v : g) v = static_cast<uint8_t>((rng() % 4) * 40 + rng() % 3);
+        p->setGuide(guideChannels, g);
+    }
+    if (variable) {
+        p->penalty = std::make_unique<Picture>(p->W, p->H, IMAGE_FORMAT_UINT8);
+        for (int32_t i = 0; i < p->W * p->H; ++i) p->penalty->u8(i % p->W, i / p->W) = 10 + rng() % 120;
+    }
+    p->P1 = static_cast<uint8_t>(1 + rng() % 6);
+    p->P2 = static_cast<uint8_t>(rng() % 3 == 0 ? p->P1 - 1 : 10 + rng() % 60);
+    return p;
+}
 
 // Base-view disparity: top half 9.25, bottom half slanted 5 to 13, a rectangle at 16 in front. The
 // match camera sees world column u at u + sign * disparity (sign -1: swapped), `vShift` rows off.
@@ -84,6 +305,179 @@ struct SgmObject {
 
 }  // namespace
 
+TEST(SgmCostMatcher, CensusMatchesReferenceWithBorders) {
+    Matcher t(&vq_tl_test::sharedLayers().pel);
+    std::mt19937 rng(3);
+    const int32_t sizes[][2] = {{1, 1}, {2, 5}, {4, 3}, {5, 5}, {19, 7}, {33, 21}};
+    for (const auto& s : sizes) {
+        Picture view(s[0], s[1], IMAGE_FORMAT_UINT8);
+        view.fillRandom(rng);
+        // Few grey levels, so that equal neighbours are common.
+        for (int32_t i = 0; i < s[0] * s[1]; ++i) view.u8(i % s[0], i / s[0]) &= 0xC0;
+        Picture c3(s[0], s[1], IMAGE_FORMAT_UINT8), c5(s[0], s[1], IMAGE_FORMAT_INT32);
+        ASSERT_TRUE(SgmCostMatcher_censusTransform3x3(&t.m, &c3.image, &view.image) == TL_OK &&
+                    SgmCostMatcher_censusTransform5x5(&t.m, &c5.image, &view.image) == TL_OK);
+        for (int32_t i = 0; i < s[0] * s[1]; ++i) {
+            const int32_t x = i % s[0], y = i / s[0];
+            ASSERT_TRUE(c3.u8(x, y) == referenceCensus(view, x, y, 1) &&
+                        c5.at<uint32_t>(x, y) == referenceCensus(view, x, y, 2))
+                << s[0] << "x" << s[1] << " at " << x << "," << y;
+        }
+        EXPECT_TRUE(c3.canariesIntact() && c5.canariesIntact());
+    }
+}
+
+TEST(SgmCostMatcher, HammingMatchesReferenceForEveryWindow) {
+    vq_tl_test::Layers& layers = vq_tl_test::sharedLayers();
+    Matcher serial, onPel(&layers.pel), onBalanced(&layers.balanced);
+    std::mt19937 rng(11);
+    const int32_t w = 37, h = vq_tl_test_scaled(15, 9);
+    const struct {
+        uint32_t format;
+        int D, m, window;
+        bool swapped, masked;
+    } cases[] = {
+        {IMAGE_FORMAT_UINT8, 8, 0, 1, true, false},   {IMAGE_FORMAT_UINT8, 16, -4, 3, true, true},
+        {IMAGE_FORMAT_UINT8, 24, -4, 5, false, true}, {IMAGE_FORMAT_UINT8, 8, 3, 7, false, false},
+        {IMAGE_FORMAT_UINT8, 16, 2, 9, true, true},   {IMAGE_FORMAT_UINT8, 8, -2, 11, false, true},
+        {IMAGE_FORMAT_INT32, 8, 0, 1, false, true},   {IMAGE_FORMAT_INT32, 16, -3, 9, true, false},
+        {IMAGE_FORMAT_INT32, 24, 1, 21, true, true},  {IMAGE_FORMAT_INT32, 8, -9, 13, false, false},
+        {IMAGE_FORMAT_INT32, 40, 0, 3, false, true},  // whole rows outside: W < D
+    };
+    for (const auto& c : cases) {
+        Picture c1(w, h, c.format), c2(w, h, c.format), mask(w, h, IMAGE_FORMAT_UINT8);
+        c1.fillRandom(rng);
+        c2.fillRandom(rng);
+        for (int32_t i = 0; i < w * h; ++i) {
+            if (c.format == IMAGE_FORMAT_INT32)  // 24 significant bits
+                c1.at<uint32_t>(i % w, i / w) &= 0xFFFFFF, c2.at<uint32_t>(i % w, i / w) &= 0xFFFFFF;
+            mask.u8(i % w, i / w) = rng() % 3 == 0 ? 0 : 255;
+        }
+        const std::vector<uint8_t> want =
+            referenceCost(c1, c2, c.masked ? &mask : nullptr, c.D, c.m, c.window, c.swapped);
+        for (SgmCostMatcher* m : {&serial.m, &onPel.m, &onBalanced.m}) {
+            Picture cost(w * c.D, h, IMAGE_FORMAT_UINT8);
+            ASSERT_EQ(SgmCostMatcher_calculateHammingDistance(m, &cost.image, &c1.image, &c2.image,
+                                                              c.masked ? &mask.image : nullptr, c.D, c.m,
+                                                              c.window, c.swapped),
+                      TL_OK);
+            for (int32_t y = 0; y < h; ++y)
+                for (int32_t i = 0; i < w * c.D; ++i)
+                    ASSERT_EQ(cost.u8(i, y), want[static_cast<size_t>(y) * w * c.D + i])
+                        << &c - cases << " " << i << "," << y;
+            EXPECT_TRUE(cost.canariesIntact());
+        }
+    }
+}
+
+TEST(SgmCostMatcher, RefusalsWriteNothing) {
+    // Lanes of 8 candidates and the volume's width bound writes; census of another format passes with TL_OK.
+    Matcher t;
+    Picture c1(16, 4, IMAGE_FORMAT_UINT8), c2(16, 4, IMAGE_FORMAT_UINT8), cost(16 * 8, 4, IMAGE_FORMAT_UINT8),
+        wide(16, 4, IMAGE_FORMAT_INT32), floats(16, 4, IMAGE_FORMAT_FLOAT), narrow(15, 4, IMAGE_FORMAT_UINT8);
+    std::mt19937 rng(2);
+    cost.fillRandom(rng);
+    const std::vector<uint8_t> before = cost.storage;
+    auto run = [&](const Picture& a, const Picture& b, const Picture* mask, uint8_t D, int window) {
+        return SgmCostMatcher_calculateHammingDistance(&t.m, &cost.image, &a.image, &b.image,
+                                                       mask ? &mask->image : nullptr, D, 0, window, 1);
+    };
+    EXPECT_EQ(run(floats, c2, nullptr, 8, 3), TL_OK);
+    const TLResult got[] = {run(c1, c2, nullptr, 8, 0),     run(c1, c2, nullptr, 8, 2),
+                            run(c1, c2, nullptr, 8, 257),   run(c1, wide, nullptr, 8, 3),
+                            run(c1, narrow, nullptr, 8, 3), run(c1, c2, nullptr, 12, 3),
+                            run(c1, c2, nullptr, 16, 3),    run(c1, c2, &narrow, 8, 3)};
+    for (TLResult r : got) EXPECT_EQ(r, TL_ERROR_PARAM) << &r - got;
+    EXPECT_EQ(cost.storage, before);
+}
+
+TEST(SgmCostAggregator, HandWorkedRecurrence) {
+    // Two pixels, direction 0. C0 = 3 0 5 5..: L' = C0. C1 = 0 9 9 .. 9 1, P1 2, P2 4:
+    //   k 0: min(min(sep, 0) + 2, 4, 3) + 0 = 2; k 1: min(3 + 2, 4, 0) + 9 = 9;
+    //   k 2: min(0 + 2, 4, 5) + 9 = 11; k 3..6: 4 + 9 = 13; k 7: 4 + 1 = 5; minus 2.
+    // P1 10, P2 3: the clamp comes after the penalty, a step of one costs P2:
+    //   k 0: min(10, 3, 3) + 0 = 3; k 1: 0 + 9; k 2..6: 3 + 9 = 12; k 7: 3 + 1 = 4; minus 3.
+    Problem p(2, 1, 8);
+    const uint8_t cost[16] = {3, 0, 5, 5, 5, 5, 5, 5, 0, 9, 9, 9, 9, 9, 9, 1};
+    for (int i = 0; i < 16; ++i) p.cost.u8(i, 0) = cost[i];
+    Aggregator agg(2, 1);
+    const struct {
+        uint8_t P1, P2, want[8];
+    } cases[] = {{2, 4, {0, 7, 9, 11, 11, 11, 11, 3}}, {10, 3, {0, 6, 9, 9, 9, 9, 9, 1}}};
+    for (const auto& c : cases) {
+        auto pc = preparedPathCosts(p, 4 * 2 + 1);
+        ASSERT_EQ(SgmCostAggregator_aggregateParallel(&agg.a, &pc->image, &p.cost.image, nullptr, nullptr, 8,
+                                                      c.P1, c.P2, 4),
+                  TL_OK);
+        // Pixel x of direction 0 at row 1, from byte (x + 1) * (D + 1) + 1.
+        for (int k = 0; k < 8; ++k)
+            EXPECT_TRUE(pc->u8(10 + k, 1) == cost[k] && pc->u8(19 + k, 1) == c.want[k]) << k;
+        p.P1 = c.P1, p.P2 = c.P2;
+        EXPECT_EQ(referencePath(p, 0)[8 + 7], c.want[7]);  // the reference agrees by hand
+    }
+}
+
+TEST(SgmCostAggregator, ThreeShapesAgreeWithTheReferenceOnEveryPel) {
+    vq_tl_test::Layers& layers = vq_tl_test::sharedLayers();
+    std::mt19937 rng(2026);
+    for (int i = 0; i < 12 * vq_tl_test_scaled(3, 1); ++i) {  // guide channels 0 to 2, variable, 4 or 8 paths
+        const int guide = i / 4 % 3, paths = i & 1 ? 8 : 4;
+        const bool variable = (i & 2) != 0;
+        auto p = randomProblem(rng, guide, variable);
+        const std::vector<uint16_t> want = referenceVolume(*p, paths);
+        for (int shape = 0; shape < 3; ++shape) {
+            if (shape == 1 && variable) continue;  // the 2-way shape has no variable form
+            for (Pel* pel : {static_cast<Pel*>(nullptr), &layers.pel, &layers.balanced}) {
+                TLResult r;
+                ASSERT_TRUE(runShape(*p, shape, paths, pel, &r) == want && r == TL_OK)
+                    << "case " << i << " shape " << shape << " on pel " << (pel != nullptr);
+            }
+        }
+    }
+}
+
+TEST(SgmCostAggregator, RefusalsWriteNothing) {
+    // Layout, lane and path-count checks guard every write; a guide of another format passes with TL_OK.
+    Problem p(4, 3, 8);
+    p.cost.fillPlanes(1);
+    p.setGuide(1, std::vector<uint8_t>(12, 5));
+    Aggregator agg(4, 3), fresh(4, 3);
+    fresh.a.width = 0;  // as before init
+    auto pc = preparedPathCosts(p, 8 * 4 + 1);
+    auto ring = preparedPathCosts(p, 16);
+    Picture rows(4, 8, IMAGE_FORMAT_UINT8), wideRows(4 * 8, 1, IMAGE_FORMAT_UINT8),
+        floats(6, 5, IMAGE_FORMAT_FLOAT), v16(4 * 10, 3, IMAGE_FORMAT_UINT16),
+        second(4 * 10, 3, IMAGE_FORMAT_UINT16), v8(4 * 10, 3, IMAGE_FORMAT_UINT8);
+    const std::vector<uint8_t> planes = pc->storage, volume = v16.storage, bytes = v8.storage;
+    const Image *cost = &p.cost.image, *g = p.guideImage();
+    Image *r = &rows.image, *wr = &wideRows.image, *pl = &pc->image;
+    auto par = [&](const Image* g, Image* rp, uint8_t D, uint8_t n, Image* pathCosts) {
+        return SgmCostAggregator_aggregateParallel(&agg.a, pathCosts, cost, g, rp, D, 2, 20, n);
+    };
+    auto ser = [&](SgmCostAggregator* a, Image* out, const Image* g, Image* rp, uint8_t n) {
+        return SgmCostAggregator_aggregateSerial(a, out, cost, g, &ring->image, rp, 8, 2, 20, n);
+    };
+    auto two = [&](Image* second, const Image* g, Image* rp) {
+        return SgmCostAggregator_aggregate2wayParallel(&agg.a, &v16.image, second, cost, g, &ring->image, rp,
+                                                       8, 2, 20, 8);
+    };
+    // Paths 3 and 16, D 12, guide and row penalty without each other, too few plane rows, 2-way ones.
+    const TLResult got[] = {par(g, r, 8, 3, pl),
+                            par(g, r, 8, 16, pl),
+                            par(g, r, 12, 4, pl),
+                            par(g, nullptr, 8, 4, pl),
+                            par(nullptr, r, 8, 4, pl),
+                            par(nullptr, nullptr, 8, 4, &ring->image),
+                            two(nullptr, nullptr, nullptr),
+                            two(&second.image, g, r)};
+    for (TLResult e : got) EXPECT_EQ(e, TL_ERROR_PARAM) << &e - got;
+    EXPECT_EQ(ser(&agg.a, &v16.image, g, wr, 16), TL_ERROR_UNSUPPORTED);
+    EXPECT_EQ(ser(&agg.a, &v8.image, nullptr, nullptr, 8), TL_ERROR_UNSUPPORTED);
+    EXPECT_EQ(ser(&fresh.a, &v16.image, nullptr, nullptr, 4), TL_ERROR_STATE);
+    EXPECT_EQ(ser(&agg.a, &v16.image, &floats.image, wr, 8), TL_OK);
+    EXPECT_TRUE(pc->storage == planes && v16.storage == volume && v8.storage == bytes);
+}
+
 TEST(Sgm, RecoversPiecewisePlanarStereogram) {
     const struct {
         uint32_t mode, swapped;
@@ -100,14 +494,15 @@ TEST(Sgm, RecoversPiecewisePlanarStereogram) {
         mask.fillPlanes(255);
         const int8_t m = static_cast<int8_t>(c.m);
         SgmObject o;
-        ASSERT_EQ(Sgm_init(&o.sgm, W, H, c.D, c.mode), TL_OK);
-        ASSERT_EQ(
-            Sgm_createDisparityU8(&o.sgm, &d1.image, &d2.image, scene.view1(), scene.view2(), &mask.image,
-                                  &scene.guide.image, c.D, m, c.window, c.f, 5, 40, 1, c.swapped),
-            TL_OK);
-        ASSERT_EQ(Sgm_createConfidenceU8(&o.sgm, &conf.image, &d1.image, &d2.image, c.D, m, c.f, 1, 0, 255,
-                                         c.swapped),
+        Sgm* g = &o.sgm;
+        const Image *v1 = scene.view1(), *v2 = scene.view2(), *guide = &scene.guide.image;
+        ASSERT_EQ(Sgm_init(g, W, H, c.D, c.mode), TL_OK);
+        ASSERT_EQ(Sgm_createDisparityU8(g, &d1.image, &d2.image, v1, v2, &mask.image, guide, c.D, m, c.window,
+                                        c.f, 5, 40, 1, c.swapped),
                   TL_OK);
+        ASSERT_EQ(
+            Sgm_createConfidenceU8(g, &conf.image, &d1.image, &d2.image, c.D, m, c.f, 1, 0, 255, c.swapped),
+            TL_OK);
         Picture& map = c.swapped ? d1 : d2;
         // Columns whose every candidate lies inside the match view.
         const int dLow = c.swapped ? 1 - (c.m + c.D) : c.m, dHigh = dLow + c.D - 1;
@@ -135,10 +530,9 @@ TEST(Sgm, RecoversPiecewisePlanarStereogram) {
         EXPECT_TRUE(occludedCount > 0 && occludedFailed >= 0.85 * occludedCount)
             << occludedFailed << " " << occludedCount;
         // The float maps are the byte maps before truncation.
-        ASSERT_EQ(
-            Sgm_createDisparityF32(&o.sgm, &s1.image, &s2.image, scene.view1(), scene.view2(), &mask.image,
-                                   &scene.guide.image, c.D, m, c.window, 5, 40, 1, c.swapped, 1),
-            TL_OK);
+        ASSERT_EQ(Sgm_createDisparityF32(g, &s1.image, &s2.image, v1, v2, &mask.image, guide, c.D, m,
+                                         c.window, 5, 40, 1, c.swapped, 1),
+                  TL_OK);
         auto fixed = [&](Picture& p, int32_t i) {
             return static_cast<uint8_t>(static_cast<int32_t>(p.at<float>(i % W, i / W) * (1 << c.f)));
         };
@@ -218,8 +612,7 @@ TEST(Sgm, SameMapsOnEveryLayerAndCall) {
         };
         SgmObject serial;
         Picture a1(W, H, IMAGE_FORMAT_UINT8), a2(W, H, IMAGE_FORMAT_UINT8);
-        ASSERT_EQ(Sgm_init(&serial.sgm, W, H, 16, mode), TL_OK);
-        ASSERT_EQ(run(serial, a1, a2), TL_OK);
+        ASSERT_TRUE(Sgm_init(&serial.sgm, W, H, 16, mode) == TL_OK && run(serial, a1, a2) == TL_OK);
         for (int i = 0; i < vq_tl_test::Layers::kCount; ++i) {
             const ImageStripeExec exec = layers.exec(i);
             SgmObject o;
@@ -342,11 +735,9 @@ TEST(Sgm, LeftRightCheckHandWorked) {
 }
 
 TEST(Sgm, RadialPenaltyHandWorked) {
-    // 8 by 4, rows stretched by 2; norm hypot(4, 4) = 5.657.
-    // (4, 0, 1): corner at dist norm: scale 4, 160; (0, 2) at dist 4: 1 + 3 * 4 /
-    // 5.657 = 3.121: 124.85 -> 125; centre: 40. (4, 0.4, 0.8): slope 7.5; (0, 2):
-    // 1 - 3 + 7.5 * 0.7071 = 3.303: 132.1 -> 132; centre clamps to 1, corner to 4.
-    // P2 100: bytes saturate at 255.
+    // 8 by 4, rows stretched by 2; norm hypot(4, 4) = 5.657. (4, 0, 1): corner at dist norm: scale 4, 160;
+    // (0, 2) at dist 4: 1 + 3 * 4 / 5.657 = 3.121: 124.85 -> 125; centre 40. (4, 0.4, 0.8): slope 7.5; (0,
+    // 2): 1 - 3 + 7.5 * 0.7071 = 3.303: 132.1 -> 132; centre clamps to 1, corner to 4. P2 100 saturates.
     SgmObject o;
     ASSERT_EQ(Sgm_init(&o.sgm, 8, 4, 8, 1), TL_OK);
     Picture p(8, 4, IMAGE_FORMAT_UINT8);

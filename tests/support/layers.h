@@ -1,6 +1,4 @@
-// One set of parallel layers for the tests that check a kernel gives the same
-// result whichever layer runs it. Built on first use and taken down after the
-// last test of the program.
+// One set of parallel layers for the tests that a kernel's result does not depend on the layer; built once.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -51,8 +49,6 @@ struct Layers {
         EXPECT_EQ(destruct_Pel(&balanced), TL_OK);
         EXPECT_EQ(destruct_Pel(&pel), TL_OK);
     }
-    Layers(const Layers&) = delete;
-    Layers& operator=(const Layers&) = delete;
 
     // Layer i as the stripe helper's record: a Pel or an executor.
     vq_tl::ImageStripeExec exec(int i) {

@@ -1,6 +1,5 @@
-// A picture in caller memory for kernel tests: every row is followed by
-// canary bytes and the planes by a canary tail, so that writes outside the
-// pixels are seen, and pitches are wider than the rows.
+// A picture in caller memory for kernel tests: every row is followed by canary bytes and the planes by a
+// canary tail, so that writes outside the pixels are seen, and pitches are wider than the rows.
 #pragma once
 
 #include <cstring>
@@ -20,8 +19,7 @@ struct Picture {
     int32_t rowBytes[3] = {0, 0, 0};
     int32_t rows[3] = {0, 0, 0};
 
-    // `padding` bytes after each row; a multiple of 4 keeps 16- and 32-bit
-    // rows aligned for kernels that read whole elements.
+    // `padding` bytes after each row; a multiple of 4 keeps 16- and 32-bit rows aligned for whole elements.
     Picture(int32_t w, int32_t h, uint32_t format, int32_t padding = 8) {
         using namespace vq_tl;
         construct_Image(&image, &env);
@@ -97,9 +95,8 @@ struct Picture {
     }
 };
 
-// Element i (x * channels + c) of row y of a single-plane picture or view,
-// by the element type of its format: 16 bits for UINT16 and UINT1616, signed
-// for INT16 and INT32, float for FLOAT, a byte for the others.
+// Element i (x * channels + c) of row y of a single-plane picture or view, by the element type of its format:
+// 16 bits for UINT16 and UINT1616, signed for INT16 and INT32, float for FLOAT, a byte for the others.
 inline double elementOf(const vq_tl::Image& v, int32_t i, int32_t y) {
     const uint8_t* row = v.plane[0] + static_cast<size_t>(v.pitch[0]) * y;
     auto load = [&](auto e) {

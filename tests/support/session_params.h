@@ -1,5 +1,4 @@
-// Valid session parameters for tests, to be changed one field at a time, and
-// a session opened with them.
+// Valid session parameters for tests, to be changed one field at a time, and a session opened with them.
 #pragma once
 
 #include <cstring>
@@ -44,9 +43,7 @@ inline std::unique_ptr<TwinLensParams> makeParams(int32_t mainWidth = 640, int32
     return p;
 }
 
-// A session in a buffer of the size getBufferSize reports for valid
-// parameters (the size does not depend on them), finalized at the end of the
-// scope unless the test has done so.
+// A session in a buffer of getBufferSize's size (one for all parameters), finalized at the end of the scope.
 struct OpenSession {
     std::vector<uint8_t> buffer;
     TwinLensHandle handle{nullptr};

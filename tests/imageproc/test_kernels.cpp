@@ -1,0 +1,959 @@
+// Row stripes: both division rules, the runner over every layer, and the kernels' pixels whichever layer runs
+// them, through the object holding that kind of layer (ImageProc an executor, ImageProc2 a Pel).
+// Rank filters against a brute force over the window's part inside the image (the median the lower middle).
+// Resizing against models: bilinear in double, the exact mean of the covered area, the rounded mean of four.
+// The eight orientation operations against their formulas on every plane; the operation table by composition.
+// Point operations against plain expressions, on random pictures of odd sizes, views and extreme values.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <bit>
+#include <cfloat>
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "image/image_conv.h"
+#include "imageproc/image_proc.h"
+#include "imageproc/pixel_ops.h"
+#include "imageproc/plane_views.h"
+#include "imageproc/resize.h"
+#include "imageproc/rotate.h"
+#include "support/layers.h"
+#include "support/picture.h"
+#include "support/test_env.h"
+
+using namespace vq_tl;
+using vq_tl_test::Picture;
+
+namespace {
+
+// Centre-aligned bilinear sample, clamped to the edge.
+double referenceSample(const std::vector<double>& s, int32_t sw, int32_t sh, double fx, double fy) {
+    auto clampPos = [](double p, int32_t n) { return p < 0 ? 0.0 : (p > n - 1 ? n - 1.0 : p); };
+    const double px = clampPos(fx, sw), py = clampPos(fy, sh);
+    const int32_t x0 = static_cast<int32_t>(px), y0 = static_cast<int32_t>(py);
+    const int32_t x1 = x0 + 1 < sw ? x0 + 1 : x0, y1 = y0 + 1 < sh ? y0 + 1 : y0;
+    const double ax = px - x0, ay = py - y0;
+    const double top = s[y0 * sw + x0] * (1 - ax) + s[y0 * sw + x1] * ax;
+    const double bottom = s[y1 * sw + x0] * (1 - ax) + s[y1 * sw + x1] * ax;
+    return top * (1 - ay) + bottom * ay;
+}
+
+double get(Picture& p, int32_t i, int32_t y) { return vq_tl_test::elementOf(p.image, i, y); }
+
+void set(Picture& p, int32_t i, int32_t y, double v) {
+    const uint32_t f = p.image.format;
+    if (f == IMAGE_FORMAT_UINT16)
+        p.at<uint16_t>(i, y) = static_cast<uint16_t>(v);
+    else if (f == IMAGE_FORMAT_INT16)
+        p.at<int16_t>(i, y) = static_cast<int16_t>(v);
+    else if (f == IMAGE_FORMAT_INT32)
+        p.at<int32_t>(i, y) = static_cast<int32_t>(v);
+    else if (f == IMAGE_FORMAT_FLOAT)
+        p.at<float>(i, y) = static_cast<float>(v);
+    else
+        p.u8(i, y) = static_cast<uint8_t>(v);
+}
+
+// Where operation `op` takes pixel (x, y) of a w by h picture.
+void where(int op, int32_t x, int32_t y, int32_t w, int32_t h, int32_t* ox, int32_t* oy) {
+    const int32_t t[9][2] = {{h - 1 - y, x}, {x, y}, {w - 1 - x, y}, {w - 1 - x, h - 1 - y},
+                             {x, h - 1 - y}, {y, x}, {y, w - 1 - x}, {h - 1 - y, w - 1 - x},
+                             {h - 1 - y, x}};
+    *ox = t[op][0], *oy = t[op][1];
+}
+
+// Element of a format's planes: bytes, and 'u' unsigned, 's' signed or 'f' float.
+struct Kind {
+    int size;
+    char type;
+};
+
+Kind kindOf(uint32_t f) {
+    return f == IMAGE_FORMAT_UINT16  ? Kind{2, 'u'}
+           : f == IMAGE_FORMAT_INT16 ? Kind{2, 's'}
+           : f == IMAGE_FORMAT_INT32 ? Kind{4, 's'}
+           : f == IMAGE_FORMAT_FLOAT ? Kind{4, 'f'}
+                                     : Kind{1, 'u'};
+}
+double lowest(Kind k) {
+    return k.type == 'f' ? -FLT_MAX : k.type == 's' ? -std::ldexp(1, 8 * k.size - 1) : 0;
+}
+double highest(Kind k) { return k.type == 'f' ? FLT_MAX : std::ldexp(1, 8 * k.size - (k.type == 's')) - 1; }
+
+// Elements are little-endian, as on every target of the library.
+double load(const uint8_t* p, Kind k) {
+    if (k.type == 'f') return std::bit_cast<float>(*reinterpret_cast<const uint32_t*>(p));
+    int64_t v = 0;
+    std::memcpy(&v, p, k.size);
+    return static_cast<double>(k.type == 's' && (v >> (8 * k.size - 1)) ? v - (int64_t{1} << 8 * k.size) : v);
+}
+void store(uint8_t* p, Kind k, double v) {
+    const float f = static_cast<float>(v);
+    const int64_t i = k.type == 'f' ? 0 : static_cast<int64_t>(v);
+    std::memcpy(p, k.type == 'f' ? static_cast<const void*>(&f) : &i, k.size);
+}
+
+// Calls f on every element the pixels occupy, plane by plane, rows by the format's subsampling.
+template <typename F>
+void forEachElement(const Image& m, F f) {
+    const Kind k = kindOf(m.format);
+    for (int p = 0; p < Image_getPlaneCount(m.format); ++p) {
+        const uint8_t* q = &Image_getFormatDesc(m.format)->p0Bytes + 4 * p;  // bytes, pixels, rows num, shift
+        const int32_t rows = ((m.height - 1 + (1 << q[3])) >> q[3]) * q[2];
+        const int32_t n = (m.width + q[1] - 1) / q[1] * q[0] / k.size;
+        for (int32_t y = 0; y < rows; ++y)
+            for (int32_t i = 0; i < n; ++i)
+                f(m.plane[p] + static_cast<intptr_t>(m.pitch[p]) * y + i * k.size);
+    }
+}
+
+std::vector<double> elementsOf(const Image& m) {
+    std::vector<double> v;
+    forEachElement(m, [&](uint8_t* p) { v.push_back(load(p, kindOf(m.format))); });
+    return v;
+}
+
+// Random elements, a quarter of them extremes: 0, the type's limits, and for floats NaN, infinities and -0.
+void fillRandom(const Image& m, std::mt19937& rng) {
+    const Kind k = kindOf(m.format);
+    const bool f = k.type == 'f';
+    const double extremes[] = {
+        0, lowest(k), highest(k), f ? NAN : 1, f ? INFINITY : 2, f ? -INFINITY : 3, f ? -0.0 : 0};
+    std::uniform_real_distribution<double> small(-300, 300), wide(lowest(k), highest(k));
+    forEachElement(m, [&](uint8_t* p) {
+        const uint32_t pick = rng() % 8;
+        const double v = pick < 2 ? extremes[rng() % 7] : pick < 5 ? small(rng) : wide(rng);
+        store(p, k, f ? v : std::floor(std::fmin(std::fmax(v, lowest(k)), highest(k))));
+    });
+}
+
+// Operations in the order of the library's families: two operands, abs, with a scalar, the shift.
+// clang-format off
+enum class K { kAdd, kSub, kMul, kDiv, kAbsSub, kMax, kMin, kMla, kAbs, kNAdd, kNSub, kNSubr, kNMul, kNMax, kNMin, kNShift };
+// clang-format on
+using Two = TLResult (*)(ImageProc*, Image*, const Image*, const Image*);
+using WithN = TLResult (*)(ImageProc*, Image*, const Image*, double);
+constexpr Two kTwo[] = {ImageProc_add,    ImageProc_sub, ImageProc_mul, ImageProc_div,
+                        ImageProc_abssub, ImageProc_max, ImageProc_min, ImageProc_mla};
+constexpr WithN kWithN[] = {ImageProc_n_add, ImageProc_n_sub, ImageProc_n_subr,
+                            ImageProc_n_mul, ImageProc_n_max, ImageProc_n_min};
+
+TLResult call(K k, ImageProc* p, Image* d, const Image* a, const Image* b, double n) {
+    const int i = static_cast<int>(k);
+    if (k < K::kAbs) return kTwo[i](p, d, a, b);
+    if (k == K::kAbs) return ImageProc_abs(p, d, a);
+    return k == K::kNShift ? ImageProc_n_shift(p, d, a, static_cast<int32_t>(n)) : kWithN[i - 9](p, d, a, n);
+}
+
+// The operation on one element in double, integers exact; a float result is the double one rounded once (for
+// +, -, *, / the float result; mla rounds its product first). Integers truncate quotients, saturate.
+double expected(K op, Kind k, double d, double a, double b, double n) {
+    const bool f = k.type == 'f';
+    const double m = f ? static_cast<float>(n) : std::round(n);
+    double v;
+    switch (op) {
+        case K::kAdd: v = a + b; break;
+        case K::kSub: v = a - b; break;
+        case K::kMul: v = a * b; break;
+        case K::kDiv: v = f ? a / b : b == 0 ? 0 : std::trunc(a / b); break;
+        case K::kAbsSub: v = std::fabs(a - b); break;
+        case K::kMax: v = std::fmax(a, b); break;
+        case K::kMin: v = std::fmin(a, b); break;
+        case K::kMla: v = d + (f ? static_cast<float>(a * b) : a * b); break;
+        case K::kAbs: v = std::fabs(a); break;
+        case K::kNAdd: v = a + m; break;
+        case K::kNSub: v = a - m; break;
+        case K::kNSubr: v = m - a; break;
+        case K::kNMul: v = f ? a * m : std::round(a * n); break;
+        case K::kNMax: v = std::fmax(a, m); break;
+        case K::kNMin: v = std::fmin(a, m); break;
+        default:
+            v = n >= 0 || f ? std::ldexp(a, static_cast<int>(n))
+                            : std::floor(std::ldexp(a, static_cast<int>(n)));
+    }
+    return f ? static_cast<float>(v) : std::fmin(std::fmax(v, lowest(k)), highest(k));
+}
+
+}  // namespace
+
+// Rank filters against a brute force over the window's part inside the image (the median the lower middle).
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <climits>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "imageproc/image_proc.h"
+#include "imageproc/image_proc2.h"
+#include "imageproc/image_stripes.h"
+#include "imageproc/plane_views.h"
+#include "imageproc/rank_filter.h"
+#include "imageproc/resize.h"
+#include "imageproc/rotate.h"
+#include "runtime/parallel_executor.h"
+#include "runtime/pel.h"
+#include "support/layers.h"
+#include "support/picture.h"
+#include "support/test_env.h"
+
+using namespace vq_tl;
+using vq_tl_test::elementOf;
+using vq_tl_test::Layers;
+using vq_tl_test::Picture;
+
+namespace {
+
+using RowsRule = void (*)(int32_t rows, int32_t index, int32_t count, int32_t* first, int32_t* last);
+
+struct Span {
+    int32_t begin, end;
+};
+
+Span spanOf(RowsRule rule, int32_t rows, int32_t parts, int32_t index) {
+    Span s{-1, -1};
+    rule(rows, index, parts, &s.begin, &s.end);
+    return s;
+}
+
+// Each row of the rule's stripe counts its visits; stripe i returns bit i % 8.
+struct Rows {
+    RowsRule rule;
+    std::vector<std::atomic<int32_t>> visits;
+    Rows(int32_t h, RowsRule r) : rule(r), visits(static_cast<size_t>(h)) {}
+    bool visitedOnce() const {
+        return std::all_of(visits.begin(), visits.end(),
+                           [](const std::atomic<int32_t>& v) { return v.load() == 1; });
+    }
+};
+
+TLResult visitStripe(void* arg, int32_t index, int32_t count) {
+    Rows* rows = static_cast<Rows*>(arg);
+    int32_t first = 0, last = 0;
+    rows->rule(static_cast<int32_t>(rows->visits.size()), index, count, &first, &last);
+    for (int32_t r = first; r < last; ++r) rows->visits[static_cast<size_t>(r)].fetch_add(1);
+    return 1u << (index % 8);
+}
+
+TLResult expectedResult(int32_t count) { return (1u << std::min(count, 8)) - 1; }
+
+// Operation `op` via the object holding e's layer (none: the caller); ImageProc's rank filters on a Pel too.
+TLResult apply(int op, const ImageStripeExec* e, Image* d, const Image* s) {
+    ImageProc proc;
+    ImageProc2 proc2;
+    construct_ImageProc(&proc, nullptr), ImageProc_setParallelExecutor(&proc, e ? e->executor : nullptr);
+    construct_ImageProc2(&proc2, nullptr), ImageProc2_setPel(&proc2, e ? e->pel : nullptr);
+    TLResult r = ImageProc_init(&proc) | ImageProc2_init(&proc2);
+    const bool p = e != nullptr && e->pel != nullptr;
+    ImageProc* o = &proc;
+    ImageProc2* q = &proc2;
+    switch (op) {
+        case 0: r |= p ? ImageProc2_resizeImage(q, d, s) : ImageProc_resizeImage(o, d, s); break;
+        case 1: r |= p ? Resize_shrink2(e, d, s) : ImageProc_shrink2(o, d, s); break;
+        case 2: r |= p ? ImageProc2_averageShrink(q, d, s) : ImageProc_shrinkImage(o, d, s); break;
+        case 3: r |= p ? ImageProc2_rotateImageEx(q, d, s, 1, 6) : Rotate_rotateImageEx(e, d, s, 1, 6); break;
+        case 4: r |= p ? ImageProc2_filterMax3x3(q, d, s, 0) : ImageProc_filterMax3x3(o, d, s, 0); break;
+        case 5: r |= p ? ImageProc2_filterMin3x3(q, d, s, 0) : ImageProc_filterMin3x3(o, d, s, 0); break;
+        case 6: r |= ImageProc_filterMedian3x3(o, d, s, 0); break;
+        case 7: r |= ImageProc_filterMedianCross(o, d, s, 0); break;
+        case 8: r |= ImageProc_filterRankMax5x5(o, d, s, 0); break;
+        default: r |= ImageProc_filterRankMin3x3(o, d, s, 0);
+    }
+    destruct_ImageProc2(&proc2), destruct_ImageProc(&proc);
+    return r;
+}
+
+using Filter = TLResult (*)(ImageProc*, Image*, const Image*, uint32_t);
+using Filter2 = TLResult (*)(ImageProc2*, Image*, const Image*, uint32_t);
+
+struct Op {
+    const char* name;
+    Filter filter;
+    Filter2 filter2;
+    int radius;
+    char pick;  // '+' largest, '-' smallest, 'm' median of the square, 'c' median of the cross
+};
+const Op kOps[] = {
+    {"max3", ImageProc_filterMax3x3, ImageProc2_filterMax3x3, 1, '+'},
+    {"min3", ImageProc_filterMin3x3, ImageProc2_filterMin3x3, 1, '-'},
+    {"median3", ImageProc_filterMedian3x3, nullptr, 1, 'm'},
+    {"cross", ImageProc_filterMedianCross, nullptr, 1, 'c'},
+    {"rankMax3", ImageProc_filterRankMax3x3, nullptr, 1, '+'},
+    {"rankMin3", ImageProc_filterRankMin3x3, nullptr, 1, '-'},
+    {"rankMax5", ImageProc_filterRankMax5x5, nullptr, 2, '+'},
+};
+
+int channelsOf(uint32_t f) {
+    return f == IMAGE_FORMAT_UINT88 || f == IMAGE_FORMAT_UINT1616 ? 2
+           : f == IMAGE_FORMAT_RGB888                             ? 3
+           : f == IMAGE_FORMAT_ARGB8888                           ? 4
+                                                                  : 1;
+}
+
+double reference(const Image& v, int channels, const Op& op, int32_t x, int32_t y, int ch) {
+    std::vector<double> s;
+    for (int dy = -op.radius; dy <= op.radius; ++dy) {
+        for (int dx = -op.radius; dx <= op.radius; ++dx) {
+            const int32_t xx = x + dx, yy = y + dy;
+            if ((op.pick != 'c' || dx == 0 || dy == 0) && xx >= 0 && yy >= 0 && xx < v.width && yy < v.height)
+                s.push_back(elementOf(v, xx * channels + ch, yy));
+        }
+    }
+    std::sort(s.begin(), s.end());
+    return op.pick == '+' ? s.back() : op.pick == '-' ? s.front() : s[(s.size() - 1) / 2];
+}
+
+// Random; one picture in eight all 0, all 0xFF, or a checkerboard; floats finite, with repeats.
+void fill(Picture& p, std::mt19937& rng) {
+    const int kind = static_cast<int>(rng() % 8);
+    for (int k = 0; k < 3; ++k)
+        for (int32_t r = 0; r < p.rows[k]; ++r)
+            for (int32_t i = 0; i < p.rowBytes[k]; ++i)
+                p.row(k, r)[i] = kind == 2 ? ((i + r) & 1) * 0xFF : kind < 2 ? kind * 0xFF : rng();
+    for (int32_t i = 0; p.image.format == IMAGE_FORMAT_FLOAT && i < p.rows[0] * p.image.width; ++i)
+        p.at<float>(i % p.image.width, i / p.image.width) =
+            static_cast<float>(static_cast<int>(rng() % 41) - 20) * 0.25f;
+}
+
+// Selected planes of out against the reference over src, the others against src.
+void expectFiltered(const Picture& src, const Picture& out, const Op& op, uint32_t mask, const char* where) {
+    PlaneViews sv, ov;
+    ASSERT_TRUE(PlaneViews_split(&sv, &src.image) == TL_OK && PlaneViews_split(&ov, &out.image) == TL_OK);
+    for (int k = 0; k < sv.count; ++k) {
+        const int n = channelsOf(sv.plane[k].format);
+        const bool selected = mask == 0 || ((mask >> k) & 1) != 0;
+        for (int32_t i = 0; i < sv.plane[k].height * sv.plane[k].width * n; ++i) {
+            const int32_t y = i / n / sv.plane[k].width, x = i / n % sv.plane[k].width, ch = i % n;
+            ASSERT_EQ(elementOf(ov.plane[k], x * n + ch, y), selected
+                                                                 ? reference(sv.plane[k], n, op, x, y, ch)
+                                                                 : elementOf(sv.plane[k], x * n + ch, y))
+                << where << " " << op.name << " " << src.image.format << " plane " << k << " at " << x << ","
+                << y;
+        }
+    }
+    EXPECT_TRUE(out.canariesIntact()) << where << " " << op.name << " format " << src.image.format;
+}
+
+// An ImageProc over the shared two-thread pool, so that rows are striped, and an ImageProc2.
+struct Objects {
+    ImageProc proc;
+    ImageProc2 proc2;
+    Objects() {
+        construct_ImageProc(&proc, nullptr), construct_ImageProc2(&proc2, nullptr);
+        ImageProc_setParallelExecutor(&proc, &vq_tl_test::sharedLayers().pool);
+    }
+    ~Objects() { destruct_ImageProc2(&proc2), destruct_ImageProc(&proc); }
+};
+
+}  // namespace
+
+TEST(Stripes, RulesCoverEveryRowOnce) {
+    // Contiguous ascending stripes over [0, rows); the Pel rule's all ceil(rows / parts) but the
+    // tail, the executor rule's within one of each other, larger first.
+    std::mt19937 random(11);
+    for (int round = 0; round < 2000; ++round) {
+        const int32_t rows = 1 + static_cast<int32_t>(random() % 5000),
+                      parts = 1 + static_cast<int32_t>(random() % 40);
+        const int32_t c = (rows + parts - 1) / parts;
+        int32_t pelNext = 0, evenNext = 0, smallest = INT32_MAX, largest = 0;
+        for (int32_t i = 0; i < parts; ++i) {
+            const Span p = spanOf(ImageStripe_rows, rows, parts, i),
+                       e = spanOf(ImageStripe_rowsEven, rows, parts, i);
+            ASSERT_TRUE(p.begin == pelNext && p.begin <= p.end && (p.end == rows || p.end - p.begin == c));
+            ASSERT_EQ(e.begin, evenNext);
+            ASSERT_LE(e.end - e.begin, i == 0 ? rows : largest) << "larger stripes first";
+            smallest = std::min(smallest, e.end - e.begin), largest = std::max(largest, e.end - e.begin);
+            pelNext = p.end, evenNext = e.end;
+        }
+        ASSERT_TRUE(pelNext == rows && evenNext == rows && largest - smallest <= 1) << rows << "/" << parts;
+    }
+    // Rows near 2^31 do not overflow the products.
+    EXPECT_EQ(spanOf(ImageStripe_rowsEven, INT32_MAX, 16, 15).end, INT32_MAX);
+    EXPECT_EQ(spanOf(ImageStripe_rows, INT32_MAX, 3, 2).end, INT32_MAX);
+}
+
+TEST(Stripes, RunnerVisitsEveryRowOnceOnEveryLayer) {
+    vq_tl_test::Layers& layers = vq_tl_test::sharedLayers();
+    Pel idle;  // constructed, never initialised: the calling thread runs the stripes
+    construct_Pel(&idle, nullptr);
+    // A pool whose queue holds fewer stripes than asked: refused forks run on the caller.
+    ParallelExecutor small;
+    construct_ParallelExecutor(&small, nullptr);
+    small.numberOfThreads = 1;
+    small.setAffinity = 0;
+    ASSERT_EQ(ParallelExecutor_init(&small, 1, 4), TL_OK);
+    std::vector<ImageStripeExec> execs = {
+        {nullptr, nullptr}, {&idle, nullptr}, {&layers.balanced, &layers.pool}};
+    for (int i = 0; i < vq_tl_test::Layers::kCount; ++i) execs.push_back(layers.exec(i));
+    std::mt19937 random(3);
+    for (int round = 0; round < vq_tl_test_scaled(30, 8); ++round) {
+        const int32_t h = 1 + static_cast<int32_t>(random() % 300),
+                      count = 1 + static_cast<int32_t>(random() % 16);
+        for (const ImageStripeExec& e : execs) {
+            Rows rows(h, e.pel != nullptr ? ImageStripe_rows : ImageStripe_rowsEven);
+            ASSERT_EQ(ImageStripeExec_run(&e, visitStripe, &rows, count), expectedResult(count))
+                << &e - &execs[0];
+            ASSERT_TRUE(rows.visitedOnce()) << &e - &execs[0];
+        }
+    }
+    const ImageStripeExec pool{nullptr, &small};
+    Rows many(500, ImageStripe_rowsEven), none(1, ImageStripe_rows);
+    ASSERT_EQ(ImageStripeExec_run(&pool, visitStripe, &many, 200), expectedResult(200));
+    EXPECT_TRUE(many.visitedOnce());
+    EXPECT_EQ(ImageStripeExec_run(&execs[3], visitStripe, &none, 0), TL_OK);
+    EXPECT_EQ(none.visits[0].load(), 0);
+    EXPECT_EQ(ImageStripeExec_run(&execs[3], nullptr, &none, 4), TL_ERROR_PARAM);
+    EXPECT_EQ(destruct_ParallelExecutor(&small), TL_OK);
+    EXPECT_EQ(destruct_Pel(&idle), TL_OK);
+}
+
+TEST(KernelsOnLayers, SamePixelsOnEveryLayer) {
+    Layers& layers = vq_tl_test::sharedLayers();
+    // In place: stripes must keep the rows their neighbours still read.
+    const struct {
+        int op;
+        int32_t sw, sh, dw, dh;
+        uint32_t format;
+        bool inPlace;
+    } cases[] = {
+        {0, 123, 77, 301, 190, IMAGE_FORMAT_YUV420_SEMIPLANAR, false},
+        {0, 200, 150, 97, 61, IMAGE_FORMAT_UINT88, false},
+        {1, 251, 181, 126, 91, IMAGE_FORMAT_UINT8, false},
+        {2, 240, 170, 71, 50, IMAGE_FORMAT_YUV420_SEMIPLANAR, false},
+        {3, 130, 70, 70, 130, IMAGE_FORMAT_UINT16, false},
+        {4, 41, 9, 41, 9, IMAGE_FORMAT_UINT8, false},
+        {5, 37, 23, 37, 23, IMAGE_FORMAT_YUV420_SEMIPLANAR, true},
+        {5, 7, 2, 7, 2, IMAGE_FORMAT_UINT1616, true},  // more stripes than rows
+        {6, 41, 9, 41, 9, IMAGE_FORMAT_RGB888, true},
+        {7, 30, 20, 30, 20, IMAGE_FORMAT_INT16, false},
+        {8, 29, 17, 29, 17, IMAGE_FORMAT_INT32, true},
+        {9, 33, 12, 33, 12, IMAGE_FORMAT_YUV420_PLANAR, false},
+    };
+    std::mt19937 rng(5);
+    for (int round = 0; round < vq_tl_test_scaled(3, 1); ++round) {
+        for (const auto& c : cases) {
+            Picture src(c.sw, c.sh, c.format), reference(c.dw, c.dh, c.format);
+            src.fillRandom(rng);
+            for (int i = -1; i < Layers::kCount; ++i) {
+                const ImageStripeExec exec = i < 0 ? ImageStripeExec{} : layers.exec(i);
+                Picture dst(c.dw, c.dh, c.format);
+                if (c.inPlace) dst.copyPixels(src);
+                ASSERT_EQ(
+                    apply(c.op, i < 0 ? nullptr : &exec, &dst.image, c.inPlace ? &dst.image : &src.image),
+                    TL_OK)
+                    << &c - cases << " " << i;
+                if (i < 0) reference.copyPixels(dst);
+                EXPECT_TRUE(dst.samePixels(reference) && dst.canariesIntact()) << &c - cases << " on " << i;
+            }
+        }
+    }
+}
+
+TEST(RankFilter, MatchesBruteForceOnEveryLayout) {
+    Objects o;
+    // Single rows and columns, sizes below the window, stripes of one row.
+    const int32_t sizes[][2] = {
+        {1, 1}, {1, 6}, {7, 1}, {2, 2}, {3, 5}, {17, 13}, {vq_tl_test_scaled(41, 21), 9}};
+    std::mt19937 rng(20261121);
+    for (uint32_t f : {IMAGE_FORMAT_UINT8, IMAGE_FORMAT_UINT88, IMAGE_FORMAT_UINT16, IMAGE_FORMAT_UINT1616,
+                       IMAGE_FORMAT_INT16, IMAGE_FORMAT_INT32, IMAGE_FORMAT_FLOAT, IMAGE_FORMAT_RGB888,
+                       IMAGE_FORMAT_ARGB8888, IMAGE_FORMAT_YUV420_SEMIPLANAR, IMAGE_FORMAT_YUV420_PLANAR}) {
+        const bool yuv = f == IMAGE_FORMAT_YUV420_SEMIPLANAR || f == IMAGE_FORMAT_YUV420_PLANAR;
+        for (const auto& s : sizes) {
+            const int32_t w = yuv ? (s[0] + 1) & ~1 : s[0], h = yuv ? (s[1] + 1) & ~1 : s[1];
+            Picture src(w, h, f);
+            fill(src, rng);
+            for (const Op& op : kOps) {
+                for (bool two : {false, true}) {
+                    if (two && op.filter2 == nullptr) continue;
+                    const char* who =
+                        two ? "ImageProc2" : "ImageProc";  // 4:2:0 planes by a random mask (0: all)
+                    auto apply = [&](Image* dst, const Image* in, uint32_t mask) {
+                        return two ? op.filter2(&o.proc2, dst, in, mask) : op.filter(&o.proc, dst, in, mask);
+                    };
+                    const uint32_t mask = yuv ? rng() % 8 : 0, maskInPlace = yuv ? rng() % 8 : 0;
+                    Picture out(w, h, f), inPlace(w, h, f);
+                    inPlace.copyPixels(src);
+                    ASSERT_TRUE(apply(&out.image, &src.image, mask) == TL_OK &&
+                                apply(&inPlace.image, &inPlace.image, maskInPlace) == TL_OK)
+                        << who;
+                    expectFiltered(src, out, op, mask, who);
+                    expectFiltered(src, inPlace, op, maskInPlace, who);
+                }
+            }
+        }
+    }
+}
+
+TEST(RankFilter, RefusalsWriteNothing) {
+    Objects o;
+    Picture a(8, 6, IMAGE_FORMAT_UINT8), b(8, 6, IMAGE_FORMAT_UINT8), narrow(7, 6, IMAGE_FORMAT_UINT8),
+        wide(8, 6, IMAGE_FORMAT_UINT16), yuyv(8, 6, IMAGE_FORMAT_YUV422_YUYV),
+        rgb565(8, 6, IMAGE_FORMAT_RGB565);
+    // A view one row down overlaps its source without being it.
+    Image shifted, top;
+    construct_Image(&shifted, nullptr);
+    construct_Image(&top, nullptr);
+    ASSERT_EQ(Image_initSubImage(&shifted, &a.image, 0, 1, 8, 5), TL_OK);
+    ASSERT_EQ(Image_initSubImage(&top, &a.image, 0, 0, 8, 5), TL_OK);
+    const struct {
+        TLResult result;
+        Image* dst;
+        const Image* src;
+    } cases[] = {{TL_ERROR_PARAM, &narrow.image, &b.image},
+                 {TL_ERROR_PARAM, &wide.image, &b.image},
+                 {TL_ERROR_UNSUPPORTED, &yuyv.image, &yuyv.image},
+                 {TL_ERROR_UNSUPPORTED, &rgb565.image, &rgb565.image},
+                 {TL_ERROR_PARAM, &shifted, &top}};
+    const std::vector<uint8_t> before = a.storage;
+    for (const auto& c : cases) {
+        EXPECT_TRUE(ImageProc_filterMax3x3(&o.proc, c.dst, c.src, 0) == c.result &&
+                    ImageProc2_filterMin3x3(&o.proc2, c.dst, c.src, 0) == c.result &&
+                    ImageProc_filterRankMax5x5(&o.proc, c.dst, c.src, 0) == c.result)
+            << &c - cases;
+        EXPECT_TRUE(a.storage == before && narrow.canariesIntact() && wide.canariesIntact()) << &c - cases;
+    }
+}
+
+TEST(Resize, RampsWorkedByHand) {
+    // 4 -> 8: samples at -0.25 (edge), 0.25, ..., 3.25 (edge). 10 -> 3: 1.17, 4.5 (tie, up), 7.83.
+    const struct {
+        int32_t sw, dw;
+        std::vector<uint8_t> src, expected;
+    } cases[] = {{4, 8, {0, 10, 20, 30}, {0, 3, 8, 13, 18, 23, 28, 30}},
+                 {10, 3, {0, 25, 50, 75, 100, 125, 150, 175, 200, 225}, {29, 113, 196}}};
+    for (const auto& c : cases) {
+        for (int axis = 0; axis < 2; ++axis) {  // along a row, then down a column
+            Picture src(axis ? 1 : c.sw, axis ? c.sw : 1, IMAGE_FORMAT_UINT8),
+                dst(axis ? 1 : c.dw, axis ? c.dw : 1, IMAGE_FORMAT_UINT8);
+            for (int32_t i = 0; i < c.sw; ++i) src.u8(axis ? 0 : i, axis ? i : 0) = c.src[i];
+            ASSERT_EQ(Resize_resizeImage(nullptr, &dst.image, &src.image), TL_OK);
+            for (int32_t i = 0; i < c.dw; ++i)
+                EXPECT_EQ(dst.u8(axis ? 0 : i, axis ? i : 0), c.expected[i]) << c.sw << " " << i;
+            EXPECT_TRUE(dst.canariesIntact());
+        }
+    }
+}
+
+TEST(Resize, MatchesADoubleModelWithinOneLevel) {
+    // Samples at the resizer's Q15 positions on steep random data; INT32 holds values times 2^16.
+    const struct {
+        uint32_t format;
+        int32_t lo, hi, scale;
+        double tolerance;
+    } kinds[] = {{IMAGE_FORMAT_UINT8, 0, 255, 1, 1.0},
+                 {IMAGE_FORMAT_UINT16, 0, 65535, 1, 1.0},
+                 {IMAGE_FORMAT_INT16, -32768, 32767, 1, 1.0},
+                 {IMAGE_FORMAT_INT32, -30000, 30000, 65536, 65536.0},
+                 {IMAGE_FORMAT_FLOAT, -30000, 30000, 1, 0.02}};
+    auto q15 = [](int32_t i, int32_t src, int32_t dst) {
+        return static_cast<double>(((2 * int64_t{i} + 1) * src * 32768) / (2 * int64_t{dst}) - 16384) /
+               32768.0;
+    };
+    std::mt19937 rng(2024);
+    std::uniform_int_distribution<int32_t> side(1, 60);
+    for (int round = 0; round < vq_tl_test_scaled(250, 50); ++round) {
+        const auto& k = kinds[round % 5];
+        const int32_t sw = side(rng), sh = side(rng), dw = side(rng), dh = side(rng);
+        if (Resize_isAboutHalf(dw, dh, sw, sh)) continue;  // the 2 by 2 kernel has its own test
+        Picture src(sw, sh, k.format), dst(dw, dh, k.format);
+        std::vector<double> s(static_cast<size_t>(sw) * sh);
+        std::uniform_int_distribution<int32_t> value(k.lo, k.hi);
+        for (int32_t i = 0; i < sw * sh; ++i) set(src, i % sw, i / sw, (s[i] = value(rng)) * k.scale);
+        ASSERT_EQ(Resize_resizeImage(nullptr, &dst.image, &src.image), TL_OK);
+        for (int32_t y = 0; y < dh; ++y)
+            for (int32_t x = 0; x < dw; ++x)
+                ASSERT_NEAR(get(dst, x, y),
+                            referenceSample(s, sw, sh, q15(x, sw, dw), q15(y, sh, dh)) * k.scale, k.tolerance)
+                    << k.format << " " << sw << "x" << sh << "->" << dw << "x" << dh << " at " << x << ","
+                    << y;
+        ASSERT_TRUE(dst.canariesIntact());
+    }
+}
+
+TEST(Resize, HalvingIsTheRoundedMeanOfFour) {
+    // (a + b + c + d + 2) >> 2, the last column and row repeated; resizing to about half is the same kernel.
+    std::mt19937 rng(31);
+    for (uint32_t f : {IMAGE_FORMAT_UINT8, IMAGE_FORMAT_UINT88, IMAGE_FORMAT_INT16, IMAGE_FORMAT_INT32}) {
+        for (int round = 0; round < 6; ++round) {
+            const int32_t sw = 2 + static_cast<int32_t>(rng() % 40),
+                          sh = 2 + static_cast<int32_t>(rng() % 30);
+            const int32_t dw = (sw + static_cast<int32_t>(rng() % 5) - 1) / 2,
+                          dh = (sh + 1) / 2;  // 2 dst - src in -2..2
+            if (!Resize_isAboutHalf(dw, dh, sw, sh) || dw < 1) continue;
+            Picture src(sw, sh, f), half(dw, dh, f), resized(dw, dh, f);
+            src.fillRandom(rng);
+            ASSERT_EQ(Resize_shrink2(nullptr, &half.image, &src.image), TL_OK);
+            ASSERT_EQ(Resize_resizeImage(nullptr, &resized.image, &src.image), TL_OK);
+            const int n = f == IMAGE_FORMAT_UINT88 ? 2 : 1;
+            auto at = [&](Picture& p, int32_t x, int32_t y, int c) {
+                return static_cast<int64_t>(get(p, x * n + c, y));
+            };
+            for (int32_t i = 0; i < dw * dh * n; ++i) {
+                const int32_t x = i / n % dw, y = i / n / dw, c = i % n, x0 = std::min(2 * x, sw - 1),
+                              x1 = std::min(2 * x + 1, sw - 1), y0 = std::min(2 * y, sh - 1),
+                              y1 = std::min(2 * y + 1, sh - 1);
+                const int64_t want =
+                    (at(src, x0, y0, c) + at(src, x1, y0, c) + at(src, x0, y1, c) + at(src, x1, y1, c) + 2) >>
+                    2;
+                ASSERT_TRUE(at(half, x, y, c) == want && at(resized, x, y, c) == want)
+                    << f << " " << sw << "x" << sh << " at " << x << "," << y;
+            }
+            EXPECT_TRUE(half.canariesIntact() && resized.canariesIntact());
+        }
+    }
+}
+
+TEST(Resize, AverageShrinkIsTheMeanOfTheCoveredArea) {
+    // Random sizes against the exact mean: overlap of [x sw / dw, (x + 1) sw / dw) with pixel i.
+    auto overlap = [](int32_t i, int32_t x, int32_t src, int32_t dst) {
+        return std::fmax(0.0, std::fmin(i + 1.0, (x + 1.0) * src / dst) - std::fmax(i, 1.0 * x * src / dst));
+    };
+    std::mt19937 rng(11);
+    std::uniform_int_distribution<int32_t> side(2, 50);
+    for (int round = 0; round < vq_tl_test_scaled(100, 20); ++round) {
+        const int32_t sw = side(rng), sh = side(rng), dw = 1 + static_cast<int32_t>(rng() % (sw - 1)),
+                      dh = 1 + static_cast<int32_t>(rng() % (sh - 1));
+        Picture s(sw, sh, IMAGE_FORMAT_UINT16), d(dw, dh, IMAGE_FORMAT_UINT16);
+        s.fillRandom(rng);
+        ASSERT_EQ(Resize_averageShrink(nullptr, &d.image, &s.image), TL_OK);
+        for (int32_t y = 0; y < dh; ++y) {
+            for (int32_t x = 0; x < dw; ++x) {
+                double sum = 0.0;
+                for (int32_t j = 0; j < sh; ++j)
+                    for (int32_t i = 0; i < sw; ++i)
+                        sum += overlap(i, x, sw, dw) * overlap(j, y, sh, dh) * s.at<uint16_t>(i, j);
+                ASSERT_NEAR(d.at<uint16_t>(x, y), sum * dw * dh / (static_cast<double>(sw) * sh), 0.5 + 1e-6)
+                    << sw << "x" << sh << "->" << dw << "x" << dh;
+            }
+        }
+        ASSERT_TRUE(d.canariesIntact());
+    }
+}
+
+TEST(Resize, EqualSizeCopiesAndRefusalsWriteNothing) {
+    std::mt19937 rng(4);
+    Picture a(10, 6, IMAGE_FORMAT_UINT8), b(10, 6, IMAGE_FORMAT_UINT8), wide(10, 6, IMAGE_FORMAT_UINT16),
+        rgb(8, 8, IMAGE_FORMAT_RGB888), rgbSmall(4, 3, IMAGE_FORMAT_RGB888), lab(8, 8, IMAGE_FORMAT_LAB),
+        labSmall(4, 3, IMAGE_FORMAT_LAB), wider(11, 3, IMAGE_FORMAT_UINT8), tiny(1, 1, IMAGE_FORMAT_UINT8);
+    a.fillRandom(rng);
+    ASSERT_EQ(Resize_resizeImage(nullptr, &b.image, &a.image), TL_OK);
+    EXPECT_TRUE(b.samePixels(a));
+    const std::vector<uint8_t> before = b.storage, wideBefore = wide.storage;
+    // Formats differ, a YUV layout outside 26..69, no kernel for LAB; not smaller, wider; not about half.
+    const TLResult got[] = {Resize_resizeImage(nullptr, &wide.image, &a.image),
+                            Resize_resizeImage(nullptr, &rgbSmall.image, &rgb.image),
+                            Resize_resizeImage(nullptr, &labSmall.image, &lab.image),
+                            Resize_averageShrink(nullptr, &b.image, &a.image),
+                            Resize_averageShrink(nullptr, &wider.image, &a.image),
+                            Resize_averageShrink(nullptr, &wide.image, &a.image),
+                            Resize_shrink2(nullptr, &tiny.image, &a.image)};
+    const TLResult want[] = {TL_ERROR_UNSUPPORTED, TL_ERROR_UNSUPPORTED, TL_ERROR_UNSUPPORTED, TL_ERROR_PARAM,
+                             TL_ERROR_PARAM,       TL_ERROR_PARAM,       TL_ERROR_PARAM};
+    for (int i = 0; i < 7; ++i) EXPECT_EQ(got[i], want[i]) << i;
+    EXPECT_TRUE(b.storage == before && wide.storage == wideBefore && wider.canariesIntact() &&
+                tiny.canariesIntact());
+}
+
+TEST(Rotate, OperationTableIsAGroup) {
+    // The operation of (a, c) is that of (b, c) followed by that of (a, b), for every b: a wrong
+    // entry breaks this. The six pixels of a 3 by 2 picture tell all eight operations apart.
+    for (int i = 0; i < 512; ++i) {
+        const int a = 1 + i % 8, b = 1 + i / 8 % 8, c = 1 + i / 64;
+        const int ab = Rotate_operation(a, b), bc = Rotate_operation(b, c), ac = Rotate_operation(a, c);
+        for (int p = 0; p < 6; ++p) {
+            int32_t x1, y1, x2, y2, x3, y3;
+            where(bc, p % 3, p / 3, 3, 2, &x1, &y1);
+            where(ab, x1, y1, bc >= 5 ? 2 : 3, bc >= 5 ? 3 : 2, &x2, &y2);
+            where(ac, p % 3, p / 3, 3, 2, &x3, &y3);
+            ASSERT_TRUE(x2 == x3 && y2 == y3) << a << b << c;
+        }
+    }
+    EXPECT_EQ(Rotate_operation(0, 1), 0);
+}
+
+TEST(Rotate, EveryOperationMatchesItsFormulaOnEveryPlane) {
+    // From orientation 1 to `to` is operation kFromOne[to] (6 the clockwise quarter turn). Every element of
+    // every plane at its own size (1 to 4 bytes); odd sizes above one tile (4:2:0 even); rows padded by 7.
+    const int kFromOne[9] = {0, 1, 2, 3, 4, 5, 8, 7, 6};
+    std::mt19937 rng(1234);
+    for (uint32_t f :
+         {IMAGE_FORMAT_UINT8, IMAGE_FORMAT_UINT88, IMAGE_FORMAT_UINT16, IMAGE_FORMAT_INT16,
+          IMAGE_FORMAT_RGB565, IMAGE_FORMAT_RGB888, IMAGE_FORMAT_HSV, IMAGE_FORMAT_ARGB8888,
+          IMAGE_FORMAT_INT32, IMAGE_FORMAT_FLOAT, IMAGE_FORMAT_YUV420_PLANAR, IMAGE_FORMAT_YUV420_SEMIPLANAR,
+          IMAGE_FORMAT_YVU420_SEMIPLANAR, IMAGE_FORMAT_YUV444_PLANAR}) {
+        const bool yuv420 = f == IMAGE_FORMAT_YUV420_PLANAR || f == IMAGE_FORMAT_YUV420_SEMIPLANAR ||
+                            f == IMAGE_FORMAT_YVU420_SEMIPLANAR;
+        const int32_t w = yuv420 ? 134 : 131, h = yuv420 ? 78 : 77;
+        Picture src(w, h, f, 7);
+        src.fillRandom(rng);
+        for (int to = 1; to <= 8; ++to) {
+            const int op = kFromOne[to];
+            ASSERT_EQ(Rotate_operation(1, to), op);
+            Picture dst(op >= 5 ? h : w, op >= 5 ? w : h, f, 7);
+            ASSERT_EQ(Rotate_rotateImageEx(nullptr, &dst.image, &src.image, 1, to), TL_OK)
+                << f << " to " << to;
+            PlaneViews sv, dv;
+            ASSERT_TRUE(PlaneViews_split(&sv, &src.image) == TL_OK &&
+                        PlaneViews_split(&dv, &dst.image) == TL_OK);
+            for (int k = 0; k < sv.count; ++k) {
+                const Image &s = sv.plane[k], &d = dv.plane[k];
+                const int32_t e = src.rowBytes[k] / s.width;
+                for (int32_t y = 0; y < s.height; ++y) {
+                    for (int32_t x = 0; x < s.width; ++x) {
+                        int32_t dx, dy;
+                        where(op, x, y, s.width, s.height, &dx, &dy);
+                        ASSERT_EQ(std::memcmp(s.plane[0] + s.pitch[0] * y + e * x,
+                                              d.plane[0] + d.pitch[0] * dy + e * dx, e),
+                                  0)
+                            << f << " to " << to << " plane " << k << " at " << x << "," << y;
+                    }
+                }
+            }
+            EXPECT_TRUE(dst.canariesIntact()) << f << " to " << to;
+        }
+    }
+}
+
+TEST(Rotate, RefusalsWriteNothing) {
+    Picture src(9, 5, IMAGE_FORMAT_UINT8), dst(5, 9, IMAGE_FORMAT_UINT8), same(9, 5, IMAGE_FORMAT_UINT8),
+        other(5, 9, IMAGE_FORMAT_UINT16), lab(5, 9, IMAGE_FORMAT_LAB), labSrc(9, 5, IMAGE_FORMAT_LAB);
+    const std::vector<uint8_t> before = dst.storage;
+    auto run = [&](Picture& d, Picture& s, int32_t from, int32_t to) {
+        return Rotate_rotateImageEx(nullptr, &d.image, &s.image, from, to);
+    };
+    EXPECT_TRUE(run(dst, src, 0, 6) == TL_ERROR_PARAM && run(dst, src, 1, 9) == TL_ERROR_PARAM);
+    const TLResult got[] = {run(other, src, 1, 6), run(lab, labSrc, 1, 6), run(same, src, 1, 6),
+                            run(dst, src, 1, 2),
+                            run(src, src, 1, 1)};  // formats, no kernel, sizes, dst is src
+    for (TLResult r : got) EXPECT_EQ(r, TL_ERROR_UNSUPPORTED) << &r - got;
+    EXPECT_EQ(dst.storage, before);
+}
+
+TEST(PixelOps, EveryOperationAndElementTypeMatchesThePlainExpression) {
+    const struct {
+        K op;
+        double n;
+    } ops[] = {{K::kAdd, 0},    {K::kSub, 0},      {K::kMul, 0},        {K::kDiv, 0},
+               {K::kAbsSub, 0}, {K::kMax, 0},      {K::kMin, 0},        {K::kMla, 0},
+               {K::kAbs, 0},    {K::kNAdd, 37.5},  {K::kNSub, -1000.5}, {K::kNSubr, 99.4},
+               {K::kNMul, 0.5}, {K::kNMul, -2.75}, {K::kNMax, 100.4},   {K::kNMin, -7.6},
+               {K::kNShift, 3}, {K::kNShift, -2},  {K::kNShift, 40},    {K::kNShift, -70}};
+    Objects proc;
+    std::mt19937 rng(20240611);
+    for (const auto& o : ops) {
+        for (uint32_t f : {IMAGE_FORMAT_UINT8, IMAGE_FORMAT_UINT16, IMAGE_FORMAT_INT16, IMAGE_FORMAT_INT32,
+                           IMAGE_FORMAT_FLOAT, IMAGE_FORMAT_YUV420_SEMIPLANAR}) {
+            for (bool inPlace : {false, true}) {
+                const int32_t w = 2 * static_cast<int32_t>(rng() % 20) + 1,
+                              h = static_cast<int32_t>(rng() % 9) + 3;
+                // a is a view into a larger picture; b and dst have other pitches.
+                Picture parent(w + 5, h + 4, f), b(w, h, f, 12), d(w, h, f, 4);
+                Image a;
+                construct_Image(&a, nullptr);
+                ASSERT_EQ(Image_initSubImage(&a, &parent.image, 2, 2, w, h), TL_OK);
+                Image* dst = inPlace ? &a : &d.image;
+                for (const Image* m : {&a, &b.image, &d.image}) fillRandom(*m, rng);
+                const std::vector<double> va = elementsOf(a), vb = elementsOf(b.image), vd = elementsOf(*dst);
+                ASSERT_EQ(call(o.op, &proc.proc, dst, &a, &b.image, o.n), TL_OK);
+                const std::vector<double> got = elementsOf(*dst);
+                for (size_t i = 0; i < got.size(); ++i) {
+                    const double want = expected(o.op, kindOf(f), vd[i], va[i], vb[i], o.n);
+                    ASSERT_TRUE(got[i] == want || (std::isnan(got[i]) && std::isnan(want)))
+                        << "op " << static_cast<int>(o.op) << " n " << o.n << " format " << f << " element "
+                        << i << ": " << got[i] << " for " << va[i] << ", " << vb[i] << ", want " << want
+                        << (inPlace ? " in place" : "");
+                }
+                EXPECT_TRUE(d.canariesIntact() && parent.canariesIntact());
+                destruct_Image(&a);
+            }
+        }
+    }
+}
+
+TEST(PixelOps, ClearFillsEveryPlaneOrOnlyLuma) {
+    // 300 saturates to 255 in bytes; the 4:2:0 picture keeps its chroma under clearY.
+    Objects proc;
+    Picture yuv(7, 5, IMAGE_FORMAT_YUV420_PLANAR), gray(9, 3, IMAGE_FORMAT_UINT8),
+        real(3, 3, IMAGE_FORMAT_FLOAT);
+    yuv.fillPlanes(10);
+    ASSERT_EQ(ImageProc_clearY(&proc.proc, &yuv.image, 300), TL_OK);
+    EXPECT_EQ(yuv.at<uint8_t>(6, 4, 0), 255);
+    EXPECT_EQ(yuv.at<uint8_t>(3, 2, 1), 11);
+    EXPECT_EQ(yuv.at<uint8_t>(3, 2, 2), 12);
+    ASSERT_EQ(ImageProc_clear(&proc.proc, &yuv.image, -4), TL_OK);
+    EXPECT_EQ(yuv.at<uint8_t>(0, 0, 0) + yuv.at<uint8_t>(3, 2, 1) + yuv.at<uint8_t>(3, 2, 2), 0);
+    ASSERT_EQ(ImageProc_clearY(&proc.proc, &gray.image, 77), TL_OK);
+    EXPECT_EQ(gray.u8(8, 2), 77);
+    ASSERT_EQ(ImageProc_ImageFloat_clearY(&proc.proc, &real.image, -2.5f), TL_OK);
+    EXPECT_EQ(real.at<float>(2, 2), -2.5f);
+    EXPECT_TRUE(yuv.canariesIntact() && gray.canariesIntact() && real.canariesIntact());
+}
+
+TEST(PixelOps, BlendWorkedByHandOnEachLayout) {
+    // a 200, b 100: alpha 0 gives 100, 32 gives 125, 64 gives 150, 96 gives 175, 128 (or more) 200. A 4:2:0
+    // chroma sample takes the rounded mean of its 2 by 2 pixels' alpha, edges repeated at odd sizes.
+    const uint8_t alpha[3][3] = {{0, 255, 128}, {128, 128, 0}, {0, 64, 128}};
+    const uint8_t luma[3][3] = {{100, 200, 200}, {200, 200, 100}, {100, 150, 200}};
+    const uint8_t chroma[2][2] = {{175, 150}, {125, 200}};  // from 96, 64, 32 and 128
+    Objects proc;
+    for (uint32_t f :
+         {IMAGE_FORMAT_YUV420_PLANAR, IMAGE_FORMAT_YUV420_SEMIPLANAR, IMAGE_FORMAT_YVU420_SEMIPLANAR}) {
+        for (bool inPlace : {false, true}) {
+            Picture a(3, 3, f), b(3, 3, f), d(3, 3, f), m(3, 3, IMAGE_FORMAT_UINT8);
+            for (auto [q, v] : {std::pair{&a, 200}, {&b, 100}, {&d, 7}})
+                for (int k = 0; k < 3; ++k)
+                    for (int32_t y = 0; y < q->rows[k]; ++y) std::memset(q->row(k, y), v, q->rowBytes[k]);
+            for (int y = 0; y < 3; ++y) std::memcpy(m.row(0, y), alpha[y], 3);
+            Picture& out = inPlace ? a : d;
+            ASSERT_EQ(ImageProc_blend(&proc.proc, &out.image, &a.image, &b.image, &m.image), TL_OK);
+            const int n = f == IMAGE_FORMAT_YUV420_PLANAR ? 1 : 2;  // bytes per chroma sample
+            for (int y = 0; y < 3; ++y)
+                for (int x = 0; x < 3; ++x)
+                    EXPECT_EQ(out.at<uint8_t>(x, y), luma[y][x]) << f << " " << x << "," << y;
+            for (int k = 1; k < Image_getPlaneCount(f); ++k)
+                for (int y = 0; y < 2; ++y)
+                    for (int x = 0; x < 2 * n; ++x)
+                        EXPECT_EQ(out.at<uint8_t>(x, y, k), chroma[y][x / n]) << f << " plane " << k;
+            EXPECT_TRUE(out.canariesIntact());
+        }
+    }
+    // Interleaved: one alpha for the three bytes of a pixel; 127.5 truncates.
+    for (uint32_t f : {IMAGE_FORMAT_RGB888, IMAGE_FORMAT_BGR888}) {
+        Picture a(2, 1, f), b(2, 1, f), m(2, 1, IMAGE_FORMAT_UINT8);
+        const uint8_t pa[6] = {200, 100, 0, 9, 9, 9}, pb[6] = {0, 50, 255, 1, 2, 3},
+                      want[6] = {100, 75, 127, 1, 2, 3};
+        std::memcpy(a.row(0, 0), pa, 6), std::memcpy(b.row(0, 0), pb, 6);
+        m.u8(0, 0) = 64, m.u8(1, 0) = 0;
+        ASSERT_EQ(ImageProc_blend(&proc.proc, &a.image, &a.image, &b.image, &m.image), TL_OK);
+        EXPECT_EQ(std::memcmp(a.row(0, 0), want, 6), 0) << f;
+    }
+}
+
+TEST(PixelOps, NarrowingAndTableEdges) {
+    Objects proc;
+    const int32_t ints[] = {-5, 0, 17, 255, 256, INT32_MIN, INT32_MAX, 128, 1};
+    const float reals[] = {-0.4f, 0.4999f, 0.5f, 254.5f, 254.49f, 1e30f, -INFINITY, NAN, INFINITY};
+    const uint8_t fromInts[] = {0, 0, 17, 255, 255, 0, 255, 128, 1},
+                  fromReals[] = {0, 0, 1, 255, 254, 255, 0, 0, 255};
+    Picture i32(9, 1, IMAGE_FORMAT_INT32), f32(9, 1, IMAGE_FORMAT_FLOAT), d(9, 1, IMAGE_FORMAT_UINT8);
+    std::memcpy(i32.row(0, 0), ints, sizeof ints), std::memcpy(f32.row(0, 0), reals, sizeof reals);
+    ASSERT_EQ(ImageProc_ImageInt32_toUint8(&proc.proc, &d.image, &i32.image), TL_OK);
+    EXPECT_EQ(std::memcmp(d.row(0, 0), fromInts, 9), 0);
+    ASSERT_EQ(ImageProc_ImageFloat_toUint8(&proc.proc, &d.image, &f32.image), TL_OK);
+    EXPECT_EQ(std::memcmp(d.row(0, 0), fromReals, 9), 0);
+    // Table 255 - i: values at or past the end take the last entry; fewer than 33 entries change nothing.
+    uint8_t table[256];
+    for (int i = 0; i < 256; ++i) table[i] = static_cast<uint8_t>(255 - i);
+    const uint8_t src[] = {0, 31, 32, 33, 100, 255};
+    const struct {
+        int32_t length;
+        uint8_t want[6];
+    } cases[] = {
+        {32, {9, 9, 9, 9, 9, 9}}, {33, {255, 224, 223, 223, 223, 223}}, {256, {255, 224, 223, 222, 155, 0}}};
+    for (const auto& c : cases) {
+        Picture s(6, 1, IMAGE_FORMAT_UINT8), t(6, 1, IMAGE_FORMAT_UINT8);
+        std::memcpy(s.row(0, 0), src, 6), t.fillPlanes(9);
+        ASSERT_EQ(ImageProc_table(&proc.proc, &t.image, &s.image, table, c.length), TL_OK);
+        EXPECT_EQ(std::memcmp(t.row(0, 0), c.want, 6), 0) << c.length;
+    }
+}
+
+TEST(PixelOps, ConversionsAgreeWithTheWholePictureDispatchers) {
+    // Striped conversions give the bytes of one whole call; the splits give the planes of the RGB picture.
+    const struct {
+        uint32_t from, to;
+        TLResult (*cvt)(ImageProc*, Image*, const Image*);
+        TLResult (*whole)(Image*, const Image*);
+    } cases[] = {
+        {IMAGE_FORMAT_BGRA8888, IMAGE_FORMAT_YUV420_SEMIPLANAR, ImageProc_cvtImageYuv420,
+         Image_conv_toYuv420Semiplanar},
+        {IMAGE_FORMAT_RGB888, IMAGE_FORMAT_YUV420_PLANAR, ImageProc_cvtImageYuv420,
+         Image_conv_toYuv420Planar},
+        {IMAGE_FORMAT_BGRA8888, IMAGE_FORMAT_YVU420_SEMIPLANAR, ImageProc_cvtImageYvu420,
+         Image_conv_toYvu420Semiplanar},
+        {IMAGE_FORMAT_YVU420_SEMIPLANAR, IMAGE_FORMAT_RGB888, ImageProc_cvtImageRgb888, Image_conv_toRgb888},
+        {IMAGE_FORMAT_YUV420_PLANAR, IMAGE_FORMAT_ARGB8888, ImageProc_cvt, Image_conv_toUint8888},
+        {IMAGE_FORMAT_UINT16, IMAGE_FORMAT_UINT8, ImageProc_cvt, Image_conv_toUint8},
+        {IMAGE_FORMAT_YUV420_SEMIPLANAR, IMAGE_FORMAT_YUV420_SEMIPLANAR, ImageProc_cvt, Image_copy}};
+    Objects proc;
+    std::mt19937 rng(5);
+    for (const auto& c : cases) {
+        Picture src(11, 37, c.from), striped(11, 37, c.to), whole(11, 37, c.to);
+        src.fillRandom(rng), striped.fillPlanes(1), whole.fillPlanes(1);
+        ASSERT_EQ(c.cvt(&proc.proc, &striped.image, &src.image), TL_OK) << c.from << " to " << c.to;
+        ASSERT_EQ(c.whole(&whole.image, &src.image), TL_OK);
+        EXPECT_TRUE(striped.samePixels(whole) && striped.canariesIntact()) << c.from << " to " << c.to;
+    }
+    for (uint32_t f : {IMAGE_FORMAT_BGR888, IMAGE_FORMAT_YVU420_SEMIPLANAR}) {
+        Picture src(11, 37, f), rgb(11, 37, IMAGE_FORMAT_RGB888), r(11, 37, IMAGE_FORMAT_UINT8),
+            g(11, 37, IMAGE_FORMAT_UINT8), b(11, 37, IMAGE_FORMAT_UINT8);
+        src.fillRandom(rng);
+        const bool packed = f == IMAGE_FORMAT_BGR888;
+        ASSERT_EQ((packed ? ImageProc_split2rgb888 : ImageProc_split2rgb888_yuv420semiplanar)(
+                      &proc.proc, &r.image, &g.image, &b.image, &src.image),
+                  TL_OK);
+        if (!packed) {
+            ASSERT_EQ(Image_conv_toRgb888(&rgb.image, &src.image), TL_OK);
+        }
+        for (int32_t y = 0; y < 37; ++y)
+            for (int32_t x = 0; x < 11; ++x) {
+                const uint8_t* p = (packed ? src : rgb).row(0, y) + 3 * x;
+                ASSERT_TRUE(r.u8(x, y) == p[packed ? 2 : 0] && g.u8(x, y) == p[1] &&
+                            b.u8(x, y) == p[packed ? 0 : 2])
+                    << f << " at " << x << "," << y;
+            }
+    }
+}
+
+TEST(PixelOps, BadArgumentsLeaveTheDestinationUntouched) {
+    Objects proc;
+    ImageProc* p = &proc.proc;
+    Picture u8(5, 4, IMAGE_FORMAT_UINT8), narrow(4, 4, IMAGE_FORMAT_UINT8), u16(5, 4, IMAGE_FORMAT_UINT16),
+        i32(5, 4, IMAGE_FORMAT_INT32), yuv(6, 4, IMAGE_FORMAT_YUV420_SEMIPLANAR),
+        planar(6, 4, IMAGE_FORMAT_YUV420_PLANAR), yuyv(6, 4, IMAGE_FORMAT_YUV422_YUYV),
+        rgb(5, 4, IMAGE_FORMAT_RGB888), packed(5, 4, IMAGE_FORMAT_RGB565), alpha(6, 4, IMAGE_FORMAT_UINT8);
+    Picture* all[] = {&u8, &narrow, &u16, &i32, &yuv, &planar, &yuyv, &rgb, &packed, &alpha};
+    std::mt19937 rng(3);
+    for (Picture* q : all) q->fillRandom(rng);
+    std::vector<std::vector<uint8_t>> before;
+    for (Picture* q : all) before.push_back(q->storage);
+    Image empty;
+    construct_Image(&empty, nullptr);
+    Image_init(&empty, 0, 0, nullptr, IMAGE_FORMAT_UINT8);
+    uint8_t table[256] = {};
+    const TLResult P = TL_ERROR_PARAM, U = TL_ERROR_UNSUPPORTED;
+    const TLResult cases[][2] = {
+        {ImageProc_min(p, &u8.image, nullptr, &u8.image), P},
+        {ImageProc_min(p, &u8.image, &u8.image, &narrow.image), P},
+        {ImageProc_add(p, &u8.image, &u8.image, &u16.image), P},
+        {ImageProc_mla(p, &empty, &empty, &empty), P},
+        {ImageProc_sub(p, &packed.image, &packed.image, &packed.image), U},
+        {ImageProc_n_add(p, &u8.image, &u8.image, NAN), P},
+        {ImageProc_clearY(p, &yuyv.image, 1), U},
+        {ImageProc_ImageFloat_clearY(p, &i32.image, 1.0f), U},
+        {ImageProc_ImageInt32_toUint8(p, &u8.image, &u16.image), U},
+        {ImageProc_ImageInt32_toUint8(p, &u16.image, &i32.image), P},
+        {ImageProc_table(p, &u8.image, &u16.image, table, 256), U},
+        {ImageProc_table(p, &u8.image, &u8.image, table, 257), P},
+        {ImageProc_table(p, &u8.image, &u8.image, nullptr, 256), P},
+        {ImageProc_blend(p, &yuv.image, &planar.image, &planar.image, &alpha.image), P},
+        {ImageProc_blend(p, &yuyv.image, &yuyv.image, &yuyv.image, &alpha.image), P},
+        {ImageProc_blend(p, &yuv.image, &yuv.image, &yuv.image, &u8.image), P},
+        {ImageProc_blend(p, &rgb.image, &rgb.image, &rgb.image, &u16.image), P},
+        {ImageProc_cvt(p, &yuv.image, &planar.image), U},
+        {ImageProc_cvt(p, &u8.image, &narrow.image), P},
+        {ImageProc_cvt(p, &u8.image, &rgb.image), U},
+        {ImageProc_cvtImageRgb888(p, &yuv.image, &rgb.image), P},
+        {ImageProc_split2rgb888(p, &u8.image, &narrow.image, &u8.image, &rgb.image), P},
+        {ImageProc_split2rgb888_yuv420semiplanar(p, &alpha.image, &alpha.image, &u8.image, &yuv.image), P},
+    };
+    for (size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(cases[i][0], cases[i][1]) << "case " << i;
+    for (size_t i = 0; i < std::size(all); ++i) EXPECT_EQ(all[i]->storage, before[i]) << "picture " << i;
+    destruct_Image(&empty);
+}

@@ -9,9 +9,10 @@
 
 // ThreadSanitizer builds keep the baseline alone: the loader runs the clones'
 // resolvers while it relocates the program, before the sanitizer's runtime is
-// up, and their instrumented entries crash there.
+// up, and their instrumented entries crash there. Clang builds (the fuzz
+// targets) keep it too: clang refuses clones of function templates.
 #if defined(__x86_64__) && defined(__linux__) && !defined(__ANDROID__) && defined(__has_attribute) && \
-    !defined(__SANITIZE_THREAD__)
+    !defined(__SANITIZE_THREAD__) && !defined(__clang__)
 #if __has_attribute(target_clones)
 #define VQ_TL_KERNEL_CLONES __attribute__((target_clones("avx2", "default")))
 #endif

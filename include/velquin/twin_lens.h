@@ -138,6 +138,10 @@ VELQUIN_TL_API TLResult velquin_TwinLens_getDepthImageEx(TwinLensHandle* handle,
  * that is not ready. */
 VELQUIN_TL_API TLResult velquin_TwinLens_getEstimateStatus(TwinLensHandle* handle, int32_t* status);
 
+/* ---- Run-time settings ---- */
+
+/* ---- Blurred picture and background ---- */
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

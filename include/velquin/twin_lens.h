@@ -142,6 +142,75 @@ VELQUIN_TL_API TLResult velquin_TwinLens_getEstimateStatus(TwinLensHandle* handl
 
 /* ---- Blurred picture and background ---- */
 
+/* Renders src, a picture of the session's main size and format (normally the
+ * main frame of the shot), into dst of the same size, blurred as a lens of
+ * a wide aperture would blur it: sharp at the focus point of
+ * velquin_TwinLens_setFocusCoord, more blurred the farther a surface lies in
+ * front of or behind that depth, by the depth map of the last finished
+ * frame. strength 0 to 300 sets the largest blur (about strength / 10 pixels
+ * of sigma per dioptre of distance from the focus at a 16-megapixel
+ * picture, scaled with the picture's size and capped by
+ * velquin_TwinLens_setMaxSigma); 0 gives back src. dst may be src.
+ * TL_ERROR_PARAM for a null handle or picture, a null plane0, a src of
+ * another size than the main frame, a dst of another size than src, or a
+ * strength outside 0 to 300 (NaN included); TL_ERROR_STATE for a session
+ * that is not ready; dst is untouched on these refusals. Before the first
+ * frame the result is src. Blur back-end 1 renders blurs of a sigma below
+ * 2 and answers TL_ERROR_UNSUPPORTED for larger ones, back-end 2 answers
+ * TL_ERROR_UNSUPPORTED (neither renderer is part of this build), any other
+ * back-end returns TL_OK and leaves dst alone. Two blur calls on one handle
+ * must not overlap, and one must not outlast two frames. */
+VELQUIN_TL_API TLResult velquin_TwinLens_blur(TwinLensHandle* handle, const TwinLensImage* dst,
+                                              const TwinLensImage* src, double strength);
+
+/* The same with records that carry pitches. strength is not range-checked
+ * here, by design: values beyond 300 blur more (up to the sigma cap). */
+VELQUIN_TL_API TLResult velquin_TwinLens_blurEx(TwinLensHandle* handle, const TwinLensImageEx* dst,
+                                                const TwinLensImageEx* src, double strength);
+
+/* The picture that velquin_TwinLens_replaceBackground puts behind the
+ * subject, in the session's format and of any size: the largest centred cut
+ * of the depth picture's aspect is taken from it and scaled to the depth
+ * size, where the session keeps its own copy (the caller's pixels are free
+ * again on return). A null image clears the background. TL_ERROR_PARAM for
+ * a null handle or a null plane0, TL_ERROR_STATE for a session that is not
+ * ready; a picture too small to cut from gives the code of the cut, and the
+ * previous background stays. */
+VELQUIN_TL_API TLResult velquin_TwinLens_setBackgroundImage(TwinLensHandle* handle,
+                                                            const TwinLensImage* image);
+VELQUIN_TL_API TLResult velquin_TwinLens_setBackgroundImageEx(TwinLensHandle* handle,
+                                                              const TwinLensImageEx* image);
+
+/* dst = src with the background replaced: the foreground mask of the last
+ * finished frame (the near side of the depth map's two-class split, with a
+ * soft edge of a few depth levels) keeps src, the rest takes the background
+ * picture scaled to src's size. Without a background, or before the first
+ * frame (the mask is then all foreground), dst is a copy of src. src and dst
+ * in the session's format, of one size, any size; for a size other than the
+ * depth size the session makes two work images of that size at the first
+ * call and keeps them. TL_ERROR_PARAM for a null handle or picture, a null
+ * plane0 or sizes that differ; TL_ERROR_STATE for a session that is not
+ * ready. */
+VELQUIN_TL_API TLResult velquin_TwinLens_replaceBackground(TwinLensHandle* handle, const TwinLensImage* dst,
+                                                           const TwinLensImage* src);
+VELQUIN_TL_API TLResult velquin_TwinLens_replaceBackgroundEx(TwinLensHandle* handle,
+                                                             const TwinLensImageEx* dst,
+                                                             const TwinLensImageEx* src);
+
+/* The coarse level (0 to 40, 40 at the start) of the layered renderer of
+ * blur back-end 1; it takes effect at the next blur through that renderer.
+ * TL_ERROR_PARAM for a null handle or a level above 40 (or a null level
+ * pointer), TL_ERROR_STATE for a session that is not ready. */
+VELQUIN_TL_API TLResult velquin_TwinLens_setCoarseBokehLevel(TwinLensHandle* handle, uint32_t level);
+VELQUIN_TL_API TLResult velquin_TwinLens_getCoarseBokehLevel(TwinLensHandle* handle, int32_t* level);
+
+/* The cap of the blur's sigma, in pixels at a 16-megapixel picture (scaled
+ * with the picture's size like the blur); 15 at the start. 0 turns the blur
+ * off. TL_ERROR_PARAM for a null handle or a sigma below 0 or NaN,
+ * TL_ERROR_STATE for a session that is not ready. Takes effect at the next
+ * blur. */
+VELQUIN_TL_API TLResult velquin_TwinLens_setMaxSigma(TwinLensHandle* handle, float sigma);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

@@ -141,8 +141,7 @@ TLResult blurInto(OpenSession& s, Picture& dst, const Picture& src, double stren
 }
 
 TLResult setFocus(OpenSession& s, std::pair<double, double> at) {
-    s.s()->focusX = at.first, s.s()->focusY = at.second;
-    return TL_OK;
+    return velquin_TwinLens_setFocusCoord(&s.handle, at.first, at.second);
 }
 
 }  // namespace
@@ -158,7 +157,7 @@ TEST(BlurOutput, TheFocusedRegionStaysSharpAndTheRestBlurs) {
     const double boxDetail = detail(src.image, boxInside), backDetail = detail(src.image, backInside);
     auto out = mainPicture();
 
-    setFocus(session, centreOf(boxInside));
+    ASSERT_EQ(setFocus(session, centreOf(boxInside)), TL_OK);
     double lastRatio = 1.0;
     for (const auto& [strength, ratioBound] : {std::pair{100.0, 0.5}, {300.0, 0.2}}) {
         ASSERT_EQ(blurInto(session, *out, src, strength), TL_OK);
@@ -170,7 +169,7 @@ TEST(BlurOutput, TheFocusedRegionStaysSharpAndTheRestBlurs) {
         EXPECT_TRUE(out->canariesIntact());
     }
 
-    setFocus(session, centreOf(backInside));
+    ASSERT_EQ(setFocus(session, centreOf(backInside)), TL_OK);
     ASSERT_EQ(blurInto(session, *out, src, 300.0), TL_OK);
     EXPECT_GE(psnr(out->image, src.image, backInside), 40.0);
     EXPECT_LE(detail(out->image, boxInside) / boxDetail, 0.2);
@@ -185,7 +184,7 @@ TEST(BlurOutput, NoHaloOfTheSharpBoxInTheBlurRoundIt) {
     OpenSession session(shotParams(0).get());
     ASSERT_EQ(offerShot(session), TL_OK);
     const Mask b = box();
-    setFocus(session, centreOf(eroded(b, 8)));
+    ASSERT_EQ(setFocus(session, centreOf(eroded(b, 8))), TL_OK);
     auto bright = mainPicture(shot().main.get()), dark = mainPicture(shot().main.get());
     for (size_t i = 0; i < b.size(); ++i) {
         if (!b[i]) continue;
@@ -228,7 +227,7 @@ TEST(BlurOutput, StrengthZeroAndTheThreeLayoutsAlike) {
         convertLayout(*sub, *shot().sub);
         const TwinLensImageEx m = recordOf(*main), s = recordOf(*sub);
         ASSERT_EQ(velquin_TwinLens_processEx(&session.handle, &m, &s, nullptr), TL_OK);
-        setFocus(session, centreOf(eroded(box(), 8)));
+        ASSERT_EQ(setFocus(session, centreOf(eroded(box(), 8))), TL_OK);
 
         auto out = mainPicture(nullptr, layout.format);
         ASSERT_EQ(blurInto(session, *out, *main, 0.0), TL_OK);

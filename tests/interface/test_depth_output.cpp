@@ -12,9 +12,9 @@
 #include <mutex>
 #include <thread>
 
+#include "interface/live_shot.h"
 #include "interface/twin_lens_session.h"
 #include "runtime/memory.h"
-#include "interface/live_shot.h"
 
 using namespace vq_tl_test;
 

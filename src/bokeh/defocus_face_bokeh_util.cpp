@@ -136,6 +136,10 @@ VQ_TL_KERNEL_CLONES TLResult weightedShrinkStripe(void* arg, int32_t index, int3
 // destination row, both rows the same one at the top and bottom edges. Then
 // each pair of destination columns (x0 + 2q, x0 + 2q + 1) mixes v[q], v[q + 1]
 // and v[q + 1], v[q + 2] as 1:3 and 3:1, all in sixteenths.
+//
+// A pixel depends on its position alone, never on the destination's size:
+// where a level is less than twice as wide as the next one (odd sizes), its
+// last pixels interpolate rather than repeat the edge, as a wider one would.
 VQ_TL_KERNEL_CLONES void doubledChunk(uint8_t* b, const Plane& s, int32_t y, int32_t x0, int32_t n) {
     const int32_t j = (y - 1) >> 1;  // y = 2j + 1 or 2j + 2; y = 0 gives j = -1
     const uint8_t* a = s.row(clampIndex(j, s.height));

@@ -163,15 +163,13 @@ enum class Plan { kDone, kSingleLevel, kPyramid };
 
 struct Prepared {
     Plan plan;
-    double sigma;  // limited to maxBlurSigma
-    const Image* map;
-    Image resized;  // the map at src's size when cocMap has another
+    double sigma;      // limited to maxBlurSigma
+    const Image* map;  // cocMap, or its copy at src's size
 };
 
 TLResult prepare(DefocusFaceBokeh* self, Image* dst, const Image* src, const Image* cocMap, double sigma,
                  Prepared* p) {
     p->plan = Plan::kDone;
-    construct_Image(&p->resized, self != nullptr ? self->env : nullptr);
     TLResult r = checkCall(self, dst, src, cocMap);
     if (r != TL_OK) return r;
     self->width = src->width;
@@ -189,10 +187,15 @@ TLResult prepare(DefocusFaceBokeh* self, Image* dst, const Image* src, const Ima
     p->sigma = s;
     p->map = cocMap;
     if (cocMap->width != src->width || cocMap->height != src->height) {
-        r = Image_init(&p->resized, src->width, src->height, nullptr, IMAGE_FORMAT_UINT8);
-        if (r == TL_OK) r = ImageProc2_resizeImage(&self->imageProc2, &p->resized, cocMap);
+        // The map goes to the work image of imageProc2, kept from call to call:
+        // the public blur always brings a map of the depth size, and a fresh
+        // block of the frame's size every time costs more in page faults than
+        // the resize itself. ImageProc2_init and recycle release it.
+        Image* resized = &self->imageProc2.scratch;
+        r = Image_init(resized, src->width, src->height, nullptr, IMAGE_FORMAT_UINT8);
+        if (r == TL_OK) r = ImageProc2_resizeImage(&self->imageProc2, resized, cocMap);
         if (r != TL_OK) return r;
-        p->map = &p->resized;
+        p->map = resized;
     }
     p->plan = n == 0 ? Plan::kSingleLevel : Plan::kPyramid;
     return TL_OK;
@@ -248,6 +251,7 @@ TLResult mixFullSize(DefocusFaceBokeh* self, Image* dst, const Image* src, const
 
 int32_t DefocusFaceBokeh_getBufferSize(int32_t width, int32_t height, uint32_t format) {
     if (width < 1 || height < 1) return -1;
+    // imageProc2's work image holds the map at the frame's size.
     int64_t bytes = ImageProc2_getBufferSize(width, height, IMAGE_FORMAT_UINT16);
     if (bytes < 0) return -1;
     forEachImage(width, height, format, [&bytes](int32_t which, int32_t, int32_t w, int32_t h) {
@@ -500,7 +504,6 @@ TLResult DefocusFaceBokeh_getBlurImage(DefocusFaceBokeh* self, Image* dst, const
         r |= enlargeLevels(self, sizesOf(src->width, src->height), n, chroma);
         if (r == TL_OK && dst != nullptr) r = mixFullSize(self, dst, src, p.map, 0, 0);
     }
-    destruct_Image(&p.resized);
     return r;
 }
 
@@ -549,7 +552,6 @@ TLResult DefocusFaceBokeh_getBlurImageMultiLayer(DefocusFaceBokeh* self, Image* 
         }
         if (r == TL_OK && dst != nullptr) r = mixFullSize(self, dst, src, p.map, thr[1], n - 1);
     }
-    destruct_Image(&p.resized);
     return r;
 }
 

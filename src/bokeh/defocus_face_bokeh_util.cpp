@@ -52,7 +52,7 @@ struct ShrinkJob {
 
 template <int Step>
 VQ_TL_KERNEL_CLONES TLResult shrinkStripe(void* arg, int32_t index, int32_t count) {
-    const ShrinkJob& j = *static_cast<const ShrinkJob*>(arg);
+    const ShrinkJob j = *static_cast<const ShrinkJob*>(arg);
     int32_t first, last;
     ImageStripe_rows(j.dst.height, index, count, &first, &last);
     const int32_t dw = j.dst.width, sw = j.src.width;
@@ -82,15 +82,23 @@ struct WeightedShrinkJob {
     Plane dst, dstWeight, src, srcWeight;
 };
 
-// value = (sum of w p + (W >> 1)) / W; the numerator stays below 2^18.
+// value = (sum of w p + (W >> 1)) / W, the numerator below 2^18.
+//
+// The quotients of this file are exact integer quotients taken by the
+// floating-point divider, which divides whole vectors where integer division
+// is scalar. For integers 0 <= n < 2^24 (a float; 2^53 for a double) and d >
+// 0 the correctly rounded n / d lies within (n / d) 2^-24 < 1 / d of n / d,
+// while the next integer above n / d is at least 1 / d away: the rounding
+// never reaches it, so truncation gives the integer quotient, bit for bit.
 inline uint8_t weightedMean(int32_t weightedSum, int32_t weightSum) {
-    const int32_t den = weightSum > 0 ? weightSum : 1;
-    return static_cast<uint8_t>((weightedSum + (weightSum >> 1)) / den);
+    const float den = static_cast<float>(weightSum > 0 ? weightSum : 1);
+    return static_cast<uint8_t>(
+        static_cast<int32_t>(static_cast<float>(weightedSum + (weightSum >> 1)) / den));
 }
 
 template <bool KeepWeight>
 VQ_TL_KERNEL_CLONES TLResult weightedShrinkStripe(void* arg, int32_t index, int32_t count) {
-    const WeightedShrinkJob& j = *static_cast<const WeightedShrinkJob*>(arg);
+    const WeightedShrinkJob j = *static_cast<const WeightedShrinkJob*>(arg);
     int32_t first, last;
     ImageStripe_rows(j.dst.height, index, count, &first, &last);
     const int32_t dw = j.dst.width, sw = j.src.width;
@@ -128,6 +136,10 @@ VQ_TL_KERNEL_CLONES TLResult weightedShrinkStripe(void* arg, int32_t index, int3
 // destination row, both rows the same one at the top and bottom edges. Then
 // each pair of destination columns (x0 + 2q, x0 + 2q + 1) mixes v[q], v[q + 1]
 // and v[q + 1], v[q + 2] as 1:3 and 3:1, all in sixteenths.
+//
+// A pixel depends on its position alone, never on the destination's size:
+// where a level is less than twice as wide as the next one (odd sizes), its
+// last pixels interpolate rather than repeat the edge, as a wider one would.
 VQ_TL_KERNEL_CLONES void doubledChunk(uint8_t* b, const Plane& s, int32_t y, int32_t x0, int32_t n) {
     const int32_t j = (y - 1) >> 1;  // y = 2j + 1 or 2j + 2; y = 0 gives j = -1
     const uint8_t* a = s.row(clampIndex(j, s.height));
@@ -154,7 +166,7 @@ struct EnlargeJob {
 };
 
 TLResult enlargeStripe(void* arg, int32_t index, int32_t count) {
-    const EnlargeJob& j = *static_cast<const EnlargeJob*>(arg);
+    const EnlargeJob j = *static_cast<const EnlargeJob*>(arg);
     int32_t first, last;
     ImageStripe_rows(j.dst.height, index, count, &first, &last);
     uint8_t tail[kChunk];
@@ -181,10 +193,14 @@ struct WeightedBlurJob {
 };
 
 // (N + (D >> 1)) / D with D the weight sum, N the weighted sum: with taps
-// summing to 65536 and weights and values up to 255, N stays below 2^32.
+// summing to 65536 and weights and values up to 255, N + (D >> 1) stays
+// below 2^32, an exact quotient in doubles (see weightedMean). The unsigned
+// value goes to a double as a signed one plus 2^31, which vectorises.
 inline uint8_t normalised(uint32_t n, uint32_t d) {
-    const uint32_t den = d > 0 ? d : 1;
-    return static_cast<uint8_t>((n + (d >> 1)) / den);
+    const uint32_t num = n + (d >> 1);
+    const double top = static_cast<double>(static_cast<int32_t>(num ^ 0x80000000u)) + 2147483648.0;
+    const double den = static_cast<double>(static_cast<int32_t>(d | (d == 0)));
+    return static_cast<uint8_t>(static_cast<int32_t>(top / den));
 }
 
 // One run of n pixels of a row; p and w are padded by R on either side.
@@ -214,7 +230,7 @@ void padChunk(uint8_t* pad, const uint8_t* row, int32_t width, int32_t x0, int32
 
 template <int R, int Shift>
 TLResult weightedRowStripe(void* arg, int32_t index, int32_t count) {
-    const WeightedBlurJob& j = *static_cast<const WeightedBlurJob*>(arg);
+    const WeightedBlurJob j = *static_cast<const WeightedBlurJob*>(arg);
     int32_t first, last;
     ImageStripe_rows(j.src.height, index, count, &first, &last);
     uint8_t p[kChunk + 2 * R], w[kChunk + 2 * R];
@@ -233,13 +249,14 @@ TLResult weightedRowStripe(void* arg, int32_t index, int32_t count) {
 
 template <int R>
 VQ_TL_KERNEL_CLONES TLResult weightedColumnStripe(void* arg, int32_t index, int32_t count) {
-    const WeightedBlurJob& j = *static_cast<const WeightedBlurJob*>(arg);
+    const WeightedBlurJob j = *static_cast<const WeightedBlurJob*>(arg);
     int32_t first, last;
     ImageStripe_rows(j.src.height, index, count, &first, &last);
     const uint8_t* pv[kMaxTaps];
     const uint8_t* pw[kMaxTaps];
     uint32_t t[kMaxTaps];
     for (int32_t k = 0; k <= 2 * R; ++k) t[k] = static_cast<uint32_t>(j.taps[k]);
+    const int32_t width = j.src.width;
     for (int32_t y = first; y < last; ++y) {
         for (int32_t k = 0; k <= 2 * R; ++k) {
             const int32_t r = clampIndex(y + k - R, j.src.height);
@@ -247,14 +264,21 @@ VQ_TL_KERNEL_CLONES TLResult weightedColumnStripe(void* arg, int32_t index, int3
             pw[k] = j.midWeight.row(r);
         }
         uint8_t* d = j.dst.row(y);
-        for (int32_t x = 0; x < j.src.width; ++x) {
-            uint32_t den = 0, num = 0;
-            for (int32_t k = 0; k <= 2 * R; ++k) {
-                const uint32_t wk = pw[k][x];
-                den += t[k] * wk;
-                num += t[k] * (wk * pv[k][x]);
+        // A chunk at a time into a local row, so that the loop vectorises
+        // without alias checks between dst and the rows it reads.
+        for (int32_t x0 = 0; x0 < width; x0 += kChunk) {
+            const int32_t n = width - x0 < kChunk ? width - x0 : kChunk;
+            uint8_t out[kChunk];
+            for (int32_t i = 0; i < n; ++i) {
+                uint32_t den = 0, num = 0;
+                for (int32_t k = 0; k <= 2 * R; ++k) {
+                    const uint32_t wk = pw[k][x0 + i];
+                    den += t[k] * wk;
+                    num += t[k] * (wk * pv[k][x0 + i]);
+                }
+                out[i] = normalised(num, den);
             }
-            d[x] = normalised(num, den);
+            std::memcpy(d + x0, out, static_cast<size_t>(n));
         }
     }
     return TL_OK;
@@ -275,7 +299,7 @@ inline uint8_t plainRound(uint32_t sum) {
 
 template <int R>
 VQ_TL_KERNEL_CLONES TLResult plainRowStripe(void* arg, int32_t index, int32_t count) {
-    const PlainBlurJob& j = *static_cast<const PlainBlurJob*>(arg);
+    const PlainBlurJob j = *static_cast<const PlainBlurJob*>(arg);
     int32_t first, last;
     ImageStripe_rows(j.src.height, index, count, &first, &last);
     uint8_t p[kChunk + 2 * R];
@@ -296,7 +320,7 @@ VQ_TL_KERNEL_CLONES TLResult plainRowStripe(void* arg, int32_t index, int32_t co
 
 template <int R>
 VQ_TL_KERNEL_CLONES TLResult plainColumnStripe(void* arg, int32_t index, int32_t count) {
-    const PlainBlurJob& j = *static_cast<const PlainBlurJob*>(arg);
+    const PlainBlurJob j = *static_cast<const PlainBlurJob*>(arg);
     int32_t first, last;
     ImageStripe_rows(j.src.height, index, count, &first, &last);
     const uint8_t* p[kMaxTaps];
@@ -324,7 +348,7 @@ struct MixJob {
 // doubled on the fly.
 template <int C, bool Doubled>
 VQ_TL_KERNEL_CLONES TLResult mixStripe(void* arg, int32_t index, int32_t count) {
-    const MixJob& j = *static_cast<const MixJob*>(arg);
+    const MixJob j = *static_cast<const MixJob*>(arg);
     int32_t first, last;
     ImageStripe_rows(j.out.height, index, count, &first, &last);
     uint8_t doubled[C][kChunk];
@@ -376,7 +400,7 @@ struct WeightJob {
 };
 
 VQ_TL_KERNEL_CLONES TLResult weightStripe(void* arg, int32_t index, int32_t count) {
-    const WeightJob& j = *static_cast<const WeightJob*>(arg);
+    const WeightJob j = *static_cast<const WeightJob*>(arg);
     int32_t first, last;
     ImageStripe_rows(j.dst.height, index, count, &first, &last);
     for (int32_t y = first; y < last; ++y) {
@@ -392,7 +416,7 @@ struct SplitJob {
 };
 
 VQ_TL_KERNEL_CLONES TLResult splitStripe(void* arg, int32_t index, int32_t count) {
-    const SplitJob& j = *static_cast<const SplitJob*>(arg);
+    const SplitJob j = *static_cast<const SplitJob*>(arg);
     int32_t first, last;
     ImageStripe_rows(j.src.height, index, count, &first, &last);
     for (int32_t y = first; y < last; ++y) {

@@ -96,12 +96,13 @@ bool makeFrame(const FrameHeader& h, int frame, bool planar, bool tight, TwinLen
 // One setting, in place of the two frame headers.
 struct SettingCall {
     uint8_t session;     // modulo 6
-    uint8_t setter;      // modulo 10: the settings in the order of the header
+    uint8_t setter;      // modulo 13: the settings in the order of the header, then blurEx
     uint8_t flags;       // 1: null handle; 2: null pointer argument
     uint8_t element[2];  // camera matrix element set to a (main) and b (sub), modulo 9
     uint8_t unused[3];
-    double a, b;       // focus point, lens position, matrix elements, slope bounds; as float the radii
-    int32_t sizes[4];  // calibration sizes; sizes[0] the refine-only rate
+    double a,
+        b;  // focus point, lens position, matrix elements, slope bounds, strength; as float the radii, sigma
+    int32_t sizes[4];  // calibration sizes; sizes[0] the refine-only rate and the coarse level
     float rate;        // of the radial lowering
     uint8_t tail[4];
 };
@@ -119,7 +120,7 @@ void applySetting(const SettingCall& c) {
     TwinLensCameraParam before, request, after;
     VQ_FUZZ_CHECK(velquin_TwinLens_getCurrentCameraParam(&l.handle, &before) == TL_OK);
     request = before;
-    const int setter = c.setter % 10;
+    const int setter = c.setter % 13;
     TLResult r, want = TL_OK;
     float nearest = -1, farthest = -1;
     switch (setter) {
@@ -170,6 +171,45 @@ void applySetting(const SettingCall& c) {
             r = velquin_TwinLens_setCorrectDispParams(h, c.a, c.b);
             want = c.a >= c.b ? TL_OK : TL_ERROR_PARAM;
             break;
+        case 9:
+            r = velquin_TwinLens_setMaxSigma(h, float(c.a));
+            want = float(c.a) >= 0 ? TL_OK : TL_ERROR_PARAM;
+            break;
+        case 10:
+            r = velquin_TwinLens_setCoarseBokehLevel(h, uint32_t(c.sizes[0]));
+            want = uint32_t(c.sizes[0]) <= 40 ? TL_OK : TL_ERROR_PARAM;
+            break;
+        case 11: {
+            // The pitched blur takes any strength; the picture is the arena's
+            // bytes, whatever they hold, in the session's layout.
+            const bool planar = c.session % 3 == 0;
+            uint8_t* in = gArenas[0];
+            uint8_t* out = gArenas[1];
+            const int32_t luma = kWidth * kHeight;
+            const TwinLensImageEx src = {kWidth,
+                                         kHeight,
+                                         in,
+                                         in + luma,
+                                         planar ? in + luma * 5 / 4 : nullptr,
+                                         kWidth,
+                                         planar ? kWidth / 2 : kWidth,
+                                         kWidth / 2};
+            const TwinLensImageEx dst = {kWidth,
+                                         kHeight,
+                                         out,
+                                         out + luma,
+                                         planar ? out + luma * 5 / 4 : nullptr,
+                                         kWidth,
+                                         planar ? kWidth / 2 : kWidth,
+                                         kWidth / 2};
+            ASAN_UNPOISON_MEMORY_REGION(in, luma * 3 / 2);
+            ASAN_UNPOISON_MEMORY_REGION(out, luma * 3 / 2);
+            r = velquin_TwinLens_blurEx(h, nullArg ? nullptr : &dst, &src, c.a);
+            ASAN_POISON_MEMORY_REGION(in, luma * 3 / 2);
+            ASAN_POISON_MEMORY_REGION(out, luma * 3 / 2);
+            want = nullArg ? TL_ERROR_PARAM : TL_OK;
+            break;
+        }
         default: VQ_FUZZ_CHECK(velquin_TwinLens_setIONInfo(h, &c) == TL_ERROR_UNSUPPORTED); return;
     }
     VQ_FUZZ_CHECK(r == (h == nullptr ? TL_ERROR_PARAM : want));
@@ -201,6 +241,8 @@ void restoreSettings(Live& l) {
     VQ_FUZZ_CHECK(velquin_TwinLens_setLowerDispByMulParams(h, 0, 0, 0) == TL_OK);
     VQ_FUZZ_CHECK(velquin_TwinLens_setRefineOnlyRate(h, 2) == TL_OK);
     VQ_FUZZ_CHECK(velquin_TwinLens_setCorrectDispParams(h, 0, 0) == TL_OK);
+    VQ_FUZZ_CHECK(velquin_TwinLens_setMaxSigma(h, 15.0f) == TL_OK);
+    VQ_FUZZ_CHECK(velquin_TwinLens_setCoarseBokehLevel(h, 40) == TL_OK);
     l.changed = false;
 }
 

@@ -140,7 +140,154 @@ VELQUIN_TL_API TLResult velquin_TwinLens_getEstimateStatus(TwinLensHandle* handl
 
 /* ---- Run-time settings ---- */
 
+/* The settings below run on the caller's thread, take no lock and leave the
+ * work to the next frame offered: a frame already in progress keeps the
+ * calibration row it started with. Each answers TL_ERROR_PARAM for a null handle (or
+ * a finalized one) and TL_ERROR_STATE for a session that is not ready, then
+ * checks its own arguments (TL_ERROR_PARAM); a refused call changes
+ * nothing. */
+
+/* The focus point, as fractions of the frame: (0, 0) the top left pixel,
+ * (1, 1) the bottom right; both in [0, 1], NaN refused. Blurred pictures
+ * keep this point sharp, and the estimate status looks at a window round it
+ * from the next estimate on. The point is checked before the session's
+ * state. Starts at (0.5, 0.5). */
+VELQUIN_TL_API TLResult velquin_TwinLens_setFocusCoord(TwinLensHandle* handle, double x, double y);
+
+/* Puts in force the calibration row whose focusPosition lies nearest to
+ * position, for the lens position the camera has moved to; of rows equally
+ * near, the first. A position that is not finite is refused. Choosing the
+ * row already in force changes nothing; another row is used from the next
+ * frame, which rebuilds its rectification for it. */
+VELQUIN_TL_API TLResult velquin_TwinLens_setFocusPos(TwinLensHandle* handle, double position);
+
+/* The depths the matcher can tell apart with the calibration of the last
+ * frame, in the calibration's unit (metres by convention): *farthest at one
+ * working pixel of disparity, *nearest at the top of the disparity range.
+ * Both 0 before the first frame. TL_ERROR_PARAM for a null pointer. */
+VELQUIN_TL_API TLResult velquin_TwinLens_getValidDepthRange(TwinLensHandle* handle, float* nearest,
+                                                            float* farthest);
+
+/* Replaces the main and the sub camera matrix of the row in force with
+ * those of *param (mainCameraMatrix, subCameraMatrix; nothing else of it is
+ * read), for instance after the focal length moved with the focus. The
+ * matrices are held to the rules of initialize (positive focal lengths, no
+ * skew, last row (0, 0, 1), all finite); TL_ERROR_PARAM for a null param or
+ * a row that would break them. The lens inverse fitted at initialize stays.
+ * The next frame rebuilds its rectification. */
+VELQUIN_TL_API TLResult velquin_TwinLens_setCameraMatrix(TwinLensHandle* handle,
+                                                         const TwinLensCameraParam* param);
+
+/* Replaces the four calibration sizes of the row in force (mainCalibWidth,
+ * mainCalibHeight, subCalibWidth, subCalibHeight of *param; nothing else of
+ * it is read): the image sizes, in pixels, the camera matrices refer to.
+ * Each at least 1; TL_ERROR_PARAM for a null param or a row that would break
+ * the rules of initialize. The next frame rebuilds its rectification. */
+VELQUIN_TL_API TLResult velquin_TwinLens_setCalibSize(TwinLensHandle* handle,
+                                                      const TwinLensCameraParam* param);
+
+/* The radial lowering of disparity in the fine matching mode: disparity
+ * keeps its value out to radius low and falls linearly to rate times its
+ * value at radius high, radii as fractions of the half diagonal from the
+ * frame's centre. 0 <= low <= high <= 1 and 0 <= rate <= 1 (NaN refused);
+ * rate 0 turns the lowering off, which is the start. From the next frame. */
+VELQUIN_TL_API TLResult velquin_TwinLens_setLowerDispByMulParams(TwinLensHandle* handle, float low,
+                                                                 float high, float rate);
+
+/* Copies out the calibration row in force, as the session holds it: with
+ * the changes of setCameraMatrix and setCalibSize and the lens inverse
+ * fitted at initialize. TL_ERROR_PARAM for a null param. */
+VELQUIN_TL_API TLResult velquin_TwinLens_getCurrentCameraParam(TwinLensHandle* handle,
+                                                               TwinLensCameraParam* param);
+
+/* Asynchronous sessions with asyncMode 1 match only every rate-th frame and
+ * refine the last match under the frames between; 1 matches every frame.
+ * At least 1; starts at 2. Other sessions match every frame whatever the
+ * rate. From the next frame. */
+VELQUIN_TL_API TLResult velquin_TwinLens_setRefineOnlyRate(TwinLensHandle* handle, int32_t rate);
+
+/* Bounds of the slope that the residual tilt correction may give the
+ * disparity across the frame, in working pixels of disparity per pixel of
+ * width: upper at least lower (equal values pass and fix the slope; NaN
+ * refused). Both start at 0, which holds that slope at 0. From the next
+ * estimate. */
+VELQUIN_TL_API TLResult velquin_TwinLens_setCorrectDispParams(TwinLensHandle* handle, double upper,
+                                                              double lower);
+
+/* Kept for compatibility; does nothing and always answers
+ * TL_ERROR_UNSUPPORTED, whatever its arguments. */
+VELQUIN_TL_API TLResult velquin_TwinLens_setIONInfo(TwinLensHandle* handle, const void* info);
+
 /* ---- Blurred picture and background ---- */
+
+/* Renders src, a picture of the session's main size and format (normally the
+ * main frame of the shot), into dst of the same size, blurred as a lens of
+ * a wide aperture would blur it: sharp at the focus point of
+ * velquin_TwinLens_setFocusCoord, more blurred the farther a surface lies in
+ * front of or behind that depth, by the depth map of the last finished
+ * frame. strength 0 to 300 sets the largest blur (about strength / 10 pixels
+ * of sigma per dioptre of distance from the focus at a 16-megapixel
+ * picture, scaled with the picture's size and capped by
+ * velquin_TwinLens_setMaxSigma); 0 gives back src. dst may be src.
+ * TL_ERROR_PARAM for a null handle or picture, a null plane0, a src of
+ * another size than the main frame, a dst of another size than src, or a
+ * strength outside 0 to 300 (NaN included); TL_ERROR_STATE for a session
+ * that is not ready; dst is untouched on these refusals. Before the first
+ * frame the result is src. Blur back-end 1 renders blurs of a sigma below
+ * 2 and answers TL_ERROR_UNSUPPORTED for larger ones, back-end 2 answers
+ * TL_ERROR_UNSUPPORTED (neither renderer is part of this build), any other
+ * back-end returns TL_OK and leaves dst alone. Two blur calls on one handle
+ * must not overlap, and one must not outlast two frames. */
+VELQUIN_TL_API TLResult velquin_TwinLens_blur(TwinLensHandle* handle, const TwinLensImage* dst,
+                                              const TwinLensImage* src, double strength);
+
+/* The same with records that carry pitches. strength is not range-checked
+ * here, by design: values beyond 300 blur more (up to the sigma cap). */
+VELQUIN_TL_API TLResult velquin_TwinLens_blurEx(TwinLensHandle* handle, const TwinLensImageEx* dst,
+                                                const TwinLensImageEx* src, double strength);
+
+/* The picture that velquin_TwinLens_replaceBackground puts behind the
+ * subject, in the session's format and of any size: the largest centred cut
+ * of the depth picture's aspect is taken from it and scaled to the depth
+ * size, where the session keeps its own copy (the caller's pixels are free
+ * again on return). A null image clears the background. TL_ERROR_PARAM for
+ * a null handle or a null plane0, TL_ERROR_STATE for a session that is not
+ * ready; a picture too small to cut from gives the code of the cut, and the
+ * previous background stays. */
+VELQUIN_TL_API TLResult velquin_TwinLens_setBackgroundImage(TwinLensHandle* handle,
+                                                            const TwinLensImage* image);
+VELQUIN_TL_API TLResult velquin_TwinLens_setBackgroundImageEx(TwinLensHandle* handle,
+                                                              const TwinLensImageEx* image);
+
+/* dst = src with the background replaced: the foreground mask of the last
+ * finished frame (the near side of the depth map's two-class split, with a
+ * soft edge of a few depth levels) keeps src, the rest takes the background
+ * picture scaled to src's size. Without a background, or before the first
+ * frame (the mask is then all foreground), dst is a copy of src. src and dst
+ * in the session's format, of one size, any size; for a size other than the
+ * depth size the session makes two work images of that size at the first
+ * call and keeps them. TL_ERROR_PARAM for a null handle or picture, a null
+ * plane0 or sizes that differ; TL_ERROR_STATE for a session that is not
+ * ready. */
+VELQUIN_TL_API TLResult velquin_TwinLens_replaceBackground(TwinLensHandle* handle, const TwinLensImage* dst,
+                                                           const TwinLensImage* src);
+VELQUIN_TL_API TLResult velquin_TwinLens_replaceBackgroundEx(TwinLensHandle* handle,
+                                                             const TwinLensImageEx* dst,
+                                                             const TwinLensImageEx* src);
+
+/* The coarse level (0 to 40, 40 at the start) of the layered renderer of
+ * blur back-end 1; it takes effect at the next blur through that renderer.
+ * TL_ERROR_PARAM for a null handle or a level above 40 (or a null level
+ * pointer), TL_ERROR_STATE for a session that is not ready. */
+VELQUIN_TL_API TLResult velquin_TwinLens_setCoarseBokehLevel(TwinLensHandle* handle, uint32_t level);
+VELQUIN_TL_API TLResult velquin_TwinLens_getCoarseBokehLevel(TwinLensHandle* handle, int32_t* level);
+
+/* The cap of the blur's sigma, in pixels at a 16-megapixel picture (scaled
+ * with the picture's size like the blur); 15 at the start. 0 turns the blur
+ * off. TL_ERROR_PARAM for a null handle or a sigma below 0 or NaN,
+ * TL_ERROR_STATE for a session that is not ready. Takes effect at the next
+ * blur. */
+VELQUIN_TL_API TLResult velquin_TwinLens_setMaxSigma(TwinLensHandle* handle, float sigma);
 
 #ifdef __cplusplus
 } /* extern "C" */

@@ -42,6 +42,8 @@ TLResult Cocmap_setMaxSigma(Cocmap* self, float sigma);
 
 // dst: UINT8 of src's size; src: the UINT8 code map; table: 256 floats. x, y:
 // the focus, normalised to the map (0 left or top edge, 1 right or bottom).
+// A null argument or a dst of another size: TL_ERROR_PARAM, and before
+// Cocmap_init TL_ERROR_STATE, with dst and the tables untouched.
 TLResult Cocmap_getCocMapFromDepthByCoord(Cocmap* self, Image* dst, float* maxCoc, const Image* src,
                                           const float* table, float scale, float focal, float x, float y,
                                           int32_t mode);
@@ -54,5 +56,40 @@ TLResult Cocmap_getRecommendedCocMapFromDepth(Cocmap* self, Image* dst, float* m
 TLResult Cocmap_getRecommendedCocMapFromDisparity(Cocmap* self, Image* dst, float* maxCoc, const Image* src,
                                                   const float* table, float scale, float focal,
                                                   float baseline, int32_t mode);
+
+// --- The steps of the entry points, callable alone ---------------------------
+
+// The lowest and the highest code of src (UINT8), each of 4 row stripes
+// folding its own rows first. low > high only for an empty map.
+TLResult Cocmap_getValueRange(Cocmap* self, const Image* src, int32_t* low, int32_t* high);
+// The table value at the mean code of a square of +-1% of the map's size
+// round (x, y), clipped by the map. Coordinates are taken into 0..1, and a
+// square that holds no pixel (maps under about 50 pixels) shrinks to the
+// pixel under the coordinate. 0 for an empty map.
+float Cocmap_getFocusValueAtCoord(const Image* src, const float* table, float x, float y);
+
+// Fill cocTableF32 and cocTableU8 for codes low..high (limited to 0..255)
+// about the focus value, and return maxCoc: 0, with no entry written, when
+// low > high. The depth pair scales by scale * focal and pulls every depth a
+// quarter of the focus distance towards focus (signed only); the disparity
+// pair is linear in disparity with gain scale / baseline and a dead zone
+// proportional to baseline.
+float Cocmap_buildDepthTableSigned(Cocmap* self, const float* table, int32_t low, int32_t high, float focus,
+                                   float scale, float focal);
+float Cocmap_buildDepthTableMagnitude(Cocmap* self, const float* table, int32_t low, int32_t high,
+                                      float focus, float scale, float focal);
+float Cocmap_buildDisparityTableSigned(Cocmap* self, const float* table, int32_t low, int32_t high,
+                                       float focus, float scale, float baseline);
+float Cocmap_buildDisparityTableMagnitude(Cocmap* self, const float* table, int32_t low, int32_t high,
+                                          float focus, float scale, float baseline);
+
+// histogram: 256 counts of the codes of src, counted in 4 row stripes.
+TLResult Cocmap_getHistogram(Cocmap* self, const Image* src, uint32_t* histogram);
+// Otsu's split of a 256-bin histogram: the first code of the upper class
+// (1..255) that maximises the between-class variance, the lowest one among
+// equal maxima; 0 when no split leaves both classes occupied.
+int32_t Cocmap_getOtsuThreshold(const uint32_t* histogram);
+// dst = cocTableU8[src] pixel by pixel, in 4 row stripes.
+TLResult Cocmap_mapPixels(Cocmap* self, Image* dst, const Image* src);
 
 }  // namespace vq_tl

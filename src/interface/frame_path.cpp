@@ -194,8 +194,9 @@ TLResult TwinLens_estimationStep(TwinLensSession* s, const TwinLensCameraParam* 
                                                           kSigmaSpace, kSigmaRange);
     if (r != TL_OK) return r;
     std::memcpy(s->slotDepthTable[slot], e->depthTable, sizeof s->slotDepthTable[slot]);
+    std::memcpy(s->slotInverseDepthTable[slot], e->inverseDepthTable, sizeof s->slotInverseDepthTable[slot]);
     s->slotStatus[slot] = e->status;
-    return TL_OK;
+    return TwinLens_updateForegroundMask(s, slot);
 }
 
 TLResult TwinLens_estimateFrame(TwinLensSession* s, Image* main, Image* sub) {

@@ -71,6 +71,9 @@ float baselineOfRowZero(const TwinLensSession* s) {
     return static_cast<float>(RawDouble_sqrt(t[0] * t[0] + t[1] * t[1] + t[2] * t[2]));
 }
 
+// The blur map's clamp until setMaxSigma, in pixels at the reference size.
+constexpr float kStartMaxSigma = 15.0f;
+
 uint32_t estimatorRotation(int32_t rotation) {
     return rotation >= 1 && rotation <= 3 ? static_cast<uint32_t>(rotation) : 0u;
 }
@@ -115,9 +118,9 @@ TLResult TwinLens_assembleSession(TwinLensSession* s) {
     }
     construct_DisparityEstimator(&s->estimator, env);
     // refocusBokeh is constructed here.
-    // defocusFaceBokeh is constructed here.
+    construct_DefocusFaceBokeh(&s->defocusFaceBokeh, env);
     // defocusFaceBokehGL is constructed here.
-    // cocmap is constructed here.
+    construct_Cocmap(&s->cocmap, env);
     construct_Rectify(&s->rectify, env);
 
     // Parallel layers.
@@ -138,11 +141,11 @@ TLResult TwinLens_assembleSession(TwinLensSession* s) {
     ParallelExecutor* estimatorExecutor = ownEstimatorLayer ? &s->estimatorExecutor : &s->executor;
     DisparityEstimator_setPel(&s->estimator, estimatorPel);
     DisparityEstimator_setParallelExecutor(&s->estimator, estimatorExecutor);
-    // cocmap takes estimatorPel here.
+    Cocmap_setPel(&s->cocmap, estimatorPel);
     ImageProc_setParallelExecutor(&s->imageProc, &s->executor);
     ImageProc2_setPel(&s->imageProc2, &s->pel);
     // refocusBokeh takes executor and pel here.
-    // defocusFaceBokeh takes pel here.
+    DefocusFaceBokeh_setPel(&s->defocusFaceBokeh, &s->pel);
     Rectify_setPel(&s->rectify, &s->pel);
     // defocusFaceBokehGL takes pel here.
     r = ImageProc_init(&s->imageProc);
@@ -177,8 +180,14 @@ TLResult TwinLens_assembleSession(TwinLensSession* s) {
     r = fitInverseLenses(s);
     if (r != TL_OK) return r;
 
-    // cocmap: its largest blur and its init at depth size, here.
-    // The blur back-end that blurBackend names (0 or 2) is initialised here.
+    Cocmap_setMaxSigma(&s->cocmap, kStartMaxSigma);
+    r = Cocmap_init(&s->cocmap, s->depthWidth, s->depthHeight);
+    if (r != TL_OK) return r;
+    // Back-end 1 sets its blur up for each picture; 2 (the GPU) joins here.
+    if (s->blurBackend == 0) {
+        r = DefocusFaceBokeh_init(&s->defocusFaceBokeh, s->mainWidth, s->mainHeight, s->formatCode);
+        if (r != TL_OK) return r;
+    }
 
     // Result images at depth size.
     for (int i = 0; i < 2; ++i) {
@@ -187,6 +196,10 @@ TLResult TwinLens_assembleSession(TwinLensSession* s) {
         r = initResultImage(&s->depthImage[i], s->depthWidth, s->depthHeight, IMAGE_FORMAT_UINT8);
         if (r != TL_OK) return r;
         r = initResultImage(&s->cocImage[i], s->depthWidth, s->depthHeight, IMAGE_FORMAT_UINT8);
+        if (r != TL_OK) return r;
+        // A mask of all foreground until the first frame: a replaced
+        // background then leaves the picture as it is.
+        r = TwinLens_updateForegroundMask(s, i);
         if (r != TL_OK) return r;
     }
 
@@ -205,6 +218,7 @@ TLResult TwinLens_assembleSession(TwinLensSession* s) {
     construct_Image(&s->maskCopy, env);
     construct_Image(&s->maskResized, env);
     construct_Image(&s->backgroundStore, env);
+    construct_Image(&s->backgroundResized, env);
     r = Image_init(&s->maskCopy, s->depthWidth, s->depthHeight, nullptr, IMAGE_FORMAT_UINT8);
     if (r != TL_OK) return r;
     r = Image_init(&s->maskResized, s->depthWidth, s->depthHeight, nullptr, IMAGE_FORMAT_UINT8);
@@ -244,14 +258,15 @@ void TwinLens_destructMembers(TwinLensSession* s) {
         destruct_Image(&s->subFrames[i]);
     }
     // refocusBokeh is taken down here.
-    // defocusFaceBokeh is taken down here.
+    destruct_DefocusFaceBokeh(&s->defocusFaceBokeh);
     // defocusFaceBokehGL is taken down here.
-    // cocmap is taken down here.
+    destruct_Cocmap(&s->cocmap);
     destruct_DisparityEstimator(&s->estimator);
     destruct_Rectify(&s->rectify);
     destruct_Image(&s->maskCopy);
     destruct_Image(&s->maskResized);
     destruct_Image(&s->backgroundStore);
+    destruct_Image(&s->backgroundResized);
 }
 
 }  // namespace vq_tl

@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+#include "bokeh/cocmap.h"
+#include "bokeh/defocus_face_bokeh.h"
 #include "image/image.h"
 #include "imageproc/image_proc.h"
 #include "imageproc/image_proc2.h"
@@ -52,11 +54,11 @@ struct TwinLensSession {
     vq_tl::Env env;
     vq_tl::DisparityEstimator estimator;
     // refocusBokeh joins here.
-    // defocusFaceBokeh joins here.
+    vq_tl::DefocusFaceBokeh defocusFaceBokeh;  // blur back-end 0, and small blurs of 1
     // defocusFaceBokehGL joins here.
-    // cocmap joins here.
+    vq_tl::Cocmap cocmap;
     vq_tl::Rectify rectify;          // fits the inverse lens coefficients of the rows
-    vq_tl::Image foregroundMask[2];  // FLOAT, depth size; nothing fills it
+    vq_tl::Image foregroundMask[2];  // FLOAT, depth size; 1 foreground, 0 background
     vq_tl::Image depthImage[2];      // UINT8, depth size; double buffer of results
     int32_t writeSlot;               // slot the next frame fills
     uint32_t formatCode;
@@ -92,9 +94,12 @@ struct TwinLensSession {
     vq_tl::Image maskCopy, maskResized;  // UINT8, depth size
     vq_tl::Image backgroundStore;        // depth size, session format
     vq_tl::Image* background;            // null, or backgroundStore
-    vq_tl::Image cocImage[2];            // UINT8, depth size; one per slot
-    double focusX, focusY;               // normalised focus point
-    int32_t frameCounter;                // raised before each frame; the first sees 0
+    // Main-size work images of replaceBackground, made at its first call on
+    // a picture of another size than the depth picture.
+    vq_tl::Image backgroundResized;
+    vq_tl::Image cocImage[2];  // UINT8, depth size; one per slot
+    double focusX, focusY;     // normalised focus point
+    int32_t frameCounter;      // raised before each frame; the first sees 0
     int32_t refineOnlyRate;
     vq_tl::TwinLensEstimationStep estimationStep;  // set by assembly; tests may replace it
     // What a slot's levels mean: the estimator's depth table and status as
@@ -102,6 +107,7 @@ struct TwinLensSession {
     // overwritten by the next estimate while readers may still be on this
     // slot; these copies are published with the slot.
     float slotDepthTable[2][vq_tl::kDisparityLevels];
+    float slotInverseDepthTable[2][vq_tl::kDisparityLevels];
     int32_t slotStatus[2];
 };
 
@@ -134,6 +140,10 @@ TwinLensSession* TwinLens_sessionInBuffer(void* buffer, int32_t bufferSize);
 TLResult TwinLens_estimateFrame(TwinLensSession* session, Image* main, Image* sub);
 int32_t TwinLens_enqueueFrame(TwinLensSession* session, const Image* mainView, const Image* subView);
 uint32_t TwinLens_frameWorker(void* session);
+// The foreground mask of a slot from its depth map; part of the estimation step.
+TLResult TwinLens_updateForegroundMask(TwinLensSession* session, int32_t slot);
+// The blurred picture of the finished slot into dst, from src (main size).
+TLResult TwinLens_renderBlur(TwinLensSession* session, Image* dst, const Image* src, double strength);
 // The estimation step of a live session.
 TLResult TwinLens_estimationStep(TwinLensSession* session, const TwinLensCameraParam* row, int32_t rebuild,
                                  int32_t slot, Image* main, Image* sub);

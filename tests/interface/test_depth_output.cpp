@@ -12,73 +12,13 @@
 #include <mutex>
 #include <thread>
 
+#include "interface/live_shot.h"
 #include "interface/twin_lens_session.h"
-#include "runtime/fenced_word.h"
 #include "runtime/memory.h"
-#include "support/scene.h"
-#include "support/session_params.h"
 
 using namespace vq_tl_test;
 
 namespace {
-
-constexpr int32_t kDepthWidth = 480, kDepthHeight = 360;
-constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
-
-// A quarter of the full size (1000 by 750 main, 648 by 486 sub), with the
-// background at 2 m and a 64 mm baseline: every surface lies 6 to 16 working
-// pixels of disparity away, inside the normal mode's range and far enough
-// from zero for a reading within 5 %.
-const Scene& shot() {
-    static const Scene scene([] {
-        SceneConfig c;
-        c.scale = 0.25, c.threads = 2, c.backgroundDepth = 2.0, c.subCentre[0] = 0.064;
-        return c;
-    }());
-    return scene;
-}
-
-// Completed frames of an asynchronous session.
-struct Completions {
-    std::mutex mutex;
-    std::condition_variable changed;
-    uint32_t count = 0;
-    static int32_t callback(void* user, uint32_t, int32_t) {
-        auto* c = static_cast<Completions*>(user);
-        std::lock_guard<std::mutex> lock(c->mutex);
-        ++c->count;
-        c->changed.notify_all();
-        return 0;
-    }
-    void waitFor(uint32_t n) {
-        std::unique_lock<std::mutex> lock(mutex);
-        changed.wait(lock, [&] { return count >= n; });
-    }
-};
-
-std::unique_ptr<TwinLensParams> shotParams(int32_t asyncMode, Completions* completions = nullptr) {
-    const vq_tl::Image &m = shot().main->image, &s = shot().sub->image;
-    auto p = makeParams(m.width, m.height, kDepthWidth, kDepthHeight);
-    p->subWidth = s.width, p->subHeight = s.height;
-    p->format = "YVU420_SEMIPLANAR";
-    p->asyncMode = asyncMode, p->refineLevel = 2;
-    p->completionCallback = Completions::callback, p->callbackUserData = completions;
-    shot().cameraParam(&p->cameraParams[0]);
-    return p;
-}
-
-TwinLensImage frameOf(const Picture& p) {
-    return {p.image.width, p.image.height, p.image.plane[0], p.image.plane[1], nullptr};
-}
-
-// Offers the shot; an asynchronous session is waited for until `number`
-// frames have completed.
-TLResult offerShot(OpenSession& session, Completions* completions = nullptr, uint32_t number = 0) {
-    const TwinLensImage main = frameOf(*shot().main), sub = frameOf(*shot().sub);
-    const TLResult r = velquin_TwinLens_process(&session.handle, &main, &sub, nullptr);
-    if (completions != nullptr && r == TL_OK) completions->waitFor(number);
-    return r;
-}
 
 // A depth picture (mode 1) with its limits.
 struct Depth {
@@ -157,12 +97,12 @@ TEST(DepthOutput, SameBytesWhateverTheFrameHandlingAndWorkers) {
     }
 }
 
-// asyncMode 1 matches frames 0, 2, 4 and only refines in between. A new row
-// before frame 1 (written as a setter would: the row, then the mark) rebuilds
-// the grids there, but frame 1 refines frame 0's map under the same main
-// image: the same picture. Frame 2 matches with the new grids: the sub
-// camera's principal point moved by 2 working pixels' worth takes 2 pixels
-// from every disparity, and the near limit goes from f B / d to f B / (d - 2).
+// asyncMode 1 matches frames 0, 2, 4 and only refines in between. New camera
+// matrices before frame 1 rebuild the grids there, but frame 1 refines frame
+// 0's map under the same main image: the same picture. Frame 2 matches with
+// the new grids: the sub camera's principal point moved by 2 working pixels'
+// worth takes 2 pixels from every disparity, and the near limit goes from
+// f B / d to f B / (d - 2).
 TEST(DepthOutput, CalibrationChangesTakeEffectAtTheNextEstimate) {
     Completions done;
     OpenSession session(shotParams(1, &done).get());
@@ -170,9 +110,10 @@ TEST(DepthOutput, CalibrationChangesTakeEffectAtTheNextEstimate) {
     const Depth before = readDepth(&session.handle);
     TwinLensSession* s = session.s();
     const double fb = double{s->estimator.focalLength} * s->estimator.baseline;
-    s->cameraParams[0].subCameraMatrix[2] -=
-        2.0 * s->cameraParams[0].subCameraMatrix[0] / s->estimator.focalLength;
-    vq_tl::FencedWord_store(&s->cameraDirty, 1);
+    TwinLensCameraParam row;
+    ASSERT_EQ(velquin_TwinLens_getCurrentCameraParam(&session.handle, &row), TL_OK);
+    row.subCameraMatrix[2] -= 2.0 * row.subCameraMatrix[0] / s->estimator.focalLength;
+    ASSERT_EQ(velquin_TwinLens_setCameraMatrix(&session.handle, &row), TL_OK);
     ASSERT_EQ(offerShot(session, &done, 2), TL_OK);
     EXPECT_TRUE(readDepth(&session.handle) == before) << "the refine-only frame";
     ASSERT_EQ(offerShot(session, &done, 3), TL_OK);

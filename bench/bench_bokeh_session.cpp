@@ -17,40 +17,20 @@
 
 #include "image/public_image.h"
 #include "interface/twin_lens_session.h"
-#include "support/scene.h"
-#include "support/session_params.h"
+#include "live_shot.h"
 
 namespace {
 
-struct LiveShot {
-    vq_tl_test::Scene scene;
-    std::unique_ptr<vq_tl_test::OpenSession> session;
+// The shot with a depth picture of 1000 x 750, a destination frame, and the
+// focus on the near box (left of centre, a little below the middle).
+struct LiveShot : BenchLiveShot {
     std::vector<uint8_t> out;
-    TwinLensImage main{}, sub{}, dst{};
-    bool ready = false;
-
-    static vq_tl_test::SceneConfig config() {
-        vq_tl_test::SceneConfig c;
-        c.threads = 4;
-        c.truth = false;
-        return c;
-    }
-    LiveShot() : scene(config()) {
-        const vq_tl::Image &m = scene.main->image, &s = scene.sub->image;
-        auto p = vq_tl_test::makeParams(m.width, m.height, 1000, 750);
-        p->subWidth = s.width, p->subHeight = s.height;
-        p->format = "YVU420_SEMIPLANAR";
-        p->refineLevel = 2;
-        scene.cameraParam(&p->cameraParams[0]);
-        session = std::make_unique<vq_tl_test::OpenSession>(p.get());
-        main = {m.width, m.height, m.plane[0], m.plane[1], nullptr};
-        sub = {s.width, s.height, s.plane[0], s.plane[1], nullptr};
-        out.resize(static_cast<size_t>(m.width) * m.height * 3 / 2);
-        dst = {m.width, m.height, out.data(), out.data() + static_cast<size_t>(m.width) * m.height, nullptr};
-        // The box's front face is left of centre, a little below the middle.
-        ready = session->opened == TL_OK &&
-                velquin_TwinLens_process(&session->handle, &main, &sub, nullptr) == TL_OK &&
-                velquin_TwinLens_setFocusCoord(&session->handle, 0.27, 0.62) == TL_OK;
+    TwinLensImage dst{};
+    LiveShot() : BenchLiveShot(1000, 750) {
+        const size_t pixels = static_cast<size_t>(main.width) * main.height;
+        out.resize(pixels * 3 / 2);
+        dst = {main.width, main.height, out.data(), out.data() + pixels, nullptr};
+        ready = ready && velquin_TwinLens_setFocusCoord(&session->handle, 0.27, 0.62) == TL_OK;
     }
 };
 

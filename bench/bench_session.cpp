@@ -14,47 +14,17 @@
 #include <memory>
 #include <vector>
 
-#include "support/scene.h"
-#include "support/session_params.h"
+#include "live_shot.h"
 
 namespace {
 
-struct Live {
-    vq_tl_test::Scene scene;
-    std::unique_ptr<vq_tl_test::OpenSession> session;
-    TwinLensImage main{}, sub{};
-    bool ready = false;
-
-    static vq_tl_test::SceneConfig config() {
-        vq_tl_test::SceneConfig c;
-        c.threads = 4;
-        c.truth = false;
-        return c;
-    }
-    Live() : scene(config()) {
-        const vq_tl::Image &m = scene.main->image, &s = scene.sub->image;
-        auto p = vq_tl_test::makeParams(m.width, m.height, 1920, 1440);
-        p->subWidth = s.width;
-        p->subHeight = s.height;
-        p->format = "YVU420_SEMIPLANAR";
-        p->refineLevel = 2;
-        scene.cameraParam(&p->cameraParams[0]);
-        session = std::make_unique<vq_tl_test::OpenSession>(p.get());
-        main = {m.width, m.height, m.plane[0], m.plane[1], nullptr};
-        sub = {s.width, s.height, s.plane[0], s.plane[1], nullptr};
-        // The first shot builds the grids, which later shots keep.
-        ready = session->opened == TL_OK && shot() == TL_OK;
-    }
-    TLResult shot() { return velquin_TwinLens_process(&session->handle, &main, &sub, nullptr); }
-};
-
-Live& live() {
-    static const std::unique_ptr<Live> l = std::make_unique<Live>();
+BenchLiveShot& live() {
+    static const std::unique_ptr<BenchLiveShot> l = std::make_unique<BenchLiveShot>(1920, 1440);
     return *l;
 }
 
 void BM_SessionShot(benchmark::State& state) {
-    Live& l = live();
+    BenchLiveShot& l = live();
     if (!l.ready) {
         state.SkipWithError("session or first shot failed");
         return;
@@ -66,7 +36,7 @@ void BM_SessionShot(benchmark::State& state) {
 BENCHMARK(BM_SessionShot)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_SessionDepthImage(benchmark::State& state) {
-    Live& l = live();
+    BenchLiveShot& l = live();
     if (!l.ready) {
         state.SkipWithError("session or first shot failed");
         return;

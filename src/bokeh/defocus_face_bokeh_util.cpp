@@ -567,24 +567,30 @@ TLResult DefocusFaceBokehUtil_blurU8(DefocusFaceBokeh* self, Image* dst, const I
     return r;
 }
 
+namespace {
+
+// One plane mixed with a blurred plane of its size or, doubled, of half its size.
+TLResult mixOnePlane(DefocusFaceBokeh* self, Image* out, const Image* fine, const Image* blurred,
+                     const Image* coc, int32_t threshold, int32_t shift, bool doubled) {
+    if (!isPlane(out) || !isPlane(fine) || !isPlane(coc) || !sameSize(out, fine) || !covers(out, coc) ||
+        !blurredFits(blurred, out, doubled))
+        return TL_ERROR_PARAM;
+    MixJob job{planeOf(out), planeOf(fine), planeOf(coc), {planeOf(blurred), Plane{}}, threshold, shift};
+    return mix(self, &job, 1, doubled);
+}
+
+}  // namespace
+
 TLResult DefocusFaceBokeh_blendLevel(DefocusFaceBokeh* self, Image* out, const Image* fine,
                                      const Image* coarse, const Image* coc, int32_t threshold,
                                      int32_t shift) {
-    if (!isPlane(out) || !isPlane(fine) || !isPlane(coc) || !sameSize(out, fine) || !covers(out, coc) ||
-        !blurredFits(coarse, out, true))
-        return TL_ERROR_PARAM;
-    MixJob job{planeOf(out), planeOf(fine), planeOf(coc), {planeOf(coarse), Plane{}}, threshold, shift};
-    return mix(self, &job, 1, true);
+    return mixOnePlane(self, out, fine, coarse, coc, threshold, shift, true);
 }
 
 TLResult DefocusFaceBokehUtil_mixPlane(DefocusFaceBokeh* self, Image* out, const Image* fine,
                                        const Image* blurred, const Image* coc, int32_t threshold,
                                        int32_t shift) {
-    if (!isPlane(out) || !isPlane(fine) || !isPlane(coc) || !sameSize(out, fine) || !covers(out, coc) ||
-        !blurredFits(blurred, out, false))
-        return TL_ERROR_PARAM;
-    MixJob job{planeOf(out), planeOf(fine), planeOf(coc), {planeOf(blurred), Plane{}}, threshold, shift};
-    return mix(self, &job, 1, false);
+    return mixOnePlane(self, out, fine, blurred, coc, threshold, shift, false);
 }
 
 TLResult DefocusFaceBokehUtil_mixInterleaved(DefocusFaceBokeh* self, Image* out, const Image* fine,

@@ -186,22 +186,17 @@ void applySetting(const SettingCall& c) {
             uint8_t* in = gArenas[0];
             uint8_t* out = gArenas[1];
             const int32_t luma = kWidth * kHeight;
-            const TwinLensImageEx src = {kWidth,
-                                         kHeight,
-                                         in,
-                                         in + luma,
-                                         planar ? in + luma * 5 / 4 : nullptr,
-                                         kWidth,
-                                         planar ? kWidth / 2 : kWidth,
-                                         kWidth / 2};
-            const TwinLensImageEx dst = {kWidth,
-                                         kHeight,
-                                         out,
-                                         out + luma,
-                                         planar ? out + luma * 5 / 4 : nullptr,
-                                         kWidth,
-                                         planar ? kWidth / 2 : kWidth,
-                                         kWidth / 2};
+            auto record = [&](uint8_t* p) {
+                return TwinLensImageEx{kWidth,
+                                       kHeight,
+                                       p,
+                                       p + luma,
+                                       planar ? p + luma * 5 / 4 : nullptr,
+                                       kWidth,
+                                       planar ? kWidth / 2 : kWidth,
+                                       kWidth / 2};
+            };
+            const TwinLensImageEx src = record(in), dst = record(out);
             ASAN_UNPOISON_MEMORY_REGION(in, luma * 3 / 2);
             ASAN_UNPOISON_MEMORY_REGION(out, luma * 3 / 2);
             r = velquin_TwinLens_blurEx(h, nullArg ? nullptr : &dst, &src, c.a);

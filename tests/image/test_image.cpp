@@ -1,6 +1,6 @@
-// Image records: owned planes, views, copies, format geometry and the public records. Format conversion: the
-// fixed-point pixel formulas against BT.601 full range in double precision, chroma placement on odd sizes and
-// rectangles, the dispatch rules, and known answers for the other families.
+// Image records: owned planes, views, copies, format geometry, the public records. Conversion: the
+// fixed-point formulas against BT.601 full range in double, chroma on odd sizes and rectangles, dispatch,
+// known answers.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <random>
+#include <tuple>
 #include <vector>
 
 #include "image/image.h"
@@ -136,22 +137,16 @@ const YuvFormat kYuvFormats[] = {
 TEST(Image, OwnedPlanesAreTightAndContiguous) {
     Img a;
     ASSERT_EQ(Image_init(a.get(), 101, 7, nullptr, IMAGE_FORMAT_YUV420_PLANAR), TL_OK);
-    EXPECT_EQ(a->external, 0);
-    EXPECT_EQ(a->pitch[2], 51);
-    EXPECT_EQ(a->plane[1], a->plane[0] + 102 * 8);
-    EXPECT_EQ(a->plane[2], a->plane[1] + 51 * 4);
+    EXPECT_TRUE(a->pitch[2] == 51 && a->plane[1] == a->plane[0] + 102 * 8 &&
+                a->plane[2] == a->plane[1] + 51 * 4);
     // 102 x 8 + 2 x 51 x 4 = 1224 bytes, as many as 102 x 12 of UINT8: the block is kept.
     uint8_t* block = a->plane[0];
     ASSERT_EQ(Image_init(a.get(), 102, 12, nullptr, IMAGE_FORMAT_UINT8), TL_OK);
-    EXPECT_EQ(a->plane[0], block);
-    EXPECT_EQ(a->plane[1], nullptr);
-    EXPECT_EQ(a->pitch[1], 0);
-    // Refusals leave the record as it was.
+    EXPECT_TRUE(a->plane[0] == block && a->plane[1] == nullptr && a->pitch[1] == 0);
+    // Refusals leave the record as it was: negative sides, format 72 (none), 3 GiB of LAB (63).
     const Image before = a.image;
-    EXPECT_EQ(Image_init(a.get(), -1, 8, nullptr, IMAGE_FORMAT_UINT8), TL_ERROR_PARAM);
-    EXPECT_EQ(Image_init(a.get(), 8, -1, nullptr, IMAGE_FORMAT_UINT8), TL_ERROR_PARAM);
-    EXPECT_EQ(Image_init(a.get(), 8, 8, nullptr, 72), TL_ERROR_PARAM);
-    EXPECT_EQ(Image_init(a.get(), 16384, 16384, nullptr, IMAGE_FORMAT_LAB), TL_ERROR_PARAM);
+    for (const auto& [w, h, f] : {std::tuple{-1, 8, 60u}, {8, -1, 60u}, {8, 8, 72u}, {16384, 16384, 63u}})
+        EXPECT_EQ(Image_init(a.get(), w, h, nullptr, f), TL_ERROR_PARAM) << w << "x" << h << " " << f;
     EXPECT_EQ(std::memcmp(&before, &a.image, sizeof before), 0);
 }
 
@@ -192,14 +187,14 @@ TEST(Image, ViewOffsetsOfHandWorkedCases) {
         Img src, view;
         ASSERT_EQ(Image_init(src.get(), 20, 10, nullptr, f), TL_OK);
         ASSERT_EQ(c.fn(view.get(), src.get(), c.x, c.y, 9, 4), TL_OK);
-        EXPECT_EQ(view->format, c.viewFormat ? Image_getImageFormat(c.viewFormat) : f);
-        EXPECT_TRUE(view->width == c.width && view->height == c.height);
+        EXPECT_TRUE(view->format == (c.viewFormat ? Image_getImageFormat(c.viewFormat) : f) &&
+                    view->width == c.width && view->height == c.height &&
+                    view->pitch[0] == src->pitch[c.from]);
         EXPECT_EQ(view->plane[0] - src->plane[c.from], c.row0 * src->pitch[c.from] + c.off0);
-        EXPECT_EQ(view->pitch[0], src->pitch[c.from]);
-        for (int k = 1; k < Image_getPlaneCount(view->format); ++k) {
-            EXPECT_EQ(view->plane[k] - src->plane[k], c.row1 * src->pitch[k] + c.off1) << "plane " << k;
-            EXPECT_EQ(view->pitch[k], src->pitch[k]);
-        }
+        for (int k = 1; k < Image_getPlaneCount(view->format); ++k)
+            EXPECT_TRUE(view->plane[k] - src->plane[k] == c.row1 * src->pitch[k] + c.off1 &&
+                        view->pitch[k] == src->pitch[k])
+                << "plane " << k;
     }
 }
 
@@ -249,7 +244,6 @@ TEST(Image, CopyTakesTheSourceFormatOrFillsABorrowedImage) {
     ASSERT_EQ(Image_copy(&dst.image, src.get()), TL_OK);
     for (const Image* copy : {owned.get(), &dst.image})
         EXPECT_TRUE(sameRows(copy, src.get(), 0, 9, 13) && sameRows(copy, src.get(), 1, 5, 14));
-    for (int32_t r = 0; r < 9; ++r) EXPECT_EQ(dst.row(0, r)[13], vq_tl_test::kCanary) << r;
     EXPECT_TRUE(dst.canariesIntact());
     // A borrowed destination of another format or size is refused.
     vq_tl_test::Picture other(13, 9, IMAGE_FORMAT_YVU420_SEMIPLANAR),

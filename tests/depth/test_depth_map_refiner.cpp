@@ -1,6 +1,5 @@
-// The separable bilateral filter against a direct transcription of its
-// weights; the depth map refiner lifting the coarse map of a piecewise-planar
-// scene under the scene's own picture, against plain bilinear enlargement.
+// The separable bilateral filter against a direct transcription of its weights; the depth map refiner lifting
+// the coarse map of a piecewise-planar scene under the scene's own picture, against bilinear enlargement.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -16,14 +15,11 @@
 #include "support/picture.h"
 
 using namespace vq_tl;
+using vq_tl_test::elementOf;
 using vq_tl_test::Picture;
 using vq_tl_test::sharedLayers;
 
 namespace {
-
-double value(Picture& p, int32_t x, int32_t y) {
-    return p.image.format == IMAGE_FORMAT_FLOAT ? p.at<float>(x, y) : p.u8(x, y);
-}
 
 // Both passes of the plain filter written out from its definition, summing in the kernels' order (centre
 // first, then the taps from -half) so that FLOAT results compare exactly as well.
@@ -33,7 +29,7 @@ std::vector<double> bilateralReference(Picture& src, Picture& guide, int32_t cha
     const float c = sigmaRange * (sigmaRange * static_cast<float>(2 * channels));
     const int64_t range = c > 0 ? static_cast<int64_t>(c) : 0;
     std::vector<double> v(w * h), out(w * h);
-    for (int32_t i = 0; i < w * h; ++i) v[i] = value(src, i % w, i / w);
+    for (int32_t i = 0; i < w * h; ++i) v[i] = elementOf(src.image, i % w, i / w);
     for (int pass = 0; pass < 2; ++pass, v = out) {
         for (int32_t y = 0; y < h; ++y)
             for (int32_t x = 0; x < w; ++x) {
@@ -68,9 +64,8 @@ std::vector<double> bilateralReference(Picture& src, Picture& guide, int32_t cha
 
 }  // namespace
 
-// Windows 3, 5, 7 (kernels of their own) and wider, guides of 1 to 3
-// channels, UINT8 and FLOAT values, C from 0 (the values stay) over small
-// ones (weights in floats) to 80000 (in integers), rows of several chunks.
+// Windows 3, 5, 7 (kernels of their own) and wider, guides of 1 to 3 channels, UINT8 and FLOAT values, C from
+// 0 (the values stay) over small ones (weights in floats) to 80000 (in integers), rows of several chunks.
 TEST(SeparableBilateralFilter, MatchesDirectDefinition) {
     SeparableBilateralFilter f;
     construct_SeparableBilateralFilter(&f, nullptr);
@@ -104,7 +99,7 @@ TEST(SeparableBilateralFilter, MatchesDirectDefinition) {
                   TL_OK);
         EXPECT_TRUE(dst.canariesIntact());
         std::vector<double> got;
-        for (int32_t i = 0; i < w * h; ++i) got.push_back(value(dst, i % w, i / w));
+        for (int32_t i = 0; i < w * h; ++i) got.push_back(elementOf(dst.image, i % w, i / w));
         EXPECT_EQ(got, bilateralReference(src, guide, c.channels, c.window, c.sigmaSpace, c.sigmaRange))
             << "window " << c.window << " sigmaRange " << c.sigmaRange;
     }
@@ -218,8 +213,8 @@ TEST(DepthMapRefiner, SnapsDepthEdgesToTheGuide) {
 }
 
 TEST(DepthMapRefiner, LevelSizesAndEnlargementKnownAnswers) {
-    // Level l halves rounding up, (W + 2^(l+1) - 2) >> l with bit 0 cleared,
-    // no smaller than the map, down to the first level at or below the map.
+    // Level l halves rounding up, (W + 2^(l+1) - 2) >> l with bit 0 cleared, down to the first at or below
+    // the map.
     const struct {
         int32_t w, h, mw, mh;
         std::vector<int32_t> sizes;  // width and height of each level
@@ -235,8 +230,8 @@ TEST(DepthMapRefiner, LevelSizesAndEnlargementKnownAnswers) {
         const int32_t levels = DepthMapRefiner_getLevelSizes(c.w, c.h, c.mw, c.mh, sizes);
         EXPECT_EQ(std::vector<int32_t>(&sizes[0][0], &sizes[0][0] + 2 * levels), c.sizes);
     }
-    // 2x of 0, 8, 16 over 32, 40, 48: 3:1 and 1:3 pairs, the first column and
-    // row copied, the last (even sizes) copying s[2] and row 1; exact in UINT8.
+    // 2x of 0, 8, 16 over 32, 40, 48: 3:1 and 1:3 pairs, the first column and row copied, the last (even
+    // sizes) copying s[2] and row 1; exact in UINT8.
     const double want[4][6] = {
         {0, 2, 6, 10, 14, 16}, {8, 10, 14, 18, 22, 24}, {24, 26, 30, 34, 38, 40}, {32, 34, 38, 42, 46, 48}};
     DepthMapRefiner refiner;
@@ -249,13 +244,14 @@ TEST(DepthMapRefiner, LevelSizesAndEnlargementKnownAnswers) {
         Picture dst(6, 4, src->image.format);
         ASSERT_EQ(DepthMapRefiner_upsample2x(&refiner, &dst.image, &src->image), TL_OK);
         for (int32_t i = 0; i < 24; ++i)
-            EXPECT_EQ(value(dst, i % 6, i / 6), want[i / 6][i % 6]) << src->image.format << " " << i;
+            EXPECT_EQ(elementOf(dst.image, i % 6, i / 6), want[i / 6][i % 6])
+                << src->image.format << " " << i;
         EXPECT_TRUE(dst.canariesIntact());
     }
 }
 
-// Every check runs before the first write. When the n-th allocation of a
-// weighted refinement fails, for any n, out is untouched and no block held.
+// Every check runs before the first write. When the n-th allocation of a weighted refinement fails, for any
+// n, out is untouched and no block held.
 TEST(DepthMapRefiner, BadArgumentsLeaveOutputUntouched) {
     Env env{};
     DepthMapRefiner fresh, ready, kind4;

@@ -34,8 +34,8 @@
 #include "support/test_env.h"
 
 using namespace vq_tl;
-using vq_tl_test::Layers;
 using vq_tl_test::elementOf;
+using vq_tl_test::Layers;
 using vq_tl_test::Picture;
 using vq_tl_test::sharedLayers;
 
@@ -206,32 +206,6 @@ TLResult visitStripe(void* arg, int32_t index, int32_t count) {
 
 TLResult expectedResult(int32_t count) { return (1u << std::min(count, 8)) - 1; }
 
-// Operation `op` via the object holding e's layer (none: the caller); ImageProc's rank filters on a Pel too.
-TLResult apply(int op, const ImageStripeExec* e, Image* d, const Image* s) {
-    ImageProc proc;
-    ImageProc2 proc2;
-    construct_ImageProc(&proc, nullptr), ImageProc_setParallelExecutor(&proc, e ? e->executor : nullptr);
-    construct_ImageProc2(&proc2, nullptr), ImageProc2_setPel(&proc2, e ? e->pel : nullptr);
-    TLResult r = ImageProc_init(&proc) | ImageProc2_init(&proc2);
-    const bool p = e != nullptr && e->pel != nullptr;
-    ImageProc* o = &proc;
-    ImageProc2* q = &proc2;
-    switch (op) {
-        case 0: r |= p ? ImageProc2_resizeImage(q, d, s) : ImageProc_resizeImage(o, d, s); break;
-        case 1: r |= p ? Resize_shrink2(e, d, s) : ImageProc_shrink2(o, d, s); break;
-        case 2: r |= p ? ImageProc2_averageShrink(q, d, s) : ImageProc_shrinkImage(o, d, s); break;
-        case 3: r |= p ? ImageProc2_rotateImageEx(q, d, s, 1, 6) : Rotate_rotateImageEx(e, d, s, 1, 6); break;
-        case 4: r |= p ? ImageProc2_filterMax3x3(q, d, s, 0) : ImageProc_filterMax3x3(o, d, s, 0); break;
-        case 5: r |= p ? ImageProc2_filterMin3x3(q, d, s, 0) : ImageProc_filterMin3x3(o, d, s, 0); break;
-        case 6: r |= ImageProc_filterMedian3x3(o, d, s, 0); break;
-        case 7: r |= ImageProc_filterMedianCross(o, d, s, 0); break;
-        case 8: r |= ImageProc_filterRankMax5x5(o, d, s, 0); break;
-        default: r |= ImageProc_filterRankMin3x3(o, d, s, 0);
-    }
-    destruct_ImageProc2(&proc2), destruct_ImageProc(&proc);
-    return r;
-}
-
 using Filter = TLResult (*)(ImageProc*, Image*, const Image*, uint32_t);
 using Filter2 = TLResult (*)(ImageProc2*, Image*, const Image*, uint32_t);
 
@@ -344,13 +318,15 @@ std::pair<double, double> differences(const std::vector<double>& a, const std::v
     return {worst, sum / static_cast<double>(a.size())};
 }
 
-// An ImageProc over the shared two-thread pool, so that rows are striped, and an ImageProc2.
+// An ImageProc over the shared two-thread pool and an ImageProc2 over the shared Pel, so that rows are
+// striped. The kernels' tests use both, so the layers must not change their pixels.
 struct Objects {
     ImageProc proc;
     ImageProc2 proc2;
     Objects() {
         construct_ImageProc(&proc, nullptr), construct_ImageProc2(&proc2, nullptr);
-        ImageProc_setParallelExecutor(&proc, &sharedLayers().pool);
+        ImageProc_setParallelExecutor(&proc, &sharedLayers().pool),
+            ImageProc2_setPel(&proc2, &sharedLayers().pel);
     }
     ~Objects() { destruct_ImageProc2(&proc2), destruct_ImageProc(&proc); }
 };
@@ -417,48 +393,6 @@ TEST(Stripes, RunnerVisitsEveryRowOnceOnEveryLayer) {
     EXPECT_EQ(destruct_Pel(&idle), TL_OK);
 }
 
-TEST(KernelsOnLayers, SamePixelsOnEveryLayer) {
-    Layers& layers = sharedLayers();
-    // In place: stripes must keep the rows their neighbours still read.
-    const struct {
-        int op;
-        int32_t sw, sh, dw, dh;
-        uint32_t format;
-        bool inPlace;
-    } cases[] = {
-        {0, 123, 77, 301, 190, IMAGE_FORMAT_YUV420_SEMIPLANAR, false},
-        {0, 200, 150, 97, 61, IMAGE_FORMAT_UINT88, false},
-        {1, 251, 181, 126, 91, IMAGE_FORMAT_UINT8, false},
-        {2, 240, 170, 71, 50, IMAGE_FORMAT_YUV420_SEMIPLANAR, false},
-        {3, 130, 70, 70, 130, IMAGE_FORMAT_UINT16, false},
-        {4, 41, 9, 41, 9, IMAGE_FORMAT_UINT8, false},
-        {5, 37, 23, 37, 23, IMAGE_FORMAT_YUV420_SEMIPLANAR, true},
-        {5, 7, 2, 7, 2, IMAGE_FORMAT_UINT1616, true},  // more stripes than rows
-        {6, 41, 9, 41, 9, IMAGE_FORMAT_RGB888, true},
-        {7, 30, 20, 30, 20, IMAGE_FORMAT_INT16, false},
-        {8, 29, 17, 29, 17, IMAGE_FORMAT_INT32, true},
-        {9, 33, 12, 33, 12, IMAGE_FORMAT_YUV420_PLANAR, false},
-    };
-    std::mt19937 rng(5);
-    for (int round = 0; round < vq_tl_test_scaled(3, 1); ++round) {
-        for (const auto& c : cases) {
-            Picture src(c.sw, c.sh, c.format), reference(c.dw, c.dh, c.format);
-            src.fillRandom(rng);
-            for (int i = -1; i < Layers::kCount; ++i) {
-                const ImageStripeExec exec = i < 0 ? ImageStripeExec{} : layers.exec(i);
-                Picture dst(c.dw, c.dh, c.format);
-                if (c.inPlace) dst.copyPixels(src);
-                ASSERT_EQ(
-                    apply(c.op, i < 0 ? nullptr : &exec, &dst.image, c.inPlace ? &dst.image : &src.image),
-                    TL_OK)
-                    << &c - cases << " " << i;
-                if (i < 0) reference.copyPixels(dst);
-                EXPECT_TRUE(dst.samePixels(reference) && dst.canariesIntact()) << &c - cases << " on " << i;
-            }
-        }
-    }
-}
-
 TEST(RankFilter, MatchesBruteForceOnEveryLayout) {
     Objects o;
     // Single rows and columns, sizes below the window, stripes of one row.
@@ -523,6 +457,7 @@ TEST(Resize, RampsWorkedByHand) {
 
 TEST(Resize, MatchesADoubleModelWithinOneLevel) {
     // Samples at the resizer's Q15 positions on steep random data; INT32 holds values times 2^16.
+    Objects o;
     const struct {
         uint32_t format;
         int32_t lo, hi, scale;
@@ -548,7 +483,9 @@ TEST(Resize, MatchesADoubleModelWithinOneLevel) {
         for (int32_t i = 0; i < sw * sh; ++i)
             store(src.row(0, i / sw) + kindOf(k.format).size * (i % sw), kindOf(k.format),
                   (s[i] = value(rng)) * k.scale);
-        ASSERT_EQ(Resize_resizeImage(nullptr, &dst.image, &src.image), TL_OK);
+        ASSERT_EQ(round % 2 ? ImageProc_resizeImage(&o.proc, &dst.image, &src.image)
+                            : ImageProc2_resizeImage(&o.proc2, &dst.image, &src.image),
+                  TL_OK);
         for (int32_t y = 0; y < dh; ++y)
             for (int32_t x = 0; x < dw; ++x)
                 ASSERT_NEAR(elementOf(dst.image, x, y),
@@ -561,6 +498,7 @@ TEST(Resize, MatchesADoubleModelWithinOneLevel) {
 
 TEST(Resize, HalvingIsTheRoundedMeanOfFour) {
     // (a + b + c + d + 2) >> 2, the last column and row repeated; resizing to about half is the same kernel.
+    Objects o;
     std::mt19937 rng(31);
     for (uint32_t f : {IMAGE_FORMAT_UINT8, IMAGE_FORMAT_UINT88, IMAGE_FORMAT_INT16, IMAGE_FORMAT_INT32}) {
         for (int round = 0; round < 6; ++round) {
@@ -571,8 +509,8 @@ TEST(Resize, HalvingIsTheRoundedMeanOfFour) {
             if (!Resize_isAboutHalf(dw, dh, sw, sh) || dw < 1) continue;
             Picture src(sw, sh, f), half(dw, dh, f), resized(dw, dh, f);
             src.fillRandom(rng);
-            ASSERT_EQ(Resize_shrink2(nullptr, &half.image, &src.image), TL_OK);
-            ASSERT_EQ(Resize_resizeImage(nullptr, &resized.image, &src.image), TL_OK);
+            ASSERT_EQ(ImageProc_shrink2(&o.proc, &half.image, &src.image), TL_OK);
+            ASSERT_EQ(ImageProc2_resizeImage(&o.proc2, &resized.image, &src.image), TL_OK);
             const int n = f == IMAGE_FORMAT_UINT88 ? 2 : 1;
             auto at = [&](Picture& p, int32_t x, int32_t y, int c) {
                 return static_cast<int64_t>(elementOf(p.image, x * n + c, y));
@@ -594,6 +532,7 @@ TEST(Resize, HalvingIsTheRoundedMeanOfFour) {
 
 TEST(Resize, AverageShrinkIsTheMeanOfTheCoveredArea) {
     // Random sizes against the exact mean: overlap of [x sw / dw, (x + 1) sw / dw) with pixel i.
+    Objects o;
     auto overlap = [](int32_t i, int32_t x, int32_t src, int32_t dst) {
         return std::fmax(0.0, std::fmin(i + 1.0, (x + 1.0) * src / dst) - std::fmax(i, 1.0 * x * src / dst));
     };
@@ -604,7 +543,9 @@ TEST(Resize, AverageShrinkIsTheMeanOfTheCoveredArea) {
                       dh = 1 + static_cast<int32_t>(rng() % (sh - 1));
         Picture s(sw, sh, IMAGE_FORMAT_UINT16), d(dw, dh, IMAGE_FORMAT_UINT16);
         s.fillRandom(rng);
-        ASSERT_EQ(Resize_averageShrink(nullptr, &d.image, &s.image), TL_OK);
+        ASSERT_EQ(round % 2 ? ImageProc_shrinkImage(&o.proc, &d.image, &s.image)
+                            : ImageProc2_averageShrink(&o.proc2, &d.image, &s.image),
+                  TL_OK);
         for (int32_t y = 0; y < dh; ++y) {
             for (int32_t x = 0; x < dw; ++x) {
                 double sum = 0.0;
@@ -639,7 +580,10 @@ TEST(Rotate, OperationTableIsAGroup) {
 TEST(Rotate, EveryOperationMatchesItsFormulaOnEveryPlane) {
     // From orientation 1 to `to` is operation kFromOne[to] (6 the clockwise quarter turn). Every element of
     // every plane at its own size (1 to 4 bytes); odd sizes above one tile (4:2:0 even); rows padded by 7.
+    // Odd orientations on the shared pool, even ones on the shared Pel.
     const int kFromOne[9] = {0, 1, 2, 3, 4, 5, 8, 7, 6};
+    Objects o;
+    const ImageStripeExec pool{nullptr, &sharedLayers().pool};
     std::mt19937 rng(1234);
     for (uint32_t f :
          {IMAGE_FORMAT_UINT8, IMAGE_FORMAT_UINT88, IMAGE_FORMAT_UINT16, IMAGE_FORMAT_INT16,
@@ -655,7 +599,9 @@ TEST(Rotate, EveryOperationMatchesItsFormulaOnEveryPlane) {
             const int op = kFromOne[to];
             ASSERT_EQ(Rotate_operation(1, to), op);
             Picture dst(op >= 5 ? h : w, op >= 5 ? w : h, f, 7);
-            ASSERT_EQ(Rotate_rotateImageEx(nullptr, &dst.image, &src.image, 1, to), TL_OK)
+            ASSERT_EQ(to % 2 ? Rotate_rotateImageEx(&pool, &dst.image, &src.image, 1, to)
+                             : ImageProc2_rotateImageEx(&o.proc2, &dst.image, &src.image, 1, to),
+                      TL_OK)
                 << f << " to " << to;
             PlaneViews sv, dv;
             ASSERT_TRUE(PlaneViews_split(&sv, &src.image) == TL_OK &&

@@ -6,6 +6,7 @@
 #include <functional>
 
 #include "alignment/mvec.h"
+#include "imageproc/image_stripes.h"
 #include "rectify/rectify_lens_dist.h"
 #include "rectify/renderer2.h"
 #include "rectify/stereo_rectify.h"
@@ -49,11 +50,14 @@ inline bool gridAt(const vq_tl::Renderer2_Params& g, double rx, double ry, doubl
     return true;
 }
 
+// A renderer running its cells on `layer`'s Pel or executor; none: the calling thread.
 struct Renderer {
     vq_tl::Env env{};
     vq_tl::Renderer2 r;
-    explicit Renderer(int32_t mode = 0, int32_t boundaryCheck = 0) {
-        vq_tl::construct_Renderer2(&r, &env), vq_tl::Renderer2_initWithPel(&r, nullptr);
+    explicit Renderer(int32_t mode = 0, int32_t boundaryCheck = 0, vq_tl::ImageStripeExec layer = {}) {
+        vq_tl::construct_Renderer2(&r, &env);
+        layer.executor ? vq_tl::Renderer2_init(&r, layer.executor)
+                       : vq_tl::Renderer2_initWithPel(&r, layer.pel);
         vq_tl::Renderer2_setMode(&r, mode), vq_tl::Renderer2_setBoundaryCheck(&r, boundaryCheck);
     }
     ~Renderer() { vq_tl::destruct_Renderer2(&r); }

@@ -12,10 +12,12 @@
 #include "imageproc/resize.h"
 #include "runtime/memory.h"
 #include "support/layers.h"
+#include "support/owned.h"
 #include "support/picture.h"
 
 using namespace vq_tl;
 using vq_tl_test::elementOf;
+using vq_tl_test::Owned;
 using vq_tl_test::Picture;
 using vq_tl_test::sharedLayers;
 
@@ -67,8 +69,7 @@ std::vector<double> bilateralReference(Picture& src, Picture& guide, int32_t cha
 // Windows 3, 5, 7 (kernels of their own) and wider, guides of 1 to 3 channels, UINT8 and FLOAT values, C from
 // 0 (the values stay) over small ones (weights in floats) to 80000 (in integers), rows of several chunks.
 TEST(SeparableBilateralFilter, MatchesDirectDefinition) {
-    SeparableBilateralFilter f;
-    construct_SeparableBilateralFilter(&f, nullptr);
+    Owned<SeparableBilateralFilter, construct_SeparableBilateralFilter, destruct_SeparableBilateralFilter> f;
     std::mt19937 rng(6);
     const int32_t w = 533, h = 19;
     const struct {
@@ -122,6 +123,8 @@ TEST(SeparableBilateralFilter, MatchesDirectDefinition) {
 }
 
 namespace {
+
+using Refiner = Owned<DepthMapRefiner, construct_DepthMapRefiner, destruct_DepthMapRefiner>;
 
 // Three planar regions with straight edges: 0 left of a slanted line, 1 right of it above row 0.6 h, 2 right
 // of it below; depth planes in 8 bits, and each pixel's Chebyshev distance to another region, up to 9.
@@ -186,8 +189,7 @@ TEST(DepthMapRefiner, SnapsDepthEdgesToTheGuide) {
         for (int32_t k = 0; k < 16; ++k) sum += scene.depth[(4 * y + k / 4) * w + 4 * x + k % 4];
         map.u8(x, y) = static_cast<uint8_t>(std::lround(sum / 16));
     }
-    DepthMapRefiner refiner;
-    construct_DepthMapRefiner(&refiner, nullptr);
+    Refiner refiner;
     DepthMapRefiner_setPel(&refiner, &sharedLayers().pel);
     DepthMapRefiner_setParallelExecutor(&refiner, &sharedLayers().overPel);
     ASSERT_EQ(DepthMapRefiner_init(&refiner, w, h, w / 4, h / 4, w, h, IMAGE_FORMAT_UINT8,
@@ -196,7 +198,6 @@ TEST(DepthMapRefiner, SnapsDepthEdgesToTheGuide) {
     ASSERT_EQ(
         DepthMapRefiner_crossFilter(&refiner, &out.image, &map.image, &guide.image, 15, 1, 10.0f, 15.0f),
         TL_OK);
-    destruct_DepthMapRefiner(&refiner);
     EXPECT_TRUE(out.canariesIntact());
     ASSERT_EQ(Resize_resizeImage(nullptr, &bilinear.image, &map.image), TL_OK);
     const Scene::Errors refined = scene.measure(out), plain = scene.measure(bilinear);
@@ -234,8 +235,7 @@ TEST(DepthMapRefiner, LevelSizesAndEnlargementKnownAnswers) {
     // sizes) copying s[2] and row 1; exact in UINT8.
     const double want[4][6] = {
         {0, 2, 6, 10, 14, 16}, {8, 10, 14, 18, 22, 24}, {24, 26, 30, 34, 38, 40}, {32, 34, 38, 42, 46, 48}};
-    DepthMapRefiner refiner;
-    construct_DepthMapRefiner(&refiner, nullptr);
+    Refiner refiner;
     DepthMapRefiner_setPel(&refiner, &sharedLayers().balanced);  // a task per row
     Picture src8(3, 2, IMAGE_FORMAT_UINT8), srcF(3, 2, IMAGE_FORMAT_FLOAT);
     for (int32_t i = 0; i < 6; ++i)
@@ -253,11 +253,7 @@ TEST(DepthMapRefiner, LevelSizesAndEnlargementKnownAnswers) {
 // Every check runs before the first write. When the n-th allocation of a weighted refinement fails, for any
 // n, out is untouched and no block held.
 TEST(DepthMapRefiner, BadArgumentsLeaveOutputUntouched) {
-    Env env{};
-    DepthMapRefiner fresh, ready, kind4;
-    construct_DepthMapRefiner(&fresh, &env);
-    construct_DepthMapRefiner(&ready, &env);
-    construct_DepthMapRefiner(&kind4, &env);
+    Refiner fresh, ready, kind4;
     Picture guide(64, 48, IMAGE_FORMAT_YUV420_SEMIPLANAR), planar(64, 48, IMAGE_FORMAT_YUV420_PLANAR),
         map(16, 12, IMAGE_FORMAT_UINT8), floats(16, 12, IMAGE_FORMAT_FLOAT), out(64, 48, IMAGE_FORMAT_UINT8),
         big(66, 48, IMAGE_FORMAT_UINT8);
@@ -305,7 +301,4 @@ TEST(DepthMapRefiner, BadArgumentsLeaveOutputUntouched) {
         if (asked < n) break;
         EXPECT_TRUE(out.storage == before[0]) << n;
     }
-    destruct_DepthMapRefiner(&kind4);
-    destruct_DepthMapRefiner(&ready);
-    destruct_DepthMapRefiner(&fresh);
 }

@@ -14,6 +14,7 @@
 #include "image/image.h"
 #include "image/image_conv.h"
 #include "image/public_image.h"
+#include "support/owned.h"
 #include "support/picture.h"
 
 using namespace vq_tl;
@@ -21,13 +22,9 @@ using vq_tl_test::Picture;
 
 namespace {
 
-struct Img {
-    Env env{};
-    Image image;
-    Img() { construct_Image(&image, &env); }
-    ~Img() { destruct_Image(&image); }
-    Image* operator->() { return &image; }
-    Image* get() { return &image; }
+struct Img : vq_tl_test::Owned<Image, construct_Image, destruct_Image> {
+    Image* operator->() { return this; }
+    Image* get() { return this; }
 };
 
 using ViewFn = TLResult (*)(Image*, const Image*, int32_t, int32_t, int32_t, int32_t);
@@ -144,10 +141,10 @@ TEST(Image, OwnedPlanesAreTightAndContiguous) {
     ASSERT_EQ(Image_init(a.get(), 102, 12, nullptr, IMAGE_FORMAT_UINT8), TL_OK);
     EXPECT_TRUE(a->plane[0] == block && a->plane[1] == nullptr && a->pitch[1] == 0);
     // Refusals leave the record as it was: negative sides, format 72 (none), 3 GiB of LAB (63).
-    const Image before = a.image;
+    const Image before = *a.get();
     for (const auto& [w, h, f] : {std::tuple{-1, 8, 60u}, {8, -1, 60u}, {8, 8, 72u}, {16384, 16384, 63u}})
         EXPECT_EQ(Image_init(a.get(), w, h, nullptr, f), TL_ERROR_PARAM) << w << "x" << h << " " << f;
-    EXPECT_EQ(std::memcmp(&before, &a.image, sizeof before), 0);
+    EXPECT_EQ(std::memcmp(&before, a.get(), sizeof before), 0);
 }
 
 // Where each plane of a 9 x 4 view of a 20 x 10 source starts, by the per-format offset rules. Whole-image

@@ -30,12 +30,14 @@
 #include "runtime/parallel_executor.h"
 #include "runtime/pel.h"
 #include "support/layers.h"
+#include "support/owned.h"
 #include "support/picture.h"
 #include "support/test_env.h"
 
 using namespace vq_tl;
 using vq_tl_test::elementOf;
 using vq_tl_test::Layers;
+using vq_tl_test::Owned;
 using vq_tl_test::Picture;
 using vq_tl_test::sharedLayers;
 
@@ -321,15 +323,15 @@ std::pair<double, double> differences(const std::vector<double>& a, const std::v
 // An ImageProc over the shared two-thread pool and an ImageProc2 over the shared Pel, so that rows are
 // striped. The kernels' tests use both, so the layers must not change their pixels.
 struct Objects {
-    ImageProc proc;
-    ImageProc2 proc2;
+    Owned<ImageProc, construct_ImageProc, destruct_ImageProc> proc;
+    Owned<ImageProc2, construct_ImageProc2, destruct_ImageProc2> proc2;
     Objects() {
-        construct_ImageProc(&proc, nullptr), construct_ImageProc2(&proc2, nullptr);
         ImageProc_setParallelExecutor(&proc, &sharedLayers().pool),
             ImageProc2_setPel(&proc2, &sharedLayers().pel);
     }
-    ~Objects() { destruct_ImageProc2(&proc2), destruct_ImageProc(&proc); }
 };
+
+using View = Owned<Image, construct_Image, destruct_Image>;
 
 }  // namespace
 
@@ -644,11 +646,10 @@ TEST(PixelOps, EveryOperationAndElementTypeMatchesThePlainExpression) {
                               h = static_cast<int32_t>(rng() % 9) + 3;
                 // a is a view into a larger picture; b and dst have other pitches.
                 Picture parent(w + 5, h + 4, f), b(w, h, f, 12), d(w, h, f, 4);
-                Image a;
-                construct_Image(&a, nullptr);
+                View a;
                 ASSERT_EQ(Image_initSubImage(&a, &parent.image, 2, 2, w, h), TL_OK);
                 Image* dst = inPlace ? &a : &d.image;
-                for (const Image* m : {&a, &b.image, &d.image}) fillRandom(*m, rng);
+                for (const Image* m : {static_cast<Image*>(&a), &b.image, &d.image}) fillRandom(*m, rng);
                 const std::vector<double> va = elementsOf(a), vb = elementsOf(b.image), vd = elementsOf(*dst);
                 ASSERT_EQ(call(o.op, &proc.proc, dst, &a, &b.image, o.n), TL_OK);
                 const std::vector<double> got = elementsOf(*dst);
@@ -660,7 +661,6 @@ TEST(PixelOps, EveryOperationAndElementTypeMatchesThePlainExpression) {
                         << (inPlace ? " in place" : "");
                 }
                 EXPECT_TRUE(d.canariesIntact() && parent.canariesIntact());
-                destruct_Image(&a);
             }
         }
     }
@@ -931,8 +931,7 @@ TEST(Kernels, RefusalsWriteNothing) {
     std::vector<std::vector<uint8_t>> before;
     for (Picture* q : all) q->fillRandom(rng), before.push_back(q->storage);
     // Views one row apart overlap without being one picture; the empty picture has no planes.
-    Image shifted, top, empty;
-    construct_Image(&shifted, nullptr), construct_Image(&top, nullptr), construct_Image(&empty, nullptr);
+    View shifted, top, empty;
     ASSERT_TRUE(Image_initSubImage(&shifted, &u8.image, 0, 1, 5, 3) == TL_OK &&
                 Image_initSubImage(&top, &u8.image, 0, 0, 5, 3) == TL_OK &&
                 Image_init(&empty, 0, 0, nullptr, IMAGE_FORMAT_UINT8) == TL_OK);
@@ -1005,5 +1004,4 @@ TEST(Kernels, RefusalsWriteNothing) {
     };
     for (size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(cases[i][0], cases[i][1]) << "case " << i;
     for (size_t i = 0; i < std::size(all); ++i) EXPECT_EQ(all[i]->storage, before[i]) << "picture " << i;
-    destruct_Image(&empty), destruct_Image(&top), destruct_Image(&shifted);
 }

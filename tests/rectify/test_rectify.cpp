@@ -28,11 +28,8 @@ using namespace vq_tl_test;
 
 namespace {
 
-struct Fixture {
-    Env env{};
-    Rectify rectify;
-    explicit Fixture(Pel* pel = nullptr) { construct_Rectify(&rectify, &env), Rectify_setPel(&rectify, pel); }
-    ~Fixture() { destruct_Rectify(&rectify); }
+struct Fixture : Owned<Rectify, construct_Rectify, destruct_Rectify> {
+    explicit Fixture(Pel* pel = nullptr) { Rectify_setPel(this, pel); }
 };
 
 const Mvec8Real kIdentity = {{1, 0, 0, 0, 1, 0, 0, 0, 1}};
@@ -95,7 +92,7 @@ PairResult rectifyPair(const float baseline[3], const Mvec8Real& rotation, Pel* 
                                coeffLens(-0.05, 0.08, -0.02, -5e-4, 3e-4)};
     constexpr int32_t kW = 1080, kH = 810;
     Mvec8Real r[2], *n = res.newCamera, fitted[2];
-    EXPECT_EQ(StereoRectify_stereoRectify(&st.s, &r[0], &r[1], &n[0], &n[1], &k[0], &k[1], &lens[0], &lens[1],
+    EXPECT_EQ(StereoRectify_stereoRectify(&st, &r[0], &r[1], &n[0], &n[1], &k[0], &k[1], &lens[0], &lens[1],
                                           &rotation, baseline, kW, kH, 4000, 3000, 4000, 3000, 8, 8),
               TL_OK);
     EXPECT_TRUE(lens[0].coeff.invValid && lens[1].coeff.invValid);
@@ -103,7 +100,7 @@ PairResult rectifyPair(const float baseline[3], const Mvec8Real& rotation, Pel* 
     Grid grid[2] = {{kW, kH, 32}, {kW, kH, 32}}, inverseGrid(kW / 2, kH / 2, 32);
     for (int c = 0; c < 2; ++c) {
         EXPECT_EQ(
-            StereoRectify_calcRectifyGridParams(&st.s, &grid[c].g, c == 0 ? &inverseGrid.g : nullptr, &r[c],
+            StereoRectify_calcRectifyGridParams(&st, &grid[c].g, c == 0 ? &inverseGrid.g : nullptr, &r[c],
                                                 &n[c], &k[c], &lens[c], kW, kH, kW, kH, kW, kH, 4000, 3000),
             TL_OK);
         StereoRectify_fitCameraMatrix(&fitted[c], &k[c], kW, kH, 4000, 3000);
@@ -285,7 +282,7 @@ TEST(Rectify, RectifyingRotationsWorkedByHand) {
     };
     for (const auto& c : cases) {
         Mvec8Real r1, r2;
-        ASSERT_EQ(Rectify_calcRectifyRotMat(&f.rectify, &r1, &r2, &c.rotation, c.t), TL_OK) << c.name;
+        ASSERT_EQ(Rectify_calcRectifyRotMat(&f, &r1, &r2, &c.rotation, c.t), TL_OK) << c.name;
         expectMatrixNear(r1, c.rotation1, 1e-12, c.name);
         expectMatrixNear(r2, c.rotation2, 1e-12, c.name);
         // Whatever the baseline, both rectified frames are parallel: rotation2 * rotation = rotation1.
@@ -300,7 +297,7 @@ TEST(Rectify, RectifyingRotationsWorkedByHand) {
     const double t[3] = {-10, 0.1, 0.2}, zero[3] = {0, 0, 0};
     for (const auto& [rotation, baseline] :
          {std::pair{&notRotation, t}, {&kRotation, zero}, {&notANumber, t}})
-        EXPECT_EQ(Rectify_calcRectifyRotMat(&f.rectify, &r1, &r2, rotation, baseline), TL_ERROR_GENERAL);
+        EXPECT_EQ(Rectify_calcRectifyRotMat(&f, &r1, &r2, rotation, baseline), TL_ERROR_GENERAL);
     expectMatrixNear(r1, kIdentity, 0, "untouched");
 }
 
@@ -313,8 +310,8 @@ TEST(Rectify, GridMapsMatchClosedFormsAndTheInverseGridUndoesThem) {
         for (Fixture* f : {&serial, &parallel}) {
             RectifyLensDist d = lens;
             Grid grid(216, 162, 16), inverse(400, 300, 25);
-            ASSERT_EQ(Rectify_calcRectifyGridParams(&f->rectify, &grid.g, &inverse.g, &kCamera, &d,
-                                                    &kRotation, &kNewCamera, 400, 300),
+            ASSERT_EQ(Rectify_calcRectifyGridParams(f, &grid.g, &inverse.g, &kCamera, &d, &kRotation,
+                                                    &kNewCamera, 400, 300),
                       TL_OK);
             EXPECT_EQ(d.coeff.invValid, 1);
             double sx, sy, worst = 0;
@@ -333,8 +330,8 @@ TEST(Rectify, GridMapsMatchClosedFormsAndTheInverseGridUndoesThem) {
     // across and 5 down, so with no lens, no rotation and one camera vertex (x, y) maps to (4 x, 5 y).
     RectifyLensDist d = none;
     Grid grid(400, 300, 32), inverse(100, 60, 8);
-    ASSERT_EQ(Rectify_calcRectifyGridParams(&serial.rectify, &grid.g, &inverse.g, &kCamera, &d, &kIdentity,
-                                            &kCamera, 400, 300),
+    ASSERT_EQ(Rectify_calcRectifyGridParams(&serial, &grid.g, &inverse.g, &kCamera, &d, &kIdentity, &kCamera,
+                                            400, 300),
               TL_OK);
     for (int32_t v = 0; v < inverse.count(); ++v)
         ASSERT_TRUE(std::fabs(inverse.g.x[v] - 4.0 * inverse.g.xs[v]) < 1e-9 &&
@@ -348,9 +345,8 @@ TEST(Rectify, VerticesBeyondTheRadiusLimitAreInvalid) {
     const Mvec8Real k = camera(320, 200, 150), newK = camera(100, 108, 81);
     RectifyLensDist none = coeffLens(0, 0, 0, 0, 0);
     Grid grid(216, 162, 8);
-    ASSERT_EQ(
-        Rectify_calcRectifyGridParams(&f.rectify, &grid.g, nullptr, &k, &none, &kIdentity, &newK, 400, 300),
-        TL_OK);
+    ASSERT_EQ(Rectify_calcRectifyGridParams(&f, &grid.g, nullptr, &k, &none, &kIdentity, &newK, 400, 300),
+              TL_OK);
     int32_t invalid = 0;
     for (int32_t v = 0; v < grid.count(); ++v) {
         const bool beyond = std::hypot((grid.g.xs[v] - 108) / 100.0, (grid.g.ys[v] - 81) / 100.0) >
@@ -370,8 +366,8 @@ TEST(Rectify, ComplementingTwoGrids) {
     a.g.x[3] = kRenderer2InvalidVertex;
     b.g.y[7] = kRenderer2InvalidVertex;
     for (const double alpha : {0.0, 0.25, 1.0}) {
-        ASSERT_EQ(Rectify_complementGridMap(&f.rectify, &out.g, &a.g, &b.g, alpha), TL_OK);
-        ASSERT_EQ(Rectify_complementGridMap(&parallel.rectify, &out2.g, &a.g, &b.g, alpha), TL_OK);
+        ASSERT_EQ(Rectify_complementGridMap(&f, &out.g, &a.g, &b.g, alpha), TL_OK);
+        ASSERT_EQ(Rectify_complementGridMap(&parallel, &out2.g, &a.g, &b.g, alpha), TL_OK);
         EXPECT_EQ(std::memcmp(out.g.x, out2.g.x, sizeof(double) * out.count()), 0);
         for (int32_t v = 0; v < a.count(); ++v) {
             // An invalid coordinate in either input invalidates both outputs.
@@ -385,7 +381,7 @@ TEST(Rectify, ComplementingTwoGrids) {
     }
     // Refused: alpha outside [0, 1].
     for (const double alpha : {-0.01, 1.01, static_cast<double>(NAN)})
-        EXPECT_EQ(Rectify_complementGridMap(&f.rectify, &out.g, &a.g, &b.g, alpha), TL_ERROR_PARAM) << alpha;
+        EXPECT_EQ(Rectify_complementGridMap(&f, &out.g, &a.g, &b.g, alpha), TL_ERROR_PARAM) << alpha;
 }
 
 TEST(RectifyLensDist, FittedInverseUndoesPhoneLenses) {
@@ -402,8 +398,8 @@ TEST(RectifyLensDist, FittedInverseUndoesPhoneLenses) {
     for (const auto& lens : lenses) {
         RectifyLensDist d = coeffLens(lens.k1, lens.k2, lens.k3, lens.p1, lens.p2), e = d;
         ASSERT_EQ(RectifyLensDist_needCalcInv(&d), 1);
-        ASSERT_EQ(Rectify_estimateUndistortCoeff(&serial.rectify, &d.coeff, &k, 4000, 3000), TL_OK);
-        ASSERT_EQ(Rectify_estimateUndistortCoeff(&parallel.rectify, &e.coeff, &k, 4000, 3000), TL_OK);
+        ASSERT_EQ(Rectify_estimateUndistortCoeff(&serial, &d.coeff, &k, 4000, 3000), TL_OK);
+        ASSERT_EQ(Rectify_estimateUndistortCoeff(&parallel, &e.coeff, &k, 4000, 3000), TL_OK);
         EXPECT_EQ(std::memcmp(&d, &e, sizeof d), 0) << lens.k1;
         // The fitted inverse stays a pure polynomial.
         EXPECT_TRUE(RectifyLensDist_needCalcInv(&d) == 0 && d.coeff.invK[3] == 0.0) << lens.k1;
@@ -519,8 +515,8 @@ TEST(StereoRectify, SynthesizeGridComposesTwoMaps) {
         g->g.x[1] = g->g.y[1] = kRenderer2InvalidVertex;
     }
     const std::vector<double> x(grid.g.x, grid.g.x + grid.count()), y(grid.g.y, grid.g.y + grid.count());
-    ASSERT_EQ(StereoRectify_synthesizeGrid(&serial.s, &grid.g, &lookup.g), TL_OK);
-    ASSERT_EQ(StereoRectify_synthesizeGrid(&parallel.s, &again.g, &lookup.g), TL_OK);
+    ASSERT_EQ(StereoRectify_synthesizeGrid(&serial, &grid.g, &lookup.g), TL_OK);
+    ASSERT_EQ(StereoRectify_synthesizeGrid(&parallel, &again.g, &lookup.g), TL_OK);
     for (int32_t v = 0; v < grid.count(); ++v) {
         const double cx = std::clamp(x[v], 0.0, 64.0), cy = std::clamp(y[v], 0.0, 48.0);
         ASSERT_TRUE(std::fabs(grid.g.x[v] - (2.0 * cx + 1.0)) < 1e-9 &&
@@ -529,7 +525,7 @@ TEST(StereoRectify, SynthesizeGridComposesTwoMaps) {
     }
     EXPECT_TRUE(!std::memcmp(again.g.x, grid.g.x, sizeof(double) * grid.count()) &&
                 !std::memcmp(again.g.y, grid.g.y, sizeof(double) * grid.count()));
-    EXPECT_EQ(StereoRectify_synthesizeGrid(&serial.s, &grid.g, &grid.g), TL_ERROR_PARAM);
+    EXPECT_EQ(StereoRectify_synthesizeGrid(&serial, &grid.g, &grid.g), TL_ERROR_PARAM);
 }
 
 TEST(StereoRectify, PointsLandOnTheSameRowOfBothFrames) {
@@ -573,11 +569,11 @@ TEST(StereoRectify, SmallFrameWithAStrongLensKeepsItsCoverage) {
     const float baseline[3] = {-10.0f, 0.0f, 0.0f};
     Stereo st;
     Mvec8Real r[2], n[2], fitted;
-    ASSERT_EQ(StereoRectify_stereoRectify(&st.s, &r[0], &r[1], &n[0], &n[1], &k[0], &k[1], &lens[0], &lens[1],
+    ASSERT_EQ(StereoRectify_stereoRectify(&st, &r[0], &r[1], &n[0], &n[1], &k[0], &k[1], &lens[0], &lens[1],
                                           &turn, baseline, kW, kH, 640, 480, 640, 480, 8, 8),
               TL_OK);
     Grid grid(kW, kH, 32);
-    ASSERT_EQ(StereoRectify_calcRectifyGridParams(&st.s, &grid.g, nullptr, &r[0], &n[0], &k[0], &lens[0], kW,
+    ASSERT_EQ(StereoRectify_calcRectifyGridParams(&st, &grid.g, nullptr, &r[0], &n[0], &k[0], &lens[0], kW,
                                                   kH, kW, kH, kW, kH, 640, 480),
               TL_OK);
     Picture white(kW, kH, IMAGE_FORMAT_UINT8), drawn(kW, kH, IMAGE_FORMAT_UINT8);

@@ -120,7 +120,7 @@ TEST(Scene, RectifiedPairSharesRowsAndDisparityFollowsDepth) {
                       rectHeight = c.perCamera ? row.mainRectHeight : kH;
         Stereo st;
         if (!c.perCamera) {
-            ASSERT_EQ(StereoRectify_stereoRectify(&st.s, &r[0], &r[1], &n[0], &n[1], &k[0]->matrix,
+            ASSERT_EQ(StereoRectify_stereoRectify(&st, &r[0], &r[1], &n[0], &n[1], &k[0]->matrix,
                                                   &k[1]->matrix, &lens[0], &lens[1], &rotation, translation,
                                                   kW, kH, 4000, 3000, 2592, 1944, 8, 8),
                       TL_OK);
@@ -129,7 +129,7 @@ TEST(Scene, RectifiedPairSharesRowsAndDisparityFollowsDepth) {
         Picture rect[2] = {{kW, kH, s.config.format}, {kW, kH, s.config.format}};
         Renderer warp(1, 1);
         for (int i = 0; i < 2; ++i) {
-            ASSERT_EQ(StereoRectify_calcRectifyGridParams(&st.s, &grid[i].g, nullptr, &r[i], &n[i],
+            ASSERT_EQ(StereoRectify_calcRectifyGridParams(&st, &grid[i].g, nullptr, &r[i], &n[i],
                                                           &k[i]->matrix, &lens[i], kW, kH, kW, kH, rectWidth,
                                                           rectHeight, k[i]->width, k[i]->height),
                       TL_OK);

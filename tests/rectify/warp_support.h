@@ -11,6 +11,7 @@
 #include "rectify/renderer2.h"
 #include "rectify/stereo_rectify.h"
 #include "support/camera_model.h"
+#include "support/owned.h"
 #include "support/picture.h"
 
 namespace vq_tl_test {
@@ -63,13 +64,8 @@ struct Renderer {
     ~Renderer() { vq_tl::destruct_Renderer2(&r); }
 };
 
-struct Stereo {
-    vq_tl::Env env{};
-    vq_tl::StereoRectify s;
-    explicit Stereo(vq_tl::Pel* pel = nullptr) {
-        vq_tl::construct_StereoRectify(&s, &env), vq_tl::StereoRectify_setPel(&s, pel);
-    }
-    ~Stereo() { vq_tl::destruct_StereoRectify(&s); }
+struct Stereo : Owned<vq_tl::StereoRectify, vq_tl::construct_StereoRectify, vq_tl::destruct_StereoRectify> {
+    explicit Stereo(vq_tl::Pel* pel = nullptr) { vq_tl::StereoRectify_setPel(this, pel); }
 };
 
 inline TLResult render(Renderer& r, Picture& dst, const Picture& src, const Grid& grid) {

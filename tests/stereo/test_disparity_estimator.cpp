@@ -10,11 +10,13 @@
 
 #include "stereo/disparity_estimator.h"
 #include "support/layers.h"
+#include "support/owned.h"
 #include "support/picture.h"
 #include "support/scene.h"
 #include "support/test_env.h"
 
 using namespace vq_tl;
+using vq_tl_test::Owned;
 using vq_tl_test::Picture;
 using vq_tl_test::Scene;
 using vq_tl_test::SceneConfig;
@@ -22,16 +24,14 @@ using vq_tl_test::SceneConfig;
 namespace {
 
 // An estimator set up for a small normal-mode frame, for the steps that need only its fields.
-struct Fixture {
-    Env env{};
-    DisparityEstimator e;
+using Estimator = Owned<DisparityEstimator, construct_DisparityEstimator, destruct_DisparityEstimator>;
+
+struct Fixture : Estimator {
     Fixture() {
-        construct_DisparityEstimator(&e, &env);
-        EXPECT_EQ(DisparityEstimator_init(&e, 640, 480, 640, 480, 320, 240, 10.0f,
+        EXPECT_EQ(DisparityEstimator_init(this, 640, 480, 640, 480, 320, 240, 10.0f,
                                           IMAGE_FORMAT_YVU420_SEMIPLANAR, 0, 0),
                   TL_OK);
     }
-    ~Fixture() { destruct_DisparityEstimator(&e); }
 };
 
 void setRow(Picture& p, std::initializer_list<uint8_t> values) {
@@ -131,9 +131,7 @@ TEST(DisparityEstimator, FrameSizes) {
         {641, 479, 321, 239, 0, 1, 114, 86, 114, 86, 160, 120, 320, 238},  // 115.88 -> 114,
     };
     for (const auto& c : cases) {
-        Env env{};
-        DisparityEstimator e;
-        construct_DisparityEstimator(&e, &env);
+        Estimator e;
         ASSERT_EQ(DisparityEstimator_init(&e, c.mainW, c.mainH, c.mainW, c.mainH, c.depthW, c.depthH, 10.0f,
                                           IMAGE_FORMAT_YUV420_SEMIPLANAR, c.rotation, c.fine),
                   TL_OK)
@@ -142,14 +140,13 @@ TEST(DisparityEstimator, FrameSizes) {
                                e.disparityWidth, e.disparityHeight, e.refineWidth, e.refineHeight};
         const int32_t want[] = {c.workW, c.workH, c.matchW, c.matchH, c.dispW, c.dispH, c.refineW, c.refineH};
         for (int i = 0; i < 8; ++i) EXPECT_EQ(got[i], want[i]) << c.mainW << "x" << c.mainH << " field " << i;
-        destruct_DisparityEstimator(&e);
     }
 }
 
 // A 20 by 20 map; the focus window at the centre is columns and rows 8 to 11 (8.5 to 12.5, truncated).
 TEST(DisparityEstimator, StatusFromTheFocusWindow) {
     Fixture f;
-    f.e.focalLength = 100.0f;
+    f.focalLength = 100.0f;
     // Ranges: 4 to 20 px, where the near limit 18 = 24 - 4 - 2 starts at level 224 (d(223) = 17.99) and none
     // is far; 0 to 2 px, where levels to 127 (d = 0.996) lie at or below one pixel: 0 to 126 count as far.
     const struct {
@@ -183,13 +180,13 @@ TEST(DisparityEstimator, StatusFromTheFocusWindow) {
             map.u8(x, y) = confident ? c.level : 0;
             confidence.u8(x, y) = confident ? 255 : 0;
         }
-        DisparityEstimator_updateDepthTables(&f.e, c.low, c.high);
-        ASSERT_EQ(DisparityEstimator_setFocusCoord(&f.e, c.focusX, c.focusY), TL_OK);
+        DisparityEstimator_updateDepthTables(&f, c.low, c.high);
+        ASSERT_EQ(DisparityEstimator_setFocusCoord(&f, c.focusX, c.focusY), TL_OK);
         int32_t status = -1;
-        ASSERT_EQ(DisparityEstimator_updateStatus(&f.e, &status, &map.image, &confidence.image, 255), TL_OK);
+        ASSERT_EQ(DisparityEstimator_updateStatus(&f, &status, &map.image, &confidence.image, 255), TL_OK);
         EXPECT_EQ(status, c.want) << c.name;
-        EXPECT_EQ(f.e.roiTotal, c.total) << c.name;
-        EXPECT_EQ(f.e.roiHistogram[256], static_cast<uint32_t>(side * side - c.confidentInWindow)) << c.name;
+        EXPECT_EQ(f.roiTotal, c.total) << c.name;
+        EXPECT_EQ(f.roiHistogram[256], static_cast<uint32_t>(side * side - c.confidentInWindow)) << c.name;
     }
 }
 
@@ -197,24 +194,24 @@ TEST(DisparityEstimator, StatusFromTheFocusWindow) {
 // 100 * 0.1, depth(i) = 10 / d(i) exceeds 10 up to level 6: the depth image saturates below.
 TEST(DisparityEstimator, StretchTablesAndDepthImage) {
     Fixture f;
-    f.e.focalLength = 100.0f;
-    f.e.baseline = 0.1f;
+    f.focalLength = 100.0f;
+    f.baseline = 0.1f;
     Picture raw(4, 1, IMAGE_FORMAT_UINT8);
     setRow(raw, {4, 5, 84, 164});
     uint8_t low = 0, high = 0;
-    ASSERT_EQ(DisparityEstimator_getDisparityRange(&f.e, &low, &high, &raw.image), TL_OK);
-    ASSERT_EQ(DisparityEstimator_stretchDisparity(&f.e, &raw.image, low, high), TL_OK);
+    ASSERT_EQ(DisparityEstimator_getDisparityRange(&f, &low, &high, &raw.image), TL_OK);
+    ASSERT_EQ(DisparityEstimator_stretchDisparity(&f, &raw.image, low, high), TL_OK);
     // (v - 4) * 255 / 160 + 0.5: 1.59 + 0.5 -> 2, 127.5 + 0.5 -> 128.
     const uint8_t levels[4] = {0, 2, 128, 255};
     for (int i = 0; i < 4; ++i) EXPECT_EQ(raw.u8(i, 0), levels[i]) << i;
-    DisparityEstimator_updateDepthTables(&f.e, low, high);
-    EXPECT_FLOAT_EQ(f.e.minDisparityPx, 0.5f);
-    EXPECT_FLOAT_EQ(f.e.maxDisparityPx, 20.5f);
-    EXPECT_FLOAT_EQ(f.e.depthTable[0], 20.0f);
-    EXPECT_FLOAT_EQ(f.e.depthTable[51], 10.0f / 4.5f);
-    EXPECT_FLOAT_EQ(f.e.inverseDepthTable[255], 0.205f);
+    DisparityEstimator_updateDepthTables(&f, low, high);
+    EXPECT_FLOAT_EQ(f.minDisparityPx, 0.5f);
+    EXPECT_FLOAT_EQ(f.maxDisparityPx, 20.5f);
+    EXPECT_FLOAT_EQ(f.depthTable[0], 20.0f);
+    EXPECT_FLOAT_EQ(f.depthTable[51], 10.0f / 4.5f);
+    EXPECT_FLOAT_EQ(f.inverseDepthTable[255], 0.205f);
     // A flat map has no range: every pixel becomes level 0.
-    ASSERT_EQ(DisparityEstimator_stretchDisparity(&f.e, &raw.image, 77, 77), TL_OK);
+    ASSERT_EQ(DisparityEstimator_stretchDisparity(&f, &raw.image, 77, 77), TL_OK);
     EXPECT_EQ(raw.u8(3, 0), 0);
 
     Picture map(6, 1, IMAGE_FORMAT_UINT8), out(6, 1, IMAGE_FORMAT_UINT8);
@@ -232,9 +229,8 @@ TEST(DisparityEstimator, StretchTablesAndDepthImage) {
     for (const auto& c : cases) {
         setRow(out, {77, 77, 77, 77, 77, 77});
         float nearDepth = 0, farDepth = 0;
-        ASSERT_EQ(
-            DisparityEstimator_getDepthImage(&f.e, &out.image, &nearDepth, &farDepth, &map.image, c.mode),
-            TL_OK);
+        ASSERT_EQ(DisparityEstimator_getDepthImage(&f, &out.image, &nearDepth, &farDepth, &map.image, c.mode),
+                  TL_OK);
         EXPECT_FLOAT_EQ(farDepth, 10.0f / (0.5f + 120.0f / 255.0f));
         EXPECT_FLOAT_EQ(nearDepth, 10.0f / 20.5f);
         for (int i = 0; i < 6; ++i) {
@@ -251,19 +247,19 @@ TEST(DisparityEstimator, RadialLowering) {
     Fixture f;
     Picture map(5, 5, IMAGE_FORMAT_UINT8);
     map.fillPlanes(100);
-    f.e.lowerRate = 0.5f;
-    f.e.lowerInnerRadius = 0.0f;
-    f.e.lowerOuterRadius = 1.0f;
-    ASSERT_EQ(DisparityEstimator_lowerDisparity(&f.e, &map.image), TL_OK);
+    f.lowerRate = 0.5f;
+    f.lowerInnerRadius = 0.0f;
+    f.lowerOuterRadius = 1.0f;
+    ASSERT_EQ(DisparityEstimator_lowerDisparity(&f, &map.image), TL_OK);
     EXPECT_EQ(map.u8(2, 2), 100);
     EXPECT_EQ(map.u8(0, 0), 50);
     EXPECT_EQ(map.u8(4, 4), 50);
     EXPECT_EQ(map.u8(2, 0), 65);  // 64.64 + 0.5
     // Subtractive form: trunc(min(0.5 + r, amount)), amount = 1 << 3.
     map.fillPlanes(100);
-    f.e.lowerRate = 0.0f;
-    f.e.lowerAmount = 1;
-    ASSERT_EQ(DisparityEstimator_lowerDisparity(&f.e, &map.image), TL_OK);
+    f.lowerRate = 0.0f;
+    f.lowerAmount = 1;
+    ASSERT_EQ(DisparityEstimator_lowerDisparity(&f, &map.image), TL_OK);
     EXPECT_EQ(map.u8(2, 2), 100);  // 0.5
     EXPECT_EQ(map.u8(0, 0), 99);   // 1.5
 }
@@ -429,7 +425,7 @@ TEST(DisparityEstimator, BadInputLeavesTheLastResult) {
         {"main in UINT8", [&] { return est(e, &luma.image, sub, 1.0f); }, TL_ERROR_UNSUPPORTED},
         {"sub in RGB", [&] { return est(e, main, &rgb.image, 1.0f); }, TL_ERROR_UNSUPPORTED},
         {"threshold NaN", [&] { return est(e, main, sub, NAN); }, TL_ERROR_PARAM},
-        {"before the grids", [&] { return est(&noGrids.e, main, sub, 1.0f); }, TL_ERROR_STATE},
+        {"before the grids", [&] { return est(&noGrids, main, sub, 1.0f); }, TL_ERROR_STATE},
         {"fine mode's filler", [&] { return est(&fine.e, main, sub, 1.0f); }, TL_ERROR_UNSUPPORTED},
         {"fine mode's filter", [&] { return refine(&out, main, 3, 15.0f, fine); }, TL_ERROR_UNSUPPORTED},
         {"fine mode, no filter", [&] { return refine(&out, main, 0, 15.0f, fine, 0); }, TL_OK},

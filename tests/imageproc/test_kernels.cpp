@@ -43,18 +43,6 @@ using vq_tl_test::sharedLayers;
 
 namespace {
 
-// Centre-aligned bilinear sample, clamped to the edge.
-double referenceSample(const std::vector<double>& s, int32_t sw, int32_t sh, double fx, double fy) {
-    auto clampPos = [](double p, int32_t n) { return p < 0 ? 0.0 : (p > n - 1 ? n - 1.0 : p); };
-    const double px = clampPos(fx, sw), py = clampPos(fy, sh);
-    const int32_t x0 = static_cast<int32_t>(px), y0 = static_cast<int32_t>(py);
-    const int32_t x1 = x0 + 1 < sw ? x0 + 1 : x0, y1 = y0 + 1 < sh ? y0 + 1 : y0;
-    const double ax = px - x0, ay = py - y0;
-    const double top = s[y0 * sw + x0] * (1 - ax) + s[y0 * sw + x1] * ax;
-    const double bottom = s[y1 * sw + x0] * (1 - ax) + s[y1 * sw + x1] * ax;
-    return top * (1 - ay) + bottom * ay;
-}
-
 // Where operation `op` takes pixel (x, y) of a w by h picture.
 void where(int op, int32_t x, int32_t y, int32_t w, int32_t h, int32_t* ox, int32_t* oy) {
     const int32_t t[9][2] = {{h - 1 - y, x}, {x, y}, {w - 1 - x, y}, {w - 1 - x, h - 1 - y},
@@ -481,6 +469,7 @@ TEST(Resize, MatchesADoubleModelWithinOneLevel) {
         if (Resize_isAboutHalf(dw, dh, sw, sh)) continue;  // the 2 by 2 kernel has its own test
         Picture src(sw, sh, k.format), dst(dw, dh, k.format);
         std::vector<double> s(static_cast<size_t>(sw) * sh);
+        auto at = [&](int32_t x, int32_t y) { return s[static_cast<size_t>(y) * sw + x]; };
         std::uniform_int_distribution<int32_t> value(k.lo, k.hi);
         for (int32_t i = 0; i < sw * sh; ++i)
             store(src.row(0, i / sw) + kindOf(k.format).size * (i % sw), kindOf(k.format),
@@ -491,7 +480,8 @@ TEST(Resize, MatchesADoubleModelWithinOneLevel) {
         for (int32_t y = 0; y < dh; ++y)
             for (int32_t x = 0; x < dw; ++x)
                 ASSERT_NEAR(elementOf(dst.image, x, y),
-                            referenceSample(s, sw, sh, q15(x, sw, dw), q15(y, sh, dh)) * k.scale, k.tolerance)
+                            vq_tl_test::bilinear(at, sw, sh, q15(x, sw, dw), q15(y, sh, dh)) * k.scale,
+                            k.tolerance)
                     << k.format << " " << sw << "x" << sh << "->" << dw << "x" << dh << " at " << x << ","
                     << y;
         ASSERT_TRUE(dst.canariesIntact());

@@ -120,15 +120,9 @@ inline void fillSmooth(Picture& p, const Layout& l, int32_t w, int32_t h) {
             static_cast<uint8_t>(std::lround(smoothChroma(i % 2, i / 2 % cw, i / 2 / cw)));
 }
 
-// Bilinear luma of p at (sx, sy), real weights, edges repeated: the warp done per pixel in real arithmetic.
+// Bilinear luma of p at (sx, sy): the warp done per pixel in real arithmetic.
 inline double referenceLuma(const Picture& p, const Layout& l, int32_t w, int32_t h, double sx, double sy) {
-    const double fx = std::floor(sx), fy = std::floor(sy), ax = sx - fx, ay = sy - fy;
-    auto at = [&](double x, double y) {
-        return static_cast<double>(l.luma(p, static_cast<int32_t>(std::fmin(std::fmax(x, 0.0), w - 1.0)),
-                                          static_cast<int32_t>(std::fmin(std::fmax(y, 0.0), h - 1.0))));
-    };
-    return (at(fx, fy) * (1 - ax) + at(fx + 1, fy) * ax) * (1 - ay) +
-           (at(fx, fy + 1) * (1 - ax) + at(fx + 1, fy + 1) * ax) * ay;
+    return bilinear([&](int32_t x, int32_t y) { return l.luma(p, x, y); }, w, h, sx, sy);
 }
 
 }  // namespace vq_tl_test

@@ -235,14 +235,11 @@ RefTwister librarySeeded(const Params& p, uint32_t seed) {
     return t;
 }
 
-struct Generator {
-    RandomNumber rn;
+struct Generator : vq_tl_test::Owned<RandomNumber, construct_RandomNumber, destruct_RandomNumber> {
     Generator(int32_t kind, uint32_t seed) {
-        construct_RandomNumber(&rn, nullptr);
-        rn.kind = kind;
-        EXPECT_EQ(RandomNumber_init(&rn, seed), TL_OK);
+        this->kind = kind;
+        EXPECT_EQ(RandomNumber_init(this, seed), TL_OK);
     }
-    ~Generator() { EXPECT_EQ(destruct_RandomNumber(&rn), TL_OK); }
 };
 
 using Pool = vq_tl_test::Owned<MemPool, construct_MemPool, destruct_MemPool>;
@@ -490,7 +487,7 @@ TEST(RandomNumber, SequencesMatchTheReference) {
             Generator g(kind, seed);
             RefTwister ref = librarySeeded(kind == RANDOM_NUMBER_KIND_351 ? kShort : kMt19937, seed);
             for (int i = 0; i < 3000; ++i) {  // several regenerations of the state
-                ASSERT_EQ(RandomNumber_get(&g.rn), ref.next())
+                ASSERT_EQ(RandomNumber_get(&g), ref.next())
                     << "kind " << kind << " seed " << seed << " #" << i;
             }
         }

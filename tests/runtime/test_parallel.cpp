@@ -23,6 +23,7 @@
 #include "runtime/parallel_executor.h"
 #include "runtime/pel.h"
 #include "runtime/thread.h"
+#include "support/owned.h"
 #include "support/test_env.h"
 
 using namespace vq_tl;
@@ -324,13 +325,9 @@ void runExchange(const ExchangeShape& s, Send send, Receive receive, Size size) 
     EXPECT_EQ(size(), 0);
 }
 
-struct Clq {
-    ConcurrentLinkedQueue q;
-    explicit Clq(int32_t capacity) {
-        construct_ConcurrentLinkedQueue(&q, nullptr);
-        EXPECT_EQ(ConcurrentLinkedQueue_init(&q, capacity), TL_OK);
-    }
-    ~Clq() { EXPECT_EQ(destruct_ConcurrentLinkedQueue(&q), TL_OK); }
+struct Clq : vq_tl_test::Owned<ConcurrentLinkedQueue, construct_ConcurrentLinkedQueue,
+                               destruct_ConcurrentLinkedQueue> {
+    explicit Clq(int32_t capacity) { EXPECT_EQ(ConcurrentLinkedQueue_init(this, capacity), TL_OK); }
 };
 
 // Short names for the calls under test.
@@ -854,9 +851,9 @@ TEST(ConcurrentLinkedQueue, MatchesASimpleQueueUnderRandomOperations) {
         const bool full = capacity == kClqMaxCapacity;  // fill it, then drain it
         matchModel(
             262144u, capacity, full ? 2 * capacity + 2 : 12000,
-            [&](void* item, uint32_t) { return ConcurrentLinkedQueue_offer(&f.q, item) == 1; },
-            [&](uint32_t) { return ConcurrentLinkedQueue_poll(&f.q); },
-            [&] { return ConcurrentLinkedQueue_size(&f.q); }, full ? capacity + 1 : 0);
+            [&](void* item, uint32_t) { return ConcurrentLinkedQueue_offer(&f, item) == 1; },
+            [&](uint32_t) { return ConcurrentLinkedQueue_poll(&f); },
+            [&] { return ConcurrentLinkedQueue_size(&f); }, full ? capacity + 1 : 0);
     }
 }
 
@@ -866,13 +863,13 @@ TEST(ConcurrentLinkedQueue, HeadCounterTellsAReusedSlotApartAndWrapsAfter4096Cha
     // change.
     Clq f(1);
     for (const int32_t capacity : {0, kClqMaxCapacity + 1})
-        EXPECT_EQ(ConcurrentLinkedQueue_init(&f.q, capacity), TL_ERROR_PARAM) << capacity;
-    EXPECT_EQ(ConcurrentLinkedQueue_offer(&f.q, nullptr), 0);
-    const uint32_t start = f.q.head.load();
+        EXPECT_EQ(ConcurrentLinkedQueue_init(&f, capacity), TL_ERROR_PARAM) << capacity;
+    EXPECT_EQ(ConcurrentLinkedQueue_offer(&f, nullptr), 0);
+    const uint32_t start = f.head.load();
     for (uint32_t polls = 1; polls <= 4096; ++polls) {
-        ASSERT_EQ(ConcurrentLinkedQueue_offer(&f.q, itemOf(polls)), 1);
-        ASSERT_EQ(ConcurrentLinkedQueue_poll(&f.q), itemOf(polls));
-        const uint32_t head = f.q.head.load();
+        ASSERT_EQ(ConcurrentLinkedQueue_offer(&f, itemOf(polls)), 1);
+        ASSERT_EQ(ConcurrentLinkedQueue_poll(&f), itemOf(polls));
+        const uint32_t head = f.head.load();
         ASSERT_EQ(Clq_slotOf(head), Clq_slotOf(start) ^ (polls & 1)) << polls;
         ASSERT_EQ(Clq_counterOf(head), (Clq_counterOf(start) + polls) & 0xFFFu) << polls;
     }
@@ -886,9 +883,9 @@ TEST(ConcurrentLinkedQueue, ExchangeLosesNothingAndKeepsEachProducersOrder) {
                                        ExchangeShape{2, 2, 256, 20000}, ExchangeShape{3, 1, 256, 10000}}) {
         Clq f(shape.capacity);
         runExchange(
-            shape, [&](void* item, int32_t) { return ConcurrentLinkedQueue_offer(&f.q, item) == 1; },
-            [&](int32_t) { return ConcurrentLinkedQueue_poll(&f.q); },
-            [&] { return ConcurrentLinkedQueue_size(&f.q); });
+            shape, [&](void* item, int32_t) { return ConcurrentLinkedQueue_offer(&f, item) == 1; },
+            [&](int32_t) { return ConcurrentLinkedQueue_poll(&f); },
+            [&] { return ConcurrentLinkedQueue_size(&f); });
     }
 }
 

@@ -1,6 +1,5 @@
-// Image records: owned planes, views, copies, format geometry, the public records. Conversion: the
-// fixed-point formulas against BT.601 full range in double, chroma on odd sizes and rectangles, dispatch,
-// known answers.
+// Image records: owned planes, views, copies, geometry, public records. Conversion: the fixed-point formulas
+// against BT.601 full range in double, chroma on odd sizes and rectangles, dispatch, known answers.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -1,10 +1,6 @@
-// Row stripes: both division rules, the runner over every layer, and the kernels' pixels whichever layer runs
-// them, through the object holding that kind of layer (ImageProc an executor, ImageProc2 a Pel).
-// Rank filters against a brute force over the window's part inside the image (the median the lower middle).
-// Resizing against models: bilinear in double, the exact mean of the covered area, the rounded mean of four.
-// The eight orientation operations against their formulas on every plane; the operation table by composition.
-// Point operations against plain expressions, on random pictures of odd sizes, views and extreme values.
-// Blurs against references in doubles: Q15 convolution exactly, the true Gaussian within bounds, window sums.
+// Row stripes and their runner on every layer. Against plain models, striped: rank filters (brute force over
+// the window's part inside), resizes, the eight orientations, point operations on odd sizes, views and
+// extreme values, blurs (Q15 convolution exactly, the true Gaussian within bounds, window sums). Refusals.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -267,9 +263,8 @@ void expectFiltered(const Picture& src, const Picture& out, const Op& op, uint32
     EXPECT_TRUE(out.canariesIntact()) << where << " " << op.name << " format " << src.image.format;
 }
 
-// Row pass then column pass with taps k, the edge pixel repeated. With top >
-// 0 each pass ends as the kernels do, (sum + 16384) >> 15 clamped to [0, top]
-// (exact in doubles for integer taps); with top 0 the sums stay unrounded.
+// Row pass then column pass with taps k, the edge pixel repeated. With top > 0 each pass ends as the kernels
+// do, (sum + 16384) >> 15 clamped to [0, top] (exact for integer taps); with top 0 the sums stay unrounded.
 std::vector<double> convolve(std::vector<double> g, int32_t w, int32_t h, int32_t c,
                              const std::vector<double>& k, double top) {
     const int32_t r = static_cast<int32_t>(k.size() / 2);
@@ -324,8 +319,8 @@ using View = Owned<Image, construct_Image, destruct_Image>;
 }  // namespace
 
 TEST(Stripes, RulesCoverEveryRowOnce) {
-    // Contiguous ascending stripes over [0, rows); the Pel rule's all ceil(rows / parts) but the
-    // tail, the executor rule's within one of each other, larger first.
+    // Contiguous ascending stripes over [0, rows); the Pel rule's all ceil(rows / parts) but the tail, the
+    // executor rule's within one of each other, larger first.
     std::mt19937 random(11);
     for (int round = 0; round < 2000; ++round) {
         const int32_t rows = 1 + static_cast<int32_t>(random() % 5000),
@@ -553,8 +548,8 @@ TEST(Resize, AverageShrinkIsTheMeanOfTheCoveredArea) {
 }
 
 TEST(Rotate, OperationTableIsAGroup) {
-    // The operation of (a, c) is that of (b, c) followed by that of (a, b), for every b: a wrong
-    // entry breaks this. The six pixels of a 3 by 2 picture tell all eight operations apart.
+    // The operation of (a, c) is that of (b, c) followed by that of (a, b), for every b: a wrong entry breaks
+    // this. The six pixels of a 3 by 2 picture tell all eight operations apart.
     for (int i = 0; i < 512; ++i) {
         const int a = 1 + i % 8, b = 1 + i / 8 % 8, c = 1 + i / 64;
         const int ab = Rotate_operation(a, b), bc = Rotate_operation(b, c), ac = Rotate_operation(a, c);
@@ -792,9 +787,9 @@ TEST(PixelOps, ConversionsAgreeWithTheWholePictureDispatchers) {
 }
 
 TEST(Blur, GaussIsExactQ15ConvolutionOfANearGaussian) {
-    // Integer pixels: exactly the Q15 convolution with the library's taps. To
-    // the true Gaussian (cut at 3 on the 7-tap path) the worst differences are
-    // 0.94 of 255 for 8-bit pixels, 16.4 of 65535 for 16-bit, 0.065 on floats.
+    // Integer pixels: exactly the Q15 convolution with the library's taps. To the true Gaussian (cut at 3 on
+    // the 7-tap path) the worst differences are 0.94 of 255 (8 bits), 16.4 of 65535 (16 bits), 0.065
+    // (floats).
     const struct {
         uint32_t format;
         int32_t channels, refRadius;
@@ -845,9 +840,9 @@ TEST(Blur, GaussIsExactQ15ConvolutionOfANearGaussian) {
 }
 
 TEST(Blur, PyramidNearTheTrueGaussian) {
-    // Halvings, bilinear enlargements and the final 1.8 pass, on a ramp with
-    // steps of 100 and 35 levels and noise of 16: worst differences measured
-    // 2.7 levels at sigma 6, 2.8 at 12, 3.1 at 24, means 0.45, 0.70, 0.69.
+    // Halvings, bilinear enlargements and the final 1.8 pass, on a ramp with steps of 100 and 35 levels and
+    // noise of 16: worst differences measured 2.7 levels at sigma 6, 2.8 at 12, 3.1 at 24, means 0.45, 0.70,
+    // 0.69.
     std::mt19937 rng(3);
     const int32_t w = 320, h = 240;
     for (double sigma : {6.0, 12.0, 24.0}) {

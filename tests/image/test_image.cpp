@@ -148,7 +148,7 @@ TEST(Image, OwnedPlanesAreTightAndContiguous) {
 
 // Where each plane of a 9 x 4 view of a 20 x 10 source starts, by the per-format offset rules. Whole-image
 // views take plane k > 0 from source plane k at (row1, off1); plane views, one plane of plane `from`.
-TEST(Image, ViewOffsetsOfHandWorkedCases) {
+TEST(Image, ViewOffsetsOfHandWorkedCasesAndRefusals) {
     const ViewFn S = Image_initSubImage;
     const struct {
         ViewFn fn;
@@ -178,7 +178,7 @@ TEST(Image, ViewOffsetsOfHandWorkedCases) {
         {Image_initSubImageUV, "YUV10B420_SEMIPLANAR", 3, 5, "UINT1616", 4, 2, 1, 2, 4, 0, 0},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(::testing::Message() << c.name << " to " << (c.viewFormat ? c.viewFormat : "itself"));
+        SCOPED_TRACE(testing::Message() << c.name << " to " << (c.viewFormat ? c.viewFormat : "itself"));
         const uint32_t f = Image_getImageFormat(c.name);
         Img src, view;
         ASSERT_EQ(Image_init(src.get(), 20, 10, nullptr, f), TL_OK);
@@ -192,20 +192,17 @@ TEST(Image, ViewOffsetsOfHandWorkedCases) {
                         view->pitch[k] == src->pitch[k])
                 << "plane " << k;
     }
-}
-
-TEST(Image, ViewRefusals) {
-    const ViewFn S = Image_initSubImage;
+    // Refused {x, y, width, height} of 16 by 8: outside on each side, too wide; layouts without views.
     const struct {
         ViewFn fn;
         const char* name;
         int32_t x, y, width, height;
         TLResult expected;
-    } cases[] = {
+    } refused[] = {
         {S, "YUV420_PLANAR", -1, 0, 4, 4, TL_ERROR_PARAM},
         {S, "YUV420_PLANAR", 0, -1, 4, 4, TL_ERROR_PARAM},
-        {S, "YUV420_PLANAR", 13, 0, 4, 4, TL_ERROR_PARAM},  // one column beyond the 16
-        {S, "YUV420_PLANAR", 0, 5, 4, 4, TL_ERROR_PARAM},   // one row beyond the 8
+        {S, "YUV420_PLANAR", 13, 0, 4, 4, TL_ERROR_PARAM},
+        {S, "YUV420_PLANAR", 0, 5, 4, 4, TL_ERROR_PARAM},
         {S, "YUV420_PLANAR", 0, 0, 17, 4, TL_ERROR_PARAM},
         {S, "YUV10B_PACKED_LE_420S", 0, 0, 6, 4, TL_ERROR_UNSUPPORTED},
         {S, "YUV9_44_UV", 0, 0, 6, 4, TL_ERROR_UNSUPPORTED},
@@ -214,15 +211,14 @@ TEST(Image, ViewRefusals) {
         {Image_initSubImageY, "RGB888", 0, 0, 40, 4, TL_ERROR_PARAM},
     };
     Img view, src;
-    for (const auto& c : cases) {
+    for (const auto& c : refused) {
         ASSERT_EQ(Image_init(src.get(), 16, 8, nullptr, Image_getImageFormat(c.name)), TL_OK);
         EXPECT_EQ(c.fn(view.get(), src.get(), c.x, c.y, c.width, c.height), c.expected)
             << c.name << " " << c.x << "," << c.y << " " << c.width << "x" << c.height;
     }
+    // A record that owns its pixels cannot become a view of itself; an empty rectangle gives no planes.
     ASSERT_EQ(Image_init(src.get(), 16, 8, nullptr, IMAGE_FORMAT_YUV420_PLANAR), TL_OK);
-    // A record that owns its pixels cannot become a view of itself.
     EXPECT_EQ(Image_initSubImage(src.get(), src.get(), 0, 0, 4, 4), TL_ERROR_PARAM);
-    // An empty rectangle gives an empty view with no planes.
     ASSERT_EQ(Image_initSubImage(view.get(), src.get(), 3, 3, 0, 4), TL_OK);
     EXPECT_TRUE(view->plane[0] == nullptr && view->width == 0);
 }

@@ -103,21 +103,19 @@ struct Layout {
 
 // Smooth pictures: luma changes by at most 2.7 levels per pixel, so groups placing samples up to an eighth of
 // a pixel short (phase and lane offset truncated to sixteenths) stay within one level.
-inline double smoothLuma(double x, double y) {
-    return 128.0 + 24.0 * std::sin(0.09 * x + 0.04 * y) + 18.0 * std::cos(0.06 * y - 0.03 * x);
-}
-inline double smoothChroma(int component, double cx, double cy) {
-    return component == 0 ? 128.0 + 50.0 * std::sin(0.035 * cx + 0.02 * cy)
-                          : 120.0 + 45.0 * std::cos(0.03 * cy - 0.025 * cx);
-}
-
 inline void fillSmooth(Picture& p, const Layout& l, int32_t w, int32_t h) {
-    for (int32_t i = 0; i < w * h; ++i)
-        l.luma(p, i % w, i / w) = static_cast<uint8_t>(std::lround(smoothLuma(i % w, i / w)));
+    for (int32_t i = 0; i < w * h; ++i) {
+        const double x = i % w, y = i / w;
+        l.luma(p, i % w, i / w) = static_cast<uint8_t>(
+            std::lround(128 + 24 * std::sin(0.09 * x + 0.04 * y) + 18 * std::cos(0.06 * y - 0.03 * x)));
+    }
     const int32_t cw = l.chromaWidth(w);
-    for (int32_t i = 0; l.hasChroma && i < 2 * cw * l.chromaHeight(h); ++i)
+    for (int32_t i = 0; l.hasChroma && i < 2 * cw * l.chromaHeight(h); ++i) {
+        const double x = i / 2 % cw, y = i / 2 / cw;
         l.chroma(p, i % 2, i / 2 % cw, i / 2 / cw) =
-            static_cast<uint8_t>(std::lround(smoothChroma(i % 2, i / 2 % cw, i / 2 / cw)));
+            static_cast<uint8_t>(std::lround(i % 2 == 0 ? 128 + 50 * std::sin(0.035 * x + 0.02 * y)
+                                                        : 120 + 45 * std::cos(0.03 * y - 0.025 * x)));
+    }
 }
 
 // Bilinear luma of p at (sx, sy): the warp done per pixel in real arithmetic.

@@ -201,11 +201,10 @@ TEST(DepthMapRefiner, SnapsDepthEdgesToTheGuide) {
     EXPECT_TRUE(out.canariesIntact());
     ASSERT_EQ(Resize_resizeImage(nullptr, &bilinear.image, &map.image), TL_OK);
     const Scene::Errors refined = scene.measure(out), plain = scene.measure(bilinear);
-    // Measured (window 15, sigmaSpace 10, sigmaRange 15), refiner against bilinear: worst 2 or more pixels
-    // from an edge 14.6 and 42.4 levels; more than 8 inside worst 4.6 and 0.75, mean 0.46 and 0.26; mean
-    // within 5 of an edge 5.1 and 10.6. The planes differ by 63.7 levels or more at the edges, so an error
-    // below half of that keeps a pixel on its side: the refiner's depth edges lie within one pixel of the
-    // guide's, the bilinear ones do not. The price: a bias of a few levels near edges.
+    // Measured, refiner and bilinear: worst 2 or more pixels from an edge 14.6 and 42.4 levels; more than 8
+    // inside worst 4.6 and 0.75, mean 0.46 and 0.26; within 5 of an edge mean 5.1 and 10.6. The planes part
+    // by 63.7 levels or more, so below half of that a pixel keeps its side: the refiner's depth edges lie
+    // within one pixel of the guide's, the bilinear ones do not, at the price of a bias of a few levels.
     EXPECT_LT(refined.worstBeyondOne, 31.0);
     EXPECT_GT(plain.worstBeyondOne, 31.0);
     EXPECT_LE(refined.worstInside, 5.0);
@@ -214,8 +213,7 @@ TEST(DepthMapRefiner, SnapsDepthEdgesToTheGuide) {
 }
 
 TEST(DepthMapRefiner, LevelSizesAndEnlargementKnownAnswers) {
-    // Level l halves rounding up, (W + 2^(l+1) - 2) >> l with bit 0 cleared, down to the first at or below
-    // the map.
+    // Level l halves rounding up, (W + 2^(l+1) - 2) >> l, bit 0 cleared, down to the first not above the map.
     const struct {
         int32_t w, h, mw, mh;
         std::vector<int32_t> sizes;  // width and height of each level
@@ -250,8 +248,8 @@ TEST(DepthMapRefiner, LevelSizesAndEnlargementKnownAnswers) {
     }
 }
 
-// Every check runs before the first write. When the n-th allocation of a weighted refinement fails, for any
-// n, out is untouched and no block held.
+// Every check runs before the first write. When any n-th allocation of a weighted refinement fails, out is
+// untouched and no block held.
 TEST(DepthMapRefiner, BadArgumentsLeaveOutputUntouched) {
     Refiner fresh, ready, kind4;
     Picture guide(64, 48, IMAGE_FORMAT_YUV420_SEMIPLANAR), planar(64, 48, IMAGE_FORMAT_YUV420_PLANAR),

@@ -1,5 +1,5 @@
-// The disparity estimator: its frame sizes, the depth tables, status and depth image on answers worked by
-// hand, and the whole pipeline on the synthetic stereo shot against the scene's ground truth.
+// The disparity estimator: frame sizes, depth tables, status and depth image by hand; the whole pipeline on
+// the synthetic shot against the scene's truth.
 #include <gtest/gtest.h>
 
 #include <algorithm>

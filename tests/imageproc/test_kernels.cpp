@@ -403,8 +403,7 @@ TEST(Resize, RampsWorkedByHand) {
     std::mt19937 rng(4);
     Picture a(10, 6, IMAGE_FORMAT_UINT8), b(10, 6, IMAGE_FORMAT_UINT8);
     a.fillRandom(rng);
-    ASSERT_EQ(Resize_resizeImage(nullptr, &b.image, &a.image), TL_OK);
-    EXPECT_TRUE(b.samePixels(a));
+    EXPECT_TRUE(Resize_resizeImage(nullptr, &b.image, &a.image) == TL_OK && b.samePixels(a));
 }
 
 TEST(Resize, MatchesADoubleModelWithinOneLevel) {
@@ -682,10 +681,10 @@ TEST(PixelOps, NarrowingAndTableEdges) {
                   fromReals[] = {0, 0, 1, 255, 254, 255, 0, 0, 255};
     Picture i32(9, 1, IMAGE_FORMAT_INT32), f32(9, 1, IMAGE_FORMAT_FLOAT), d(9, 1, IMAGE_FORMAT_UINT8);
     std::memcpy(i32.row(0, 0), ints, sizeof ints), std::memcpy(f32.row(0, 0), reals, sizeof reals);
-    ASSERT_EQ(ImageProc_ImageInt32_toUint8(&proc.proc, &d.image, &i32.image), TL_OK);
-    EXPECT_EQ(std::memcmp(d.row(0, 0), fromInts, 9), 0);
-    ASSERT_EQ(ImageProc_ImageFloat_toUint8(&proc.proc, &d.image, &f32.image), TL_OK);
-    EXPECT_EQ(std::memcmp(d.row(0, 0), fromReals, 9), 0);
+    EXPECT_TRUE(ImageProc_ImageInt32_toUint8(&proc.proc, &d.image, &i32.image) == TL_OK &&
+                std::memcmp(d.row(0, 0), fromInts, 9) == 0);
+    EXPECT_TRUE(ImageProc_ImageFloat_toUint8(&proc.proc, &d.image, &f32.image) == TL_OK &&
+                std::memcmp(d.row(0, 0), fromReals, 9) == 0);
     // Table 255 - i: values at or past the end take the last entry; fewer than 33 entries change nothing.
     uint8_t table[256];
     for (int i = 0; i < 256; ++i) table[i] = static_cast<uint8_t>(255 - i);

@@ -209,8 +209,7 @@ TEST(DisparityEstimator, StretchTablesAndDepthImage) {
     EXPECT_FLOAT_EQ(f.depthTable[51], 10.0f / 4.5f);
     EXPECT_FLOAT_EQ(f.inverseDepthTable[255], 0.205f);
     // A flat map has no range: every pixel becomes level 0.
-    ASSERT_EQ(DisparityEstimator_stretchDisparity(&f, &raw.image, 77, 77), TL_OK);
-    EXPECT_EQ(raw.u8(3, 0), 0);
+    EXPECT_TRUE(DisparityEstimator_stretchDisparity(&f, &raw.image, 77, 77) == TL_OK && raw.u8(3, 0) == 0);
 
     Picture map(6, 1, IMAGE_FORMAT_UINT8), out(6, 1, IMAGE_FORMAT_UINT8);
     setRow(map, {0, 3, 6, 10, 128, 255});

@@ -340,7 +340,6 @@ TEST(Stripes, RunnerVisitsEveryRowOnceOnEveryLayer) {
     EXPECT_TRUE(many.visitedOnce());
     EXPECT_EQ(ImageStripeExec_run(&execs[3], visitStripe, &none, 0), TL_OK);
     EXPECT_EQ(none.visits[0].load(), 0);
-    EXPECT_EQ(ImageStripeExec_run(&execs[3], nullptr, &none, 4), TL_ERROR_PARAM);
     EXPECT_EQ(destruct_ParallelExecutor(&small), TL_OK);
     EXPECT_EQ(destruct_Pel(&idle), TL_OK);
 }

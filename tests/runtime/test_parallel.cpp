@@ -372,9 +372,7 @@ TEST(Pel, SerialPathAndRefusals) {
     const PelKernel noEntry = {nullptr, {.index = failingIndex}, PEL_KERNEL_PER_INDEX};
     for (Pel* p : {static_cast<Pel*>(nullptr), owner.get()}) {
         EXPECT_EQ(Pel_enqueueKernel(p, &kFailingIndex, &calls, -1, 0, nullptr, nullptr), TL_ERROR_PARAM);
-        EXPECT_EQ(Pel_enqueueKernel(p, &kFailingIndex, &calls, 1, 2, nullptr, nullptr), TL_ERROR_PARAM);
         EXPECT_EQ(Pel_enqueueKernel(p, &noEntry, &calls, 1, 0, nullptr, nullptr), TL_ERROR_PARAM);
-        EXPECT_EQ(Pel_enqueueTask(p, &kCountTask, &calls, 1, nullptr, nullptr), TL_ERROR_PARAM);
     }
     EXPECT_EQ(calls.load(), 20 + 1 + 1 + 9);
     EXPECT_EQ(owner->freeCommands, kPelCommandCount);

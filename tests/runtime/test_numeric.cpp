@@ -348,9 +348,8 @@ TEST(RawDouble, ExactPowersAndTheDefinedCompositions) {
         ASSERT_EQ(RawDouble_exp2(n), std::ldexp(1.0, n)) << n;
         ASSERT_EQ(RawDouble_log2(std::ldexp(1.0, n)), n) << n;
     }
-    // The derived functions are these compositions bit for bit (tables were made with them): sqrt is no root.
+    // The derived functions are these compositions bit for bit (tables were made with them; sqrt is no root).
     std::mt19937_64 rng(7);
-    int sqrtDiffers = 0;
     for (int i = 0; i < 20000; ++i) {
         const double x = draw(rng, LogUniform, -30.0, 30.0);
         const double y = 4.0 * unit(rng) - 2.0;
@@ -361,9 +360,7 @@ TEST(RawDouble, ExactPowersAndTheDefinedCompositions) {
         ASSERT_EQ(bits(RawDouble_sin(y)), bits(RawDouble_cos(y + -kHalfPi)));
         ASSERT_EQ(bits(RawDouble_cbrt(-x)), bits(-RawDouble_cbrt(x)));
         ASSERT_EQ(bits(RawDouble_cos(-y)), bits(RawDouble_cos(y)));
-        sqrtDiffers += RawDouble_sqrt(x) != std::sqrt(x);
     }
-    EXPECT_GT(sqrtDiffers, 1000);
 }
 
 TEST(RawDouble, FloorCeilRoundAndUlpAgainstTheCLibrary) {

@@ -248,17 +248,15 @@ TEST(DisparityEstimator, RadialLowering) {
     f.lowerInnerRadius = 0.0f;
     f.lowerOuterRadius = 1.0f;
     ASSERT_EQ(DisparityEstimator_lowerDisparity(&f, &map.image), TL_OK);
-    EXPECT_EQ(map.u8(2, 2), 100);
-    EXPECT_EQ(map.u8(0, 0), 50);
-    EXPECT_EQ(map.u8(4, 4), 50);
-    EXPECT_EQ(map.u8(2, 0), 65);  // 64.64 + 0.5
-    // Subtractive form: trunc(min(0.5 + r, amount)), amount = 1 << 3.
+    // The centre, two corners, and (2, 0): 64.64 + 0.5.
+    EXPECT_EQ((std::vector<int>{map.u8(2, 2), map.u8(0, 0), map.u8(4, 4), map.u8(2, 0)}),
+              (std::vector<int>{100, 50, 50, 65}));
+    // Subtractive form: trunc(min(0.5 + r, amount)), amount = 1 << 3: 0.5 at the centre, 1.5 at the corner.
     map.fillPlanes(100);
     f.lowerRate = 0.0f;
     f.lowerAmount = 1;
     ASSERT_EQ(DisparityEstimator_lowerDisparity(&f, &map.image), TL_OK);
-    EXPECT_EQ(map.u8(2, 2), 100);  // 0.5
-    EXPECT_EQ(map.u8(0, 0), 99);   // 1.5
+    EXPECT_EQ((std::vector<int>{map.u8(2, 2), map.u8(0, 0)}), (std::vector<int>{100, 99}));
 }
 
 // Against the scene's truth, in working pixels: disparity = f B / z.

@@ -298,19 +298,18 @@ TEST(MvecDispatch, QuaternionWorkedByHand) {
     MvecDetectMulti2_Mvec m = make(3, 800.0);
     m.u.quat = rotation(M_PI / 2, 0.0, 0.0, 1.0);
     int32_t x, y;
-    ASSERT_EQ(MvecDetectMulti2_Mvec_transF32(&m, &x, &y, 100 * kOne, 0), TL_OK);
-    EXPECT_EQ(x, 0);
-    EXPECT_EQ(y, 100 * kOne);
+    EXPECT_TRUE(MvecDetectMulti2_Mvec_transF32(&m, &x, &y, 100 * kOne, 0) == TL_OK && x == 0 &&
+                y == 100 * kOne)
+        << x << "," << y;
     // A pan of atan(0.25) about the vertical axis moves the centre a quarter of f sideways: 200 at f = 800.
     m.u.quat = rotation(std::atan(0.25), 0.0, 1.0, 0.0);
-    ASSERT_EQ(MvecDetectMulti2_Mvec_transF32(&m, &x, &y, 0, 0), TL_OK);
-    EXPECT_NEAR(x, 200 * kOne, 1);
-    EXPECT_EQ(y, 0);
+    EXPECT_TRUE(MvecDetectMulti2_Mvec_transF32(&m, &x, &y, 0, 0) == TL_OK && std::abs(x - 200 * kOne) <= 1 &&
+                y == 0)
+        << x << "," << y;
     // A ray turned behind the camera has no image.
     m.u.quat = rotation(M_PI, 0.0, 1.0, 0.0);
     x = y = 7;
-    EXPECT_EQ(MvecDetectMulti2_Mvec_transF32(&m, &x, &y, 0, 0), TL_ERROR_PARAM);
-    EXPECT_EQ(x, 7);
+    EXPECT_TRUE(MvecDetectMulti2_Mvec_transF32(&m, &x, &y, 0, 0) == TL_ERROR_PARAM && x == 7);
 }
 
 // For every kind: m after its inverse maps points back; one level finer a point's motion doubles with it.

@@ -259,10 +259,8 @@ TEST(Image, PartialCopyPlacesTheRectangle) {
     }
     const int32_t empty[4] = {4, 2, 4, 6}, oddTop[4] = {4, 1, 10, 5};
     EXPECT_EQ(Image_partialCopy(dst.get(), src.get(), 0, 0, empty), TL_OK);
-    EXPECT_EQ(Image_partialCopy(dst.get(), src.get(), 1, 0, rect), TL_ERROR_PARAM);
-    EXPECT_EQ(Image_partialCopy(dst.get(), src.get(), 0, 1, rect), TL_ERROR_PARAM);
-    EXPECT_EQ(Image_partialCopy(dst.get(), src.get(), 0, 0, oddTop), TL_ERROR_PARAM);
-    EXPECT_EQ(Image_partialCopy(dst.get(), src.get(), 12, 4, rect), TL_ERROR_PARAM);
+    for (const auto& [x, y, r] : {std::tuple{1, 0, rect}, {0, 1, rect}, {0, 0, oddTop}, {12, 4, rect}})
+        EXPECT_EQ(Image_partialCopy(dst.get(), src.get(), x, y, r), TL_ERROR_PARAM) << x << "," << y;
 }
 
 // Geometry worked out by hand for each layout: the width rounds up to hUnit, the height to 2^vShift, then

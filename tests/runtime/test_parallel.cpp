@@ -653,9 +653,8 @@ TEST(Thread, JoinAndDestructReturnTheFunctionsResult) {
 }
 
 // The mutex lets its owner in again and needs as many unlocks; the spin lock does not. Init switches the kind
-// (the mutex goes back: LeakSanitizer), an unknown kind is refused, recycle and destruct leave no lock. Four
-// threads raise a plain counter under each kind: ThreadSanitizer reports too weak an ordering, the sum lost
-// updates.
+// (the mutex goes back: LeakSanitizer), an unknown kind is refused, recycle and destruct leave no lock. Under
+// each kind four threads raise a counter: ThreadSanitizer reports too weak an ordering, the sum lost updates.
 TEST(Lock, KindsReentryExclusionAndReinit) {
     Lock lock;
     construct_Lock(&lock, nullptr);
@@ -694,10 +693,9 @@ TEST(Lock, KindsReentryExclusionAndReinit) {
     EXPECT_EQ(Lock_lock(&lock), TL_ERROR_STATE);
 }
 
-// Timed waits run out after their limit, at once for a limit of 0 or below (not after seconds): a condition
-// nobody signals, a latch at 1, an empty queue's poll, a full queue's offer. For the condition also a limit
-// above one second whose millisecond part, added to the clock's nanoseconds now, passes the next second: the
-// deadline needs the seconds and the carry out of the nanoseconds. 2 ms of margin.
+// Timed waits run out after their limit, at once for 0 or below: a condition nobody signals, a latch at 1, an
+// empty queue's poll, a full one's offer; for the condition also a limit whose millisecond part, added to the
+// clock's nanoseconds now, passes the next second, so the deadline needs the carry. 2 ms of margin.
 TEST(TimedWaits, RunOutAfterTheirLimit) {
     Guarded g;
     Latch l(1);
@@ -824,8 +822,7 @@ TEST(ConcurrentLinkedQueue, MatchesASimpleQueueUnderRandomOperations) {
 
 TEST(ConcurrentLinkedQueue, HeadCounterTellsAReusedSlotApartAndWrapsAfter4096Changes) {
     // Capacity 1: the dummy alternates between slots 0 and 1, so every second poll leaves head on the slot it
-    // started on. Only the counter differs; its 12 bits come round after 4096 polls. Refusals first: no
-    // change.
+    // started on. Only the counter differs; its 12 bits wrap after 4096 polls. Refusals first.
     Clq f(1);
     for (const int32_t capacity : {0, kClqMaxCapacity + 1})
         EXPECT_EQ(ConcurrentLinkedQueue_init(&f, capacity), TL_ERROR_PARAM) << capacity;

@@ -1,5 +1,4 @@
-// Homographies, Q15 affine motions and the motion models of every kind: by hand, against real maps, round
-// trips.
+// Homographies, Q15 affine motions and motion models of every kind: by hand, against real maps, round trips.
 #include <gtest/gtest.h>
 
 #include <cmath>

@@ -1,9 +1,8 @@
 // Arithmetic without the floating-point unit: Double_* against the processor's IEEE arithmetic (nearest even,
-// subnormals on) bit for bit, any NaN for a NaN; RawDouble_* against the C library, built from one log2, one
-// exp2 and one cosine polynomial; exp, log, sqrt, pow and sin are exact compositions of those (checked bit
-// for bit), so only those and its own functions are swept. The table cosine and arcsine; the integer root.
-// fasthash32 and fasthash128 are MurmurHash3 x86_32 and x86_128: SMHasher's codes and published values.
-// RandomNumber against a Mersenne Twister written from the published algorithm. The memory pool, the log.
+// subnormals on) bit for bit; RawDouble_* against the C library, exp, log, sqrt, pow and sin checked as exact
+// compositions of log2, exp2 and cos, the rest swept. The table cosine and arcsine, the integer root;
+// fasthash32 and fasthash128 (MurmurHash3 x86_32, x86_128); RandomNumber against a Mersenne Twister written
+// from the published algorithm; the memory pool; the log.
 #include <gtest/gtest.h>
 
 #include <algorithm>

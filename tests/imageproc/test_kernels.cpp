@@ -1,6 +1,6 @@
-// Row stripes on every layer. Against plain models, striped: rank filters (brute force over
-// the window's part inside), resizes, the eight orientations, point operations on odd sizes, views and
-// extreme values, blurs (Q15 convolution exactly, the true Gaussian within bounds, window sums). Refusals.
+// Row stripes on every layer; against plain models, on the shared layers: rank filters (brute force over the
+// window's part inside), resizes, the eight orientations, point operations on odd sizes, views and extreme
+// values, blurs (Q15 convolution exactly, the true Gaussian within bounds, window sums). Refusals.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -1,6 +1,5 @@
-// The separable bilateral filter against a direct transcription of its
-// weights; the depth map refiner lifting the coarse map of a piecewise-planar
-// scene under the scene's own picture, against plain bilinear enlargement.
+// The separable bilateral filter against a direct transcription of its weights; the depth map refiner lifting
+// the coarse map of a piecewise-planar scene under the scene's own picture, against bilinear enlargement.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -13,17 +12,16 @@
 #include "imageproc/resize.h"
 #include "runtime/memory.h"
 #include "support/layers.h"
+#include "support/owned.h"
 #include "support/picture.h"
 
 using namespace vq_tl;
+using vq_tl_test::elementOf;
+using vq_tl_test::Owned;
 using vq_tl_test::Picture;
 using vq_tl_test::sharedLayers;
 
 namespace {
-
-double value(Picture& p, int32_t x, int32_t y) {
-    return p.image.format == IMAGE_FORMAT_FLOAT ? p.at<float>(x, y) : p.u8(x, y);
-}
 
 // Both passes of the plain filter written out from its definition, summing in the kernels' order (centre
 // first, then the taps from -half) so that FLOAT results compare exactly as well.
@@ -33,7 +31,7 @@ std::vector<double> bilateralReference(Picture& src, Picture& guide, int32_t cha
     const float c = sigmaRange * (sigmaRange * static_cast<float>(2 * channels));
     const int64_t range = c > 0 ? static_cast<int64_t>(c) : 0;
     std::vector<double> v(w * h), out(w * h);
-    for (int32_t i = 0; i < w * h; ++i) v[i] = value(src, i % w, i / w);
+    for (int32_t i = 0; i < w * h; ++i) v[i] = elementOf(src.image, i % w, i / w);
     for (int pass = 0; pass < 2; ++pass, v = out) {
         for (int32_t y = 0; y < h; ++y)
             for (int32_t x = 0; x < w; ++x) {
@@ -68,12 +66,10 @@ std::vector<double> bilateralReference(Picture& src, Picture& guide, int32_t cha
 
 }  // namespace
 
-// Windows 3, 5, 7 (kernels of their own) and wider, guides of 1 to 3
-// channels, UINT8 and FLOAT values, C from 0 (the values stay) over small
-// ones (weights in floats) to 80000 (in integers), rows of several chunks.
+// Windows 3, 5, 7 (kernels of their own) and wider, guides of 1 to 3 channels, UINT8 and FLOAT values, C from
+// 0 (the values stay) over small ones (weights in floats) to 80000 (in integers), rows of several chunks.
 TEST(SeparableBilateralFilter, MatchesDirectDefinition) {
-    SeparableBilateralFilter f;
-    construct_SeparableBilateralFilter(&f, nullptr);
+    Owned<SeparableBilateralFilter, construct_SeparableBilateralFilter, destruct_SeparableBilateralFilter> f;
     std::mt19937 rng(6);
     const int32_t w = 533, h = 19;
     const struct {
@@ -104,7 +100,7 @@ TEST(SeparableBilateralFilter, MatchesDirectDefinition) {
                   TL_OK);
         EXPECT_TRUE(dst.canariesIntact());
         std::vector<double> got;
-        for (int32_t i = 0; i < w * h; ++i) got.push_back(value(dst, i % w, i / w));
+        for (int32_t i = 0; i < w * h; ++i) got.push_back(elementOf(dst.image, i % w, i / w));
         EXPECT_EQ(got, bilateralReference(src, guide, c.channels, c.window, c.sigmaSpace, c.sigmaRange))
             << "window " << c.window << " sigmaRange " << c.sigmaRange;
     }
@@ -127,6 +123,8 @@ TEST(SeparableBilateralFilter, MatchesDirectDefinition) {
 }
 
 namespace {
+
+using Refiner = Owned<DepthMapRefiner, construct_DepthMapRefiner, destruct_DepthMapRefiner>;
 
 // Three planar regions with straight edges: 0 left of a slanted line, 1 right of it above row 0.6 h, 2 right
 // of it below; depth planes in 8 bits, and each pixel's Chebyshev distance to another region, up to 9.
@@ -191,8 +189,7 @@ TEST(DepthMapRefiner, SnapsDepthEdgesToTheGuide) {
         for (int32_t k = 0; k < 16; ++k) sum += scene.depth[(4 * y + k / 4) * w + 4 * x + k % 4];
         map.u8(x, y) = static_cast<uint8_t>(std::lround(sum / 16));
     }
-    DepthMapRefiner refiner;
-    construct_DepthMapRefiner(&refiner, nullptr);
+    Refiner refiner;
     DepthMapRefiner_setPel(&refiner, &sharedLayers().pel);
     DepthMapRefiner_setParallelExecutor(&refiner, &sharedLayers().overPel);
     ASSERT_EQ(DepthMapRefiner_init(&refiner, w, h, w / 4, h / 4, w, h, IMAGE_FORMAT_UINT8,
@@ -201,15 +198,13 @@ TEST(DepthMapRefiner, SnapsDepthEdgesToTheGuide) {
     ASSERT_EQ(
         DepthMapRefiner_crossFilter(&refiner, &out.image, &map.image, &guide.image, 15, 1, 10.0f, 15.0f),
         TL_OK);
-    destruct_DepthMapRefiner(&refiner);
     EXPECT_TRUE(out.canariesIntact());
     ASSERT_EQ(Resize_resizeImage(nullptr, &bilinear.image, &map.image), TL_OK);
     const Scene::Errors refined = scene.measure(out), plain = scene.measure(bilinear);
-    // Measured (window 15, sigmaSpace 10, sigmaRange 15), refiner against bilinear: worst 2 or more pixels
-    // from an edge 14.6 and 42.4 levels; more than 8 inside worst 4.6 and 0.75, mean 0.46 and 0.26; mean
-    // within 5 of an edge 5.1 and 10.6. The planes differ by 63.7 levels or more at the edges, so an error
-    // below half of that keeps a pixel on its side: the refiner's depth edges lie within one pixel of the
-    // guide's, the bilinear ones do not. The price: a bias of a few levels near edges.
+    // Measured, refiner and bilinear: worst 2 or more pixels from an edge 14.6 and 42.4 levels; more than 8
+    // inside worst 4.6 and 0.75, mean 0.46 and 0.26; within 5 of an edge mean 5.1 and 10.6. The planes part
+    // by 63.7 levels or more, so below half of that a pixel keeps its side: the refiner's depth edges lie
+    // within one pixel of the guide's, the bilinear ones do not, at the price of a bias of a few levels.
     EXPECT_LT(refined.worstBeyondOne, 31.0);
     EXPECT_GT(plain.worstBeyondOne, 31.0);
     EXPECT_LE(refined.worstInside, 5.0);
@@ -218,8 +213,7 @@ TEST(DepthMapRefiner, SnapsDepthEdgesToTheGuide) {
 }
 
 TEST(DepthMapRefiner, LevelSizesAndEnlargementKnownAnswers) {
-    // Level l halves rounding up, (W + 2^(l+1) - 2) >> l with bit 0 cleared,
-    // no smaller than the map, down to the first level at or below the map.
+    // Level l halves rounding up, (W + 2^(l+1) - 2) >> l, bit 0 cleared, down to the first not above the map.
     const struct {
         int32_t w, h, mw, mh;
         std::vector<int32_t> sizes;  // width and height of each level
@@ -235,12 +229,11 @@ TEST(DepthMapRefiner, LevelSizesAndEnlargementKnownAnswers) {
         const int32_t levels = DepthMapRefiner_getLevelSizes(c.w, c.h, c.mw, c.mh, sizes);
         EXPECT_EQ(std::vector<int32_t>(&sizes[0][0], &sizes[0][0] + 2 * levels), c.sizes);
     }
-    // 2x of 0, 8, 16 over 32, 40, 48: 3:1 and 1:3 pairs, the first column and
-    // row copied, the last (even sizes) copying s[2] and row 1; exact in UINT8.
+    // 2x of 0, 8, 16 over 32, 40, 48: 3:1 and 1:3 pairs, the first column and row copied, the last (even
+    // sizes) copying s[2] and row 1; exact in UINT8.
     const double want[4][6] = {
         {0, 2, 6, 10, 14, 16}, {8, 10, 14, 18, 22, 24}, {24, 26, 30, 34, 38, 40}, {32, 34, 38, 42, 46, 48}};
-    DepthMapRefiner refiner;
-    construct_DepthMapRefiner(&refiner, nullptr);
+    Refiner refiner;
     DepthMapRefiner_setPel(&refiner, &sharedLayers().balanced);  // a task per row
     Picture src8(3, 2, IMAGE_FORMAT_UINT8), srcF(3, 2, IMAGE_FORMAT_FLOAT);
     for (int32_t i = 0; i < 6; ++i)
@@ -249,19 +242,16 @@ TEST(DepthMapRefiner, LevelSizesAndEnlargementKnownAnswers) {
         Picture dst(6, 4, src->image.format);
         ASSERT_EQ(DepthMapRefiner_upsample2x(&refiner, &dst.image, &src->image), TL_OK);
         for (int32_t i = 0; i < 24; ++i)
-            EXPECT_EQ(value(dst, i % 6, i / 6), want[i / 6][i % 6]) << src->image.format << " " << i;
+            EXPECT_EQ(elementOf(dst.image, i % 6, i / 6), want[i / 6][i % 6])
+                << src->image.format << " " << i;
         EXPECT_TRUE(dst.canariesIntact());
     }
 }
 
-// Every check runs before the first write. When the n-th allocation of a
-// weighted refinement fails, for any n, out is untouched and no block held.
+// Every check runs before the first write. When any n-th allocation of a weighted refinement fails, out is
+// untouched and no block held.
 TEST(DepthMapRefiner, BadArgumentsLeaveOutputUntouched) {
-    Env env{};
-    DepthMapRefiner fresh, ready, kind4;
-    construct_DepthMapRefiner(&fresh, &env);
-    construct_DepthMapRefiner(&ready, &env);
-    construct_DepthMapRefiner(&kind4, &env);
+    Refiner fresh, ready, kind4;
     Picture guide(64, 48, IMAGE_FORMAT_YUV420_SEMIPLANAR), planar(64, 48, IMAGE_FORMAT_YUV420_PLANAR),
         map(16, 12, IMAGE_FORMAT_UINT8), floats(16, 12, IMAGE_FORMAT_FLOAT), out(64, 48, IMAGE_FORMAT_UINT8),
         big(66, 48, IMAGE_FORMAT_UINT8);
@@ -309,7 +299,4 @@ TEST(DepthMapRefiner, BadArgumentsLeaveOutputUntouched) {
         if (asked < n) break;
         EXPECT_TRUE(out.storage == before[0]) << n;
     }
-    destruct_DepthMapRefiner(&kind4);
-    destruct_DepthMapRefiner(&ready);
-    destruct_DepthMapRefiner(&fresh);
 }

@@ -1,8 +1,7 @@
-// Rectify: rotations, camera matrices and grid maps against hand-worked and closed forms; the lens model and
-// its fitted inverse; the fit's solver. StereoRectify: camera matrices fitted between sizes by hand, grid
-// composition, and a synthetic calibrated pair whose 3D points land on the same rows of both frames.
-// The public converter of calibration records: a record by hand, the rotation, crops, lens kinds, life cycle.
-// The grid warp against known answers and a per-pixel bilinear reference; cells, schedules, refusals, grids.
+// Rectification: rotations, camera matrices, grid maps and the lens model against hand-worked and closed
+// forms, the fitted inverse and its solver, a synthetic calibrated pair whose points share rows in both
+// frames. The public converter of calibration records. The grid warp against known answers and a bilinear
+// reference.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -28,11 +27,8 @@ using namespace vq_tl_test;
 
 namespace {
 
-struct Fixture {
-    Env env{};
-    Rectify rectify;
-    explicit Fixture(Pel* pel = nullptr) { construct_Rectify(&rectify, &env), Rectify_setPel(&rectify, pel); }
-    ~Fixture() { destruct_Rectify(&rectify); }
+struct Fixture : Owned<Rectify, construct_Rectify, destruct_Rectify> {
+    explicit Fixture(Pel* pel = nullptr) { Rectify_setPel(this, pel); }
 };
 
 const Mvec8Real kIdentity = {{1, 0, 0, 0, 1, 0, 0, 0, 1}};
@@ -95,15 +91,14 @@ PairResult rectifyPair(const float baseline[3], const Mvec8Real& rotation, Pel* 
                                coeffLens(-0.05, 0.08, -0.02, -5e-4, 3e-4)};
     constexpr int32_t kW = 1080, kH = 810;
     Mvec8Real r[2], *n = res.newCamera, fitted[2];
-    EXPECT_EQ(StereoRectify_stereoRectify(&st.s, &r[0], &r[1], &n[0], &n[1], &k[0], &k[1], &lens[0], &lens[1],
+    EXPECT_EQ(StereoRectify_stereoRectify(&st, &r[0], &r[1], &n[0], &n[1], &k[0], &k[1], &lens[0], &lens[1],
                                           &rotation, baseline, kW, kH, 4000, 3000, 4000, 3000, 8, 8),
               TL_OK);
-    EXPECT_TRUE(lens[0].coeff.invValid && lens[1].coeff.invValid);
     // The main camera with the inverse grid (at half the working size), then the sub.
     Grid grid[2] = {{kW, kH, 32}, {kW, kH, 32}}, inverseGrid(kW / 2, kH / 2, 32);
     for (int c = 0; c < 2; ++c) {
         EXPECT_EQ(
-            StereoRectify_calcRectifyGridParams(&st.s, &grid[c].g, c == 0 ? &inverseGrid.g : nullptr, &r[c],
+            StereoRectify_calcRectifyGridParams(&st, &grid[c].g, c == 0 ? &inverseGrid.g : nullptr, &r[c],
                                                 &n[c], &k[c], &lens[c], kW, kH, kW, kH, kW, kH, 4000, 3000),
             TL_OK);
         StereoRectify_fitCameraMatrix(&fitted[c], &k[c], kW, kH, 4000, 3000);
@@ -285,13 +280,9 @@ TEST(Rectify, RectifyingRotationsWorkedByHand) {
     };
     for (const auto& c : cases) {
         Mvec8Real r1, r2;
-        ASSERT_EQ(Rectify_calcRectifyRotMat(&f.rectify, &r1, &r2, &c.rotation, c.t), TL_OK) << c.name;
+        ASSERT_EQ(Rectify_calcRectifyRotMat(&f, &r1, &r2, &c.rotation, c.t), TL_OK) << c.name;
         expectMatrixNear(r1, c.rotation1, 1e-12, c.name);
         expectMatrixNear(r2, c.rotation2, 1e-12, c.name);
-        // Whatever the baseline, both rectified frames are parallel: rotation2 * rotation = rotation1.
-        Mvec8Real product;
-        ASSERT_EQ(Mvec8Real_mult(&product, &r2, &c.rotation), TL_OK);
-        expectMatrixNear(product, r1, 1e-12, c.name);
     }
     // Refused, outputs untouched: not a rotation (the sine of its angle above 1), no baseline, not a number.
     Mvec8Real r1 = kIdentity, r2 = kIdentity;
@@ -300,7 +291,7 @@ TEST(Rectify, RectifyingRotationsWorkedByHand) {
     const double t[3] = {-10, 0.1, 0.2}, zero[3] = {0, 0, 0};
     for (const auto& [rotation, baseline] :
          {std::pair{&notRotation, t}, {&kRotation, zero}, {&notANumber, t}})
-        EXPECT_EQ(Rectify_calcRectifyRotMat(&f.rectify, &r1, &r2, rotation, baseline), TL_ERROR_GENERAL);
+        EXPECT_EQ(Rectify_calcRectifyRotMat(&f, &r1, &r2, rotation, baseline), TL_ERROR_GENERAL);
     expectMatrixNear(r1, kIdentity, 0, "untouched");
 }
 
@@ -313,10 +304,9 @@ TEST(Rectify, GridMapsMatchClosedFormsAndTheInverseGridUndoesThem) {
         for (Fixture* f : {&serial, &parallel}) {
             RectifyLensDist d = lens;
             Grid grid(216, 162, 16), inverse(400, 300, 25);
-            ASSERT_EQ(Rectify_calcRectifyGridParams(&f->rectify, &grid.g, &inverse.g, &kCamera, &d,
-                                                    &kRotation, &kNewCamera, 400, 300),
+            ASSERT_EQ(Rectify_calcRectifyGridParams(f, &grid.g, &inverse.g, &kCamera, &d, &kRotation,
+                                                    &kNewCamera, 400, 300),
                       TL_OK);
-            EXPECT_EQ(d.coeff.invValid, 1);
             double sx, sy, worst = 0;
             for (int32_t v = 0; v < grid.count(); ++v) {
                 forward(d, grid.g.xs[v], grid.g.ys[v], &sx, &sy);
@@ -333,8 +323,8 @@ TEST(Rectify, GridMapsMatchClosedFormsAndTheInverseGridUndoesThem) {
     // across and 5 down, so with no lens, no rotation and one camera vertex (x, y) maps to (4 x, 5 y).
     RectifyLensDist d = none;
     Grid grid(400, 300, 32), inverse(100, 60, 8);
-    ASSERT_EQ(Rectify_calcRectifyGridParams(&serial.rectify, &grid.g, &inverse.g, &kCamera, &d, &kIdentity,
-                                            &kCamera, 400, 300),
+    ASSERT_EQ(Rectify_calcRectifyGridParams(&serial, &grid.g, &inverse.g, &kCamera, &d, &kIdentity, &kCamera,
+                                            400, 300),
               TL_OK);
     for (int32_t v = 0; v < inverse.count(); ++v)
         ASSERT_TRUE(std::fabs(inverse.g.x[v] - 4.0 * inverse.g.xs[v]) < 1e-9 &&
@@ -348,9 +338,8 @@ TEST(Rectify, VerticesBeyondTheRadiusLimitAreInvalid) {
     const Mvec8Real k = camera(320, 200, 150), newK = camera(100, 108, 81);
     RectifyLensDist none = coeffLens(0, 0, 0, 0, 0);
     Grid grid(216, 162, 8);
-    ASSERT_EQ(
-        Rectify_calcRectifyGridParams(&f.rectify, &grid.g, nullptr, &k, &none, &kIdentity, &newK, 400, 300),
-        TL_OK);
+    ASSERT_EQ(Rectify_calcRectifyGridParams(&f, &grid.g, nullptr, &k, &none, &kIdentity, &newK, 400, 300),
+              TL_OK);
     int32_t invalid = 0;
     for (int32_t v = 0; v < grid.count(); ++v) {
         const bool beyond = std::hypot((grid.g.xs[v] - 108) / 100.0, (grid.g.ys[v] - 81) / 100.0) >
@@ -370,8 +359,8 @@ TEST(Rectify, ComplementingTwoGrids) {
     a.g.x[3] = kRenderer2InvalidVertex;
     b.g.y[7] = kRenderer2InvalidVertex;
     for (const double alpha : {0.0, 0.25, 1.0}) {
-        ASSERT_EQ(Rectify_complementGridMap(&f.rectify, &out.g, &a.g, &b.g, alpha), TL_OK);
-        ASSERT_EQ(Rectify_complementGridMap(&parallel.rectify, &out2.g, &a.g, &b.g, alpha), TL_OK);
+        ASSERT_EQ(Rectify_complementGridMap(&f, &out.g, &a.g, &b.g, alpha), TL_OK);
+        ASSERT_EQ(Rectify_complementGridMap(&parallel, &out2.g, &a.g, &b.g, alpha), TL_OK);
         EXPECT_EQ(std::memcmp(out.g.x, out2.g.x, sizeof(double) * out.count()), 0);
         for (int32_t v = 0; v < a.count(); ++v) {
             // An invalid coordinate in either input invalidates both outputs.
@@ -385,7 +374,7 @@ TEST(Rectify, ComplementingTwoGrids) {
     }
     // Refused: alpha outside [0, 1].
     for (const double alpha : {-0.01, 1.01, static_cast<double>(NAN)})
-        EXPECT_EQ(Rectify_complementGridMap(&f.rectify, &out.g, &a.g, &b.g, alpha), TL_ERROR_PARAM) << alpha;
+        EXPECT_EQ(Rectify_complementGridMap(&f, &out.g, &a.g, &b.g, alpha), TL_ERROR_PARAM) << alpha;
 }
 
 TEST(RectifyLensDist, FittedInverseUndoesPhoneLenses) {
@@ -401,12 +390,9 @@ TEST(RectifyLensDist, FittedInverseUndoesPhoneLenses) {
     Fixture serial, parallel(&sharedLayers().pel);
     for (const auto& lens : lenses) {
         RectifyLensDist d = coeffLens(lens.k1, lens.k2, lens.k3, lens.p1, lens.p2), e = d;
-        ASSERT_EQ(RectifyLensDist_needCalcInv(&d), 1);
-        ASSERT_EQ(Rectify_estimateUndistortCoeff(&serial.rectify, &d.coeff, &k, 4000, 3000), TL_OK);
-        ASSERT_EQ(Rectify_estimateUndistortCoeff(&parallel.rectify, &e.coeff, &k, 4000, 3000), TL_OK);
+        ASSERT_EQ(Rectify_estimateUndistortCoeff(&serial, &d.coeff, &k, 4000, 3000), TL_OK);
+        ASSERT_EQ(Rectify_estimateUndistortCoeff(&parallel, &e.coeff, &k, 4000, 3000), TL_OK);
         EXPECT_EQ(std::memcmp(&d, &e, sizeof d), 0) << lens.k1;
-        // The fitted inverse stays a pure polynomial.
-        EXPECT_TRUE(RectifyLensDist_needCalcInv(&d) == 0 && d.coeff.invK[3] == 0.0) << lens.k1;
         double roundTrip = 0, versusReference = 0;
         for (int i = 0; i < 41 * 31; ++i) {
             const double xd = (100.0 * (i % 41) - 2000) / 3200, yd = (100.0 * (i / 41) - 1500) / 3200;
@@ -519,8 +505,8 @@ TEST(StereoRectify, SynthesizeGridComposesTwoMaps) {
         g->g.x[1] = g->g.y[1] = kRenderer2InvalidVertex;
     }
     const std::vector<double> x(grid.g.x, grid.g.x + grid.count()), y(grid.g.y, grid.g.y + grid.count());
-    ASSERT_EQ(StereoRectify_synthesizeGrid(&serial.s, &grid.g, &lookup.g), TL_OK);
-    ASSERT_EQ(StereoRectify_synthesizeGrid(&parallel.s, &again.g, &lookup.g), TL_OK);
+    ASSERT_EQ(StereoRectify_synthesizeGrid(&serial, &grid.g, &lookup.g), TL_OK);
+    ASSERT_EQ(StereoRectify_synthesizeGrid(&parallel, &again.g, &lookup.g), TL_OK);
     for (int32_t v = 0; v < grid.count(); ++v) {
         const double cx = std::clamp(x[v], 0.0, 64.0), cy = std::clamp(y[v], 0.0, 48.0);
         ASSERT_TRUE(std::fabs(grid.g.x[v] - (2.0 * cx + 1.0)) < 1e-9 &&
@@ -529,7 +515,7 @@ TEST(StereoRectify, SynthesizeGridComposesTwoMaps) {
     }
     EXPECT_TRUE(!std::memcmp(again.g.x, grid.g.x, sizeof(double) * grid.count()) &&
                 !std::memcmp(again.g.y, grid.g.y, sizeof(double) * grid.count()));
-    EXPECT_EQ(StereoRectify_synthesizeGrid(&serial.s, &grid.g, &grid.g), TL_ERROR_PARAM);
+    EXPECT_EQ(StereoRectify_synthesizeGrid(&serial, &grid.g, &grid.g), TL_ERROR_PARAM);
 }
 
 TEST(StereoRectify, PointsLandOnTheSameRowOfBothFrames) {
@@ -573,11 +559,11 @@ TEST(StereoRectify, SmallFrameWithAStrongLensKeepsItsCoverage) {
     const float baseline[3] = {-10.0f, 0.0f, 0.0f};
     Stereo st;
     Mvec8Real r[2], n[2], fitted;
-    ASSERT_EQ(StereoRectify_stereoRectify(&st.s, &r[0], &r[1], &n[0], &n[1], &k[0], &k[1], &lens[0], &lens[1],
+    ASSERT_EQ(StereoRectify_stereoRectify(&st, &r[0], &r[1], &n[0], &n[1], &k[0], &k[1], &lens[0], &lens[1],
                                           &turn, baseline, kW, kH, 640, 480, 640, 480, 8, 8),
               TL_OK);
     Grid grid(kW, kH, 32);
-    ASSERT_EQ(StereoRectify_calcRectifyGridParams(&st.s, &grid.g, nullptr, &r[0], &n[0], &k[0], &lens[0], kW,
+    ASSERT_EQ(StereoRectify_calcRectifyGridParams(&st, &grid.g, nullptr, &r[0], &n[0], &k[0], &lens[0], kW,
                                                   kH, kW, kH, kW, kH, 640, 480),
               TL_OK);
     Picture white(kW, kH, IMAGE_FORMAT_UINT8), drawn(kW, kH, IMAGE_FORMAT_UINT8);
@@ -641,19 +627,6 @@ TEST(RectifyDataConverter, HandMadeRecordGivesTheRowWorkedOutByHand) {
                 untouched(row.subRectRotation, sizeof row.subRectRotation) &&
                 untouched(row.mainRectCameraMatrix, sizeof row.mainRectCameraMatrix) &&
                 untouched(row.subRectCameraMatrix, sizeof row.subRectCameraMatrix));
-    // The table, read by the lens model, moves an ideal point at fraction t to the sensor corner to T(t).
-    RectifyLensDist lens;
-    RectifyLensDist_clear(&lens);
-    const auto& data = row.mainLensDist.u.data;
-    ASSERT_EQ(RectifyLensDist_setDistData(&lens, data.table, data.count, data.maxRadius), TL_OK);
-    for (int i = 1; i < 4; ++i) {
-        double x, y;
-        ASSERT_EQ(Rectify_distortPoint(2000.0 * i / 4 / 4096.0, 1500.0 * i / 4 / 4096.0, &x, &y, &lens),
-                  TL_OK);
-        EXPECT_TRUE(std::fabs(x * 4096.0 / 2000.0 - kMainTable[i]) < 1e-12 &&
-                    std::fabs(y * 4096.0 / 1500.0 - kMainTable[i]) < 1e-12)
-            << i;
-    }
 }
 
 TEST(RectifyDataConverter, CropsRoundHalfAwayFromZero) {
@@ -722,7 +695,6 @@ TEST(RectifyDataConverter, PublicLifeCycle) {
     constexpr auto finalize = velquin_RectifyDataConverter_finalize;
     constexpr auto convert = velquin_RectifyDataConverter_convert;
     const uint32_t size = velquin_RectifyDataConverter_getBufferSize(41, 3);
-    ASSERT_LT(size, 64u);
     EXPECT_TRUE(velquin_RectifyDataConverter_getBufferSize(0, 3) == TL_ERROR_PARAM &&
                 velquin_RectifyDataConverter_getBufferSize(41, 0) == TL_ERROR_PARAM);
     alignas(8) uint8_t buffer[64];
@@ -752,7 +724,6 @@ TEST(RectifyDataConverter, PublicLifeCycle) {
     EXPECT_TRUE(finalize(&handle) == TL_ERROR_PARAM && finalize(nullptr) == TL_ERROR_PARAM &&
                 finalize(&stale) == TL_ERROR_STATE);
     ASSERT_EQ(init(&handle, buffer, static_cast<int32_t>(size), 41, 3), TL_OK);
-    ASSERT_NE(handle.context, nullptr);
     EXPECT_TRUE(convert(&handle, nullptr, &p) == TL_ERROR_PARAM &&
                 convert(&handle, &row, nullptr) == TL_ERROR_PARAM);
     EXPECT_EQ(convert(&handle, &row, &p), TL_OK);
@@ -762,16 +733,20 @@ TEST(RectifyDataConverter, PublicLifeCycle) {
     EXPECT_TRUE(std::all_of(buffer, buffer + size, [](uint8_t b) { return b == 0; })) << "context not zeroed";
 }
 
+// Cases take the shared layers by turns here and in the reference test: no layer may change the pixels. 33
+// rows in cells of 8 are 5 cell rows, which an executor of more than two workers splits into four bands and
+// one.
 TEST(Renderer2, IdentityReproducesTheSource) {
-    const struct { int32_t w, h, cell; } sizes[] = {{37, 29, 8}, {64, 48, 16}, {21, 9, 8}, {91, 35, 32}};
+    const struct { int32_t w, h, cell; } sizes[] = {{37, 33, 8}, {64, 48, 16}, {21, 9, 8}, {91, 35, 32}};
     std::mt19937 random(11);
+    int32_t turn = 0;
     for (const FormatMode& f : kAllKernels) {
         for (const auto& s : sizes) {
             const std::string what = nameOf(f) + " " + std::to_string(s.w) + "x" + std::to_string(s.h);
             Picture src(s.w, s.h, f.format), dst(s.w, s.h, f.format);
             src.fillRandom(random);
             Grid grid(s.w, s.h, s.cell);
-            Renderer r(f.mode, 0);
+            Renderer r(f.mode, 0, sharedLayers().exec(turn++ % Layers::kCount));
             ASSERT_EQ(render(r, dst, src, grid), TL_OK) << what;
             EXPECT_TRUE(dst.canariesIntact()) << what;
             // Bilinear luma is exact, but the tail limits its column to width - 2: in the last cell (groups
@@ -898,7 +873,7 @@ TEST(Renderer2, WarpsAgreeWithAPerPixelBilinearReference) {
             Picture dst(w, h, f.format);
             Grid grid(w, h, cell);
             grid.apply(maps[m]);
-            Renderer r(f.mode, bc);
+            Renderer r(f.mode, bc, sharedLayers().exec(k % Layers::kCount));
             ASSERT_EQ(render(r, dst, src, grid), TL_OK) << what;
             EXPECT_TRUE(dst.canariesIntact()) << what;
             // Without the boundary check only cells inside the source are drawn. One level inside; tails
@@ -985,32 +960,6 @@ TEST(Renderer2, CellsAreClassifiedByShape) {
         ASSERT_TRUE(cases[i].expected(&a) == TL_OK && cases[i].notThis(&b) == TL_OK);
         EXPECT_TRUE(viaRenderer.samePixels(expected)) << i;
         EXPECT_FALSE(viaRenderer.samePixels(other)) << i;
-    }
-}
-
-TEST(Renderer2, EveryWayOfRunningCellsGivesTheSamePixels) {
-    // Each parallel layer gives the serial pixels; 13 (or 6) cell rows do not divide evenly into bands.
-    Layers& layers = sharedLayers();
-    std::mt19937 random(17);
-    const int32_t w = vq_tl_test_scaled(150, 70), h = vq_tl_test_scaled(128, 58);
-    for (const FormatMode& f :
-         {FormatMode{k420SP, 1}, FormatMode{kGray, 0}, FormatMode{k420P, 3}, FormatMode{16, 0}}) {
-        Picture src(w, h, f.format), serial(w, h, f.format), out(w, h, f.format);
-        src.fillRandom(random);
-        Grid grid(w, h, 10);
-        grid.apply(projective({0.98, 0.03, 5.0, -0.02, 1.01, 3.0, 3e-5, -2e-5, 1.0}));
-        Renderer r(f.mode, 1);
-        serial.fillPlanes(9);
-        ASSERT_EQ(render(r, serial, src, grid), TL_OK);
-        for (int i = 0; i < Layers::kCount; ++i) {
-            const ImageStripeExec e = layers.exec(i);
-            ASSERT_EQ(
-                e.pel != nullptr ? Renderer2_initWithPel(&r.r, e.pel) : Renderer2_init(&r.r, e.executor),
-                TL_OK);
-            out.fillPlanes(9);
-            ASSERT_EQ(render(r, out, src, grid), TL_OK) << layers.names[i];
-            EXPECT_TRUE(out.samePixels(serial)) << nameOf(f) << " " << layers.names[i];
-        }
     }
 }
 

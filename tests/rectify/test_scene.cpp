@@ -1,7 +1,6 @@
-// The synthetic stereo scene checked against the library's own lens model
-// and rectification: surface points seen where the lens model puts them, an
-// occlusion strip as wide as the baseline makes it, and rectified frames in
-// which matching points share a row and lie f B / Z apart.
+// The synthetic stereo scene against the library's lens model and rectification: surface points seen where
+// the lens model puts them, an occlusion strip as wide as the baseline makes it, rectified frames in which
+// matching points share a row and lie f B / Z apart.
 #include <gtest/gtest.h>
 
 #include "support/scene.h"
@@ -13,8 +12,8 @@ using namespace vq_tl_test;
 
 namespace {
 
-// Both frames at the working size of a 4000 by 3000 main camera, 1080 by
-// 810: the default scene, and one whose baseline lies along x.
+// Both frames at the working size of a 4000 by 3000 main camera, 1080 by 810: the default scene, and one
+// whose baseline lies along x.
 const Scene& workingScene(bool alongX = false) {
     static std::unique_ptr<Scene> scenes[2];
     if (!scenes[alongX]) {
@@ -37,11 +36,9 @@ Mvec8Real matrix(const double* m) {
 }  // namespace
 
 TEST(Scene, SurfacePointsLandWhereTheLensModelPutsThem) {
-    // A point of each surface, projected into both frames by the library's
-    // lens model: the scene's ray through that position meets the point, and
-    // the main view's truth at the nearest pixel holds its surface and depth
-    // (z, not range: the background is at 3.5 m everywhere) within what half
-    // a pixel changes on a slanted surface.
+    // A point of each surface, projected into both frames by the library's lens model: the scene's ray there
+    // meets the point, and the main view's truth at the nearest pixel holds its surface and depth (z, not
+    // range: the background is at 3.5 m everywhere) within what half a pixel changes on a slope.
     const Scene& s = workingScene();
     const struct {
         double p[3];
@@ -73,10 +70,9 @@ TEST(Scene, SurfacePointsLandWhereTheLensModelPutsThem) {
 }
 
 TEST(Scene, OcclusionStripLeftOfTheBoxHasTheBaselinesWidth) {
-    // The sub camera, 10 mm to the right, sees the box moved further left
-    // than the background behind it: main pixels left of the box edge are
-    // hidden from it over f B (1 / 0.8 m - 1 / 3.5 m) = 810 * 10 * 0.000964
-    // = 7.8 pixels (f in pixels, B and Z in metres). Nothing right of the box's front face is hidden.
+    // The sub camera, 10 mm to the right, sees the box moved further left than the background behind it: main
+    // pixels left of the box edge are hidden from it over f B (1 / 0.8 m - 1 / 3.5 m) = 810 * 10 * 0.000964 =
+    // 7.8 pixels (f in pixels, B and Z in metres). Nothing right of the box's front face is hidden.
     const Scene& s = workingScene();
     for (const double v : {330.0, 400.0, 470.0}) {
         int32_t edge = 0, run = 0, right = 0;
@@ -89,38 +85,31 @@ TEST(Scene, OcclusionStripLeftOfTheBoxHasTheBaselinesWidth) {
 }
 
 TEST(Scene, RectifiedPairSharesRowsAndDisparityFollowsDepth) {
-    // The pair rectified as the depth stage does it, at 1080 by 810 with
-    // cells of 32: from a row's stereo extrinsics, given either way round (a
-    // row with extrinsicsForward 0 is inverted and negated first), and from
-    // its per-camera rotations. Rectified main blocks on textured surfaces
-    // clear of edges are found in the rectified sub frame on the same row and
-    // at the disparity f B / Z of their depth, both within 0.3 pixels. With
-    // the stereo extrinsics the baseline is along x: the library turns the
-    // pair onto the baseline the other way round, so that vertical and depth
-    // components of the baseline part the rows (0.85 rows at 0.8 m for the
-    // default 0.3 and -0.25 mm).
-    const struct {
-        bool alongX, reversed, perCamera;
-    } cases[] = {{true, false, false}, {true, true, false}, {false, false, true}};
+    // The pair rectified as the depth stage does it, at 1080 by 810 with cells of 32: from a row's stereo
+    // extrinsics, and from its per-camera rotations. Rectified main blocks on textured surfaces clear of
+    // edges are found in the rectified sub frame on the same row and at the disparity f B / Z of their depth,
+    // both within 0.3 pixels. With the stereo extrinsics the baseline is along x: the library turns the pair
+    // onto the baseline the other way round, so that vertical and depth parts of the baseline part the rows
+    // (0.85 rows at 0.8 m for the default 0.3 and -0.25 mm).
+    const struct { bool alongX, perCamera; } cases[] = {{true, false}, {false, true}};
     constexpr int32_t kW = 1080, kH = 810, kHalf = 10, kSide = 2 * kHalf + 1;
     for (const auto& c : cases) {
         const Scene& s = workingScene(c.alongX);
         const Layout layout = Layout::of(s.config.format);
         TwinLensCameraParam row;
-        s.cameraParam(&row, c.reversed, c.perCamera);
+        s.cameraParam(&row, false, c.perCamera);
         const SceneCamera* k[2] = {&s.mainCalib, &s.subCalib};
         RectifyLensDist lens[2] = {k[0]->lens, k[1]->lens};
         Mvec8Real r[2] = {matrix(row.mainRectRotation), matrix(row.subRectRotation)},
                   n[2] = {matrix(row.mainRectCameraMatrix), matrix(row.subRectCameraMatrix)},
                   rotation = matrix(row.stereoRotation);
-        const double sign = row.extrinsicsForward == 0 ? -1 : 1, *t = row.stereoTranslation;
-        const float translation[3] = {float(sign * t[0]), float(sign * t[1]), float(sign * t[2])};
-        if (row.extrinsicsForward == 0) Mvec8Real_inv(&rotation, &rotation);
+        const double* t = row.stereoTranslation;
+        const float translation[3] = {float(t[0]), float(t[1]), float(t[2])};
         const int32_t rectWidth = c.perCamera ? row.mainRectWidth : kW,
                       rectHeight = c.perCamera ? row.mainRectHeight : kH;
         Stereo st;
         if (!c.perCamera) {
-            ASSERT_EQ(StereoRectify_stereoRectify(&st.s, &r[0], &r[1], &n[0], &n[1], &k[0]->matrix,
+            ASSERT_EQ(StereoRectify_stereoRectify(&st, &r[0], &r[1], &n[0], &n[1], &k[0]->matrix,
                                                   &k[1]->matrix, &lens[0], &lens[1], &rotation, translation,
                                                   kW, kH, 4000, 3000, 2592, 1944, 8, 8),
                       TL_OK);
@@ -129,7 +118,7 @@ TEST(Scene, RectifiedPairSharesRowsAndDisparityFollowsDepth) {
         Picture rect[2] = {{kW, kH, s.config.format}, {kW, kH, s.config.format}};
         Renderer warp(1, 1);
         for (int i = 0; i < 2; ++i) {
-            ASSERT_EQ(StereoRectify_calcRectifyGridParams(&st.s, &grid[i].g, nullptr, &r[i], &n[i],
+            ASSERT_EQ(StereoRectify_calcRectifyGridParams(&st, &grid[i].g, nullptr, &r[i], &n[i],
                                                           &k[i]->matrix, &lens[i], kW, kH, kW, kH, rectWidth,
                                                           rectHeight, k[i]->width, k[i]->height),
                       TL_OK);
@@ -140,11 +129,10 @@ TEST(Scene, RectifiedPairSharesRowsAndDisparityFollowsDepth) {
         StereoRectify_fitCameraMatrix(&f, &n[0], kW, kH, rectWidth, rectHeight);
         double worstRow = 0, worstDisparity = 0;
         int32_t points = 0;
-        // Fewer points under emulation.
         const int32_t step = vq_tl_test_scaled(37, 111), across = (kW - 80) / step + 1;
         for (int32_t i = 0; i < across * ((kH - 80) / step + 1); ++i) {
-            // Main pixels whose surroundings, as far as the search reaches, see
-            // one textured surface that the sub camera sees too.
+            // Main pixels whose surroundings within reach of the search see one textured surface, seen by
+            // both.
             const int32_t x = 40 + step * (i % across), y = 40 + step * (i / across);
             double m[2];
             bool usable =
@@ -157,8 +145,8 @@ TEST(Scene, RectifiedPairSharesRowsAndDisparityFollowsDepth) {
             const SceneHit hit = s.castPixel(0, m[0], m[1]);
             const double disparity =
                 f.m[0] * s.baseline / (r[0].m[6] * hit.p[0] + r[0].m[7] * hit.p[1] + r[0].m[8] * hit.p[2]);
-            // Gauss-Newton from the predicted offset on the bilinear sub frame,
-            // with the main block's gradients.
+            // Gauss-Newton from the predicted offset on the bilinear sub frame, with the main block's
+            // gradients.
             double sx = -disparity, sy = 0;
             for (int iteration = 0; iteration < 8; ++iteration) {
                 double h[3] = {0, 0, 0}, g[2] = {0, 0};
@@ -178,8 +166,8 @@ TEST(Scene, RectifiedPairSharesRowsAndDisparityFollowsDepth) {
             worstDisparity = std::fmax(worstDisparity, std::fabs(-sx - disparity));
             ++points;
         }
-        EXPECT_GT(points, vq_tl_test_scaled(150, 15)) << c.alongX << c.reversed;
-        EXPECT_LT(worstRow, 0.3) << c.alongX << c.reversed;
-        EXPECT_LT(worstDisparity, 0.3) << c.alongX << c.reversed;
+        EXPECT_GT(points, vq_tl_test_scaled(150, 15)) << c.alongX;
+        EXPECT_LT(worstRow, 0.3) << c.alongX;
+        EXPECT_LT(worstDisparity, 0.3) << c.alongX;
     }
 }

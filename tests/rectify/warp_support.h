@@ -6,10 +6,12 @@
 #include <functional>
 
 #include "alignment/mvec.h"
+#include "imageproc/image_stripes.h"
 #include "rectify/rectify_lens_dist.h"
 #include "rectify/renderer2.h"
 #include "rectify/stereo_rectify.h"
 #include "support/camera_model.h"
+#include "support/owned.h"
 #include "support/picture.h"
 
 namespace vq_tl_test {
@@ -49,23 +51,21 @@ inline bool gridAt(const vq_tl::Renderer2_Params& g, double rx, double ry, doubl
     return true;
 }
 
+// A renderer running its cells on `layer`'s Pel or executor; none: the calling thread.
 struct Renderer {
     vq_tl::Env env{};
     vq_tl::Renderer2 r;
-    explicit Renderer(int32_t mode = 0, int32_t boundaryCheck = 0) {
-        vq_tl::construct_Renderer2(&r, &env), vq_tl::Renderer2_initWithPel(&r, nullptr);
+    explicit Renderer(int32_t mode = 0, int32_t boundaryCheck = 0, vq_tl::ImageStripeExec layer = {}) {
+        vq_tl::construct_Renderer2(&r, &env);
+        layer.executor ? vq_tl::Renderer2_init(&r, layer.executor)
+                       : vq_tl::Renderer2_initWithPel(&r, layer.pel);
         vq_tl::Renderer2_setMode(&r, mode), vq_tl::Renderer2_setBoundaryCheck(&r, boundaryCheck);
     }
     ~Renderer() { vq_tl::destruct_Renderer2(&r); }
 };
 
-struct Stereo {
-    vq_tl::Env env{};
-    vq_tl::StereoRectify s;
-    explicit Stereo(vq_tl::Pel* pel = nullptr) {
-        vq_tl::construct_StereoRectify(&s, &env), vq_tl::StereoRectify_setPel(&s, pel);
-    }
-    ~Stereo() { vq_tl::destruct_StereoRectify(&s); }
+struct Stereo : Owned<vq_tl::StereoRectify, vq_tl::construct_StereoRectify, vq_tl::destruct_StereoRectify> {
+    explicit Stereo(vq_tl::Pel* pel = nullptr) { vq_tl::StereoRectify_setPel(this, pel); }
 };
 
 inline TLResult render(Renderer& r, Picture& dst, const Picture& src, const Grid& grid) {
@@ -103,32 +103,24 @@ struct Layout {
 
 // Smooth pictures: luma changes by at most 2.7 levels per pixel, so groups placing samples up to an eighth of
 // a pixel short (phase and lane offset truncated to sixteenths) stay within one level.
-inline double smoothLuma(double x, double y) {
-    return 128.0 + 24.0 * std::sin(0.09 * x + 0.04 * y) + 18.0 * std::cos(0.06 * y - 0.03 * x);
-}
-inline double smoothChroma(int component, double cx, double cy) {
-    return component == 0 ? 128.0 + 50.0 * std::sin(0.035 * cx + 0.02 * cy)
-                          : 120.0 + 45.0 * std::cos(0.03 * cy - 0.025 * cx);
-}
-
 inline void fillSmooth(Picture& p, const Layout& l, int32_t w, int32_t h) {
-    for (int32_t i = 0; i < w * h; ++i)
-        l.luma(p, i % w, i / w) = static_cast<uint8_t>(std::lround(smoothLuma(i % w, i / w)));
+    for (int32_t i = 0; i < w * h; ++i) {
+        const double x = i % w, y = i / w;
+        l.luma(p, i % w, i / w) = static_cast<uint8_t>(
+            std::lround(128 + 24 * std::sin(0.09 * x + 0.04 * y) + 18 * std::cos(0.06 * y - 0.03 * x)));
+    }
     const int32_t cw = l.chromaWidth(w);
-    for (int32_t i = 0; l.hasChroma && i < 2 * cw * l.chromaHeight(h); ++i)
+    for (int32_t i = 0; l.hasChroma && i < 2 * cw * l.chromaHeight(h); ++i) {
+        const double x = i / 2 % cw, y = i / 2 / cw;
         l.chroma(p, i % 2, i / 2 % cw, i / 2 / cw) =
-            static_cast<uint8_t>(std::lround(smoothChroma(i % 2, i / 2 % cw, i / 2 / cw)));
+            static_cast<uint8_t>(std::lround(i % 2 == 0 ? 128 + 50 * std::sin(0.035 * x + 0.02 * y)
+                                                        : 120 + 45 * std::cos(0.03 * y - 0.025 * x)));
+    }
 }
 
-// Bilinear luma of p at (sx, sy), real weights, edges repeated: the warp done per pixel in real arithmetic.
+// Bilinear luma of p at (sx, sy): the warp done per pixel in real arithmetic.
 inline double referenceLuma(const Picture& p, const Layout& l, int32_t w, int32_t h, double sx, double sy) {
-    const double fx = std::floor(sx), fy = std::floor(sy), ax = sx - fx, ay = sy - fy;
-    auto at = [&](double x, double y) {
-        return static_cast<double>(l.luma(p, static_cast<int32_t>(std::fmin(std::fmax(x, 0.0), w - 1.0)),
-                                          static_cast<int32_t>(std::fmin(std::fmax(y, 0.0), h - 1.0))));
-    };
-    return (at(fx, fy) * (1 - ax) + at(fx + 1, fy) * ax) * (1 - ay) +
-           (at(fx, fy + 1) * (1 - ax) + at(fx + 1, fy + 1) * ax) * ay;
+    return bilinear([&](int32_t x, int32_t y) { return l.luma(p, x, y); }, w, h, sx, sy);
 }
 
 }  // namespace vq_tl_test

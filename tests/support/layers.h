@@ -15,8 +15,7 @@ struct Layers {
     vq_tl::ParallelExecutor overPel;   // over `pel`, 16 places: four bands and the remainder
     vq_tl::ParallelExecutor pool;      // a pool of its own: two threads, the caller waits
     vq_tl::ParallelExecutor twoBands;  // one pool thread and a working caller
-    static constexpr int kCount = 5;
-    const char* names[kCount] = {"pel", "balanced pel", "executor over pel", "pool executor", "two bands"};
+    static constexpr int kCount = 5;   // the order of exec()
 
     Layers() {
         using namespace vq_tl;

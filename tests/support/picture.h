@@ -2,6 +2,7 @@
 // canary tail, so that writes outside the pixels are seen, and pitches are wider than the rows.
 #pragma once
 
+#include <cmath>
 #include <cstring>
 #include <random>
 #include <vector>
@@ -111,6 +112,18 @@ inline double elementOf(const vq_tl::Image& v, int32_t i, int32_t y) {
         case vq_tl::IMAGE_FORMAT_FLOAT: return load(float{});
         default: return row[i];
     }
+}
+
+// Bilinear sample of at(x, y) over a w by h grid at (sx, sy), real weights, edges repeated.
+template <typename At>
+double bilinear(At at, int32_t w, int32_t h, double sx, double sy) {
+    const double fx = std::floor(sx), fy = std::floor(sy), ax = sx - fx, ay = sy - fy;
+    auto v = [&](double x, double y) {
+        return static_cast<double>(at(static_cast<int32_t>(std::fmin(std::fmax(x, 0.0), w - 1.0)),
+                                      static_cast<int32_t>(std::fmin(std::fmax(y, 0.0), h - 1.0))));
+    };
+    return (v(fx, fy) * (1 - ax) + v(fx + 1, fy) * ax) * (1 - ay) +
+           (v(fx, fy + 1) * (1 - ax) + v(fx + 1, fy + 1) * ax) * ay;
 }
 
 }  // namespace vq_tl_test

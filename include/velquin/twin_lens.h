@@ -140,6 +140,84 @@ VELQUIN_TL_API TLResult velquin_TwinLens_getEstimateStatus(TwinLensHandle* handl
 
 /* ---- Run-time settings ---- */
 
+/* The settings below run on the caller's thread, take no lock and leave the
+ * work to the next frame offered: a frame already in progress keeps the
+ * calibration row it started with. Each answers TL_ERROR_PARAM for a null handle (or
+ * a finalized one) and TL_ERROR_STATE for a session that is not ready, then
+ * checks its own arguments (TL_ERROR_PARAM); a refused call changes
+ * nothing. */
+
+/* The focus point, as fractions of the frame: (0, 0) the top left pixel,
+ * (1, 1) the bottom right; both in [0, 1], NaN refused. Blurred pictures
+ * keep this point sharp, and the estimate status looks at a window round it
+ * from the next estimate on. The point is checked before the session's
+ * state. Starts at (0.5, 0.5). */
+VELQUIN_TL_API TLResult velquin_TwinLens_setFocusCoord(TwinLensHandle* handle, double x, double y);
+
+/* Puts in force the calibration row whose focusPosition lies nearest to
+ * position, for the lens position the camera has moved to; of rows equally
+ * near, the first. A position that is not finite is refused. Choosing the
+ * row already in force changes nothing; another row is used from the next
+ * frame, which rebuilds its rectification for it. */
+VELQUIN_TL_API TLResult velquin_TwinLens_setFocusPos(TwinLensHandle* handle, double position);
+
+/* The depths the matcher can tell apart with the calibration of the last
+ * frame, in the calibration's unit (metres by convention): *farthest at one
+ * working pixel of disparity, *nearest at the top of the disparity range.
+ * Both 0 before the first frame. TL_ERROR_PARAM for a null pointer. */
+VELQUIN_TL_API TLResult velquin_TwinLens_getValidDepthRange(TwinLensHandle* handle, float* nearest,
+                                                            float* farthest);
+
+/* Replaces the main and the sub camera matrix of the row in force with
+ * those of *param (mainCameraMatrix, subCameraMatrix; nothing else of it is
+ * read), for instance after the focal length moved with the focus. The
+ * matrices are held to the rules of initialize (positive focal lengths, no
+ * skew, last row (0, 0, 1), all finite); TL_ERROR_PARAM for a null param or
+ * a row that would break them. The lens inverse fitted at initialize stays.
+ * The next frame rebuilds its rectification. */
+VELQUIN_TL_API TLResult velquin_TwinLens_setCameraMatrix(TwinLensHandle* handle,
+                                                         const TwinLensCameraParam* param);
+
+/* Replaces the four calibration sizes of the row in force (mainCalibWidth,
+ * mainCalibHeight, subCalibWidth, subCalibHeight of *param; nothing else of
+ * it is read): the image sizes, in pixels, the camera matrices refer to.
+ * Each at least 1; TL_ERROR_PARAM for a null param or a row that would break
+ * the rules of initialize. The next frame rebuilds its rectification. */
+VELQUIN_TL_API TLResult velquin_TwinLens_setCalibSize(TwinLensHandle* handle,
+                                                      const TwinLensCameraParam* param);
+
+/* The radial lowering of disparity in the fine matching mode: disparity
+ * keeps its value out to radius low and falls linearly to rate times its
+ * value at radius high, radii as fractions of the half diagonal from the
+ * frame's centre. 0 <= low <= high <= 1 and 0 <= rate <= 1 (NaN refused);
+ * rate 0 turns the lowering off, which is the start. From the next frame. */
+VELQUIN_TL_API TLResult velquin_TwinLens_setLowerDispByMulParams(TwinLensHandle* handle, float low,
+                                                                 float high, float rate);
+
+/* Copies out the calibration row in force, as the session holds it: with
+ * the changes of setCameraMatrix and setCalibSize and the lens inverse
+ * fitted at initialize. TL_ERROR_PARAM for a null param. */
+VELQUIN_TL_API TLResult velquin_TwinLens_getCurrentCameraParam(TwinLensHandle* handle,
+                                                               TwinLensCameraParam* param);
+
+/* Asynchronous sessions with asyncMode 1 match only every rate-th frame and
+ * refine the last match under the frames between; 1 matches every frame.
+ * At least 1; starts at 2. Other sessions match every frame whatever the
+ * rate. From the next frame. */
+VELQUIN_TL_API TLResult velquin_TwinLens_setRefineOnlyRate(TwinLensHandle* handle, int32_t rate);
+
+/* Bounds of the slope that the residual tilt correction may give the
+ * disparity across the frame, in working pixels of disparity per pixel of
+ * width: upper at least lower (equal values pass and fix the slope; NaN
+ * refused). Both start at 0, which holds that slope at 0. From the next
+ * estimate. */
+VELQUIN_TL_API TLResult velquin_TwinLens_setCorrectDispParams(TwinLensHandle* handle, double upper,
+                                                              double lower);
+
+/* Kept for compatibility; does nothing and always answers
+ * TL_ERROR_UNSUPPORTED, whatever its arguments. */
+VELQUIN_TL_API TLResult velquin_TwinLens_setIONInfo(TwinLensHandle* handle, const void* info);
+
 /* ---- Blurred picture and background ---- */
 
 /* Renders src, a picture of the session's main size and format (normally the

@@ -53,7 +53,8 @@ TLResult rangeStripe(void* arg, int32_t index, int32_t count) {
     int32_t first, last;
     ImageStripe_rows(j.src->height, index, count, &first, &last);
     const int32_t w = j.src->width;
-    // An empty stripe (maps under 4 rows) reports a range that the fold ignores.
+    // An empty stripe (5 rows give stripes of 2, 2, 1 and 0) reports a range
+    // that the fold ignores.
     uint8_t lo = 255, hi = 0;
     if (first < last && w > 0) lo = hi = rowOf(j.src, first)[0];
     for (int32_t y = first; y < last; ++y) {
@@ -426,6 +427,7 @@ float Cocmap_buildDepthTableMagnitude(Cocmap* self, const float* table, int32_t 
     const float sigma = self->maxSigma;
     const double f = focus;
     float largest = 0.0f;
+    // No dead zone on this scale: only the focus plane itself maps to 255.
     for (int32_t c = low; c <= high; ++c) {
         const float d = table[c];
         const float e = d - focus;

@@ -42,31 +42,6 @@ double rowZeroBaseline(const TwinLensSession* s) {
 
 // ---- Foreground mask ---------------------------------------------------------------
 
-// Two-class split of a level histogram (Otsu): the first level of the upper
-// class, or 0 when no split leaves both classes occupied.
-int32_t otsuSplit(const uint32_t* histogram) {
-    double total = 0.0, totalSum = 0.0;
-    for (int32_t i = 0; i < kDisparityLevels; ++i) {
-        total += histogram[i];
-        totalSum += static_cast<double>(i) * histogram[i];
-    }
-    double below = 0.0, belowSum = 0.0, best = -1.0;
-    int32_t split = 0;
-    for (int32_t i = 0; i + 1 < kDisparityLevels; ++i) {
-        below += histogram[i];
-        belowSum += static_cast<double>(i) * histogram[i];
-        const double above = total - below;
-        if (below == 0.0 || above == 0.0) continue;
-        const double diff = belowSum / below - (totalSum - belowSum) / above;
-        const double criterion = diff * diff * below * above;
-        if (criterion > best) {
-            best = criterion;
-            split = i + 1;
-        }
-    }
-    return split;
-}
-
 }  // namespace
 
 // Levels grow with disparity, so the upper class of the split is the near
@@ -82,7 +57,7 @@ TLResult TwinLens_updateForegroundMask(TwinLensSession* s, int32_t slot) {
         const uint8_t* row = map->plane[0] + static_cast<ptrdiff_t>(map->pitch[0]) * y;
         for (int32_t x = 0; x < map->width; ++x) ++histogram[row[x]];
     }
-    const int32_t split = otsuSplit(histogram);
+    const int32_t split = Cocmap_getOtsuThreshold(histogram);
     float alpha[kDisparityLevels];
     for (int32_t level = 0; level < kDisparityLevels; ++level) {
         const float a =

@@ -1,9 +1,12 @@
 // Frames of any shape offered to live sessions, one per pixel format,
-// synchronous and asynchronous, opened on first use and kept for the process.
-// Input: per call (at most kCalls) an op byte and two FrameHeaders, main then sub.
+// synchronous and asynchronous, opened on first use and kept for the process,
+// and run-time settings with any arguments between the frames.
+// Input: per call (at most kCalls) an op byte and two FrameHeaders, main then
+// sub; or, for an op of 12 to 15 modulo 16, an op byte and a SettingCall.
 #include <sanitizer/asan_interface.h>
 
 #include <atomic>
+#include <cmath>
 
 #include "fuzz/fuzz_input.h"
 #include "support/session_params.h"
@@ -14,21 +17,25 @@ namespace {
 constexpr int32_t kWidth = 320, kHeight = 240;  // the smallest frames a session takes: fast inputs
 constexpr int64_t kArena = int64_t{1} << 20;    // bytes one plane may span
 constexpr int kCalls = 4;
+constexpr int kRows = 3;  // calibration rows at lens positions 0, 1, 2; the middle one in force at first
 const char* const kFormats[3] = {"YUV420_PLANAR", "YUV420_SEMIPLANAR", "YVU420_SEMIPLANAR"};
 
 struct Live {
     TwinLensHandle handle{nullptr};
     std::atomic<int32_t> done{-1};  // the last sequence reported complete
+    bool changed = false;           // a setting was accepted since the last restore
 };
 
 // Sessions 0-2 synchronous, 3-5 asynchronous, in the order of kFormats; never
 // destroyed, as the workers run until the process ends.
+Live* const gLive = new Live[6];
+
 Live& session(int index) {
-    static Live* const live = new Live[6];
-    Live& l = live[index];
+    Live& l = gLive[index];
     if (l.handle.session != nullptr) return l;
     auto p = vq_tl_test::makeParams(kWidth, kHeight, kWidth / 2, kHeight / 2);
     p->format = kFormats[index % 3];
+    p->cameraParamCount = kRows;
     p->asyncMode = index / 3;
     p->callbackUserData = &l;
     p->completionCallback = [](void* user, uint32_t sequence, int32_t) -> int32_t {
@@ -86,14 +93,174 @@ bool makeFrame(const FrameHeader& h, int frame, bool planar, bool tight, TwinLen
     return true;
 }
 
+// One setting, in place of the two frame headers.
+struct SettingCall {
+    uint8_t session;     // modulo 6
+    uint8_t setter;      // modulo 13: the settings in the order of the header, then blurEx
+    uint8_t flags;       // 1: null handle; 2: null pointer argument
+    uint8_t element[2];  // camera matrix element set to a (main) and b (sub), modulo 9
+    uint8_t unused[3];
+    double a,
+        b;  // focus point, lens position, matrix elements, slope bounds, strength; as float the radii, sigma
+    int32_t sizes[4];  // calibration sizes; sizes[0] the refine-only rate and the coarse level
+    float rate;        // of the radial lowering
+    uint8_t tail[4];
+};
+static_assert(sizeof(SettingCall) == 2 * sizeof(FrameHeader));
+
+bool unit(double v) { return v >= 0.0 && v <= 1.0; }
+
+// The call, its result against the header's promises, and the row in force
+// afterwards: the request where a matrix or size change was taken, the
+// nearest row after a lens position, else the row as it was.
+void applySetting(const SettingCall& c) {
+    Live& l = session(c.session % 6);
+    TwinLensHandle* h = (c.flags & 1) != 0 ? nullptr : &l.handle;
+    const bool nullArg = (c.flags & 2) != 0;
+    TwinLensCameraParam before, request, after;
+    VQ_FUZZ_CHECK(velquin_TwinLens_getCurrentCameraParam(&l.handle, &before) == TL_OK);
+    request = before;
+    const int setter = c.setter % 13;
+    TLResult r, want = TL_OK;
+    float nearest = -1, farthest = -1;
+    switch (setter) {
+        case 0:
+            r = velquin_TwinLens_setFocusCoord(h, c.a, c.b);
+            want = unit(c.a) && unit(c.b) ? TL_OK : TL_ERROR_PARAM;
+            break;
+        case 1:
+            r = velquin_TwinLens_setFocusPos(h, c.a);
+            want = std::isfinite(c.a) ? TL_OK : TL_ERROR_PARAM;
+            break;
+        case 2:
+            r = velquin_TwinLens_getValidDepthRange(h, &nearest, nullArg ? nullptr : &farthest);
+            want = nullArg ? TL_ERROR_PARAM : TL_OK;
+            VQ_FUZZ_CHECK(r != TL_OK || (nearest >= 0 && nearest <= farthest));
+            break;
+        case 3:
+            // Accepted or not by the rules of initialize, which this harness does not repeat.
+            request.mainCameraMatrix[c.element[0] % 9] = c.a;
+            request.subCameraMatrix[c.element[1] % 9] = c.b;
+            r = velquin_TwinLens_setCameraMatrix(h, nullArg ? nullptr : &request);
+            want = nullArg ? TL_ERROR_PARAM : r == TL_OK ? TL_OK : TL_ERROR_PARAM;
+            break;
+        case 4:
+            request.mainCalibWidth = c.sizes[0], request.mainCalibHeight = c.sizes[1];
+            request.subCalibWidth = c.sizes[2], request.subCalibHeight = c.sizes[3];
+            r = velquin_TwinLens_setCalibSize(h, nullArg ? nullptr : &request);
+            want = nullArg || c.sizes[0] < 1 || c.sizes[1] < 1 || c.sizes[2] < 1 || c.sizes[3] < 1
+                       ? TL_ERROR_PARAM
+                       : TL_OK;
+            break;
+        case 5: {
+            const float low = float(c.a), high = float(c.b);
+            r = velquin_TwinLens_setLowerDispByMulParams(h, low, high, c.rate);
+            const bool valid = low >= 0 && low <= high && high <= 1 && c.rate >= 0 && c.rate <= 1;
+            want = valid ? TL_OK : TL_ERROR_PARAM;
+            break;
+        }
+        case 6:
+            r = velquin_TwinLens_getCurrentCameraParam(h, nullArg ? nullptr : &after);
+            want = nullArg ? TL_ERROR_PARAM : TL_OK;
+            break;
+        case 7:
+            r = velquin_TwinLens_setRefineOnlyRate(h, c.sizes[0]);
+            want = c.sizes[0] >= 1 ? TL_OK : TL_ERROR_PARAM;
+            break;
+        case 8:
+            r = velquin_TwinLens_setCorrectDispParams(h, c.a, c.b);
+            want = c.a >= c.b ? TL_OK : TL_ERROR_PARAM;
+            break;
+        case 9:
+            r = velquin_TwinLens_setMaxSigma(h, float(c.a));
+            want = float(c.a) >= 0 ? TL_OK : TL_ERROR_PARAM;
+            break;
+        case 10:
+            r = velquin_TwinLens_setCoarseBokehLevel(h, uint32_t(c.sizes[0]));
+            want = uint32_t(c.sizes[0]) <= 40 ? TL_OK : TL_ERROR_PARAM;
+            break;
+        case 11: {
+            // The pitched blur takes any strength; the picture is the arena's
+            // bytes, whatever they hold, in the session's layout.
+            const bool planar = c.session % 3 == 0;
+            uint8_t* in = gArenas[0];
+            uint8_t* out = gArenas[1];
+            const int32_t luma = kWidth * kHeight;
+            const TwinLensImageEx src = {kWidth,
+                                         kHeight,
+                                         in,
+                                         in + luma,
+                                         planar ? in + luma * 5 / 4 : nullptr,
+                                         kWidth,
+                                         planar ? kWidth / 2 : kWidth,
+                                         kWidth / 2};
+            const TwinLensImageEx dst = {kWidth,
+                                         kHeight,
+                                         out,
+                                         out + luma,
+                                         planar ? out + luma * 5 / 4 : nullptr,
+                                         kWidth,
+                                         planar ? kWidth / 2 : kWidth,
+                                         kWidth / 2};
+            ASAN_UNPOISON_MEMORY_REGION(in, luma * 3 / 2);
+            ASAN_UNPOISON_MEMORY_REGION(out, luma * 3 / 2);
+            r = velquin_TwinLens_blurEx(h, nullArg ? nullptr : &dst, &src, c.a);
+            ASAN_POISON_MEMORY_REGION(in, luma * 3 / 2);
+            ASAN_POISON_MEMORY_REGION(out, luma * 3 / 2);
+            want = nullArg ? TL_ERROR_PARAM : TL_OK;
+            break;
+        }
+        default: VQ_FUZZ_CHECK(velquin_TwinLens_setIONInfo(h, &c) == TL_ERROR_UNSUPPORTED); return;
+    }
+    VQ_FUZZ_CHECK(r == (h == nullptr ? TL_ERROR_PARAM : want));
+    l.changed |= r == TL_OK;
+    VQ_FUZZ_CHECK(velquin_TwinLens_getCurrentCameraParam(&l.handle, &after) == TL_OK);
+    if (r == TL_OK && (setter == 3 || setter == 4)) {
+        VQ_FUZZ_CHECK(std::memcmp(&after, &request, sizeof after) == 0);
+    } else if (r == TL_OK && setter == 1) {
+        const double d = std::fabs(c.a - after.focusPosition);
+        for (int k = 0; k < kRows; ++k)
+            VQ_FUZZ_CHECK(d < std::fabs(c.a - k) || (d == std::fabs(c.a - k) && after.focusPosition <= k));
+    } else {
+        VQ_FUZZ_CHECK(std::memcmp(&after, &before, sizeof after) == 0);
+    }
+}
+
+// The settings of a new session again, so that an input does not depend on
+// the inputs before it; the next frame rebuilds from the first rows.
+void restoreSettings(Live& l) {
+    const auto p = vq_tl_test::makeParams();
+    TwinLensHandle* h = &l.handle;
+    for (int row = 0; row < kRows; ++row) {
+        VQ_FUZZ_CHECK(velquin_TwinLens_setFocusPos(h, row) == TL_OK);
+        VQ_FUZZ_CHECK(velquin_TwinLens_setCalibSize(h, &p->cameraParams[row]) == TL_OK);
+        VQ_FUZZ_CHECK(velquin_TwinLens_setCameraMatrix(h, &p->cameraParams[row]) == TL_OK);
+    }
+    VQ_FUZZ_CHECK(velquin_TwinLens_setFocusPos(h, (kRows - 1) / 2) == TL_OK);
+    VQ_FUZZ_CHECK(velquin_TwinLens_setFocusCoord(h, 0.5, 0.5) == TL_OK);
+    VQ_FUZZ_CHECK(velquin_TwinLens_setLowerDispByMulParams(h, 0, 0, 0) == TL_OK);
+    VQ_FUZZ_CHECK(velquin_TwinLens_setRefineOnlyRate(h, 2) == TL_OK);
+    VQ_FUZZ_CHECK(velquin_TwinLens_setCorrectDispParams(h, 0, 0) == TL_OK);
+    VQ_FUZZ_CHECK(velquin_TwinLens_setMaxSigma(h, 15.0f) == TL_OK);
+    VQ_FUZZ_CHECK(velquin_TwinLens_setCoarseBokehLevel(h, 40) == TL_OK);
+    l.changed = false;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     vq_tl_test::FuzzInput in{data, size};
+    for (int i = 0; i < 6; ++i) {
+        if (gLive[i].changed) restoreSettings(gLive[i]);
+    }
     for (int call = 0; call < kCalls && in.size > 0; ++call) {
-        // op modulo 16, then 6: the session; 0x10: null sequenceOut (synchronous only);
-        // 0x20, 0x40: null main, sub record; 0x80: processEx.
+        // op modulo 16: 12 to 15 a setting; else, modulo 6, the session; 0x10: null
+        // sequenceOut (synchronous only); 0x20, 0x40: null main, sub record; 0x80: processEx.
         const auto op = in.take<uint8_t>();
+        if ((op & 15) >= 12) {
+            applySetting(in.take<SettingCall>());
+            continue;
+        }
         const auto mainHeader = in.take<FrameHeader>(), subHeader = in.take<FrameHeader>();
         const int index = (op & 15) % 6;
         const bool async = index >= 3, planar = index % 3 == 0, ex = (op & 0x80) != 0;

@@ -12,10 +12,9 @@
 #include <mutex>
 #include <thread>
 
-#include "interface/twin_lens_session.h"
-#include "runtime/fenced_word.h"
-#include "runtime/memory.h"
 #include "interface/live_shot.h"
+#include "interface/twin_lens_session.h"
+#include "runtime/memory.h"
 
 using namespace vq_tl_test;
 
@@ -98,12 +97,12 @@ TEST(DepthOutput, SameBytesWhateverTheFrameHandlingAndWorkers) {
     }
 }
 
-// asyncMode 1 matches frames 0, 2, 4 and only refines in between. A new row
-// before frame 1 (written as a setter would: the row, then the mark) rebuilds
-// the grids there, but frame 1 refines frame 0's map under the same main
-// image: the same picture. Frame 2 matches with the new grids: the sub
-// camera's principal point moved by 2 working pixels' worth takes 2 pixels
-// from every disparity, and the near limit goes from f B / d to f B / (d - 2).
+// asyncMode 1 matches frames 0, 2, 4 and only refines in between. New camera
+// matrices before frame 1 rebuild the grids there, but frame 1 refines frame
+// 0's map under the same main image: the same picture. Frame 2 matches with
+// the new grids: the sub camera's principal point moved by 2 working pixels'
+// worth takes 2 pixels from every disparity, and the near limit goes from
+// f B / d to f B / (d - 2).
 TEST(DepthOutput, CalibrationChangesTakeEffectAtTheNextEstimate) {
     Completions done;
     OpenSession session(shotParams(1, &done).get());
@@ -111,9 +110,10 @@ TEST(DepthOutput, CalibrationChangesTakeEffectAtTheNextEstimate) {
     const Depth before = readDepth(&session.handle);
     TwinLensSession* s = session.s();
     const double fb = double{s->estimator.focalLength} * s->estimator.baseline;
-    s->cameraParams[0].subCameraMatrix[2] -=
-        2.0 * s->cameraParams[0].subCameraMatrix[0] / s->estimator.focalLength;
-    vq_tl::FencedWord_store(&s->cameraDirty, 1);
+    TwinLensCameraParam row;
+    ASSERT_EQ(velquin_TwinLens_getCurrentCameraParam(&session.handle, &row), TL_OK);
+    row.subCameraMatrix[2] -= 2.0 * row.subCameraMatrix[0] / s->estimator.focalLength;
+    ASSERT_EQ(velquin_TwinLens_setCameraMatrix(&session.handle, &row), TL_OK);
     ASSERT_EQ(offerShot(session, &done, 2), TL_OK);
     EXPECT_TRUE(readDepth(&session.handle) == before) << "the refine-only frame";
     ASSERT_EQ(offerShot(session, &done, 3), TL_OK);

@@ -132,8 +132,15 @@ bool Session::shot(const Frame& main, const Frame& sub, const ShotOptions& optio
     Stopwatch watch;
     TLResult r = velquin_TwinLens_process(&handle_, &mainImage, &subImage, nullptr);
     result->times.push_back({"process", watch.ms()});
+    if (r == TL_ERROR_UNSUPPORTED || r == TL_ERROR_MEMORY) {
+        return fail(problem, kExitFailed, "",
+                    "processing failed: " + resultName(r) +
+                        (r == TL_ERROR_MEMORY ? " (out of memory)"
+                                              : " (this build lacks a step of the chosen mode)"));
+    }
     if (r != TL_OK) {
-        // A calibration far from the pair's geometry leaves no rectification to match in.
+        // Else the frames were refused or the grids could not be built: a
+        // calibration far from the pair's geometry leaves nothing to match.
         return fail(problem, kExitCalibration, s.calibrationName,
                     "the pair cannot be rectified and matched with this calibration (" + resultName(r) + ")");
     }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "io.h"
@@ -23,9 +24,13 @@ bool parseLengthUnit(const std::string& name, LengthUnit* unit) {
 
 namespace {
 
+// The shortest of 15 to 17 digits that reads back as the same double.
 std::string number(double v) {
     char text[32];
-    std::snprintf(text, sizeof text, "%.17g", v);
+    for (int digits = 15; digits <= 17; ++digits) {
+        std::snprintf(text, sizeof text, "%.*g", digits, v);
+        if (std::strtod(text, nullptr) == v) break;
+    }
     return text;
 }
 

@@ -29,7 +29,7 @@ std::vector<std::string> Args::values(const std::string& name) const {
     return found;
 }
 
-bool parseArgs(const std::vector<std::string>& words, const std::vector<OptionSpec>& specs, Args* args,
+bool parseArgs(const std::vector<std::string>& words, const std::vector<OptionRule>& rules, Args* args,
                Problem* problem) {
     bool operandsOnly = false;
     for (size_t i = 0; i < words.size(); ++i) {
@@ -45,15 +45,15 @@ bool parseArgs(const std::vector<std::string>& words, const std::vector<OptionSp
         if (word.compare(0, 2, "--") != 0) return fail(problem, kExitUsage, "", "unknown option " + word);
         const size_t equals = word.find('=');
         const std::string name = word.substr(2, equals == std::string::npos ? std::string::npos : equals - 2);
-        const OptionSpec* spec = nullptr;
-        for (const OptionSpec& s : specs) {
-            if (name == s.name) spec = &s;
+        const OptionRule* rule = nullptr;
+        for (const OptionRule& s : rules) {
+            if (name == s.name) rule = &s;
         }
-        if (spec == nullptr) return fail(problem, kExitUsage, "", "unknown option --" + name);
-        if (!spec->repeatable && args->has(name))
+        if (rule == nullptr) return fail(problem, kExitUsage, "", "unknown option --" + name);
+        if (!rule->repeatable && args->has(name))
             return fail(problem, kExitUsage, "", "--" + name + " is given twice");
         std::string value;
-        if (spec->takesValue) {
+        if (rule->takesValue) {
             if (equals != std::string::npos) {
                 value = word.substr(equals + 1);
             } else if (i + 1 < words.size()) {

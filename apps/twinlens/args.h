@@ -9,7 +9,7 @@
 
 namespace vq_tl::twinlens {
 
-struct OptionSpec {
+struct OptionRule {
     const char* name;  // without the dashes
     bool takesValue;
     bool repeatable = false;
@@ -26,7 +26,7 @@ struct Args {
 };
 
 // Problems are usage problems (kExitUsage).
-bool parseArgs(const std::vector<std::string>& words, const std::vector<OptionSpec>& specs, Args* args,
+bool parseArgs(const std::vector<std::string>& words, const std::vector<OptionRule>& rules, Args* args,
                Problem* problem);
 
 // Values, each with the option's name in its message.

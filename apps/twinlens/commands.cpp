@@ -9,7 +9,7 @@
 
 namespace vq_tl::twinlens {
 
-const std::vector<OptionSpec> kCommonOptions = {{"out", true},      {"mode", true},  {"threads", true},
+const std::vector<OptionRule> kCommonOptions = {{"out", true},      {"mode", true},  {"threads", true},
                                                 {"strength", true}, {"range", true}, {"json", false}};
 
 bool parseCommon(const Args& args, CommonOptions* c, Problem* problem) {

@@ -26,7 +26,7 @@ struct CommonOptions {
     ColourRange range;
     std::string out = "out";
 };
-extern const std::vector<OptionSpec> kCommonOptions;
+extern const std::vector<OptionRule> kCommonOptions;
 bool parseCommon(const Args& args, CommonOptions* common, Problem* problem);
 
 // The depth picture's size for a main frame: half of each side, at most

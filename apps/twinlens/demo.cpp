@@ -70,13 +70,13 @@ bool encodePicture(const Frame& frame, std::vector<uint8_t>* png) {
 }  // namespace
 
 int demoCommand(const std::vector<std::string>& words) {
-    std::vector<OptionSpec> specs = kCommonOptions;
-    specs.push_back({"size", true});
-    specs.push_back({"save-pair", false});
+    std::vector<OptionRule> rules = kCommonOptions;
+    rules.push_back({"size", true});
+    rules.push_back({"save-pair", false});
     Args args;
     CommonOptions common;
     Problem problem;
-    if (!parseArgs(words, specs, &args, &problem) || !parseCommon(args, &common, &problem))
+    if (!parseArgs(words, rules, &args, &problem) || !parseCommon(args, &common, &problem))
         return reportProblem("demo", problem, args.has("json"));
     if (!args.operands.empty())
         return reportProblem("demo", {kExitUsage, "", "demo takes no operand: \"" + args.operands[0] + "\""},

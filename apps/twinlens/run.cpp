@@ -38,10 +38,10 @@ struct PairSettings {
     double focusX = 0.5, focusY = 0.5;
 };
 
-std::vector<OptionSpec> pairOptions(bool single) {
-    std::vector<OptionSpec> s = kCommonOptions;
+std::vector<OptionRule> pairOptions(bool single) {
+    std::vector<OptionRule> s = kCommonOptions;
     if (single) s.push_back({"main", true}), s.push_back({"sub", true});
-    for (const OptionSpec& o : std::vector<OptionSpec>{{"calib", true, true},
+    for (const OptionRule& o : std::vector<OptionRule>{{"calib", true, true},
                                                        {"focus", true},
                                                        {"format", true},
                                                        {"size", true},
@@ -273,14 +273,14 @@ int runCommand(const std::vector<std::string>& words) {
 }
 
 int convertCommand(const std::vector<std::string>& words) {
-    const std::vector<OptionSpec> specs = {
+    const std::vector<OptionRule> rules = {
         {"calib", true, true}, {"calib-unit", true}, {"calib-main", true}, {"json", false}};
     Args args;
     PairSettings s;
     Calibration calibration;
     Problem problem;
     const bool json = std::find(words.begin(), words.end(), "--json") != words.end();
-    if (!parseArgs(words, specs, &args, &problem) || !parsePairSettings(args, &s, &problem) ||
+    if (!parseArgs(words, rules, &args, &problem) || !parsePairSettings(args, &s, &problem) ||
         !loadCalibration(s.calibrationFiles, s.calibrationOptions, &calibration, &problem))
         return reportProblem("convert", problem, json);
     if (!args.operands.empty())

@@ -436,6 +436,88 @@ TLResult linInitial(void* s, const MvecDetectMulti2_Mvec* m, int32_t i) {
 TLResult linClearBlock(void* s, int32_t i) { return MvecDetectMulti2_Lsm6_clearBlock(as<Linear>(s), i); }
 void linRelease(void* s) { destruct_MvecDetectMulti2_Lsm6(as<Linear>(s)); }
 
+using Rotation = MvecDetectMulti2_Lsm3Q;
+TLResult rotInit(void* s, int32_t w, int32_t h, int32_t n) {
+    return MvecDetectMulti2_Lsm3Q_init(as<Rotation>(s), w, h, n);
+}
+TLResult rotClear(void* s) { return MvecDetectMulti2_Lsm3Q_clear(as<Rotation>(s)); }
+TLResult rotAdd(void* s, int32_t i1, int32_t x1, int32_t y1, int32_t i2, int32_t x2, int32_t y2, int32_t w) {
+    return MvecDetectMulti2_Lsm3Q_addF32(as<Rotation>(s), i1, x1, y1, i2, x2, y2, w);
+}
+TLResult rotAdd3D(void* s, int32_t i1, const int32_t p1[3], int32_t i2, const int32_t p2[3], int32_t w) {
+    int32_t x1, y1, x2, y2;
+    if (p1 == nullptr || p2 == nullptr || !project3D(p1, &x1, &y1) || !project3D(p2, &x2, &y2))
+        return TL_ERROR_PARAM;
+    return MvecDetectMulti2_Lsm3Q_addF32(as<Rotation>(s), i1, x1, y1, i2, x2, y2, w);
+}
+TLResult rotSolve(void* s) { return MvecDetectMulti2_Lsm3Q_solve(as<Rotation>(s)); }
+uint32_t rotFailure(const void* s) { return MvecDetectMulti2_Lsm3Q_getFailureCode(as<Rotation>(s)); }
+TLResult rotOutput(void* s, MvecDetectMulti2_Mvec* m, int32_t i) {
+    return MvecDetectMulti2_Lsm3Q_outputMvec(as<Rotation>(s), m, i);
+}
+TLResult rotUpdate(void* s, int32_t i) { return MvecDetectMulti2_Lsm3Q_update(as<Rotation>(s), i); }
+TLResult rotInitial(void* s, const MvecDetectMulti2_Mvec* m, int32_t i) {
+    return MvecDetectMulti2_Lsm3Q_setInitialMvec(as<Rotation>(s), m, i);
+}
+TLResult rotFocal(void* s, double f) { return MvecDetectMulti2_Lsm3Q_setFocalLength(as<Rotation>(s), f); }
+TLResult rotClearBlock(void* s, int32_t i) { return MvecDetectMulti2_Lsm3Q_clearBlock(as<Rotation>(s), i); }
+void rotRelease(void* s) { destruct_MvecDetectMulti2_Lsm3Q(as<Rotation>(s)); }
+
+TLResult projInitSt(void* s, int32_t w, int32_t h, int32_t n) {
+    return MILsm8St_init(as<MILsm8St>(s), w, h, n);
+}
+TLResult projInitR(void* s, int32_t w, int32_t h, int32_t n) {
+    return MILsm8R_init(as<MILsm8St>(s), w, h, n);
+}
+TLResult projClear(void* s) { return MILsm8St_clear(as<MILsm8St>(s)); }
+TLResult projAdd(void* s, int32_t i1, int32_t x1, int32_t y1, int32_t i2, int32_t x2, int32_t y2, int32_t w) {
+    return MILsm8St_addF32(as<MILsm8St>(s), i1, x1, y1, i2, x2, y2, w);
+}
+TLResult projAdd3D(void* s, int32_t i1, const int32_t p1[3], int32_t i2, const int32_t p2[3], int32_t w) {
+    if (p1 == nullptr || p2 == nullptr || p1[2] == 0 || p2[2] == 0) return TL_ERROR_PARAM;
+    return MILsm8St_addReal(as<MILsm8St>(s), i1, static_cast<double>(p1[0]) / p1[2],
+                            static_cast<double>(p1[1]) / p1[2], i2, static_cast<double>(p2[0]) / p2[2],
+                            static_cast<double>(p2[1]) / p2[2], w);
+}
+TLResult projSolveSt(void* s) { return MILsm8St_solve(as<MILsm8St>(s)); }
+TLResult projSolveR(void* s) { return MILsm8R_solve(as<MILsm8St>(s)); }
+uint32_t projFailure(const void* s) { return MILsm8St_getFailureCode(as<MILsm8St>(s)); }
+TLResult projOutput(void* s, MvecDetectMulti2_Mvec* m, int32_t i) {
+    return MILsm8St_outputMvec(as<MILsm8St>(s), m, i);
+}
+TLResult projInitial(void* s, const MvecDetectMulti2_Mvec* m, int32_t i) {
+    return MILsm8St_setInitialMvec(as<MILsm8St>(s), m, i);
+}
+// The homography solver keeps its pairs as points: dropping an image is
+// clearing its pairs and moving the later solutions down.
+TLResult projUpdate(void* s, int32_t image) {
+    MILsm8St* ml = as<MILsm8St>(s);
+    if (ml->store.points == nullptr && ml->images == 0) return TL_ERROR_PARAM;
+    if (image < 0 || image >= ml->images) return TL_ERROR_PARAM;
+    MvecDetectMulti2_LsmPoints& st = ml->store;
+    int32_t kept = 0;
+    for (int32_t p = 0; p < st.count; ++p) {
+        MvecDetectMulti2_LsmPoint q = st.points[p];
+        if (q.image1 == image || q.image2 == image) continue;
+        q.image1 -= q.image1 > image ? 1 : 0;
+        q.image2 -= q.image2 > image ? 1 : 0;
+        st.points[kept++] = q;
+    }
+    st.count = kept;
+    for (int32_t i = image > 0 ? image : 1; i + 1 < ml->images; ++i) {
+        std::memcpy(ml->homography[i], ml->homography[i + 1], sizeof ml->homography[i]);
+        std::memcpy(ml->initial[i], ml->initial[i + 1], sizeof ml->initial[i]);
+    }
+    if (ml->used > image) --ml->used;
+    return TL_OK;
+}
+TLResult projFocal(void* s, double f) {
+    MILsm8St* ml = as<MILsm8St>(s);
+    return MILsm8R_setCameraParam(ml, f, 0.5 * ml->width, 0.5 * ml->height);
+}
+TLResult projClearBlock(void* s, int32_t i) { return MILsm8St_clearBlock(as<MILsm8St>(s), i); }
+void projRelease(void* s) { destruct_MILsm8St(as<MILsm8St>(s)); }
+
 constexpr MvecDetectMulti2_LsmOps kLsm2Ops = {linInit2,      linClear,   linAdd,    linAdd3D,   linSolve,
                                               linFailure,    linOutput,  linUpdate, linInitial, nullptr,
                                               linClearBlock, linRelease, 2};
@@ -448,6 +530,17 @@ constexpr MvecDetectMulti2_LsmOps kLsm4HOps = {linInit4H,     linClear,   linAdd
 constexpr MvecDetectMulti2_LsmOps kLsm4VOps = {linInit4V,     linClear,   linAdd,    linAdd3D,   linSolve,
                                                linFailure,    linOutput,  linUpdate, linInitial, nullptr,
                                                linClearBlock, linRelease, 4};
+constexpr MvecDetectMulti2_LsmOps kLsm3QOps = {rotInit,       rotClear,   rotAdd,    rotAdd3D,   rotSolve,
+                                               rotFailure,    rotOutput,  rotUpdate, rotInitial, rotFocal,
+                                               rotClearBlock, rotRelease, 3};
+constexpr MvecDetectMulti2_LsmOps kLsm8Ops = {
+    projInitSt,     projClear,   projAdd,    projAdd3D,   projSolveSt,
+    projFailure,    projOutput,  projUpdate, projInitial, nullptr,
+    projClearBlock, projRelease, 8};
+constexpr MvecDetectMulti2_LsmOps kLsm8ROps = {
+    projInitR,   projClear, projAdd,        projAdd3D,   projSolveR, projFailure, projOutput, projUpdate,
+    projInitial, projFocal, projClearBlock, projRelease, 8};
+
 bool lsmReady(const MvecDetectMulti2_Lsm* lsm) {
     return lsm != nullptr && lsm->ops != nullptr && lsm->state != nullptr;
 }
@@ -477,15 +570,26 @@ TLResult MvecDetectMulti2_Lsm_init(MvecDetectMulti2_Lsm* lsm, int32_t dof, int32
     size_t size;
     switch (dof) {
         case 2: ops = &kLsm2Ops, size = sizeof(MvecDetectMulti2_Lsm6); break;
+        case 3: ops = &kLsm3QOps, size = sizeof(MvecDetectMulti2_Lsm3Q); break;
         case 6: ops = &kLsm6Ops, size = sizeof(MvecDetectMulti2_Lsm6); break;
+        case 8: ops = &kLsm8Ops, size = sizeof(MILsm8St); break;
         case 14: ops = &kLsm4HOps, size = sizeof(MvecDetectMulti2_Lsm6); break;
+        case 18: ops = &kLsm8ROps, size = sizeof(MILsm8St); break;
         case 24: ops = &kLsm4VOps, size = sizeof(MvecDetectMulti2_Lsm6); break;
         default: return TL_ERROR_PARAM;
     }
     destruct_MvecDetectMulti2_Lsm(lsm);
     void* state = Memory_alloc(size);
     if (state == nullptr) return TL_ERROR_MEMORY;
-    construct_MvecDetectMulti2_Lsm6(static_cast<MvecDetectMulti2_Lsm6*>(state), lsm->env);
+    // Every record starts as its constructor leaves it.
+    switch (dof) {
+        case 3:
+            construct_MvecDetectMulti2_Lsm3Q(static_cast<MvecDetectMulti2_Lsm3Q*>(state), lsm->env);
+            break;
+        case 8:
+        case 18: construct_MILsm8St(static_cast<MILsm8St*>(state), lsm->env); break;
+        default: construct_MvecDetectMulti2_Lsm6(static_cast<MvecDetectMulti2_Lsm6*>(state), lsm->env); break;
+    }
     const TLResult r = ops->init(state, width, height, images);
     if (r != TL_OK) {
         ops->release(state);

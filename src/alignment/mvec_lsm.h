@@ -102,6 +102,109 @@ TLResult MvecDetectMulti2_Lsm6_setInitialMvec(MvecDetectMulti2_Lsm6* lsm, const 
 // Drops image from the sums and solutions; later images move down by one.
 TLResult MvecDetectMulti2_Lsm6_update(MvecDetectMulti2_Lsm6* lsm, int32_t image);
 
+// ---- Pure rotation (dof 3): unit quaternions, points as rays (x - cx,
+// y - cy, focalLength), Gauss-Newton on the chordal distance of the rays.
+
+struct MvecDetectMulti2_LsmPoint {
+    int32_t image1, image2;
+    double x1, y1, x2, y2;  // pixels, centred
+    double weight;
+};
+
+// A growing store of point pairs for the iterative solvers.
+struct MvecDetectMulti2_LsmPoints {
+    MvecDetectMulti2_LsmPoint* points;  // owned
+    int32_t count, capacity;
+    int32_t lost;  // pairs that could not be stored since the last clear
+};
+
+struct MvecDetectMulti2_Lsm3Q {
+    uint32_t failureCode;
+    int32_t images, used;
+    int32_t width, height;
+    double focalLength;  // pixels; 1000 until set
+    MvecDetectMulti2_LsmPoints store;
+    MvecDetectMulti2_Quat rotation[kMvecLsmMaxImages];  // image ray to reference ray
+    Env* env;
+};
+
+TLResult construct_MvecDetectMulti2_Lsm3Q(MvecDetectMulti2_Lsm3Q* lsm, Env* env);
+TLResult destruct_MvecDetectMulti2_Lsm3Q(MvecDetectMulti2_Lsm3Q* lsm);
+TLResult MvecDetectMulti2_Lsm3Q_init(MvecDetectMulti2_Lsm3Q* lsm, int32_t width, int32_t height,
+                                     int32_t images);
+// focalLength must be positive, else TL_ERROR_PARAM.
+TLResult MvecDetectMulti2_Lsm3Q_setFocalLength(MvecDetectMulti2_Lsm3Q* lsm, double focalLength);
+TLResult MvecDetectMulti2_Lsm3Q_clear(MvecDetectMulti2_Lsm3Q* lsm);
+TLResult MvecDetectMulti2_Lsm3Q_clearBlock(MvecDetectMulti2_Lsm3Q* lsm, int32_t image);
+// Positions in top-left Q15 pixels; a pair that cannot be stored sets
+// MVEC_LSM_FAILURE_MEMORY for the next solve and returns TL_ERROR_MEMORY.
+TLResult MvecDetectMulti2_Lsm3Q_addF32(MvecDetectMulti2_Lsm3Q* lsm, int32_t image1, int32_t x1, int32_t y1,
+                                       int32_t image2, int32_t x2, int32_t y2, int32_t weight);
+TLResult MvecDetectMulti2_Lsm3Q_solve(MvecDetectMulti2_Lsm3Q* lsm);
+uint32_t MvecDetectMulti2_Lsm3Q_getFailureCode(const MvecDetectMulti2_Lsm3Q* lsm);
+// A quaternion record (dof 3) with this solver's focal length.
+TLResult MvecDetectMulti2_Lsm3Q_outputMvec(MvecDetectMulti2_Lsm3Q* lsm, MvecDetectMulti2_Mvec* mvec,
+                                           int32_t image);
+TLResult MvecDetectMulti2_Lsm3Q_setInitialMvec(MvecDetectMulti2_Lsm3Q* lsm, const MvecDetectMulti2_Mvec* mvec,
+                                               int32_t image);
+TLResult MvecDetectMulti2_Lsm3Q_update(MvecDetectMulti2_Lsm3Q* lsm, int32_t image);
+
+// ---- Generic iterative solvers of homographies, one per image: MILsm8St
+// on coordinates centred and scaled by half the larger side, MILsm8R on
+// camera rays (centred, divided by the focal length), started from the best
+// pure rotation. Levenberg-Marquardt on the distances in the reference.
+
+struct MILsm8St {
+    uint32_t failureCode;
+    int32_t images, used;
+    int32_t width, height;
+    double centreX, centreY, scale;  // pixel = centre + scale * normalised
+    double restraint;                // weight pulling every element back to its initial value
+    MvecDetectMulti2_LsmPoints store;
+    double homography[kMvecLsmMaxImages][9];  // normalised, image to reference, element 8 is 1
+    double initial[kMvecLsmMaxImages][9];
+    int32_t fromRotation;  // MILsm8R: start from the best rotation
+    Env* env;
+};
+using MILsm8R = MILsm8St;
+
+TLResult construct_MILsm8St(MILsm8St* ml, Env* env);
+TLResult destruct_MILsm8St(MILsm8St* ml);
+TLResult MILsm8St_init(MILsm8St* ml, int32_t width, int32_t height, int32_t images);
+// Removes all pairs and sets the number of images (2 to 16), keeping the
+// solutions of the images that stay.
+TLResult MILsm8St_changeImageNum(MILsm8St* ml, int32_t images);
+// dst takes src's settings, pairs and solutions; TL_ERROR_MEMORY leaves dst as it was.
+TLResult MILsm8St_copy(MILsm8St* dst, const MILsm8St* src);
+TLResult MILsm8St_clear(MILsm8St* ml);
+TLResult MILsm8St_clearBlock(MILsm8St* ml, int32_t image);
+// Top-left pixels as floats, as Q15 and as reals.
+TLResult MILsm8St_add(MILsm8St* ml, int32_t image1, float x1, float y1, int32_t image2, float x2, float y2,
+                      float weight);
+TLResult MILsm8St_addF32(MILsm8St* ml, int32_t image1, int32_t x1, int32_t y1, int32_t image2, int32_t x2,
+                         int32_t y2, int32_t weight);
+TLResult MILsm8St_addReal(MILsm8St* ml, int32_t image1, double x1, double y1, int32_t image2, double x2,
+                          double y2, double weight);
+// restraint at least 0 (else TL_ERROR_PARAM): added to the cost times the
+// squared distance of the normalised elements from their initial values.
+TLResult MILsm8St_setRestraint(MILsm8St* ml, double restraint);
+TLResult MILsm8St_solve(MILsm8St* ml);
+uint32_t MILsm8St_getFailureCode(const MILsm8St* ml);
+// The motion from the reference to image in top-left pixels, element 8 = 1.
+TLResult MILsm8St_outputMvecReal(const MILsm8St* ml, Mvec8Real* m, int32_t image);
+TLResult MILsm8St_outputMvec(const MILsm8St* ml, MvecDetectMulti2_Mvec* mvec, int32_t image);
+// Sets both the solution and the initial value of image; a singular record
+// gives TL_ERROR_PARAM.
+TLResult MILsm8St_setInitialMvecReal(MILsm8St* ml, const Mvec8Real* m, int32_t image);
+TLResult MILsm8St_setInitialMvec(MILsm8St* ml, const MvecDetectMulti2_Mvec* mvec, int32_t image);
+
+TLResult construct_MILsm8R(MILsm8R* ml, Env* env);
+TLResult destruct_MILsm8R(MILsm8R* ml);
+TLResult MILsm8R_init(MILsm8R* ml, int32_t width, int32_t height, int32_t images);
+// The camera: focal length in pixels (positive) and principal point.
+TLResult MILsm8R_setCameraParam(MILsm8R* ml, double focalLength, double centreX, double centreY);
+TLResult MILsm8R_solve(MILsm8R* ml);
+
 // ---- The table of operations and the thin object over it.
 
 struct MvecDetectMulti2_LsmOps {
@@ -131,7 +234,7 @@ struct MvecDetectMulti2_Lsm {
 
 TLResult construct_MvecDetectMulti2_Lsm(MvecDetectMulti2_Lsm* lsm, Env* env);
 TLResult destruct_MvecDetectMulti2_Lsm(MvecDetectMulti2_Lsm* lsm);
-// dof 2, 6, 14 or 24 (else TL_ERROR_PARAM); a former solver is
+// dof 2, 3, 6, 8, 14, 18 or 24 (else TL_ERROR_PARAM); a former solver is
 // released first. TL_ERROR_MEMORY leaves nothing allocated.
 TLResult MvecDetectMulti2_Lsm_init(MvecDetectMulti2_Lsm* lsm, int32_t dof, int32_t width, int32_t height,
                                    int32_t images);

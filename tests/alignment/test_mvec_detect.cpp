@@ -280,3 +280,81 @@ TEST(MvecDetectMulti2, RefusedInput) {
     ASSERT_EQ(MvecDetectMulti2_outputMvec(&det.d, out), TL_OK);
     EXPECT_TRUE(std::equal(out, out + 6, before));
 }
+
+namespace {
+
+void invert3(const double m[9], double out[9]) {
+    const double a[9] = {m[4] * m[8] - m[5] * m[7], m[2] * m[7] - m[1] * m[8], m[1] * m[5] - m[2] * m[4],
+                         m[5] * m[6] - m[3] * m[8], m[0] * m[8] - m[2] * m[6], m[2] * m[3] - m[0] * m[5],
+                         m[3] * m[7] - m[4] * m[6], m[1] * m[6] - m[0] * m[7], m[0] * m[4] - m[1] * m[3]};
+    const double det = m[0] * a[0] + m[1] * a[3] + m[2] * a[6];
+    for (int i = 0; i < 9; ++i) out[i] = a[i] / det;
+}
+
+}  // namespace
+
+// Every model through the search: a motion of its own kind, as a homography of top-left pixels; the camera
+// turns of dof 3 and 18 at the detector's focal length (60 degrees across the width).
+TEST(MvecDetectMulti2, EveryModel) {
+    const int32_t w = 240, h = 320;
+    const double cx = 0.5 * w, cy = 0.5 * h, f = 0.5 * w / std::tan(M_PI / 6);
+    // A turn by one degree about (0.3, -0.5, 0.8), K R K^-1 about the centre.
+    const double ax = 0.3 / std::sqrt(0.98), ay = -0.5 / std::sqrt(0.98), az = 0.8 / std::sqrt(0.98);
+    const double c = std::cos(M_PI / 180), s = std::sin(M_PI / 180);
+    const double r[9] = {c + ax * ax * (1 - c),      ax * ay * (1 - c) - az * s, ax * az * (1 - c) + ay * s,
+                         ay * ax * (1 - c) + az * s, c + ay * ay * (1 - c),      ay * az * (1 - c) - ax * s,
+                         az * ax * (1 - c) - ay * s, az * ay * (1 - c) + ax * s, c + az * az * (1 - c)};
+    const double kr[9] = {r[0], r[1], f * r[2], r[3], r[4], f * r[5], r[6] / f, r[7] / f, r[8]};
+    // About the centre: T(c) K R K^-1 T(-c).
+    double turn[9];
+    for (int i = 0; i < 3; ++i) {
+        const double row[3] = {kr[3 * i] + (i < 2 ? (i == 0 ? cx : cy) * kr[6] : 0),
+                               kr[3 * i + 1] + (i < 2 ? (i == 0 ? cx : cy) * kr[7] : 0),
+                               kr[3 * i + 2] + (i < 2 ? (i == 0 ? cx : cy) * kr[8] : 0)};
+        turn[3 * i] = row[0], turn[3 * i + 1] = row[1], turn[3 * i + 2] = row[2] - row[0] * cx - row[1] * cy;
+    }
+    const struct {
+        int32_t dof;
+        double m[9];
+    } cases[] = {
+        {2, {1, 0, 3.3, 0, 1, -2.7, 0, 0, 1}},
+        {14, {1.006, 0.004, -1.4 - 0.006 * cx - 0.004 * cy, 0, 1, 2.2, 0, 0, 1}},
+        {24, {1, 0, 1.9, 0.003, 0.995, 2.5 - 0.003 * cx + 0.005 * cy, 0, 0, 1}},
+        {8, {1.003, -0.002, 1.5, 0.001, 0.998, -1.0, 3e-5, -2e-5, 1}},
+        {3, {turn[0], turn[1], turn[2], turn[3], turn[4], turn[5], turn[6], turn[7], turn[8]}},
+        {18, {turn[0], turn[1], turn[2], turn[3], turn[4], turn[5], turn[6], turn[7], turn[8]}},
+    };
+    const Texture texture(31);
+    const auto reference = moved(texture, w, h, kIdentity, 1.0, 1);
+    for (const auto& k : cases) {
+        Picture other(w, h, IMAGE_FORMAT_UINT8);
+        double inverse[9];
+        invert3(k.m, inverse);
+        texture.renderProjective(other, inverse, 1.0, 2);
+        Detector det(k.dof);
+        ASSERT_EQ(MvecDetectMulti2_init(&det.d, w, h, 2), TL_OK);
+        ASSERT_EQ(MvecDetectMulti2_addImage(&det.d, &reference->image), TL_OK);
+        ASSERT_EQ(MvecDetectMulti2_addImage(&det.d, &other.image), TL_OK);
+        EXPECT_EQ(MvecDetectMulti2_getFailureCode(&det.d), 0u) << k.dof;
+        MvecDetectMulti2_Mvec got;
+        ASSERT_EQ(MvecDetectMulti2_getMvec(&det.d, &got), TL_OK);
+        const double ox = got.kind == MVEC_KIND_QUATERNION ? cx : 0,
+                     oy = got.kind == MVEC_KIND_QUATERNION ? cy : 0;
+        double worst = 0;
+        for (double y = 0; y <= h; y += h / 4.0) {
+            for (double x = 0; x <= w; x += w / 4.0) {
+                int32_t gx, gy;
+                ASSERT_EQ(
+                    MvecDetectMulti2_Mvec_transF32(&got, &gx, &gy, static_cast<int32_t>((x - ox) * 32768),
+                                                   static_cast<int32_t>((y - oy) * 32768)),
+                    TL_OK);
+                const double wz = k.m[6] * x + k.m[7] * y + k.m[8];
+                worst =
+                    std::fmax(worst, std::hypot(gx / 32768.0 + ox - (k.m[0] * x + k.m[1] * y + k.m[2]) / wz,
+                                                gy / 32768.0 + oy - (k.m[3] * x + k.m[4] * y + k.m[5]) / wz));
+            }
+        }
+        // Eight free elements reach the corners, beyond the last features, with more play.
+        EXPECT_LT(worst, k.dof == 8 ? 0.25 : 0.15) << "dof " << k.dof;
+    }
+}

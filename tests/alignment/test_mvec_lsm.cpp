@@ -74,7 +74,7 @@ Motion randomMotion(int32_t dof, std::mt19937& rng, int32_t w, int32_t h) {
     Motion m{{a, b, 0, d, e, 0, 0, 0, 1}};
     m.m[2] = cx + shift(rng) - a * cx - b * cy;
     m.m[5] = cy + shift(rng) - d * cx - e * cy;
-    if (dof == 8) m.m[6] = small(rng) * 1e-2 / w, m.m[7] = small(rng) * 1e-2 / h;
+    if (dof == 8) m.m[6] = small(rng) * 2.5 / w, m.m[7] = small(rng) * 2.5 / h;
     return m;
 }
 
@@ -199,4 +199,74 @@ TEST(MvecLsm, UpdateDropsAnImage) {
     ASSERT_EQ(s.solve(), 0u);
     EXPECT_LT(worstOver(s.output(1), m[2], 640, 480), 1120 / 32768.0);
     EXPECT_LT(worstOver(s.output(2), m[3], 640, 480), 1120 / 32768.0);
+}
+
+namespace {
+
+// The homography of a camera turned by `angle` radians about (ax, ay, az), on coordinates centred on the
+// frame: K R K^-1 with K = diag(f, f, 1).
+Motion turned(double angle, double ax, double ay, double az, double f) {
+    const double n = std::sqrt(ax * ax + ay * ay + az * az), c = std::cos(angle), s = std::sin(angle);
+    ax /= n, ay /= n, az /= n;
+    const double r[9] = {c + ax * ax * (1 - c),      ax * ay * (1 - c) - az * s, ax * az * (1 - c) + ay * s,
+                         ay * ax * (1 - c) + az * s, c + ay * ay * (1 - c),      ay * az * (1 - c) - ax * s,
+                         az * ax * (1 - c) - ay * s, az * ay * (1 - c) + ax * s, c + az * az * (1 - c)};
+    return Motion{{r[0], r[1], f * r[2], r[3], r[4], f * r[5], r[6] / f, r[7] / f, r[8]}};
+}
+
+// A motion of centred coordinates as one of top-left ones on a w by h frame.
+Motion fromCentre(const Motion& m, int32_t w, int32_t h) {
+    const Motion in{{1, 0, -0.5 * w, 0, 1, -0.5 * h, 0, 0, 1}}, out{{1, 0, 0.5 * w, 0, 1, 0.5 * h, 0, 0, 1}};
+    return compose(out, compose(m, in));
+}
+
+}  // namespace
+
+// The iterative solvers from exact pairs, one image and a chain of three: rotations (dof 3, compared on
+// centred coordinates), homographies (dof 8) and rotations or near-rotations as homographies (dof 18).
+TEST(MvecLsm, IterativeModelsRecoverTheirMotion) {
+    std::mt19937 rng(21);
+    std::uniform_real_distribution<double> axis(-1, 1), angle(-0.05, 0.05);
+    const int32_t w = 640, h = 480;
+    const double f = 700.0;
+    for (int32_t dof : {3, 8, 18}) {
+        for (int32_t images : {2, 3}) {
+            Solver s(dof, w, h, images, f);
+            Motion total = Motion{{1, 0, 0, 0, 1, 0, 0, 0, 1}};
+            for (int32_t i = 1; i < images; ++i) {
+                Motion step = dof == 8
+                                  ? randomMotion(8, rng, w, h)
+                                  : fromCentre(turned(angle(rng), axis(rng), axis(rng), axis(rng), f), w, h);
+                // A little perspective of its own on top of the rotation for dof 18.
+                if (dof == 18 && i == 1) step.m[6] += 2e-5;
+                addPairs(s, step, i - 1, i, 30, rng, w, h);
+                total = compose(step, total);
+            }
+            ASSERT_EQ(s.solve(), 0u) << "dof " << dof << ", " << images << " images";
+            const Motion truth =
+                dof == 3 ? compose(Motion{{1, 0, -0.5 * w, 0, 1, -0.5 * h, 0, 0, 1}},
+                                   compose(total, Motion{{1, 0, 0.5 * w, 0, 1, 0.5 * h, 0, 0, 1}}))
+                         : total;
+            EXPECT_LT(worstOver(s.output(images - 1), truth, w, h), 5e-3) << "dof " << dof << ", " << images;
+        }
+        // Too few points: one for a rotation (three unknowns), three for a homography; and for the
+        // homographies points on a line.
+        Solver s(dof, w, h, 2, f);
+        const MvecDetectMulti2_Mvec before = s.output(1);
+        for (int32_t k = 0; k < (dof == 3 ? 1 : 3); ++k)
+            MvecDetectMulti2_Lsm_addF32(&s.lsm, 0, q15(100 + 90 * k), q15(50 + 70 * k * k), 1,
+                                        q15(101 + 90 * k), q15(50 + 70 * k * k), 1);
+        EXPECT_EQ(s.solve(), MVEC_LSM_FAILURE_TOO_FEW_POINTS) << dof;
+        if (dof != 3) {
+            for (int32_t k = 3; k < 12; ++k)
+                MvecDetectMulti2_Lsm_addF32(&s.lsm, 0, q15(20 + 50 * k), q15(10 + 30 * k), 1,
+                                            q15(22 + 50 * k), q15(11 + 30 * k), 1);
+            MvecDetectMulti2_Lsm_clearBlock(&s.lsm, 1);
+            for (int32_t k = 0; k < 12; ++k)
+                MvecDetectMulti2_Lsm_addF32(&s.lsm, 0, q15(20 + 50 * k), q15(10 + 30 * k), 1,
+                                            q15(22 + 50 * k), q15(11 + 30 * k), 1);
+            EXPECT_EQ(s.solve(), MVEC_LSM_FAILURE_SINGULAR) << dof;
+        }
+        EXPECT_EQ(std::memcmp(&s.output(1).u, &before.u, sizeof before.u), 0) << dof;
+    }
 }

@@ -39,12 +39,19 @@ public:
     // Pixel (x, y) of `picture` (UINT8) shows the texture at m(x, y), m = (a, b, c, d, e, f) as x' = a x + b
     // y + c, y' = d x + e y + f, plus Gaussian noise of `noise` levels: 128 + 90 t, rounded and clamped.
     void render(Picture& picture, const double m[6], double noise, uint32_t seed) const {
+        const double h[9] = {m[0], m[1], m[2], m[3], m[4], m[5], 0, 0, 1};
+        renderProjective(picture, h, noise, seed);
+    }
+    // The same through a homography h (row by row).
+    void renderProjective(Picture& picture, const double h[9], double noise, uint32_t seed) const {
         std::mt19937 rng(seed);
         std::normal_distribution<double> n(0.0, noise > 0.0 ? noise : 1.0);
         const vq_tl::Image& image = picture.image;
         for (int32_t y = 0; y < image.height; ++y) {
             for (int32_t x = 0; x < image.width; ++x) {
-                double v = 128.0 + 90.0 * at(m[0] * x + m[1] * y + m[2], m[3] * x + m[4] * y + m[5]);
+                const double w = h[6] * x + h[7] * y + h[8];
+                double v =
+                    128.0 + 90.0 * at((h[0] * x + h[1] * y + h[2]) / w, (h[3] * x + h[4] * y + h[5]) / w);
                 if (noise > 0.0) v += n(rng);
                 picture.u8(x, y) = static_cast<uint8_t>(std::lround(std::fmin(255.0, std::fmax(0.0, v))));
             }

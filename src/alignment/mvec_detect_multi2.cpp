@@ -14,6 +14,7 @@ constexpr int32_t kBands = 4;
 constexpr int32_t kStrengthScale = 32768;  // the fourth root of the response as it is
 constexpr int32_t kFits = 3;               // one fit and up to two refits without outliers
 constexpr int32_t kMaxHalfSearch = 8;
+constexpr int32_t kMaxCostShare = 60;
 constexpr double kPi = 3.14159265358979323846;
 // With three or more images: a feature that was not an inlier of the
 // previous image keeps three quarters of its weight while that image's
@@ -115,6 +116,8 @@ bool subPixel(int32_t minus, int32_t centre, int32_t plus, int32_t* offset) {
     return o > -32768 && o < 32768;
 }
 
+}  // namespace
+namespace {
 template <int32_t H, bool kZeroMean>
 void search(const Image* base, const Image* target, int32_t x, int32_t y, int32_t px, int32_t py, int32_t hs,
             bool fit, int32_t* outX, int32_t* outY) {
@@ -187,6 +190,14 @@ void search(const Image* base, const Image* target, int32_t x, int32_t y, int32_
         for (int32_t dy = k - 1; dy > -k; --dy) consider(-k, dy);
         if ((absOf(bx) < k && absOf(by) < k) || k == hs) break;
     }
+    // A block that does not find itself fails: its best cost is above
+    // kMaxCostShare percent of its own variation (the zero-mean cost against
+    // a flat block), as where a depth edge or an occlusion cuts through it,
+    // or where noise outweighs its texture. Such matches would bend the fit
+    // by fractions of a pixel that no outlier threshold of whole pixels sees.
+    int32_t variation = 0;
+    for (int32_t i = 0; i < kN; ++i) variation += absOf(kN * block[i] - blockSum);
+    if (int64_t{kZeroMean ? best : kN * best} * 100 > int64_t{kMaxCostShare} * variation) return;
     // A block found exactly (cost 0) sits where it is: neighbours of
     // unequal cost there tell the texture's asymmetry, not an offset.
     int32_t ox = 0, oy = 0;
@@ -198,6 +209,71 @@ void search(const Image* base, const Image* target, int32_t x, int32_t y, int32_
     }
     *outX = ((px + bx) << 15) + ox;
     *outY = ((py + by) << 15) + oy;
+}
+
+// Gauss-Newton steps on the zero-mean difference of the block and the
+// target sampled bilinearly round (*outX, *outY), with the block's own
+// gradients. The cost fit above reads the valley along each axis at the
+// best whole offset of the other, so a fraction off on one axis tilts the
+// valley of the other; these steps measure both axes at once. A block
+// without gradient, or a step that leaves the pixel found, keeps the fit.
+void refine(const Image* base, const Image* target, int32_t x, int32_t y, int32_t hb, int32_t* outX,
+            int32_t* outY) {
+    constexpr int32_t kMaxSide = 7, kSteps = 3;
+    const int32_t side = 2 * hb + 1, n = side * side;
+    double block[kMaxSide * kMaxSide], gx[kMaxSide * kMaxSide], gy[kMaxSide * kMaxSide];
+    double blockMean = 0, gxMean = 0, gyMean = 0;
+    for (int32_t v = 0; v < side; ++v) {
+        const uint8_t* up = rowOf(base, y - hb + v - 1) + x - hb;
+        const uint8_t* row = rowOf(base, y - hb + v) + x - hb;
+        const uint8_t* down = rowOf(base, y - hb + v + 1) + x - hb;
+        for (int32_t u = 0; u < side; ++u) {
+            const int32_t i = v * side + u;
+            block[i] = row[u];
+            gx[i] = 0.5 * (row[u + 1] - row[u - 1]);
+            gy[i] = 0.5 * (down[u] - up[u]);
+            blockMean += block[i], gxMean += gx[i], gyMean += gy[i];
+        }
+    }
+    blockMean /= n, gxMean /= n, gyMean /= n;
+    double hxx = 0, hxy = 0, hyy = 0;
+    for (int32_t i = 0; i < n; ++i) {
+        gx[i] -= gxMean, gy[i] -= gyMean;
+        hxx += gx[i] * gx[i], hxy += gx[i] * gy[i], hyy += gy[i] * gy[i];
+    }
+    const double det = hxx * hyy - hxy * hxy;
+    if (!(det > 1e-6 * (hxx + hyy) * (hxx + hyy)) || !(det > 0.0)) return;
+    const double startX = *outX / 32768.0, startY = *outY / 32768.0;
+    double qx = startX, qy = startY;
+    for (int32_t step = 0; step < kSteps; ++step) {
+        const double fx0 = qx - hb, fy0 = qy - hb;
+        const int32_t ix = static_cast<int32_t>(fx0 >= 0 ? fx0 : fx0 - 1),
+                      iy = static_cast<int32_t>(fy0 >= 0 ? fy0 : fy0 - 1);
+        if (ix < 0 || iy < 0 || ix + side >= target->width || iy + side >= target->height) return;
+        const double ax = fx0 - ix, ay = fy0 - iy;
+        double sample[kMaxSide * kMaxSide], mean = 0;
+        for (int32_t v = 0; v < side; ++v) {
+            const uint8_t* r0 = rowOf(target, iy + v) + ix;
+            const uint8_t* r1 = rowOf(target, iy + v + 1) + ix;
+            for (int32_t u = 0; u < side; ++u) {
+                const double top = r0[u] + ax * (r0[u + 1] - r0[u]),
+                             bottom = r1[u] + ax * (r1[u + 1] - r1[u]);
+                mean += sample[v * side + u] = top + ay * (bottom - top);
+            }
+        }
+        mean /= n;
+        double ex = 0, ey = 0;
+        for (int32_t i = 0; i < n; ++i) {
+            const double r = sample[i] - mean - (block[i] - blockMean);
+            ex += gx[i] * r, ey += gy[i] * r;
+        }
+        const double dx = -(hyy * ex - hxy * ey) / det, dy = -(hxx * ey - hxy * ex) / det;
+        qx += dx, qy += dy;
+        if (!(qx - startX < 1.0 && startX - qx < 1.0 && qy - startY < 1.0 && startY - qy < 1.0)) return;
+        if (dx * dx + dy * dy < 1e-6) break;
+    }
+    *outX = static_cast<int32_t>(qx * 32768.0 + (qx >= 0 ? 0.5 : -0.5));
+    *outY = static_cast<int32_t>(qy * 32768.0 + (qy >= 0 ? 0.5 : -0.5));
 }
 
 // ---- Estimates ------------------------------------------------------------------
@@ -257,6 +333,9 @@ TLResult matchStripe(void* arg, int32_t index, int32_t count) {
         const int32_t px = static_cast<int32_t>((int64_t{qx} + 16384) >> 15);
         const int32_t py = static_cast<int32_t>((int64_t{qy} + 16384) >> 15);
         MvecDetectMulti2_Matching_process(j.detector, j.base, j.target, f.x, f.y, px, py, &m.x1, &m.y1);
+        // The finest level's matches make the result: they get the gradient steps.
+        if (j.level == 0 && j.detector->subpixelMatching != 0 && m.x1 != kMvecDetectInvalid)
+            refine(j.base, j.target, f.x, f.y, j.detector->halfBlockMatchSize, &m.x1, &m.y1);
     }
     return TL_OK;
 }

@@ -11,7 +11,10 @@
 // current estimate, matched there by a zero-mean block search on a square
 // spiral with a sub-pixel fit, and a fresh robust fit of the model, whose
 // result guides the next finer level. The result is the fit of the finest
-// level.
+// level, whose matches also take a few gradient steps on the block so that
+// both axes are measured at once. A block whose best cost stays above 60
+// percent of its own variation (a depth edge, an occlusion, noise) counts
+// as a failed match.
 //
 // Failures of a fit (too few matches, a singular system) do not end a run:
 // the failure code says so and the estimate of the coarser level stands;

@@ -30,47 +30,65 @@ bool hasPixels(const Image* i) {
 
 int32_t featSide(int32_t side, int32_t step) { return (side - 1) / step + 1; }
 
-// The Harris measure of the window whose top-left is (x - half, y - half).
-int32_t response(const Image* image, int32_t x, int32_t y, int32_t window) {
-    const int32_t half = window / 2;
-    int32_t sxx = 0, syy = 0, sxy = 0;
-    for (int32_t v = -half; v < window - half; ++v) {
-        const uint8_t* up = pixelRow(image, y + v - 1);
-        const uint8_t* row = pixelRow(image, y + v);
-        const uint8_t* down = pixelRow(image, y + v + 1);
-        for (int32_t u = x - half; u < x + window - half; ++u) {
-            const int32_t ix = row[u + 1] - row[u - 1], iy = down[u] - up[u];
-            sxx += ix * ix;
-            syy += iy * iy;
-            sxy += ix * iy;
-        }
-    }
-    // A and B reach 4 * 65025 / 4 per pixel of the window, so their
-    // products need 64 bits; the response is saturated to 31 bits.
-    const int64_t a = sxx >> 2, b = syy >> 2, c = sxy >> 2;
-    const int64_t r = a * b - c * c - (((a + b) * (a + b)) >> 4);
-    if (r <= 0) return 0;
-    return r > INT32_MAX ? INT32_MAX : static_cast<int32_t>(r);
-}
-
 struct ResponseJob {
     Image* feat;
     const Image* image;
     int32_t step, window;
 };
 
+// The Harris measure from the window's sums of Ix^2, Iy^2 and Ix Iy. A and
+// B reach 4 * 65025 / 4 per pixel of the window, so their products need 64
+// bits; the response is saturated to 31 bits.
+int32_t harris(int32_t sxx, int32_t syy, int32_t sxy) {
+    const int64_t a = sxx >> 2, b = syy >> 2, c = sxy >> 2;
+    const int64_t r = a * b - c * c - (((a + b) * (a + b)) >> 4);
+    if (r <= 0) return 0;
+    return r > INT32_MAX ? INT32_MAX : static_cast<int32_t>(r);
+}
+
+// Samples are taken in groups: for a group, the gradient products of the
+// window's rows are summed down each column over the group's span, in plain
+// loops along the row, then each sample adds up `window` column sums.
+constexpr int32_t kGroup = 64;
+constexpr int32_t kMaxSpan = (kGroup - 1) * 8 + 4;  // steps above 8 come in smaller groups
+
 TLResult responseStripe(void* arg, int32_t index, int32_t count) {
     const ResponseJob& j = *static_cast<const ResponseJob*>(arg);
-    const int32_t w = j.image->width, h = j.image->height, half = j.window / 2;
+    const int32_t w = j.image->width, h = j.image->height, half = j.window / 2, step = j.step;
     const int32_t lo = half + 1, hiX = w - 1 - (j.window - half), hiY = h - 1 - (j.window - half);
+    // Samples per group so that a group's columns fit the buffers.
+    const int32_t group = step <= 8 ? kGroup : (kMaxSpan - j.window) / step + 1;
+    int32_t sxx[kMaxSpan], syy[kMaxSpan], sxy[kMaxSpan];
     int32_t first, last;
     ImageStripe_rows(j.feat->height, index, count, &first, &last);
     for (int32_t fy = first; fy < last; ++fy) {
         int32_t* out = elementRow(j.feat, fy);
-        const int32_t y = fy * j.step;
-        for (int32_t fx = 0; fx < j.feat->width; ++fx) {
-            const int32_t x = fx * j.step;
-            out[fx] = y < lo || y > hiY || x < lo || x > hiX ? 0 : response(j.image, x, y, j.window);
+        const int32_t y = fy * step;
+        // Samples inside the border: i0 to i1 - 1.
+        const int32_t i0 = (lo + step - 1) / step, i1 = hiX >= 0 ? hiX / step + 1 : 0;
+        for (int32_t i = 0; i < j.feat->width; ++i) out[i] = 0;
+        if (y < lo || y > hiY) continue;
+        for (int32_t g = i0; g < i1; g += group) {
+            const int32_t n = i1 - g < group ? i1 - g : group;
+            const int32_t left = g * step - half, span = (n - 1) * step + j.window;
+            for (int32_t x = 0; x < span; ++x) sxx[x] = syy[x] = sxy[x] = 0;
+            for (int32_t v = y - half; v < y - half + j.window; ++v) {
+                const uint8_t* up = pixelRow(j.image, v - 1) + left;
+                const uint8_t* row = pixelRow(j.image, v) + left;
+                const uint8_t* down = pixelRow(j.image, v + 1) + left;
+                for (int32_t x = 0; x < span; ++x) {
+                    const int32_t ix = row[x + 1] - row[x - 1], iy = down[x] - up[x];
+                    sxx[x] += ix * ix;
+                    syy[x] += iy * iy;
+                    sxy[x] += ix * iy;
+                }
+            }
+            for (int32_t k = 0; k < n; ++k) {
+                int32_t a = 0, b = 0, c = 0;
+                for (int32_t u = k * step; u < k * step + j.window; ++u)
+                    a += sxx[u], b += syy[u], c += sxy[u];
+                out[g + k] = harris(a, b, c);
+            }
         }
     }
     return TL_OK;

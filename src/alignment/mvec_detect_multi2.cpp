@@ -15,6 +15,8 @@ constexpr int32_t kStrengthScale = 32768;  // the fourth root of the response as
 constexpr int32_t kFits = 3;               // one fit and up to two refits without outliers
 constexpr int32_t kMaxHalfSearch = 8;
 constexpr int32_t kMaxCostShare = 60;
+// The finest level's gradient steps use blocks of up to 15 by 15.
+constexpr int32_t kRefineHalf = 7;
 constexpr double kPi = 3.14159265358979323846;
 // With three or more images: a feature that was not an inlier of the
 // previous image keeps three quarters of its weight while that image's
@@ -219,58 +221,69 @@ void search(const Image* base, const Image* target, int32_t x, int32_t y, int32_
 // without gradient, or a step that leaves the pixel found, keeps the fit.
 void refine(const Image* base, const Image* target, int32_t x, int32_t y, int32_t hb, int32_t* outX,
             int32_t* outY) {
-    constexpr int32_t kMaxSide = 7, kSteps = 3;
-    const int32_t side = 2 * hb + 1, n = side * side;
-    double block[kMaxSide * kMaxSide], gx[kMaxSide * kMaxSide], gy[kMaxSide * kMaxSide];
-    double blockMean = 0, gxMean = 0, gyMean = 0;
+    constexpr int32_t kSide = 2 * kRefineHalf + 1, kSteps = 3;
+    // As wide as the borders of both pictures allow, up to kRefineHalf.
+    int32_t reach = kRefineHalf;
+    const int32_t tx = *outX >> 15, ty = *outY >> 15;
+    const int32_t room[8] = {x - 1,  y - 1,  base->width - 2 - x,    base->height - 2 - y,
+                             tx - 1, ty - 1, target->width - 3 - tx, target->height - 3 - ty};
+    for (int32_t r : room) reach = r < reach ? r : reach;
+    if (reach < hb) return;
+    const int32_t side = 2 * reach + 1, n = side * side;
+    // The block and its gradients, made zero-mean: then the sums below need
+    // no mean of the target's samples, which the zero-mean gradients cancel.
+    float block[kSide * kSide], gx[kSide * kSide], gy[kSide * kSide];
+    float gxMean = 0, gyMean = 0;
     for (int32_t v = 0; v < side; ++v) {
-        const uint8_t* up = rowOf(base, y - hb + v - 1) + x - hb;
-        const uint8_t* row = rowOf(base, y - hb + v) + x - hb;
-        const uint8_t* down = rowOf(base, y - hb + v + 1) + x - hb;
+        const uint8_t* up = rowOf(base, y - reach + v - 1) + x - reach;
+        const uint8_t* row = rowOf(base, y - reach + v) + x - reach;
+        const uint8_t* down = rowOf(base, y - reach + v + 1) + x - reach;
+        float* b = block + v * side;
+        float* bx = gx + v * side;
+        float* by = gy + v * side;
         for (int32_t u = 0; u < side; ++u) {
-            const int32_t i = v * side + u;
-            block[i] = row[u];
-            gx[i] = 0.5 * (row[u + 1] - row[u - 1]);
-            gy[i] = 0.5 * (down[u] - up[u]);
-            blockMean += block[i], gxMean += gx[i], gyMean += gy[i];
+            b[u] = row[u];
+            bx[u] = 0.5f * static_cast<float>(row[u + 1] - row[u - 1]);
+            by[u] = 0.5f * static_cast<float>(down[u] - up[u]);
         }
     }
-    blockMean /= n, gxMean /= n, gyMean /= n;
-    double hxx = 0, hxy = 0, hyy = 0;
+    for (int32_t i = 0; i < n; ++i) gxMean += gx[i], gyMean += gy[i];
+    gxMean /= static_cast<float>(n), gyMean /= static_cast<float>(n);
+    float hxx = 0, hxy = 0, hyy = 0;
     for (int32_t i = 0; i < n; ++i) {
         gx[i] -= gxMean, gy[i] -= gyMean;
         hxx += gx[i] * gx[i], hxy += gx[i] * gy[i], hyy += gy[i] * gy[i];
     }
-    const double det = hxx * hyy - hxy * hxy;
-    if (!(det > 1e-6 * (hxx + hyy) * (hxx + hyy)) || !(det > 0.0)) return;
+    const double det = static_cast<double>(hxx) * hyy - static_cast<double>(hxy) * hxy;
+    if (!(det > 1e-6 * (static_cast<double>(hxx) + hyy) * (static_cast<double>(hxx) + hyy))) return;
     const double startX = *outX / 32768.0, startY = *outY / 32768.0;
     double qx = startX, qy = startY;
     for (int32_t step = 0; step < kSteps; ++step) {
-        const double fx0 = qx - hb, fy0 = qy - hb;
+        const double fx0 = qx - reach, fy0 = qy - reach;
         const int32_t ix = static_cast<int32_t>(fx0 >= 0 ? fx0 : fx0 - 1),
                       iy = static_cast<int32_t>(fy0 >= 0 ? fy0 : fy0 - 1);
         if (ix < 0 || iy < 0 || ix + side >= target->width || iy + side >= target->height) return;
-        const double ax = fx0 - ix, ay = fy0 - iy;
-        double sample[kMaxSide * kMaxSide], mean = 0;
+        const float ax = static_cast<float>(fx0 - ix), ay = static_cast<float>(fy0 - iy);
+        float ex = 0, ey = 0;
         for (int32_t v = 0; v < side; ++v) {
             const uint8_t* r0 = rowOf(target, iy + v) + ix;
             const uint8_t* r1 = rowOf(target, iy + v + 1) + ix;
+            const float* b = block + v * side;
+            const float* bx = gx + v * side;
+            const float* by = gy + v * side;
             for (int32_t u = 0; u < side; ++u) {
-                const double top = r0[u] + ax * (r0[u + 1] - r0[u]),
-                             bottom = r1[u] + ax * (r1[u + 1] - r1[u]);
-                mean += sample[v * side + u] = top + ay * (bottom - top);
+                const float top = r0[u] + ax * static_cast<float>(r0[u + 1] - r0[u]);
+                const float bottom = r1[u] + ax * static_cast<float>(r1[u + 1] - r1[u]);
+                const float r = top + ay * (bottom - top) - b[u];
+                ex += bx[u] * r, ey += by[u] * r;
             }
         }
-        mean /= n;
-        double ex = 0, ey = 0;
-        for (int32_t i = 0; i < n; ++i) {
-            const double r = sample[i] - mean - (block[i] - blockMean);
-            ex += gx[i] * r, ey += gy[i] * r;
-        }
-        const double dx = -(hyy * ex - hxy * ey) / det, dy = -(hxx * ey - hxy * ex) / det;
+        const double dx = -(hyy * static_cast<double>(ex) - hxy * static_cast<double>(ey)) / det;
+        const double dy = -(hxx * static_cast<double>(ey) - hxy * static_cast<double>(ex)) / det;
         qx += dx, qy += dy;
         if (!(qx - startX < 1.0 && startX - qx < 1.0 && qy - startY < 1.0 && startY - qy < 1.0)) return;
-        if (dx * dx + dy * dy < 1e-6) break;
+        // A step below a hundredth of a pixel leaves a thousandth to go.
+        if (dx * dx + dy * dy < 1e-4) break;
     }
     *outX = static_cast<int32_t>(qx * 32768.0 + (qx >= 0 ? 0.5 : -0.5));
     *outY = static_cast<int32_t>(qy * 32768.0 + (qy >= 0 ? 0.5 : -0.5));
@@ -343,7 +356,7 @@ TLResult matchStripe(void* arg, int32_t index, int32_t count) {
 // Residuals of the weighted matches from the motion `fit` (reference to
 // image) and their inlier marks; returns how many marks changed.
 int32_t measure(const MvecDetectMulti2* d, MvecDetectMulti2_MatchingFeatPntList* list,
-                const MvecDetectMulti2_Mvec* fit, int32_t level) {
+                const MvecDetectMulti2_Mvec* fit, int32_t level, uint64_t threshold) {
     int32_t changed = 0;
     for (int32_t i = 0; i < list->count; ++i) {
         MvecDetectMulti2_Match& m = list->matches[i];
@@ -357,11 +370,37 @@ int32_t measure(const MvecDetectMulti2* d, MvecDetectMulti2_MatchingFeatPntList*
             const uint64_t square = static_cast<uint64_t>(ex * ex) + static_cast<uint64_t>(ey * ey);
             const double root = RawDouble_sqrt(static_cast<double>(square));
             m.residual = root < 2147483647.0 ? static_cast<int32_t>(root) : INT32_MAX;
-            m.inlier = square <= d->outlierThresh ? 1 : 0;
+            m.inlier = square <= threshold ? 1 : 0;
         }
         changed += m.inlier != was ? 1 : 0;
     }
     return changed;
+}
+
+// The squared outlier distance after the first fit: four times the median
+// residual, not below half a pixel, not above outlierThresh. Matches that
+// went a pixel or two astray (a repeated texture, a depth edge) lie well
+// inside any fixed threshold of pixels and would tilt the fit; against the
+// median they stand out. The median comes from a histogram of 1/64 pixel
+// bins up to 4 pixels.
+uint64_t tightThreshold(const MvecDetectMulti2* d, const MvecDetectMulti2_MatchingFeatPntList* list) {
+    int32_t bins[256] = {};
+    int32_t n = 0;
+    for (int32_t i = 0; i < list->count; ++i) {
+        const MvecDetectMulti2_Match& m = list->matches[i];
+        if (m.weight == 0) continue;
+        const int32_t bin = m.residual >> 9;
+        ++bins[bin < 255 ? bin : 255];
+        ++n;
+    }
+    int32_t bin = 0;
+    for (int32_t seen = bins[0]; 2 * seen < n; seen += bins[++bin]) {
+    }
+    const uint64_t median = static_cast<uint64_t>(bin) * 512 + 256;
+    uint64_t tight = 16 * median * median;
+    const uint64_t floor = uint64_t{16384} * 16384;
+    if (tight < floor) tight = floor;
+    return tight < d->outlierThresh ? tight : d->outlierThresh;
 }
 
 // Fit of one level: the inlying matches of reference r in image k, fitted
@@ -371,6 +410,7 @@ uint32_t fitLevel(MvecDetectMulti2* d, int32_t level, int32_t r, int32_t k, Mvec
                   TLResult* result) {
     MvecDetectMulti2_Lsm* lsm = &d->lsm[level];
     MvecDetectMulti2_MatchingFeatPntList* list = &d->matchLists[level];
+    uint64_t threshold = d->outlierThresh;
     for (int32_t round = 0; round < kFits; ++round) {
         TLResult rr = MvecDetectMulti2_Lsm_clearBlock(lsm, k);
         for (int32_t i = 0; rr == TL_OK && i < list->count; ++i) {
@@ -391,7 +431,12 @@ uint32_t fitLevel(MvecDetectMulti2* d, int32_t level, int32_t r, int32_t k, Mvec
         MvecDetectMulti2_Lsm_outputMvec(lsm, &toK, k);
         MvecDetectMulti2_Lsm_outputMvec(lsm, &toR, r);
         afterInverse(fit, &toK, &toR);
-        if (measure(d, list, fit, level) == 0) break;
+        int32_t changed = measure(d, list, fit, level, threshold);
+        if (round == 0) {
+            threshold = tightThreshold(d, list);
+            changed = measure(d, list, fit, level, threshold);
+        }
+        if (changed == 0) break;
     }
     return 0;
 }

@@ -11,10 +11,12 @@
 // current estimate, matched there by a zero-mean block search on a square
 // spiral with a sub-pixel fit, and a fresh robust fit of the model, whose
 // result guides the next finer level. The result is the fit of the finest
-// level, whose matches also take a few gradient steps on the block so that
-// both axes are measured at once. A block whose best cost stays above 60
-// percent of its own variation (a depth edge, an occlusion, noise) counts
-// as a failed match.
+// level, whose matches also take a few gradient steps on a block of up to
+// 15 by 15 so that both axes are measured at once. A block whose best cost
+// stays above 60 percent of its own variation (a depth edge, an occlusion,
+// noise) counts as a failed match; after the first fit of a level, matches
+// further than four times the median residual (at least half a pixel, at
+// most outlierThresh) count as outliers.
 //
 // Failures of a fit (too few matches, a singular system) do not end a run:
 // the failure code says so and the estimate of the coarser level stands;

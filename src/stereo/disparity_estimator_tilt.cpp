@@ -46,7 +46,20 @@ TLResult quarterStripe(void* arg, int32_t index, int32_t count) {
     for (int32_t y = first; y < last; ++y) {
         const uint8_t* s = rowOf(j.src, y);
         uint8_t* d = rowOf(j.dst, y);
-        for (int32_t x = 0; x < j.dst->width; ++x, s += 4)
+        int32_t x = 0;
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+        // Two outputs from eight bytes: pairs summed in 16-bit lanes, then
+        // pairs of pairs in 32-bit lanes; byte 0 is the lowest on this order.
+        for (; x + 2 <= j.dst->width; x += 2, s += 8) {
+            uint64_t v;
+            std::memcpy(&v, s, sizeof v);
+            const uint64_t pairs = (v & 0x00FF00FF00FF00FFull) + ((v >> 8) & 0x00FF00FF00FF00FFull);
+            const uint64_t quads = (pairs & 0x0000FFFF0000FFFFull) + ((pairs >> 16) & 0x0000FFFF0000FFFFull);
+            d[x] = static_cast<uint8_t>(((quads & 0xFFFFFFFFull) + 2) >> 2);
+            d[x + 1] = static_cast<uint8_t>(((quads >> 32) + 2) >> 2);
+        }
+#endif
+        for (; x < j.dst->width; ++x, s += 4)
             d[x] = static_cast<uint8_t>((s[0] + s[1] + s[2] + s[3] + 2) >> 2);
     }
     return TL_OK;
@@ -124,6 +137,46 @@ TLResult lumaStrip(Image* view, const Image* picture, int32_t x, int32_t width) 
     return Image_initSubImageY(view, picture, x, 0, width, picture->height);
 }
 
+// The rectangle of a strip (x, y, width, height) that both rectified views
+// cover. The warp leaves what it does not reach black (0), and the edge of
+// that border lies elsewhere in each view: read as motion it would swamp
+// the small scale looked for. Columns are tested at kSamples rows of the
+// middle half, rows at kSamples columns of the covered ones, then columns
+// again at rows of the covered ones; every side that was cut loses kFringe
+// more pixels, where the pre-blur spreads the border.
+void coveredRect(const Image* a, const Image* b, int32_t rect[4]) {
+    constexpr int32_t kSamples = 17, kFringe = 3;
+    const int32_t w = a->width, h = a->height;
+    auto covered = [&](int32_t x, int32_t y) { return rowOf(a, y)[x] != 0 && rowOf(b, y)[x] != 0; };
+    int32_t left = 0, right = w, top = 0, bottom = h;
+    auto column = [&](int32_t x, int32_t y0, int32_t y1) {
+        for (int32_t k = 0; k < kSamples; ++k) {
+            if (!covered(x, y0 + k * (y1 - 1 - y0) / (kSamples - 1))) return false;
+        }
+        return true;
+    };
+    auto row = [&](int32_t y, int32_t x0, int32_t x1) {
+        for (int32_t k = 0; k < kSamples; ++k) {
+            if (!covered(x0 + k * (x1 - 1 - x0) / (kSamples - 1), y)) return false;
+        }
+        return true;
+    };
+    for (int32_t pass = 0; pass < 2 && left < right && top < bottom; ++pass) {
+        const int32_t y0 = pass == 0 ? h / 4 : top, y1 = pass == 0 ? h - h / 4 : bottom;
+        while (left < right && !column(left, y0, y1)) ++left;
+        while (right > left && !column(right - 1, y0, y1)) --right;
+        if (pass == 0) {
+            while (top < bottom && left < right && !row(top, left, right)) ++top;
+            while (bottom > top && left < right && !row(bottom - 1, left, right)) --bottom;
+        }
+    }
+    if (left > 0) left += kFringe;
+    if (right < w) right -= kFringe;
+    if (top > 0) top += kFringe;
+    if (bottom < h) bottom -= kFringe;
+    rect[0] = left, rect[1] = top, rect[2] = right - left, rect[3] = bottom - top;
+}
+
 }  // namespace
 
 TLResult DisparityEstimator_estimateScale(DisparityEstimator* e, double* scale, const Image* mainView,
@@ -139,30 +192,29 @@ TLResult DisparityEstimator_estimateScale(DisparityEstimator* e, double* scale, 
     MvecDetectMulti2* detector = static_cast<MvecDetectMulti2*>(Memory_alloc(sizeof(MvecDetectMulti2)));
     if (detector == nullptr) return TL_ERROR_MEMORY;
     construct_MvecDetectMulti2(detector, e->env);
-    Image shrunk[2];
-    construct_Image(&shrunk[0], e->env);
-    construct_Image(&shrunk[1], e->env);
+    // One shrunk picture at a time: the detector keeps its own copy.
+    Image shrunk;
+    construct_Image(&shrunk, e->env);
     MvecDetectMulti2_setPel(detector, e->pel);
     TLResult r = MvecDetectMulti2_setDof(detector, 6);
     if (r == TL_OK) r = MvecDetectMulti2_init(detector, w, h, 2);
+    if (r == TL_OK) r = Image_init(&shrunk, w, h, nullptr, IMAGE_FORMAT_UINT8);
     const Image* views[2] = {mainView, subView};
     const ImageStripeExec exec{e->pel, nullptr};
     for (int32_t i = 0; i < 2 && r == TL_OK; ++i) {
-        r = Image_init(&shrunk[i], w, h, nullptr, IMAGE_FORMAT_UINT8);
-        if (r == TL_OK && views[i]->format == IMAGE_FORMAT_UINT8) {
-            QuarterJob job{&shrunk[i], views[i]};
+        if (views[i]->format == IMAGE_FORMAT_UINT8) {
+            QuarterJob job{&shrunk, views[i]};
             r = ImageStripeExec_run(&exec, quarterStripe, &job, kBands);
-        } else if (r == TL_OK) {
-            r = ImageProc2_resizeImage(&e->imageProc2, &shrunk[i], views[i]);
+        } else {
+            r = ImageProc2_resizeImage(&e->imageProc2, &shrunk, views[i]);
         }
-        if (r == TL_OK) r = MvecDetectMulti2_addImage(detector, &shrunk[i]);
+        if (r == TL_OK) r = MvecDetectMulti2_addImage(detector, &shrunk);
     }
     int32_t motion[6];
     if (r == TL_OK) r = MvecDetectMulti2_outputMvec(detector, motion);
     // A picture without texture leaves the identity: a scale of 1.0.
     if (r == TL_OK) *scale = motion[4] * (1.0 / 32768.0);
-    destruct_Image(&shrunk[0]);
-    destruct_Image(&shrunk[1]);
+    destruct_Image(&shrunk);
     destruct_MvecDetectMulti2(detector);
     Memory_free(detector);
     return r;
@@ -183,9 +235,20 @@ TLResult DisparityEstimator_estimateScales(DisparityEstimator* e, const Image* m
         Image mainView, subView;
         construct_Image(&mainView, e->env);
         construct_Image(&subView, e->env);
+        Image mainPart, subPart;
+        construct_Image(&mainPart, e->env);
+        construct_Image(&subPart, e->env);
         r = lumaStrip(&mainView, main, x, width);
         if (r == TL_OK) r = lumaStrip(&subView, sub, x, width);
-        if (r == TL_OK) r = DisparityEstimator_estimateScale(e, &scales[i], &mainView, &subView);
+        int32_t rect[4] = {0, 0, 0, 0};
+        if (r == TL_OK) coveredRect(&mainView, &subView, rect);
+        if (r == TL_OK && rect[2] > 0 && rect[3] > 0) {
+            r = Image_initSubImage(&mainPart, &mainView, rect[0], rect[1], rect[2], rect[3]);
+            if (r == TL_OK) r = Image_initSubImage(&subPart, &subView, rect[0], rect[1], rect[2], rect[3]);
+            if (r == TL_OK) r = DisparityEstimator_estimateScale(e, &scales[i], &mainPart, &subPart);
+        }
+        destruct_Image(&mainPart);
+        destruct_Image(&subPart);
         destruct_Image(&mainView);
         destruct_Image(&subView);
     }

@@ -570,19 +570,21 @@ double errorSlope(const Scene& s, const DisparityEstimator& e, const Rig& rig) {
 // A sub camera whose focal length is 0.5 % longer than its calibration says magnifies the rectified sub view:
 // without correction the disparity error falls across the picture by 0.005 working pixels per working pixel;
 // mode 3 with wide limits takes at least two thirds of that slope out, and on the pair as calibrated changes
-// the map by one level at most. At 60 % of the full size the side strips (a sixth of the working width, at a
-// quarter of it) are 27 pixels wide, above the 24 that feature points need. The baseline lies along x: with a
-// vertical part, the rectification leaves vertical disparity in proportion to the horizontal one, which the
-// scale estimate reads as a tilt of its own.
+// the map by one level at most. At the full size: a sixth of the working width less the uncovered border of
+// the rectified frame, at a quarter, keeps the side strips above the 24 pixels that feature points need. The
+// baseline lies along x: with a vertical part, the rectification leaves vertical disparity in proportion to
+// the horizontal one, which the scale estimate reads as a tilt of its own.
 TEST(DisparityEstimator, TiltCorrection) {
-    SceneConfig config = sceneConfig(0.6);
+    SceneConfig config = sceneConfig(1.0);
     config.subCentre[1] = config.subCentre[2] = 0.0;
     config.rotationDegrees = 0.0;
+    config.truth = false;
     const Scene calibrated(config);
     config.subFocalError = 0.005;
+    config.truth = true;
     const Scene moved(config);
-    std::vector<uint8_t> maps[2][2];  // [scene][corrected]
-    double slopes[2] = {0, 0};
+    std::vector<uint8_t> maps[2];  // the calibrated pair's, without and with the correction
+    double slopes[2] = {0, 0};     // the moved pair's error slopes, likewise
     for (int scene = 0; scene < 2; ++scene) {
         const Scene& s = scene == 0 ? calibrated : moved;
         for (int corrected = 0; corrected < 2; ++corrected) {
@@ -592,19 +594,20 @@ TEST(DisparityEstimator, TiltCorrection) {
             ASSERT_EQ(DisparityEstimator_setCorrectDispParams(&rig.e, -1.0, 1.0), TL_OK);
             ASSERT_EQ(rig.estimate(s), TL_OK);
             const Image& d = rig.e.disparity;
-            for (int32_t y = 0; y < d.height; ++y)
-                maps[scene][corrected].insert(maps[scene][corrected].end(), d.plane[0] + y * d.pitch[0],
-                                              d.plane[0] + y * d.pitch[0] + d.width);
+            for (int32_t y = 0; scene == 0 && y < d.height; ++y)
+                maps[corrected].insert(maps[corrected].end(), d.plane[0] + y * d.pitch[0],
+                                       d.plane[0] + y * d.pitch[0] + d.width);
             if (scene == 1) slopes[corrected] = errorSlope(s, rig.e, rig);
-            // The magnification's slope, and the centre strip's scale.
-            const double want = corrected == 0 ? -0.005 * rig.e.workWidth / rig.e.disparityWidth : slopes[1];
-            EXPECT_NEAR(slopes[corrected], scene == 1 ? want : slopes[corrected], 0.001);
-            EXPECT_NEAR(rig.e.centreScale, corrected == 0 ? 0.0 : scene == 1 ? 1.005 : 1.0, 5e-4);
+            // The magnification's slope, in working pixels per pixel of the map.
+            const double magnified = -0.005 * rig.e.workWidth / rig.e.disparityWidth;
+            EXPECT_NEAR(scene == 1 && corrected == 0 ? slopes[0] : magnified, magnified, 0.001);
+            const double want = corrected == 0 ? 0.0 : scene == 1 ? 1.005 : 1.0;
+            for (double scale : {rig.e.leftScale, rig.e.centreScale, rig.e.rightScale})
+                EXPECT_NEAR(scale, want, 3e-4) << "scene " << scene;
         }
     }
     EXPECT_LE(std::fabs(slopes[1]), std::fabs(slopes[0]) / 3) << slopes[0] << " corrected to " << slopes[1];
     int worst = 0;
-    for (size_t i = 0; i < maps[0][0].size(); ++i)
-        worst = std::max(worst, std::abs(maps[0][1][i] - maps[0][0][i]));
+    for (size_t i = 0; i < maps[0].size(); ++i) worst = std::max(worst, std::abs(maps[1][i] - maps[0][i]));
     EXPECT_LE(worst, 1);
 }

@@ -291,6 +291,11 @@ void refine(const Image* base, const Image* target, int32_t x, int32_t y, int32_
 
 // ---- Estimates ------------------------------------------------------------------
 
+// The motion of image i relative to the reference on level l.
+MvecDetectMulti2_Mvec* estimateOf(const MvecDetectMulti2* d, int32_t i, int32_t l) {
+    return &d->estimates[i * d->levelCount + l];
+}
+
 double levelFocal(const MvecDetectMulti2* d, int32_t level) {
     double f = d->focalLength / d->shrinkRatio;
     for (int32_t l = 0; l < level; ++l) f *= 0.5;
@@ -427,7 +432,7 @@ uint32_t fitLevel(MvecDetectMulti2* d, int32_t level, int32_t r, int32_t k, Mvec
         }
         const uint32_t code = MvecDetectMulti2_Lsm_getFailureCode(lsm);
         if (code != 0) return code;
-        MvecDetectMulti2_Mvec toK = d->estimate[k][level], toR = d->estimate[r][level];
+        MvecDetectMulti2_Mvec toK = *estimateOf(d, k, level), toR = *estimateOf(d, r, level);
         MvecDetectMulti2_Lsm_outputMvec(lsm, &toK, k);
         MvecDetectMulti2_Lsm_outputMvec(lsm, &toR, r);
         afterInverse(fit, &toK, &toR);
@@ -475,6 +480,8 @@ void releaseAll(MvecDetectMulti2* d) {
         Memory_free(d->individuals);
     }
     d->individuals = nullptr;
+    Memory_free(d->estimates);
+    d->estimates = nullptr;
     for (int32_t l = 0; l < kMvecDetectMaxLevels; ++l) {
         destruct_MvecDetectMulti2_Lsm(&d->lsm[l]);
         Memory_free(d->matchLists[l].matches);
@@ -515,14 +522,14 @@ TLResult estimateImage(MvecDetectMulti2* d, int32_t k, uint32_t* code, int32_t* 
     const int32_t r = referenceOf(d, k), top = d->levelCount - 1;
     const ImageStripeExec exec{d->pel, nullptr};
     // The prediction from r to k, at the coarsest level: where image k - 1 was.
-    MvecDetectMulti2_Mvec prediction = d->estimate[k][top];
-    if (k > 1) afterInverse(&prediction, &d->estimate[k - 1][top], &d->estimate[r][top]);
+    MvecDetectMulti2_Mvec prediction = *estimateOf(d, k, top);
+    if (k > 1) afterInverse(&prediction, estimateOf(d, k - 1, top), estimateOf(d, r, top));
     bool solved = false, finest = false;
     *code = 0;
     *reliability = 0;
     for (int32_t level = top; level >= 0; --level) {
         if (level < top) MvecDetectMulti2_Mvec_upscale(&prediction, &prediction);
-        MvecDetectMulti2_Mvec& out = d->estimate[k][level];
+        MvecDetectMulti2_Mvec& out = *estimateOf(d, k, level);
         const FeatPntList* list = &d->individuals[r].list[level];
         MvecDetectMulti2_MatchingFeatPntList* matches = &d->matchLists[level];
         matches->count = list->count < matches->capacity ? list->count : matches->capacity;
@@ -550,7 +557,7 @@ TLResult estimateImage(MvecDetectMulti2* d, int32_t k, uint32_t* code, int32_t* 
         }
         if (levelCode != 0) {
             // The estimate of this level is the prediction carried on.
-            MvecDetectMulti2_Mvec_mult(&out, &prediction, &d->estimate[r][level]);
+            MvecDetectMulti2_Mvec_mult(&out, &prediction, estimateOf(d, r, level));
         } else {
             MvecDetectMulti2_Lsm_outputMvec(&d->lsm[level], &out, k);
         }
@@ -565,7 +572,7 @@ TLResult estimateImage(MvecDetectMulti2* d, int32_t k, uint32_t* code, int32_t* 
         }
     }
     if (!solved) *code |= MVEC_LSM_FAILURE_TOO_FEW_POINTS;
-    if (!finest) MvecDetectMulti2_Mvec_setIdentity(&d->estimate[k][0]);
+    if (!finest) MvecDetectMulti2_Mvec_setIdentity(estimateOf(d, k, 0));
     if (finest && *reliability < d->reliabilitySensitivity) *code |= MVEC_DETECT_FAILURE_LOW_RELIABILITY;
     return TL_OK;
 }
@@ -796,9 +803,11 @@ TLResult MvecDetectMulti2_init(MvecDetectMulti2* d, int32_t width, int32_t heigh
                                                 : RawDouble_hypot(width, height);
     d->focalLength = size / (2.0 * RawDouble_tan(0.5 * d->viewAngle));
     d->width = width, d->height = height, d->images = images, d->levelCount = count;
+    d->estimates = static_cast<MvecDetectMulti2_Mvec*>(Memory_alloc(
+        sizeof(MvecDetectMulti2_Mvec) * static_cast<size_t>(images) * static_cast<size_t>(count)));
     d->individuals = static_cast<MvecDetectMulti2_Individual*>(
         Memory_alloc(sizeof(MvecDetectMulti2_Individual) * static_cast<size_t>(images)));
-    TLResult r = d->individuals != nullptr ? TL_OK : TL_ERROR_MEMORY;
+    TLResult r = d->individuals != nullptr && d->estimates != nullptr ? TL_OK : TL_ERROR_MEMORY;
     for (int32_t i = 0; r == TL_OK && i < images; ++i) {
         for (int32_t l = 0; l < kMvecDetectMaxLevels; ++l) {
             construct_Image(&d->individuals[i].level[l], d->env);
@@ -820,8 +829,8 @@ TLResult MvecDetectMulti2_init(MvecDetectMulti2* d, int32_t width, int32_t heigh
             if (d->matchLists[l].matches == nullptr) r = TL_ERROR_MEMORY;
             d->matchLists[l].capacity = r == TL_OK ? d->maxFeatPntsNum : 0;
         }
-        for (int32_t i = 0; r == TL_OK && i < images; ++i)
-            r = MvecDetectMulti2_Mvec_init(&d->estimate[i][l], d->dof, levelFocal(d, l));
+        for (int32_t i = 0; r == TL_OK && d->estimates != nullptr && i < images; ++i)
+            r = MvecDetectMulti2_Mvec_init(estimateOf(d, i, l), d->dof, levelFocal(d, l));
     }
     if (r != TL_OK) {
         releaseAll(d);
@@ -845,7 +854,7 @@ TLResult MvecDetectMulti2_addImage(MvecDetectMulti2* d, const Image* image) {
     uint32_t code = 0;
     int32_t reliability = 32768;
     if (slot > 0) {
-        for (int32_t l = 0; l < d->levelCount; ++l) MvecDetectMulti2_Mvec_setIdentity(&d->estimate[slot][l]);
+        for (int32_t l = 0; l < d->levelCount; ++l) MvecDetectMulti2_Mvec_setIdentity(estimateOf(d, slot, l));
         r = estimateImage(d, slot, &code, &reliability);
         if (r != TL_OK) return r;
         keepHistory(d);
@@ -859,7 +868,7 @@ TLResult MvecDetectMulti2_addImage(MvecDetectMulti2* d, const Image* image) {
 TLResult MvecDetectMulti2_getMvec(MvecDetectMulti2* d, MvecDetectMulti2_Mvec* result) {
     if (d == nullptr || result == nullptr) return TL_ERROR_PARAM;
     if (d->added < 1) return TL_ERROR_STATE;
-    MvecDetectMulti2_Mvec m = d->estimate[d->added - 1][0];
+    MvecDetectMulti2_Mvec m = *estimateOf(d, d->added - 1, 0);
     const int32_t ratio = d->shrinkRatio;
     if (ratio > 1) {
         // Level 0 pixel x covers input pixels r x to r x + r - 1: with

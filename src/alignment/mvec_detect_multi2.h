@@ -105,8 +105,8 @@ struct MvecDetectMulti2 {
     MvecDetectMulti2_Lsm lsm[kMvecDetectMaxLevels];  // one solver per level
     MvecDetectMulti2_MatchingFeatPntList matchLists[kMvecDetectMaxLevels];
     // Motion of each image relative to the reference, per level, in that
-    // level's coordinates.
-    MvecDetectMulti2_Mvec estimate[kMvecDetectMaxImages][kMvecDetectMaxLevels];
+    // level's coordinates: images by levelCount records, owned.
+    MvecDetectMulti2_Mvec* estimates;
     int32_t added;         // images added since init
     uint32_t failureCode;  // of the last image
     int32_t reliability;   // Q15, of the last image

@@ -179,11 +179,14 @@ void coveredRect(const Image* a, const Image* b, int32_t rect[4]) {
 
 }  // namespace
 
-TLResult DisparityEstimator_estimateScale(DisparityEstimator* e, double* scale, const Image* mainView,
-                                          const Image* subView) {
-    if (e == nullptr || scale == nullptr || !hasPixels(mainView) || !hasPixels(subView))
-        return TL_ERROR_PARAM;
-    if (mainView->width != subView->width || mainView->height != subView->height) return TL_ERROR_PARAM;
+namespace {
+
+// The scale of one pair of views, shrunk one after the other into
+// `scratch` (UINT8, at least a quarter of their width by their height): the
+// detector keeps its own copy, so one buffer serves both views and every
+// strip of a frame.
+TLResult measureScale(DisparityEstimator* e, double* scale, const Image* mainView, const Image* subView,
+                      const Image* scratch) {
     // Only the width is reduced: the scale is read along the full height,
     // where disparity does not move the picture.
     const int32_t w = mainView->width >> 2, h = mainView->height;
@@ -192,13 +195,12 @@ TLResult DisparityEstimator_estimateScale(DisparityEstimator* e, double* scale, 
     MvecDetectMulti2* detector = static_cast<MvecDetectMulti2*>(Memory_alloc(sizeof(MvecDetectMulti2)));
     if (detector == nullptr) return TL_ERROR_MEMORY;
     construct_MvecDetectMulti2(detector, e->env);
-    // One shrunk picture at a time: the detector keeps its own copy.
     Image shrunk;
     construct_Image(&shrunk, e->env);
     MvecDetectMulti2_setPel(detector, e->pel);
     TLResult r = MvecDetectMulti2_setDof(detector, 6);
     if (r == TL_OK) r = MvecDetectMulti2_init(detector, w, h, 2);
-    if (r == TL_OK) r = Image_init(&shrunk, w, h, nullptr, IMAGE_FORMAT_UINT8);
+    if (r == TL_OK) r = Image_initSubImage(&shrunk, scratch, 0, 0, w, h);
     const Image* views[2] = {mainView, subView};
     const ImageStripeExec exec{e->pel, nullptr};
     for (int32_t i = 0; i < 2 && r == TL_OK; ++i) {
@@ -220,6 +222,23 @@ TLResult DisparityEstimator_estimateScale(DisparityEstimator* e, double* scale, 
     return r;
 }
 
+}  // namespace
+
+TLResult DisparityEstimator_estimateScale(DisparityEstimator* e, double* scale, const Image* mainView,
+                                          const Image* subView) {
+    if (e == nullptr || scale == nullptr || !hasPixels(mainView) || !hasPixels(subView))
+        return TL_ERROR_PARAM;
+    if (mainView->width != subView->width || mainView->height != subView->height) return TL_ERROR_PARAM;
+    *scale = 1.0;
+    if (mainView->width < 4) return TL_OK;
+    Image scratch;
+    construct_Image(&scratch, e->env);
+    TLResult r = Image_init(&scratch, mainView->width >> 2, mainView->height, nullptr, IMAGE_FORMAT_UINT8);
+    if (r == TL_OK) r = measureScale(e, scale, mainView, subView, &scratch);
+    destruct_Image(&scratch);
+    return r;
+}
+
 TLResult DisparityEstimator_estimateScales(DisparityEstimator* e, const Image* main, const Image* sub) {
     if (e == nullptr || !hasPixels(main) || !hasPixels(sub)) return TL_ERROR_PARAM;
     if (e->correctionMode != CORRECTION_WHOLE && e->correctionMode != CORRECTION_THREE_STRIPS) return TL_OK;
@@ -228,7 +247,12 @@ TLResult DisparityEstimator_estimateScales(DisparityEstimator* e, const Image* m
     const int32_t strips[3][2] = {{w, W - 2 * w}, {W - w, w}, {0, w}};
     const int32_t count = e->correctionMode == CORRECTION_WHOLE ? 1 : 3;
     double scales[3] = {1.0, 1.0, 1.0};
-    TLResult r = TL_OK;
+    // A quarter of the widest strip, shared by the strips.
+    Image scratch;
+    construct_Image(&scratch, e->env);
+    TLResult r = Image_init(
+        &scratch, (count == 1 ? W : strips[0][1]) >> 2 > 0 ? (count == 1 ? W : strips[0][1]) >> 2 : 1,
+        main->height, nullptr, IMAGE_FORMAT_UINT8);
     for (int32_t i = 0; i < count && r == TL_OK; ++i) {
         const int32_t x = count == 1 ? 0 : strips[i][0], width = count == 1 ? W : strips[i][1];
         if (width < 1) continue;
@@ -242,16 +266,17 @@ TLResult DisparityEstimator_estimateScales(DisparityEstimator* e, const Image* m
         if (r == TL_OK) r = lumaStrip(&subView, sub, x, width);
         int32_t rect[4] = {0, 0, 0, 0};
         if (r == TL_OK) coveredRect(&mainView, &subView, rect);
-        if (r == TL_OK && rect[2] > 0 && rect[3] > 0) {
+        if (r == TL_OK && rect[2] >= 4 && rect[3] > 0) {
             r = Image_initSubImage(&mainPart, &mainView, rect[0], rect[1], rect[2], rect[3]);
             if (r == TL_OK) r = Image_initSubImage(&subPart, &subView, rect[0], rect[1], rect[2], rect[3]);
-            if (r == TL_OK) r = DisparityEstimator_estimateScale(e, &scales[i], &mainPart, &subPart);
+            if (r == TL_OK) r = measureScale(e, &scales[i], &mainPart, &subPart, &scratch);
         }
         destruct_Image(&mainPart);
         destruct_Image(&subPart);
         destruct_Image(&mainView);
         destruct_Image(&subView);
     }
+    destruct_Image(&scratch);
     if (r != TL_OK) return r;
     e->centreScale = scales[0];
     if (count == 3) e->rightScale = scales[1], e->leftScale = scales[2];

@@ -232,6 +232,31 @@ void DisparityEstimator_updateDepthTables(DisparityEstimator* estimator, uint8_t
 TLResult DisparityEstimator_updateStatus(DisparityEstimator* estimator, int32_t* status,
                                          const Image* disparity, const Image* confidence, uint8_t validValue);
 
+// Stage 7, one estimate: the scale of subView against mainView (luma views
+// of the same size) along the axis that is not reduced. Both are shrunk to
+// a quarter of their width, a six-parameter motion is fitted and its
+// vertical scale read. Views without texture give 1.0.
+TLResult DisparityEstimator_estimateScale(DisparityEstimator* estimator, double* scale, const Image* mainView,
+                                          const Image* subView);
+// Stage 7 on the rectified pair by correctionMode: mode 2 centreScale from
+// the whole pair; mode 3 from three full-height strips of w = width / 6:
+// the centre (w, width - 2w), then right (width - w, w), then left (0, w).
+// Other modes do nothing.
+TLResult DisparityEstimator_estimateScales(DisparityEstimator* estimator, const Image* main,
+                                           const Image* sub);
+// One ramp: columns x0 to x0 + width - 1 of map take value + slope * (pivot
+// - (x - x0)), rounded and clamped to bytes; |slope| below 1e-6 does nothing.
+TLResult DisparityEstimator_addRamp(DisparityEstimator* estimator, Image* map, int32_t x0, int32_t width,
+                                    double slope, int32_t pivot);
+// Stage 12 on a stretched map whose range was minPx to maxPx working
+// pixels: with levels = 255 / (maxPx - minPx) and g the working pixels per
+// pixel of the map, mode 1 ramps by the slope of the column minima, modes
+// 2 and 3 by (centreScale - 1) levels g, both clamped to minSlope and
+// maxSlope times levels g, about the middle column; mode 3 bends the ramp
+// in the outer sixths by the side strips' scales, unclamped.
+TLResult DisparityEstimator_correctDisparity(DisparityEstimator* estimator, Image* disparity, float minPx,
+                                             float maxPx);
+
 // ---- Depth outputs -------------------------------------------------------------
 
 // The 256 floats of depthTable.

@@ -392,6 +392,12 @@ TLResult DisparityEstimator_finishDisparity(DisparityEstimator* e, const Image* 
     uint8_t low = 0, high = 0;
     if (r == TL_OK) r = DisparityEstimator_getDisparityRange(e, &low, &high, disparity);
     if (r == TL_OK) r = DisparityEstimator_stretchDisparity(e, disparity, low, high);
+    // 12: correction of residual tilt, plain branch only. It runs before the
+    // new map takes over, so that a failed frame leaves the last good
+    // result; the status then reads the corrected map, the one handed out.
+    const float unit = static_cast<float>(1 << (e->subPixelEnabled != 0 ? e->fractionBits : 0));
+    if (r == TL_OK && !isTransposed(e->rotation))
+        r = DisparityEstimator_correctDisparity(e, disparity, low / unit, high / unit);
     if (r == TL_OK) {
         // The new maps take the place of the last good ones only now.
         std::swap(e->disparity, *disparity);
@@ -401,8 +407,6 @@ TLResult DisparityEstimator_finishDisparity(DisparityEstimator* e, const Image* 
         r = DisparityEstimator_updateStatus(e, &status, &e->disparity, &e->confidence, passValue);
         if (r == TL_OK) e->status = status;
     }
-    // 12: correction of residual tilt (correctionMode non-zero, rotation 0
-    // and 2) goes here.
     Temps_release(t);
     return r;
 }
@@ -448,8 +452,8 @@ TLResult DisparityEstimator_estimateDisparity(DisparityEstimator* e, const Image
         r = turn(e, &t, &map, kTurnedRight, kUpright, r);
         r = turn(e, &t, &confidence, kTurnedRight, kUpright, r);
     }
-    // 7: scale estimates for the tilt correction (correctionMode non-zero,
-    // rotation 0 and 2) go here.
+    // 7: scale estimates for the tilt correction, plain branch only.
+    if (r == TL_OK && !transposed) r = DisparityEstimator_estimateScales(e, main, sub);
     // 8 to 12.
     if (r == TL_OK) r = DisparityEstimator_finishDisparity(e, map, confidence, passValue);
     Temps_release(&t);

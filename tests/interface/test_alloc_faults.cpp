@@ -3,15 +3,18 @@
 // crash, and every block taken must be given back.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <memory>
 #include <vector>
 
+#include "alignment/mvec_detect_multi2.h"
 #include "runtime/memory.h"
 #include "stereo/disparity_estimator.h"
 #include "support/scene.h"
 #include "support/session_params.h"
+#include "support/texture.h"
 #include "velquin/rectify_data_converter.h"
 
 using namespace vq_tl;
@@ -222,4 +225,34 @@ TEST_F(AllocFaults, DisparityEstimator) {
     });
     EXPECT_GT(runs, 30);
     destruct_Pel(&pel);
+}
+
+// The motion search over three pictures: a failure in init leaves nothing, one
+// while adding a picture leaves the result of the pictures before it.
+TEST_F(AllocFaults, MvecDetectMulti2) {
+    const vq_tl_test::Texture texture(3);
+    std::vector<std::unique_ptr<vq_tl_test::Picture>> pictures;
+    for (int i = 0; i < 3; ++i) {
+        const double m[6] = {1, 0, 1.5 * i, 0, 1, -0.5 * i};
+        pictures.push_back(std::make_unique<vq_tl_test::Picture>(96, 128, IMAGE_FORMAT_UINT8));
+        texture.render(*pictures.back(), m, 1.0, i);
+    }
+    const int runs = walk([&](int64_t n) {
+        MvecDetectMulti2 d;
+        construct_MvecDetectMulti2(&d, nullptr);
+        MvecDetectMulti2_setDof(&d, 6);
+        TLResult r = MvecDetectMulti2_init(&d, 96, 128, 3);
+        int32_t before[6] = {}, after[6] = {};
+        for (int i = 0; r == TL_OK && i < 3; ++i) {
+            if (i > 0) MvecDetectMulti2_outputMvec(&d, before);
+            r = MvecDetectMulti2_addImage(&d, &pictures[i]->image);
+            if (r != TL_OK && i > 0) {
+                EXPECT_EQ(MvecDetectMulti2_outputMvec(&d, after), TL_OK);
+                EXPECT_TRUE(std::equal(before, before + 6, after)) << "allocation " << n;
+            }
+        }
+        EXPECT_TRUE(r == TL_OK || r == TL_ERROR_MEMORY) << std::hex << r << " at allocation " << n;
+        destruct_MvecDetectMulti2(&d);
+    });
+    EXPECT_GT(runs, 20);
 }

@@ -313,6 +313,35 @@ TEST(DisparityEstimator, MatchesTheScene) {
     }
 }
 
+// With the tilt correction of three strips, its motion searches spread over the Pel too; layer 3 is a Pel of
+// two workers.
+TEST(DisparityEstimator, SameBytesOnEveryLayer) {
+    const Scene& s = sharedScene();
+    std::vector<uint8_t> serial;
+    Pel two;
+    construct_Pel(&two, nullptr);
+    two.params.numberOfWorkers = 2;
+    ASSERT_EQ(Pel_init(&two), TL_OK);
+    for (int layers : {0, 1, 2, 3}) {
+        Rig rig(s, layers % 3);
+        if (layers == 3) DisparityEstimator_setPel(&rig.e, &two);
+        DisparityEstimator_setDisparityCorrectionMode(&rig.e, 3);
+        DisparityEstimator_setCorrectDispParams(&rig.e, -1.0, 1.0);
+        ASSERT_TRUE(rig.grids(s) == TL_OK && rig.estimate(s) == TL_OK);
+        Picture out(rig.depthWidth, rig.depthHeight, IMAGE_FORMAT_UINT8);
+        ASSERT_EQ(DisparityEstimator_refineDisparity(&rig.e, &out.image, &s.main->image, 7, 3, 10.0f, 15.0f),
+                  TL_OK);
+        std::vector<uint8_t> bytes = resultBytes(rig.e);
+        bytes.insert(bytes.end(), out.storage.begin(), out.storage.end());
+        if (layers == 0) serial = bytes;
+        EXPECT_TRUE(bytes == serial) << "layers " << layers;
+    }
+    destruct_Pel(&two);
+}
+
+// The normal shot focused on the box is usable; the box brought to 10 cm, at the top of the matching range or
+// beyond, is too near. Far needs disparities within a pixel of the lowest candidate, -4: the sub camera's
+// calibrated centre is moved so that the background at 3.5 m (under a pixel) lands at -3.5.
 TEST(DisparityEstimator, StatusOfShots) {
     const double scale = 0.25;
     SceneConfig nearConfig = sceneConfig(scale), farConfig = sceneConfig(scale);
@@ -447,4 +476,127 @@ TEST(DisparityEstimator, BadInputLeavesTheLastResult) {
     // A sub frame below the working frame (172 by 130) could not be shrunk to it.
     EXPECT_EQ(DisparityEstimator_init(e, 640, 480, 160, 120, 320, 240, 10.0f, main->format, 0, 0),
               TL_ERROR_PARAM);
+}
+
+// Stage 12 on a 12 by 2 map of 100 with g = 100 / ((12 / 12) * 100) = 1 and levels = 255 / 25.5 = 10 per
+// pixel; at rotation 0 the sub camera is right of the main one, so a scale s ramps by -(s - 1) * 10 per
+// column about column 6, out = trunc(in + slope * (pivot - x) + 0.5). Sixths are 2 columns wide.
+TEST(DisparityEstimator, TiltRampsWorkedByHand) {
+    const struct {
+        const char* name;
+        uint32_t mode, rotation;
+        double scales[3];  // left, centre, right
+        double limit;      // minSlope -limit, maxSlope limit; a negative limit: both -limit
+        bool trend;        // the map rises by 2 per column
+        int8_t want[12];   // less 100
+    } cases[] = {
+        {"mode 0", 0, 0, {1.1, 1.012, 0.9}, 1, false, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}},
+        // -0.12 per column: 100 - 0.72 + 0.5 at column 0, 100 - 0.48 + 0.5 at column 2, 100 + 0.6 + 0.5
+        // at 11.
+        {"mode 2", 2, 0, {1, 1.012, 1}, 1, false, {-1, -1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}},
+        {"upside down", 2, 2, {1, 1.012, 1}, 1, false, {1, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, -1}},
+        // Clamped to 0.005 * 10 per column: 100 - 0.3 + 0.5 to 100 + 0.25 + 0.5.
+        {"clamped", 2, 0, {1, 1.012, 1}, 0.005, false, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}},
+        // Limits of 0 stop the centre; the strips still act: -1 per column about column 2 on the left, +1
+        // about column 10 on the right.
+        {"mode 3", 3, 0, {1.1, 1.012, 0.9}, 0, false, {-2, -1, 0, 0, 0, 0, 0, 0, 0, 0, 0, -1}},
+        // Slopes under 1e-6 do nothing.
+        {"tiny", 3, 0, {1 + 1e-8, 1, 1 - 1e-8}, 0, false, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}},
+        // The column minima rise by 2: a ramp of 2 about column 6 levels the map at 112.
+        {"mode 1", 1, 0, {1, 1, 1}, 5, true, {12, 12, 12, 12, 12, 12, 12, 12, 12, 12, 12, 12}},
+        // Equal limits of -0.05: their value, -0.5 per column, whatever the map.
+        {"equal limits", 1, 0, {1, 1, 1}, -0.05, true, {-3, 0, 2, 5, 7, 10, 12, 15, 17, 20, 22, 25}},
+    };
+    for (const auto& c : cases) {
+        Fixture f;
+        f.e.focalLength = f.e.calibFocalLength = 100.0f;
+        f.e.calibWidth = 12;
+        f.e.rotation = c.rotation;
+        f.e.leftScale = c.scales[0], f.e.centreScale = c.scales[1], f.e.rightScale = c.scales[2];
+        DisparityEstimator_setDisparityCorrectionMode(&f.e, c.mode);
+        DisparityEstimator_setCorrectDispParams(&f.e, -std::fabs(c.limit), c.limit);
+        Picture map(12, 2, IMAGE_FORMAT_UINT8);
+        for (int32_t y = 0; y < 2; ++y) {
+            for (int32_t x = 0; x < 12; ++x)
+                map.u8(x, y) = static_cast<uint8_t>(c.trend ? 100 + 2 * x + y : 100);
+        }
+        ASSERT_EQ(DisparityEstimator_correctDisparity(&f.e, &map.image, 0.0f, 25.5f), TL_OK) << c.name;
+        for (int32_t x = 0; x < 12; ++x)
+            EXPECT_EQ(map.u8(x, 0), 100 + c.want[x]) << c.name << ", column " << x;
+        EXPECT_TRUE(map.canariesIntact());
+    }
+}
+
+namespace {
+
+// Least-squares slope against x of the disparity error of confident, textured, unoccluded pixels, in working
+// pixels of disparity per pixel of the map.
+double errorSlope(const Scene& s, const DisparityEstimator& e, const Rig& rig) {
+    const double fb = e.focalLength * e.baseline;
+    double n = 0, sx = 0, se = 0, sxe = 0, sxx = 0;
+    for (int32_t y = 0; y < e.disparityHeight; ++y) {
+        for (int32_t x = 0; x < e.disparityWidth; ++x) {
+            const size_t i = truthIndex(s, x, y, e.disparityWidth, e.disparityHeight);
+            if (e.confidence.plane[0][y * e.confidence.pitch[0] + x] != 255 || s.textured[i] == 0 ||
+                s.occluded[i] != 0)
+                continue;
+            const double error =
+                rig.disparityOf(e.disparity.plane[0][y * e.disparity.pitch[0] + x]) - fb / s.depth[i];
+            n += 1, sx += x, se += error, sxe += x * error, sxx += static_cast<double>(x) * x;
+        }
+    }
+    return (sxe / n - sx / n * se / n) / (sxx / n - sx / n * sx / n);
+}
+
+}  // namespace
+
+// A sub camera whose focal length is 0.5 % longer than its calibration says magnifies the rectified sub view:
+// without correction the disparity error falls across the picture by 0.005 working pixels per working pixel;
+// mode 3 with wide limits takes at least two thirds of that slope out, and on the pair as calibrated changes
+// the map by one level at most. At the full size: a sixth of the working width less the uncovered border of
+// the rectified frame, at a quarter, keeps the side strips above the 24 pixels that feature points need. The
+// baseline lies along x: with a vertical part, the rectification leaves vertical disparity in proportion to
+// the horizontal one, which the scale estimate reads as a tilt of its own.
+TEST(DisparityEstimator, TiltCorrection) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    // A full-size frame's stripes outlast the Pel's wait limit of 3 s under sanitizers: the calling thread.
+    const int kFullSizeLayers = 0;
+#else
+    const int kFullSizeLayers = 1;
+#endif
+    SceneConfig config = sceneConfig(1.0);
+    config.subCentre[1] = config.subCentre[2] = 0.0;
+    config.rotationDegrees = 0.0;
+    config.truth = false;
+    const Scene calibrated(config);
+    config.subFocalError = 0.005;
+    config.truth = true;
+    const Scene moved(config);
+    std::vector<uint8_t> maps[2];  // the calibrated pair's, without and with the correction
+    double slopes[2] = {0, 0};     // the moved pair's error slopes, likewise
+    for (int scene = 0; scene < 2; ++scene) {
+        const Scene& s = scene == 0 ? calibrated : moved;
+        for (int corrected = 0; corrected < 2; ++corrected) {
+            Rig rig(s, kFullSizeLayers);
+            ASSERT_EQ(rig.grids(s), TL_OK);
+            ASSERT_EQ(DisparityEstimator_setDisparityCorrectionMode(&rig.e, corrected != 0 ? 3 : 0), TL_OK);
+            ASSERT_EQ(DisparityEstimator_setCorrectDispParams(&rig.e, -1.0, 1.0), TL_OK);
+            ASSERT_EQ(rig.estimate(s), TL_OK);
+            const Image& d = rig.e.disparity;
+            for (int32_t y = 0; scene == 0 && y < d.height; ++y)
+                maps[corrected].insert(maps[corrected].end(), d.plane[0] + y * d.pitch[0],
+                                       d.plane[0] + y * d.pitch[0] + d.width);
+            if (scene == 1) slopes[corrected] = errorSlope(s, rig.e, rig);
+            // The magnification's slope, in working pixels per pixel of the map.
+            const double magnified = -0.005 * rig.e.workWidth / rig.e.disparityWidth;
+            EXPECT_NEAR(scene == 1 && corrected == 0 ? slopes[0] : magnified, magnified, 0.001);
+            const double want = corrected == 0 ? 0.0 : scene == 1 ? 1.005 : 1.0;
+            for (double scale : {rig.e.leftScale, rig.e.centreScale, rig.e.rightScale})
+                EXPECT_NEAR(scale, want, 3e-4) << "scene " << scene;
+        }
+    }
+    EXPECT_LE(std::fabs(slopes[1]), std::fabs(slopes[0]) / 3) << slopes[0] << " corrected to " << slopes[1];
+    int worst = 0;
+    for (size_t i = 0; i < maps[0].size(); ++i) worst = std::max(worst, std::abs(maps[1][i] - maps[0][i]));
+    EXPECT_LE(worst, 1);
 }

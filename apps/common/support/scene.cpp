@@ -150,6 +150,7 @@ void* allocateLarge(size_t bytes) {
 Scene::Scene(const SceneConfig& cfg) : config(cfg), mainCalib(calibMain()), subCalib(calibSub()) {
     mainCamera = scaled(mainCalib, evenWidth(cfg.mainWidth, cfg.scale, kMainWidth));
     subCamera = scaled(subCalib, evenWidth(cfg.subWidth, cfg.scale, kSubWidth));
+    subCamera.matrix.m[0] *= 1.0 + cfg.subFocalError, subCamera.matrix.m[4] *= 1.0 + cfg.subFocalError;
     rotation = rodrigues(cfg.rotationAxis[0], cfg.rotationAxis[1], cfg.rotationAxis[2],
                          cfg.rotationDegrees * M_PI / 180.0);
     // x_sub = R (x_main - c), so t = -R c.

@@ -64,6 +64,10 @@ struct SceneConfig {
     // Relative rotation: 0.3 degrees about a skew axis.
     double rotationAxis[3] = {0.3, -0.5, 0.8};
     double rotationDegrees = 0.3;
+    // The sub camera's true focal length over its calibration's, less 1:
+    // 0.005 renders the sub frame 0.5 percent magnified about its principal
+    // point, as a camera that moved since it was calibrated.
+    double subFocalError = 0.0;
     // YVU420_SEMIPLANAR is NV21: the luma plane, then V,U pairs at half size.
     // YUV420_SEMIPLANAR (U first) is also accepted.
     uint32_t format = vq_tl::IMAGE_FORMAT_YVU420_SEMIPLANAR;

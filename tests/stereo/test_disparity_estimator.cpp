@@ -57,10 +57,14 @@ struct Rig {
     Env env{};
     DisparityEstimator e;
     int32_t depthWidth, depthHeight;
-    explicit Rig(const Scene& s, uint32_t fine = 0) {
+    // layers: 0 the calling thread, 1 the shared Pel and pool, 2 the balanced Pel and two bands.
+    Rig(const Scene& s, int layers = 1, uint32_t fine = 0) {
+        vq_tl_test::Layers& l = vq_tl_test::sharedLayers();
         construct_DisparityEstimator(&e, &env);
-        DisparityEstimator_setPel(&e, &vq_tl_test::sharedLayers().pel);
-        DisparityEstimator_setParallelExecutor(&e, &vq_tl_test::sharedLayers().pool);
+        DisparityEstimator_setPel(&e, layers == 0 ? nullptr : layers == 1 ? &l.pel : &l.balanced);
+        DisparityEstimator_setParallelExecutor(&e, layers == 0   ? nullptr
+                                                   : layers == 1 ? &l.pool
+                                                                 : &l.twoBands);
         // The depth output at 48 % of the main width, as 1920 is of 4000.
         depthWidth = (s.main->image.width * 12 / 25) & ~1;
         depthHeight = depthWidth * 3 / 4;
@@ -409,7 +413,7 @@ TEST(DisparityEstimator, ReversedExtrinsics) {
 // Refused input changes nothing: the last map, tables and status stay. Fine mode lacks filler and filter.
 TEST(DisparityEstimator, BadInputLeavesTheLastResult) {
     const Scene& s = sharedScene();
-    Rig rig(s), fine(s, 1);
+    Rig rig(s), fine(s, 1, 1);
     DisparityEstimator* e = &rig.e;
     ASSERT_TRUE(rig.grids(s) == TL_OK && fine.grids(s) == TL_OK);
     ASSERT_EQ(rig.estimate(s), TL_OK);
@@ -509,18 +513,18 @@ TEST(DisparityEstimator, TiltRampsWorkedByHand) {
     };
     for (const auto& c : cases) {
         Fixture f;
-        f.e.focalLength = f.e.calibFocalLength = 100.0f;
-        f.e.calibWidth = 12;
-        f.e.rotation = c.rotation;
-        f.e.leftScale = c.scales[0], f.e.centreScale = c.scales[1], f.e.rightScale = c.scales[2];
-        DisparityEstimator_setDisparityCorrectionMode(&f.e, c.mode);
-        DisparityEstimator_setCorrectDispParams(&f.e, -std::fabs(c.limit), c.limit);
+        f.focalLength = f.calibFocalLength = 100.0f;
+        f.calibWidth = 12;
+        f.rotation = c.rotation;
+        f.leftScale = c.scales[0], f.centreScale = c.scales[1], f.rightScale = c.scales[2];
+        DisparityEstimator_setDisparityCorrectionMode(&f, c.mode);
+        DisparityEstimator_setCorrectDispParams(&f, -std::fabs(c.limit), c.limit);
         Picture map(12, 2, IMAGE_FORMAT_UINT8);
         for (int32_t y = 0; y < 2; ++y) {
             for (int32_t x = 0; x < 12; ++x)
                 map.u8(x, y) = static_cast<uint8_t>(c.trend ? 100 + 2 * x + y : 100);
         }
-        ASSERT_EQ(DisparityEstimator_correctDisparity(&f.e, &map.image, 0.0f, 25.5f), TL_OK) << c.name;
+        ASSERT_EQ(DisparityEstimator_correctDisparity(&f, &map.image, 0.0f, 25.5f), TL_OK) << c.name;
         for (int32_t x = 0; x < 12; ++x)
             EXPECT_EQ(map.u8(x, 0), 100 + c.want[x]) << c.name << ", column " << x;
         EXPECT_TRUE(map.canariesIntact());

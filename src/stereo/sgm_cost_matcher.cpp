@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "imageproc/image_stripes.h"
+#include "stereo/census.h"
 
 namespace vq_tl {
 
@@ -43,16 +44,16 @@ struct CensusJob {
     int32_t width, height;
 };
 
-// Census word of pixel x from the 2R + 1 rows around it. kClamp: columns are
-// clamped to the row (the first and last R pixels); otherwise all are inside.
-template <int R, typename Word, bool kClamp>
+// Census word of pixel x from the 2R + 1 rows around it, columns clamped to
+// the row: the first and last R pixels, which the row kernels leave out.
+template <int R, typename Word>
 inline Word censusAt(const uint8_t* const* rows, int32_t x, int32_t width) {
     const uint8_t c = rows[R][x];
     Word w = 0;
     for (int32_t dy = 0; dy <= 2 * R; ++dy) {
         for (int32_t dx = -R; dx <= R; ++dx) {
             if (dy == R && dx == 0) continue;
-            const int32_t xx = kClamp ? clampIndex(x + dx, width) : x + dx;
+            const int32_t xx = clampIndex(x + dx, width);
             w = static_cast<Word>((w << 1) | (rows[dy][xx] > c ? 1u : 0u));
         }
     }
@@ -71,9 +72,12 @@ TLResult censusStripe(void* arg, int32_t index, int32_t count) {
         Word* out = reinterpret_cast<Word*>(j.census + static_cast<intptr_t>(j.censusPitch) * y);
         const int32_t edge = j.width < R ? j.width : R;
         const int32_t tail = j.width - R > edge ? j.width - R : edge;
-        for (int32_t x = 0; x < edge; ++x) out[x] = censusAt<R, Word, true>(rows, x, j.width);
-        for (int32_t x = edge; x < tail; ++x) out[x] = censusAt<R, Word, false>(rows, x, j.width);
-        for (int32_t x = tail; x < j.width; ++x) out[x] = censusAt<R, Word, true>(rows, x, j.width);
+        for (int32_t x = 0; x < edge; ++x) out[x] = censusAt<R, Word>(rows, x, j.width);
+        if constexpr (R == 1)
+            CensusKernels_get()->census3x3(out, rows, edge, tail);
+        else
+            CensusKernels_get()->census5x5(out, rows, edge, tail);
+        for (int32_t x = tail; x < j.width; ++x) out[x] = censusAt<R, Word>(rows, x, j.width);
     }
     return TL_OK;
 }

@@ -68,6 +68,42 @@ void bokehMix2Row_c(uint8_t* o, const uint8_t* f, const uint8_t* b0, const uint8
     mixRow<2>(o, f, b0, b1, coc, threshold, shift, n);
 }
 
+namespace {
+
+// The quotients are exact integer quotients taken by the floating-point
+// divider, which divides whole vectors where integer division is scalar. For
+// integers 0 <= n < 2^24 and d > 0 the correctly rounded n / d lies within
+// (n / d) 2^-24 < 1 / d of n / d, while the next integer above n / d is at
+// least 1 / d away: the rounding never reaches it, so truncation gives the
+// integer quotient, bit for bit.
+inline uint8_t weightedMean(int32_t weightedSum, int32_t weightSum) {
+    const float den = static_cast<float>(weightSum > 0 ? weightSum : 1);
+    return static_cast<uint8_t>(
+        static_cast<int32_t>(static_cast<float>(weightedSum + (weightSum >> 1)) / den));
+}
+
+template <bool KeepWeight>
+VQ_TL_KERNEL_CLONES void weightedShrinkRow(uint8_t* d, uint8_t* dWeight, const uint8_t* a, const uint8_t* b,
+                                           const uint8_t* wa, const uint8_t* wb, int32_t n) {
+    for (int32_t x = 0; x < n; ++x) {
+        const int32_t w0 = wa[2 * x], w1 = wa[2 * x + 1], w2 = wb[2 * x], w3 = wb[2 * x + 1];
+        const int32_t sum = w0 + w1 + w2 + w3;
+        d[x] = weightedMean(w0 * a[2 * x] + w1 * a[2 * x + 1] + w2 * b[2 * x] + w3 * b[2 * x + 1], sum);
+        if constexpr (KeepWeight) dWeight[x] = static_cast<uint8_t>((sum + 2) >> 2);
+    }
+}
+
+}  // namespace
+
+void bokehWeightedShrinkRow_c(uint8_t* d, uint8_t* dWeight, const uint8_t* a, const uint8_t* b,
+                              const uint8_t* wa, const uint8_t* wb, int32_t n) {
+    if (dWeight != nullptr) {
+        weightedShrinkRow<true>(d, dWeight, a, b, wa, wb, n);
+    } else {
+        weightedShrinkRow<false>(d, dWeight, a, b, wa, wb, n);
+    }
+}
+
 void BokehKernels_fill(BokehKernels* table, uint32_t features) {
     table->shrink = bokehShrinkRow_c;
     table->shrink2 = bokehShrink2Row_c;
@@ -75,6 +111,7 @@ void BokehKernels_fill(BokehKernels* table, uint32_t features) {
     table->doubleRow = bokehDoubleRow_c;
     table->mix = bokehMixRow_c;
     table->mix2 = bokehMix2Row_c;
+    table->weightedShrink = bokehWeightedShrinkRow_c;
 #if defined(VQ_TL_KERNELS_X86)
     if ((features & kCpuSse41) != 0) BokehKernels_addSse41(table);
     if ((features & kCpuSse41) != 0 && (features & kCpuAvx2) != 0) BokehKernels_addAvx2(table);

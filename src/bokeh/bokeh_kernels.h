@@ -34,6 +34,14 @@ using BokehMixRowFn = void (*)(uint8_t* o, const uint8_t* f, const uint8_t* b, c
 using BokehMix2RowFn = void (*)(uint8_t* o, const uint8_t* f, const uint8_t* b0, const uint8_t* b1,
                                 const uint8_t* coc, int32_t threshold, int32_t shift, int32_t n);
 
+// The halving weighted by wa, wb (the weights of rows a and b): with W the
+// sum of the four weights of the 2 by 2 block, d[x] = (sum of w p + (W >> 1))
+// / W as an exact integer quotient (0 for W = 0) and, where dWeight is not
+// null, dWeight[x] = (W + 2) >> 2. The numerator stays below 2^18, so the
+// quotient is taken exactly in floats.
+using BokehWeightedShrinkRowFn = void (*)(uint8_t* d, uint8_t* dWeight, const uint8_t* a, const uint8_t* b,
+                                          const uint8_t* wa, const uint8_t* wb, int32_t n);
+
 struct BokehKernels {
     BokehShrinkRowFn shrink;   // Step 1
     BokehShrinkRowFn shrink2;  // Step 2
@@ -41,6 +49,7 @@ struct BokehKernels {
     BokehDoubleRowFn doubleRow;
     BokehMixRowFn mix;
     BokehMix2RowFn mix2;
+    BokehWeightedShrinkRowFn weightedShrink;
 };
 
 void bokehShrinkRow_c(uint8_t* d, const uint8_t* a, const uint8_t* b, int32_t n);
@@ -51,6 +60,8 @@ void bokehMixRow_c(uint8_t* o, const uint8_t* f, const uint8_t* b, const uint8_t
                    int32_t shift, int32_t n);
 void bokehMix2Row_c(uint8_t* o, const uint8_t* f, const uint8_t* b0, const uint8_t* b1, const uint8_t* coc,
                     int32_t threshold, int32_t shift, int32_t n);
+void bokehWeightedShrinkRow_c(uint8_t* d, uint8_t* dWeight, const uint8_t* a, const uint8_t* b,
+                              const uint8_t* wa, const uint8_t* wb, int32_t n);
 
 // The table for the instruction sets of `features` (kCpu* bits) that this
 // build holds; 0 gives the scalar table.

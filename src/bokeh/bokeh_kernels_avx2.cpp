@@ -147,6 +147,48 @@ void mix2Row_avx2(uint8_t* o, const uint8_t* f, const uint8_t* b0, const uint8_t
     bokehMix2Row_c(o + 2 * i, f + 2 * i, b0 + i, b1 + i, coc + i, threshold, shift, n - i);
 }
 
+// Eight quotients (num + (sum >> 1)) / max(sum, 1) of 32-bit lanes, in floats
+// as the scalar form takes them: every operand is an integer below 2^24.
+inline __m256i quotients(__m256i num, __m256i sum, __m256i one) {
+    const __m256i top = _mm256_add_epi32(num, _mm256_srli_epi32(sum, 1));
+    const __m256 q = _mm256_div_ps(_mm256_cvtepi32_ps(top), _mm256_cvtepi32_ps(_mm256_max_epi32(sum, one)));
+    return _mm256_cvttps_epi32(q);
+}
+
+// Eight outputs from 16 bytes of each row and weight row as words: the
+// weighted sums of the pairs in 32-bit lanes (products below 2^16), in order
+// since the pairs of a 128-bit lane stay in it.
+inline __m128i weightedEight(const uint8_t* a, const uint8_t* b, const uint8_t* wa, const uint8_t* wb,
+                             __m128i sum, __m256i one) {
+    const __m256i num = _mm256_add_epi32(_mm256_madd_epi16(widen(load128(wa)), widen(load128(a))),
+                                         _mm256_madd_epi16(widen(load128(wb)), widen(load128(b))));
+    const __m256i q = quotients(num, _mm256_cvtepu16_epi32(sum), one);
+    return _mm_packs_epi32(_mm256_castsi256_si128(q), _mm256_extracti128_si256(q, 1));
+}
+
+void weightedShrinkRow_avx2(uint8_t* d, uint8_t* dWeight, const uint8_t* a, const uint8_t* b,
+                            const uint8_t* wa, const uint8_t* wb, int32_t n) {
+    const __m256i ones = _mm256_set1_epi8(1), one = _mm256_set1_epi32(1), two = _mm256_set1_epi16(2);
+    int32_t x = 0;
+    for (; x + 16 <= n; x += 16) {
+        const int32_t o = 2 * x;
+        // Weight sums of the 16 blocks as words, in order.
+        const __m256i sum = _mm256_add_epi16(_mm256_maddubs_epi16(load(wa + o), ones),
+                                             _mm256_maddubs_epi16(load(wb + o), ones));
+        const __m128i sumLo = _mm256_castsi256_si128(sum), sumHi = _mm256_extracti128_si256(sum, 1);
+        const __m128i lo = weightedEight(a + o, b + o, wa + o, wb + o, sumLo, one);
+        const __m128i hi = weightedEight(a + o + 16, b + o + 16, wa + o + 16, wb + o + 16, sumHi, one);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + x), _mm_packus_epi16(lo, hi));
+        if (dWeight != nullptr) {
+            const __m256i w = _mm256_srli_epi16(_mm256_add_epi16(sum, two), 2);
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(dWeight + x),
+                             _mm_packus_epi16(_mm256_castsi256_si128(w), _mm256_extracti128_si256(w, 1)));
+        }
+    }
+    bokehWeightedShrinkRow_c(d + x, dWeight != nullptr ? dWeight + x : nullptr, a + 2 * x, b + 2 * x,
+                             wa + 2 * x, wb + 2 * x, n - x);
+}
+
 }  // namespace
 
 void BokehKernels_addAvx2(BokehKernels* table) {
@@ -156,6 +198,7 @@ void BokehKernels_addAvx2(BokehKernels* table) {
     table->doubleRow = doubleRow_avx2;
     table->mix = mixRow_avx2;
     table->mix2 = mix2Row_avx2;
+    table->weightedShrink = weightedShrinkRow_avx2;
 }
 
 }  // namespace vq_tl

@@ -1,4 +1,6 @@
 // Pyramid bokeh rows with NEON: 16 pixels per step, sums in 16-bit lanes.
+// The weighted halving keeps its scalar form: 32-bit Arm has no vector
+// division, and a reciprocal estimate would not give the same quotients.
 #include <arm_neon.h>
 
 #include "bokeh/bokeh_kernels.h"

@@ -143,6 +143,52 @@ void mix2Row_sse41(uint8_t* o, const uint8_t* f, const uint8_t* b0, const uint8_
     bokehMix2Row_c(o + 2 * i, f + 2 * i, b0 + i, b1 + i, coc + i, threshold, shift, n - i);
 }
 
+// Four quotients (num + (sum >> 1)) / max(sum, 1) of 32-bit lanes, in floats
+// as the scalar form takes them: every operand is an integer below 2^24.
+inline __m128i quotients(__m128i num, __m128i sum, __m128i one) {
+    const __m128i top = _mm_add_epi32(num, _mm_srli_epi32(sum, 1));
+    const __m128 q = _mm_div_ps(_mm_cvtepi32_ps(top), _mm_cvtepi32_ps(_mm_max_epi32(sum, one)));
+    return _mm_cvttps_epi32(q);
+}
+
+// Eight outputs from 16 bytes of each row and weight row: the weighted sums
+// of the pairs as 32-bit lanes (products below 2^16), the weight sums as
+// words.
+inline __m128i weightedEight(const uint8_t* a, const uint8_t* b, const uint8_t* wa, const uint8_t* wb,
+                             __m128i sum, __m128i one) {
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i va = load(a), vb = load(b), vwa = load(wa), vwb = load(wb);
+    const __m128i numLo = _mm_add_epi32(_mm_madd_epi16(_mm_cvtepu8_epi16(vwa), _mm_cvtepu8_epi16(va)),
+                                        _mm_madd_epi16(_mm_cvtepu8_epi16(vwb), _mm_cvtepu8_epi16(vb)));
+    const __m128i numHi =
+        _mm_add_epi32(_mm_madd_epi16(_mm_unpackhi_epi8(vwa, zero), _mm_unpackhi_epi8(va, zero)),
+                      _mm_madd_epi16(_mm_unpackhi_epi8(vwb, zero), _mm_unpackhi_epi8(vb, zero)));
+    const __m128i qLo = quotients(numLo, _mm_cvtepu16_epi32(sum), one);
+    const __m128i qHi = quotients(numHi, _mm_unpackhi_epi16(sum, zero), one);
+    return _mm_packs_epi32(qLo, qHi);
+}
+
+void weightedShrinkRow_sse41(uint8_t* d, uint8_t* dWeight, const uint8_t* a, const uint8_t* b,
+                             const uint8_t* wa, const uint8_t* wb, int32_t n) {
+    const __m128i ones = _mm_set1_epi8(1), one = _mm_set1_epi32(1), two = _mm_set1_epi16(2);
+    int32_t x = 0;
+    for (; x + 16 <= n; x += 16) {
+        const int32_t o = 2 * x;
+        const __m128i sumLo = _mm_add_epi16(pairSums(load(wa + o), ones), pairSums(load(wb + o), ones));
+        const __m128i sumHi =
+            _mm_add_epi16(pairSums(load(wa + o + 16), ones), pairSums(load(wb + o + 16), ones));
+        const __m128i lo = weightedEight(a + o, b + o, wa + o, wb + o, sumLo, one);
+        const __m128i hi = weightedEight(a + o + 16, b + o + 16, wa + o + 16, wb + o + 16, sumHi, one);
+        store(d + x, _mm_packus_epi16(lo, hi));
+        if (dWeight != nullptr) {
+            store(dWeight + x, _mm_packus_epi16(_mm_srli_epi16(_mm_add_epi16(sumLo, two), 2),
+                                                _mm_srli_epi16(_mm_add_epi16(sumHi, two), 2)));
+        }
+    }
+    bokehWeightedShrinkRow_c(d + x, dWeight != nullptr ? dWeight + x : nullptr, a + 2 * x, b + 2 * x,
+                             wa + 2 * x, wb + 2 * x, n - x);
+}
+
 }  // namespace
 
 void BokehKernels_addSse41(BokehKernels* table) {
@@ -152,6 +198,7 @@ void BokehKernels_addSse41(BokehKernels* table) {
     table->doubleRow = doubleRow_sse41;
     table->mix = mixRow_sse41;
     table->mix2 = mix2Row_sse41;
+    table->weightedShrink = weightedShrinkRow_sse41;
 }
 
 }  // namespace vq_tl

@@ -95,10 +95,11 @@ inline uint8_t weightedMean(int32_t weightedSum, int32_t weightSum) {
 }
 
 template <bool KeepWeight>
-VQ_TL_KERNEL_CLONES TLResult weightedShrinkStripe(void* arg, int32_t index, int32_t count) {
+TLResult weightedShrinkStripe(void* arg, int32_t index, int32_t count) {
     const WeightedShrinkJob j = *static_cast<const WeightedShrinkJob*>(arg);
     int32_t first, last;
     ImageStripe_rows(j.dst.height, index, count, &first, &last);
+    const BokehWeightedShrinkRowFn row = BokehKernels_get()->weightedShrink;
     const int32_t dw = j.dst.width, sw = j.src.width;
     const int32_t full = dw < sw / 2 ? dw : sw / 2;
     for (int32_t y = first; y < last; ++y) {
@@ -109,12 +110,7 @@ VQ_TL_KERNEL_CLONES TLResult weightedShrinkStripe(void* arg, int32_t index, int3
         const uint8_t* wb = j.srcWeight.row(rb);
         uint8_t* d = j.dst.row(y);
         uint8_t* dwt = KeepWeight ? j.dstWeight.row(y) : nullptr;
-        for (int32_t x = 0; x < full; ++x) {
-            const int32_t w0 = wa[2 * x], w1 = wa[2 * x + 1], w2 = wb[2 * x], w3 = wb[2 * x + 1];
-            const int32_t sum = w0 + w1 + w2 + w3;
-            d[x] = weightedMean(w0 * a[2 * x] + w1 * a[2 * x + 1] + w2 * b[2 * x] + w3 * b[2 * x + 1], sum);
-            if constexpr (KeepWeight) dwt[x] = static_cast<uint8_t>((sum + 2) >> 2);
-        }
+        row(d, dwt, a, b, wa, wb, full);
         const int32_t w0 = wa[sw - 1], w2 = wb[sw - 1], sum = w0 + w2;
         const uint8_t edge = weightedMean(w0 * a[sw - 1] + w2 * b[sw - 1], sum);
         const uint8_t edgeWeight = static_cast<uint8_t>((sum + 1) >> 1);

@@ -15,12 +15,13 @@ struct BokehCase {
     const BokehKernels* table;
     int kernel;  // index into kKernels
     uint8_t* out;
+    uint8_t* outWeight;
     const uint8_t* in[4];
     const uint16_t* v;
     int32_t wa, threshold, shift, n;
 };
 
-enum : int { kShrink, kShrink2, kColumnSum, kDouble, kMix, kMix2 };
+enum : int { kShrink, kShrink2, kColumnSum, kDouble, kMix, kMix2, kWeightedShrink };
 
 struct KernelInfo {
     const char* name;
@@ -29,10 +30,11 @@ struct KernelInfo {
     int32_t inputs;    // byte inputs
 };
 // Shrinks read 2 (or 4) bytes a row per output; the doubling reads n + 2
-// column sums; the mixes read the coc row and 1 or 2 bytes of f a pixel.
+// column sums; the mixes read the coc row and 1 or 2 bytes of f a pixel; the
+// weighted shrink writes values in the output's row 0 and weights in row 1.
 constexpr KernelInfo kKernels[] = {
-    {"shrink", 1, 2, 2}, {"shrink2", 1, 4, 2}, {"columnSum", 2, 1, 2},
-    {"double", 2, 0, 0}, {"mix", 1, 1, 3},     {"mix2", 2, 1, 4},
+    {"shrink", 1, 2, 2}, {"shrink2", 1, 4, 2}, {"columnSum", 2, 1, 2},      {"double", 2, 0, 0},
+    {"mix", 1, 1, 3},    {"mix2", 2, 1, 4},    {"weightedShrink", 1, 2, 4},
 };
 
 void callBokeh(void* arg) {
@@ -48,6 +50,9 @@ void callBokeh(void* arg) {
         case kMix: t->mix(c->out, c->in[0], c->in[1], c->in[2], c->threshold, c->shift, c->n); break;
         case kMix2:
             t->mix2(c->out, c->in[0], c->in[1], c->in[2], c->in[3], c->threshold, c->shift, c->n);
+            break;
+        case kWeightedShrink:
+            t->weightedShrink(c->out, c->outWeight, c->in[0], c->in[1], c->in[2], c->in[3], c->n);
             break;
         default: break;
     }
@@ -93,8 +98,9 @@ void checkKernel(CheckContext* ctx, int kernel, const Variant& var, const BokehK
         BokehInputs in{};
         in.init(ctx, kernel, n);
         GuardedPlane outRef, outVar;
-        GuardedPlane_init(&outRef, n * k.outBytes, 1, kernel == kColumnSum ? 2 : 1, &ctx->random);
-        GuardedPlane_init(&outVar, outRef.rowBytes, 1, kernel == kColumnSum ? 2 : 1, &ctx->random);
+        const int32_t outRows = kernel == kWeightedShrink ? 2 : 1;
+        GuardedPlane_init(&outRef, n * k.outBytes, outRows, kernel == kColumnSum ? 2 : 1, &ctx->random);
+        GuardedPlane_init(&outVar, outRef.rowBytes, outRows, kernel == kColumnSum ? 2 : 1, &ctx->random);
         GuardedPlane_copyRows(&outVar, &outRef);
         BokehCase c{};
         c.kernel = kernel;
@@ -112,12 +118,16 @@ void checkKernel(CheckContext* ctx, int kernel, const Variant& var, const BokehK
             GuardedPlane_copyRows(&outRef, &in.rows[0]);
             GuardedPlane_copyRows(&outVar, &in.rows[0]);
         }
+        // Half the weighted shrinks keep no weights.
+        const bool weights = kernel == kWeightedShrink && CheckRandom_range(&ctx->random, 0, 1) != 0;
         c.table = ref;
         c.out = outRef.data;
+        c.outWeight = weights ? GuardedPlane_row(&outRef, 1) : nullptr;
         if (inPlace) c.in[0] = outRef.data;
         callBokeh(&c);
         c.table = table;
         c.out = outVar.data;
+        c.outWeight = weights ? GuardedPlane_row(&outVar, 1) : nullptr;
         if (inPlace) c.in[0] = outVar.data;
         callBokeh(&c);
         char text[96];
@@ -127,11 +137,12 @@ void checkKernel(CheckContext* ctx, int kernel, const Variant& var, const BokehK
     }
     if (!ctx->bench) return;
     // A row of the 12 MP frame: 4000 pixels, or 2000 outputs of a halving.
-    const int32_t n = kernel == kShrink || kernel == kShrink2 || kernel == kMix2 ? 2000 : 4000;
+    const int32_t n =
+        kernel == kShrink || kernel == kShrink2 || kernel == kMix2 || kernel == kWeightedShrink ? 2000 : 4000;
     BokehInputs in{};
     in.init(ctx, kernel, n);
     GuardedPlane out;
-    GuardedPlane_init(&out, n * k.outBytes, 1, 2, &ctx->random);
+    GuardedPlane_init(&out, n * k.outBytes, 2, 2, &ctx->random);
     BokehCase c{};
     c.kernel = kernel;
     c.n = kernel == kDouble ? n / 2 : n;
@@ -140,6 +151,7 @@ void checkKernel(CheckContext* ctx, int kernel, const Variant& var, const BokehK
     c.shift = 2;
     in.point(&c);
     c.out = out.data;
+    c.outWeight = GuardedPlane_row(&out, 1);
     c.table = ref;
     const double refNs = Check_timeNs(callBokeh, &c, 2000);
     c.table = table;
@@ -160,6 +172,7 @@ void runBokeh(CheckContext* ctx) {
         if (t.doubleRow != ref.doubleRow) checkKernel(ctx, kDouble, v, &ref, &t);
         if (t.mix != ref.mix) checkKernel(ctx, kMix, v, &ref, &t);
         if (t.mix2 != ref.mix2) checkKernel(ctx, kMix2, v, &ref, &t);
+        if (t.weightedShrink != ref.weightedShrink) checkKernel(ctx, kWeightedShrink, v, &ref, &t);
     }
 }
 

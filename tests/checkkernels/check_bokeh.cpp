@@ -83,8 +83,14 @@ struct BokehInputs {
             }
         }
     }
+    // The kernels read copies in blocks of exactly the rows' size, so that
+    // AddressSanitizer sees any read past what the scalar form reads.
+    std::vector<uint8_t> exact[4];
     void point(BokehCase* c) {
-        for (int32_t i = 0; i < 4; ++i) c->in[i] = rows[i].data;
+        for (int32_t i = 0; i < 4; ++i) {
+            exact[i].assign(rows[i].data, rows[i].data + (rows[i].data != nullptr ? rows[i].rowBytes : 0));
+            c->in[i] = exact[i].data();
+        }
         c->v = v.data();
     }
 };

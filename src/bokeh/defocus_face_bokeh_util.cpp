@@ -1,7 +1,10 @@
 // The pixel kernels of DefocusFaceBokeh: shrinks, doubling, the weighted and
 // plain separable blurs, and the mixes. Each is a stripe function over the
-// rows of its destination; the loops are plain integer arithmetic over whole
-// rows or chunks of a row, so that the compiler vectorises them.
+// rows of its destination. The halvings, the doubling and the mixes hand
+// their rows to the kernel table of bokeh_kernels.h (scalar, SSE4.1, AVX2,
+// NEON; the same bytes from each); the blurs' loops are plain integer
+// arithmetic over whole rows or chunks of a row, so that the compiler
+// vectorises them.
 #include "bokeh/defocus_face_bokeh_util.h"
 
 #include <cstring>

@@ -106,8 +106,95 @@ void BM_DefocusFaceBokeh(benchmark::State& state) {
     destruct_DefocusFaceBokeh(&bokeh);
     destruct_Image(&dst);
 }
-BENCHMARK_TEMPLATE(BM_DefocusFaceBokeh, false)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK_TEMPLATE(BM_DefocusFaceBokeh, true)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK_TEMPLATE(BM_DefocusFaceBokeh, false)
+    ->Arg(0)
+    ->Arg(1)
+    ->Arg(2)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->MeasureProcessCPUTime();
+BENCHMARK_TEMPLATE(BM_DefocusFaceBokeh, true)
+    ->Arg(0)
+    ->Arg(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->MeasureProcessCPUTime();
+
+// The passes that see the whole frame, one by one: the luma's halving into
+// level 1, and the luma's mix with the doubling of level 1 (blendLevel). The
+// row kernels come from the process's table: VQ_TL_CPU_MASK=0 gives the
+// scalar ones.
+void BM_BokehShrinkLuma(benchmark::State& state) {
+    Shot shot;
+    PelHolder p;
+    DefocusFaceBokeh bokeh;
+    construct_DefocusFaceBokeh(&bokeh, &shot.env);
+    DefocusFaceBokeh_setPel(&bokeh, p.pel.get());
+    Image luma, half;
+    construct_Image(&luma, &shot.env);
+    construct_Image(&half, &shot.env);
+    Image_init(&luma, kWidth, kHeight, shot.frame.plane[0], IMAGE_FORMAT_UINT8);
+    Image_init(&half, kWidth / 2, kHeight / 2, nullptr, IMAGE_FORMAT_UINT8);
+    for (auto _ : state) benchmark::DoNotOptimize(DefocusFaceBokehUtil_shrinkImageU8(&bokeh, &half, &luma));
+    state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
+    destruct_Image(&half);
+    destruct_Image(&luma);
+    destruct_DefocusFaceBokeh(&bokeh);
+}
+BENCHMARK(BM_BokehShrinkLuma)->Unit(benchmark::kMillisecond)->UseRealTime()->MeasureProcessCPUTime();
+
+void BM_BokehBlendLuma(benchmark::State& state) {
+    Shot shot;
+    PelHolder p;
+    DefocusFaceBokeh bokeh;
+    construct_DefocusFaceBokeh(&bokeh, &shot.env);
+    DefocusFaceBokeh_setPel(&bokeh, p.pel.get());
+    Image luma, half, out, coc;
+    for (Image* m : {&luma, &half, &out, &coc}) construct_Image(m, &shot.env);
+    Image_init(&luma, kWidth, kHeight, shot.frame.plane[0], IMAGE_FORMAT_UINT8);
+    Image_init(&half, kWidth / 2, kHeight / 2, nullptr, IMAGE_FORMAT_UINT8);
+    Image_init(&out, kWidth, kHeight, nullptr, IMAGE_FORMAT_UINT8);
+    Image_init(&coc, kWidth, kHeight, nullptr, IMAGE_FORMAT_UINT8);
+    DefocusFaceBokehUtil_shrinkImageU8(&bokeh, &half, &luma);
+    for (int32_t y = 0; y < kHeight; ++y) {
+        uint8_t* r = coc.plane[0] + static_cast<size_t>(coc.pitch[0]) * y;
+        for (int32_t x = 0; x < kWidth; ++x) r[x] = static_cast<uint8_t>((x / 16 + y / 16) * 37);
+    }
+    for (auto _ : state)
+        benchmark::DoNotOptimize(DefocusFaceBokeh_blendLevel(&bokeh, &out, &luma, &half, &coc, 10, 2));
+    state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
+    for (Image* m : {&luma, &half, &out, &coc}) destruct_Image(m);
+    destruct_DefocusFaceBokeh(&bokeh);
+}
+BENCHMARK(BM_BokehBlendLuma)->Unit(benchmark::kMillisecond)->UseRealTime()->MeasureProcessCPUTime();
+
+// OpenCV beside them: the exact 2 x 2 mean (INTER_AREA to half size), the
+// 5 x 5 Gaussian halving and doubling of its pyramid, on the same luma.
+void BM_OpenCvHalveLuma(benchmark::State& state) {
+    Shot shot;
+    cv::setNumThreads(kWorkers);
+    cv::Mat luma(kHeight, kWidth, CV_8UC1, shot.frame.plane[0], static_cast<size_t>(shot.frame.pitch[0]));
+    cv::Mat half(kHeight / 2, kWidth / 2, CV_8UC1), full(kHeight, kWidth, CV_8UC1);
+    for (auto _ : state) {
+        if (state.range(0) == 0) {
+            cv::resize(luma, half, half.size(), 0, 0, cv::INTER_AREA);
+        } else if (state.range(0) == 1) {
+            cv::pyrDown(luma, half, half.size(), cv::BORDER_REPLICATE);
+        } else {
+            cv::pyrUp(half, full, full.size(), cv::BORDER_DEFAULT);
+        }
+    }
+    state.SetLabel(state.range(0) == 0 ? "resize INTER_AREA" : (state.range(0) == 1 ? "pyrDown" : "pyrUp"));
+    state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
+    cv::setNumThreads(-1);
+}
+BENCHMARK(BM_OpenCvHalveLuma)
+    ->Arg(0)
+    ->Arg(1)
+    ->Arg(2)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->MeasureProcessCPUTime();
 
 // The direct Gaussian of the whole frame: luma at sigma, the interleaved chroma (half size) at sigma / 2.
 void BM_OpenCvGaussianBlur(benchmark::State& state) {
@@ -126,6 +213,12 @@ void BM_OpenCvGaussianBlur(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
     cv::setNumThreads(-1);
 }
-BENCHMARK(BM_OpenCvGaussianBlur)->Arg(0)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_OpenCvGaussianBlur)
+    ->Arg(0)
+    ->Arg(1)
+    ->Arg(2)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->MeasureProcessCPUTime();
 
 }  // namespace

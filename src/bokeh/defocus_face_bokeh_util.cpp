@@ -1,11 +1,15 @@
 // The pixel kernels of DefocusFaceBokeh: shrinks, doubling, the weighted and
 // plain separable blurs, and the mixes. Each is a stripe function over the
-// rows of its destination; the loops are plain integer arithmetic over whole
-// rows or chunks of a row, so that the compiler vectorises them.
+// rows of its destination. The halvings, the doubling and the mixes hand
+// their rows to the kernel table of bokeh_kernels.h (scalar, SSE4.1, AVX2,
+// NEON; the same bytes from each); the blurs' loops are plain integer
+// arithmetic over whole rows or chunks of a row, so that the compiler
+// vectorises them.
 #include "bokeh/defocus_face_bokeh_util.h"
 
 #include <cstring>
 
+#include "bokeh/bokeh_kernels.h"
 #include "imageproc/image_stripes.h"
 #include "imageproc/kernel_clones.h"
 #include "runtime/raw_double.h"
@@ -51,21 +55,18 @@ struct ShrinkJob {
 };
 
 template <int Step>
-VQ_TL_KERNEL_CLONES TLResult shrinkStripe(void* arg, int32_t index, int32_t count) {
+TLResult shrinkStripe(void* arg, int32_t index, int32_t count) {
     const ShrinkJob j = *static_cast<const ShrinkJob*>(arg);
     int32_t first, last;
     ImageStripe_rows(j.dst.height, index, count, &first, &last);
+    const BokehShrinkRowFn row = Step == 2 ? BokehKernels_get()->shrink2 : BokehKernels_get()->shrink;
     const int32_t dw = j.dst.width, sw = j.src.width;
     const int32_t full = dw < sw / 2 ? dw : sw / 2;
     for (int32_t y = first; y < last; ++y) {
         const uint8_t* a = j.src.row(clampIndex(2 * y, j.src.height)) + j.offset;
         const uint8_t* b = j.src.row(clampIndex(2 * y + 1, j.src.height)) + j.offset;
         uint8_t* d = j.dst.row(y);
-        for (int32_t x = 0; x < full; ++x) {
-            const int32_t sum =
-                a[2 * x * Step] + a[(2 * x + 1) * Step] + b[2 * x * Step] + b[(2 * x + 1) * Step];
-            d[x] = static_cast<uint8_t>((sum + 2) >> 2);
-        }
+        row(d, a, b, full);
         const int32_t lastColumn = (sw - 1) * Step;
         const uint8_t edge = static_cast<uint8_t>((a[lastColumn] + b[lastColumn] + 1) >> 1);
         for (int32_t x = full; x < dw; ++x) d[x] = edge;
@@ -97,10 +98,11 @@ inline uint8_t weightedMean(int32_t weightedSum, int32_t weightSum) {
 }
 
 template <bool KeepWeight>
-VQ_TL_KERNEL_CLONES TLResult weightedShrinkStripe(void* arg, int32_t index, int32_t count) {
+TLResult weightedShrinkStripe(void* arg, int32_t index, int32_t count) {
     const WeightedShrinkJob j = *static_cast<const WeightedShrinkJob*>(arg);
     int32_t first, last;
     ImageStripe_rows(j.dst.height, index, count, &first, &last);
+    const BokehWeightedShrinkRowFn row = BokehKernels_get()->weightedShrink;
     const int32_t dw = j.dst.width, sw = j.src.width;
     const int32_t full = dw < sw / 2 ? dw : sw / 2;
     for (int32_t y = first; y < last; ++y) {
@@ -111,12 +113,7 @@ VQ_TL_KERNEL_CLONES TLResult weightedShrinkStripe(void* arg, int32_t index, int3
         const uint8_t* wb = j.srcWeight.row(rb);
         uint8_t* d = j.dst.row(y);
         uint8_t* dwt = KeepWeight ? j.dstWeight.row(y) : nullptr;
-        for (int32_t x = 0; x < full; ++x) {
-            const int32_t w0 = wa[2 * x], w1 = wa[2 * x + 1], w2 = wb[2 * x], w3 = wb[2 * x + 1];
-            const int32_t sum = w0 + w1 + w2 + w3;
-            d[x] = weightedMean(w0 * a[2 * x] + w1 * a[2 * x + 1] + w2 * b[2 * x] + w3 * b[2 * x + 1], sum);
-            if constexpr (KeepWeight) dwt[x] = static_cast<uint8_t>((sum + 2) >> 2);
-        }
+        row(d, dwt, a, b, wa, wb, full);
         const int32_t w0 = wa[sw - 1], w2 = wb[sw - 1], sum = w0 + w2;
         const uint8_t edge = weightedMean(w0 * a[sw - 1] + w2 * b[sw - 1], sum);
         const uint8_t edgeWeight = static_cast<uint8_t>((sum + 1) >> 1);
@@ -140,7 +137,8 @@ VQ_TL_KERNEL_CLONES TLResult weightedShrinkStripe(void* arg, int32_t index, int3
 // A pixel depends on its position alone, never on the destination's size:
 // where a level is less than twice as wide as the next one (odd sizes), its
 // last pixels interpolate rather than repeat the edge, as a wider one would.
-VQ_TL_KERNEL_CLONES void doubledChunk(uint8_t* b, const Plane& s, int32_t y, int32_t x0, int32_t n) {
+void doubledChunk(uint8_t* b, const Plane& s, int32_t y, int32_t x0, int32_t n) {
+    const BokehKernels* k = BokehKernels_get();
     const int32_t j = (y - 1) >> 1;  // y = 2j + 1 or 2j + 2; y = 0 gives j = -1
     const uint8_t* a = s.row(clampIndex(j, s.height));
     const uint8_t* c = s.row(clampIndex(j + 1, s.height));
@@ -153,12 +151,9 @@ VQ_TL_KERNEL_CLONES void doubledChunk(uint8_t* b, const Plane& s, int32_t y, int
     const uint16_t left = static_cast<uint16_t>(wa * a[0] + wc * c[0]);
     const uint16_t right = static_cast<uint16_t>(wa * a[s.width - 1] + wc * c[s.width - 1]);
     for (int32_t m = 0; m < lo; ++m) v[m] = left;
-    for (int32_t m = lo; m < hi; ++m) v[m] = static_cast<uint16_t>(wa * a[base + m] + wc * c[base + m]);
+    if (hi > lo) k->columnSum(v + lo, a + base + lo, c + base + lo, wa, hi - lo);
     for (int32_t m = hi; m < count; ++m) v[m] = right;
-    for (int32_t q = 0; q < pairs; ++q) {
-        b[2 * q] = static_cast<uint8_t>((v[q] + 3 * v[q + 1] + 8) >> 4);
-        b[2 * q + 1] = static_cast<uint8_t>((3 * v[q + 1] + v[q + 2] + 8) >> 4);
-    }
+    k->doubleRow(b, v, pairs);
 }
 
 struct EnlargeJob {
@@ -347,10 +342,11 @@ struct MixJob {
 // Channels C interleaved in out and fine; with Doubled the b planes are
 // doubled on the fly.
 template <int C, bool Doubled>
-VQ_TL_KERNEL_CLONES TLResult mixStripe(void* arg, int32_t index, int32_t count) {
+TLResult mixStripe(void* arg, int32_t index, int32_t count) {
     const MixJob j = *static_cast<const MixJob*>(arg);
     int32_t first, last;
     ImageStripe_rows(j.out.height, index, count, &first, &last);
+    const BokehKernels* k = BokehKernels_get();
     uint8_t doubled[C][kChunk];
     for (int32_t y = first; y < last; ++y) {
         for (int32_t x0 = 0; x0 < j.out.width; x0 += kChunk) {
@@ -367,14 +363,10 @@ VQ_TL_KERNEL_CLONES TLResult mixStripe(void* arg, int32_t index, int32_t count) 
             const uint8_t* cc = j.coc.row(y) + x0;
             const uint8_t* f = j.fine.row(y) + x0 * C;
             uint8_t* o = j.out.row(y) + x0 * C;
-            for (int32_t i = 0; i < n; ++i) {
-                int32_t a = cc[i] - j.threshold;
-                a = a < 0 ? 0 : a << j.shift;
-                a = a > 255 ? 255 : a;
-                for (int c = 0; c < C; ++c) {
-                    const int32_t fv = f[i * C + c];
-                    o[i * C + c] = static_cast<uint8_t>(((255 - a) * b[c][i] + a * fv + fv + 128) >> 8);
-                }
+            if constexpr (C == 2) {
+                k->mix2(o, f, b[0], b[1], cc, j.threshold, j.shift, n);
+            } else {
+                k->mix(o, f, b[0], cc, j.threshold, j.shift, n);
             }
         }
     }

@@ -4,6 +4,7 @@
 #include "interface/twin_lens_session.h"
 #include "rectify/rectify_lens_dist.h"
 #include "runtime/fenced_word.h"
+#include "runtime/memory.h"
 
 namespace vq_tl {
 
@@ -257,6 +258,8 @@ TLResult velquin_TwinLens_finalize(TwinLensHandle* handle) {
         Thread_join(&s->worker);
     }
     TwinLens_destructMembers(s);
+    // The per-frame blocks kept for the next frame go back to the system.
+    Memory_releaseCache();
     return closeSession(handle, s, TL_OK);
 }
 

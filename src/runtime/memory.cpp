@@ -1,32 +1,146 @@
 #include "runtime/memory.h"
 
+#include <pthread.h>
+
 #include <atomic>
+#include <cstdlib>
+
+#if defined(__SANITIZE_ADDRESS__)
+#define VQ_TL_NO_BLOCK_CACHE 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define VQ_TL_NO_BLOCK_CACHE 1
+#endif
+#endif
 
 namespace vq_tl {
 
-#if defined(VQ_TL_ALLOC_FAULTS)
-
 namespace {
 
+// Every block carries its capacity in front, in 16 bytes so that the caller's
+// part keeps malloc's alignment.
+constexpr size_t kHeader = 16;
+constexpr size_t kLargeBlock = size_t{1} << 20;
+constexpr int kCacheSlots = 8;
+#if defined(VQ_TL_NO_BLOCK_CACHE)
+constexpr size_t kCacheBudget = 0;
+#else
+// A 12 MP shot's per-frame blocks at the working size of 1080 x 810 with up
+// to 64 candidates stay well below this.
+constexpr size_t kCacheBudget = size_t{192} << 20;
+#endif
+
+struct BlockCache {
+    pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+    void* blocks[kCacheSlots] = {};
+    size_t capacity[kCacheSlots] = {};
+    size_t bytes = 0;
+};
+
+BlockCache gCache;
+
+#if defined(VQ_TL_ALLOC_FAULTS)
 std::atomic<int64_t> gFailAt{0};
 std::atomic<int64_t> gCount{0};
 std::atomic<int64_t> gLive{0};
+#endif
+
+inline size_t& capacityOf(void* raw) { return *static_cast<size_t*>(raw); }
+
+// A kept block of at least `size` bytes and at most a quarter more, the
+// smallest such; null when there is none.
+void* takeCached(size_t size) {
+    void* found = nullptr;
+    pthread_mutex_lock(&gCache.lock);
+    int best = -1;
+    for (int i = 0; i < kCacheSlots; ++i) {
+        const size_t c = gCache.capacity[i];
+        if (gCache.blocks[i] != nullptr && c >= size && c - size <= size / 4 &&
+            (best < 0 || c < gCache.capacity[best]))
+            best = i;
+    }
+    if (best >= 0) {
+        found = gCache.blocks[best];
+        gCache.bytes -= gCache.capacity[best];
+        gCache.blocks[best] = nullptr;
+        gCache.capacity[best] = 0;
+    }
+    pthread_mutex_unlock(&gCache.lock);
+    return found;
+}
+
+// Keeps the block when a slot and the budget allow; true when kept.
+bool keep(void* raw, size_t capacity) {
+    bool kept = false;
+    pthread_mutex_lock(&gCache.lock);
+    if (gCache.bytes + capacity <= kCacheBudget) {
+        for (int i = 0; i < kCacheSlots && !kept; ++i) {
+            if (gCache.blocks[i] == nullptr) {
+                gCache.blocks[i] = raw;
+                gCache.capacity[i] = capacity;
+                gCache.bytes += capacity;
+                kept = true;
+            }
+        }
+    }
+    pthread_mutex_unlock(&gCache.lock);
+    return kept;
+}
 
 }  // namespace
 
 void* Memory_alloc(size_t size) {
+#if defined(VQ_TL_ALLOC_FAULTS)
     const int64_t n = gCount.fetch_add(1) + 1;
     if (n == gFailAt.load()) return nullptr;
-    void* block = std::malloc(size);
-    if (block != nullptr) gLive.fetch_add(1);
-    return block;
+#endif
+    if (size > SIZE_MAX - kHeader) return nullptr;
+    void* raw = size >= kLargeBlock && kCacheBudget > 0 ? takeCached(size) : nullptr;
+    if (raw == nullptr) {
+        raw = std::malloc(size + kHeader);
+        if (raw == nullptr) return nullptr;
+        capacityOf(raw) = size;
+    }
+#if defined(VQ_TL_ALLOC_FAULTS)
+    gLive.fetch_add(1);
+#endif
+    return static_cast<unsigned char*>(raw) + kHeader;
 }
 
 void Memory_free(void* block) {
     if (block == nullptr) return;
+#if defined(VQ_TL_ALLOC_FAULTS)
     gLive.fetch_sub(1);
-    std::free(block);
+#endif
+    void* raw = static_cast<unsigned char*>(block) - kHeader;
+    const size_t capacity = capacityOf(raw);
+    if (capacity >= kLargeBlock && kCacheBudget > 0 && keep(raw, capacity)) return;
+    std::free(raw);
 }
+
+void Memory_releaseCache() {
+    void* blocks[kCacheSlots];
+    pthread_mutex_lock(&gCache.lock);
+    for (int i = 0; i < kCacheSlots; ++i) {
+        blocks[i] = gCache.blocks[i];
+        gCache.blocks[i] = nullptr;
+        gCache.capacity[i] = 0;
+    }
+    gCache.bytes = 0;
+    pthread_mutex_unlock(&gCache.lock);
+    for (void* b : blocks) std::free(b);
+}
+
+size_t Memory_getCachedBytes() {
+    pthread_mutex_lock(&gCache.lock);
+    const size_t bytes = gCache.bytes;
+    pthread_mutex_unlock(&gCache.lock);
+    return bytes;
+}
+
+size_t Memory_getCacheBudget() { return kCacheBudget; }
+
+#if defined(VQ_TL_ALLOC_FAULTS)
 
 bool Memory_canInjectFaults() { return true; }
 

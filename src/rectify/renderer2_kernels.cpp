@@ -210,30 +210,38 @@ void drawLumaNearest(const Planes& p, const PairRow& pr) {
 }
 
 // Chroma of one pair of rows: one sample per two destination pixels, from
-// the source position of the even pixel of each pair.
+// the source position of the even pixel of each pair; the semi-planar
+// layouts through the warp kernels' table.
 template <class F>
 void drawChroma(const Planes& p, const PairRow& pr) {
     const int32_t srcCw = (p.srcW + 1) >> 1, srcCh = (p.srcH + 1) >> 1;
+    if (F::kChroma == Chroma::Semiplanar420) {
+        const WarpChromaRow row{p.src[1],
+                                p.srcPitch[1],
+                                srcCw,
+                                srcCh,
+                                p.dst[1] + intptr_t{p.dstPitch[1]} * (pr.y >> 1),
+                                pr.xq,
+                                pr.yq,
+                                pr.dx,
+                                pr.dy,
+                                pr.L,
+                                F::kHq ? pr.dx / 2 + 16384 : 0,
+                                F::kHq ? pr.yStep / 4 + 16384 : 0};
+        WarpKernels_get()->chroma(&row, pr.lx & ~1, pr.rx);
+        return;
+    }
     for (int32_t x = pr.lx & ~1; x < pr.rx; x += 2) {
         const int32_t px = pr.px(x), py = pr.py(x);
         // The HQ sampling point is the centre of the destination pixel pair,
         // rounded; the plain one truncates.
         const int32_t cx = F::kHq ? px + pr.dx / 2 + 16384 : px;
-        if (F::kChroma == Chroma::Semiplanar420 || F::kChroma == Chroma::Planar420) {
+        if (F::kChroma == Chroma::Planar420) {
             const int32_t row = clampInt((F::kHq ? py + pr.yStep / 4 + 16384 : py) >> 16, 0, srcCh - 1);
             const intptr_t dstRow = intptr_t{pr.y >> 1};
-            if (F::kChroma == Chroma::Semiplanar420) {
-                const int32_t col = clampInt((cx >> 15) & ~1, 0, 2 * (srcCw - 1));
-                const uint8_t* s = p.src[1] + intptr_t{p.srcPitch[1]} * row + col;
-                uint8_t* d = p.dst[1] + p.dstPitch[1] * dstRow + x;
-                d[0] = s[0];
-                d[1] = s[1];
-            } else {
-                const int32_t col = clampInt(cx >> 16, 0, srcCw - 1);
-                for (int k = 1; k < 3; ++k) {
-                    p.dst[k][p.dstPitch[k] * dstRow + (x >> 1)] =
-                        p.src[k][intptr_t{p.srcPitch[k]} * row + col];
-                }
+            const int32_t col = clampInt(cx >> 16, 0, srcCw - 1);
+            for (int k = 1; k < 3; ++k) {
+                p.dst[k][p.dstPitch[k] * dstRow + (x >> 1)] = p.src[k][intptr_t{p.srcPitch[k]} * row + col];
             }
         } else if (F::kChroma == Chroma::Interleaved422) {
             const int32_t byte = clampInt(((px + pr.dx / 2 + 16384) >> 14) & ~3, 0, 4 * (srcCw - 1));

@@ -58,8 +58,21 @@ int32_t warpGroups_c(const WarpLumaRow* row, int32_t x, int32_t groupEnd) {
     return x;
 }
 
+void warpChroma_c(const WarpChromaRow* row, int32_t x0, int32_t x1) {
+    for (int32_t x = x0; x < x1; x += 2) {
+        const int32_t cx = row->xq + (x - row->L) * row->dx + row->cxOffset;
+        const int32_t cy = row->yq + (x - row->L) * row->dy + row->cyOffset;
+        const int32_t r = clampInt(cy >> 16, 0, row->srcCh - 1);
+        const int32_t col = clampInt((cx >> 15) & ~1, 0, 2 * (row->srcCw - 1));
+        const uint8_t* s = row->src + row->srcPitch * r + col;
+        row->dst[x] = s[0];
+        row->dst[x + 1] = s[1];
+    }
+}
+
 void WarpKernels_fill(WarpKernels* table, uint32_t features) {
     table->groups = warpGroups_c;
+    table->chroma = warpChroma_c;
 #if defined(VQ_TL_KERNELS_X86)
     if ((features & kCpuSse41) != 0) WarpKernels_addSse41(table);
     if ((features & kCpuSse41) != 0 && (features & kCpuAvx2) != 0) WarpKernels_addAvx2(table);

@@ -1,5 +1,6 @@
 // Row kernels of the grid warp (Renderer2): the bilinear luma of one pair of
-// destination rows, eight pixels per group.
+// destination rows, eight pixels per group, and the chroma of the 4:2:0
+// semi-planar layouts.
 //
 // A group starts at pixel x with the source position px = xq + (x - L) dx,
 // py = yq + (x - L) dy (Q15) and takes its lanes k = 0..7 from that start's
@@ -36,11 +37,29 @@ struct WarpLumaRow {
 // Groups from pixel x on while x <= groupEnd; returns the first pixel not drawn.
 using WarpGroupsFn = int32_t (*)(const WarpLumaRow* row, int32_t x, int32_t groupEnd);
 
+// The chroma row of a pair of destination rows, semi-planar: each pair of
+// pixels (x even) copies the byte pair at column ((cx >> 15) with bit 0
+// cleared) of row cy >> 16, both clamped to the source's chroma, where
+// cx = xq + (x - L) dx + cxOffset and cy = yq + (x - L) dy + cyOffset.
+struct WarpChromaRow {
+    const uint8_t* src;  // the chroma plane's row 0
+    ptrdiff_t srcPitch;
+    int32_t srcCw, srcCh;  // chroma samples (byte pairs) across, and rows
+    uint8_t* dst;          // the destination chroma row, at pixel 0
+    int32_t xq, yq, dx, dy, L;
+    int32_t cxOffset, cyOffset;  // high quality: dx / 2 + 16384, yStep / 4 + 16384; else 0
+};
+
+// Pairs x = x0, x0 + 2, ... while x < x1 (x0 even); each writes dst[x] and dst[x + 1].
+using WarpChromaFn = void (*)(const WarpChromaRow* row, int32_t x0, int32_t x1);
+
 struct WarpKernels {
     WarpGroupsFn groups;
+    WarpChromaFn chroma;
 };
 
 int32_t warpGroups_c(const WarpLumaRow* row, int32_t x, int32_t groupEnd);
+void warpChroma_c(const WarpChromaRow* row, int32_t x0, int32_t x1);
 
 // The table for the instruction sets of `features` (kCpu* bits) that this
 // build holds; 0 gives the scalar table.

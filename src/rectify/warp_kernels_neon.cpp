@@ -1,8 +1,9 @@
-// Grid-warp luma groups with NEON: the eight lanes of a group as 16-bit
+// Grid-warp rows with NEON. Luma: the eight lanes of a group as 16-bit
 // lanes, their two columns picked by table lookups in a 16-byte load at the
 // group's first column, the rows of each lane chosen from at most four
-// loaded rows. Groups near the edges of the source, or whose lanes span more
-// than two row sets, take the scalar form.
+// loaded rows. Chroma: four byte pairs from one row per step, picked by a
+// table lookup in a 16-byte load. Steps near the edges of the source, or
+// spread wider than one load, take the scalar form.
 #include <arm_neon.h>
 
 #include "rectify/warp_kernels.h"
@@ -94,8 +95,49 @@ int32_t warpGroups_neon(const WarpLumaRow* w, int32_t x, int32_t groupEnd) {
     return x;
 }
 
+inline int32_t clampInt(int32_t v, int32_t low, int32_t high) {
+    return v < low ? low : (v > high ? high : v);
+}
+
+void warpChroma_neon(const WarpChromaRow* w, int32_t x0, int32_t x1) {
+    const int32_t rowBytes = 2 * w->srcCw;
+    static const int32_t kLanes[4] = {0, 1, 2, 3};
+    // Lanes k = 0..3 are pairs x + 2k: 2k * dx past the first, as the
+    // scalar positions wrap (6 dx is below the cell's width times dx).
+    const int32x4_t steps = vmulq_n_s32(vld1q_s32(kLanes), 2 * w->dx);
+    const int32x4_t colMax = vdupq_n_s32(2 * (w->srcCw - 1));
+    int32_t x = x0;
+    for (; x + 6 < x1; x += 8) {
+        const int32_t cy0 = w->yq + (x - w->L) * w->dy + w->cyOffset;
+        const int32_t cy3 = w->yq + (x + 6 - w->L) * w->dy + w->cyOffset;
+        const int32_t r0 = clampInt(cy0 >> 16, 0, w->srcCh - 1), r3 = clampInt(cy3 >> 16, 0, w->srcCh - 1);
+        const int32_t cx0 = w->xq + (x - w->L) * w->dx + w->cxOffset;
+        int32x4_t cols = vandq_s32(vshrq_n_s32(vaddq_s32(vdupq_n_s32(cx0), steps), 15), vdupq_n_s32(~1));
+        cols = vminq_s32(vmaxq_s32(cols, vdupq_n_s32(0)), colMax);
+        // Columns move one way along the row: the ends bound them.
+        const int32_t c0 = vgetq_lane_s32(cols, 0), c3 = vgetq_lane_s32(cols, 3);
+        const int32_t low = c0 < c3 ? c0 : c3, high = c0 < c3 ? c3 : c0;
+        if (r0 != r3 || high + 2 - low > 16 || low + 16 > rowBytes) {
+            warpChroma_c(w, x, x + 7);
+            continue;
+        }
+        // Byte offsets 0..14 of each pair's first byte, then (o, o + 1).
+        const uint16x4_t at = vmovn_u32(vreinterpretq_u32_s32(vsubq_s32(cols, vdupq_n_s32(low))));
+        const uint8x8_t pick = vreinterpret_u8_u16(vorr_u16(at, vshl_n_u16(vadd_u16(at, vdup_n_u16(1)), 8)));
+        const uint8x16_t b = vld1q_u8(w->src + w->srcPitch * r0 + low);
+        uint8x8x2_t table;
+        table.val[0] = vget_low_u8(b);
+        table.val[1] = vget_high_u8(b);
+        vst1_u8(w->dst + x, vtbl2_u8(table, pick));
+    }
+    warpChroma_c(w, x, x1);
+}
+
 }  // namespace
 
-void WarpKernels_addNeon(WarpKernels* table) { table->groups = warpGroups_neon; }
+void WarpKernels_addNeon(WarpKernels* table) {
+    table->groups = warpGroups_neon;
+    table->chroma = warpChroma_neon;
+}
 
 }  // namespace vq_tl

@@ -1,8 +1,9 @@
-// Grid-warp luma groups with SSE4.1: the eight lanes of a group as 16-bit
+// Grid-warp rows with SSE4.1. Luma: the eight lanes of a group as 16-bit
 // lanes, their column pairs picked by one byte shuffle from a 16-byte load
 // at the group's first column, weighted by pmaddubsw, the rows of each lane
-// chosen from at most four loaded rows. Groups near the edges of the source,
-// or whose lanes span more than two row sets, take the scalar form.
+// chosen from at most four loaded rows. Chroma: four byte pairs from one
+// row per step, picked by a shuffle of a 16-byte load. Steps near the edges
+// of the source, or spread wider than one load, take the scalar form.
 #include <smmintrin.h>
 
 #include "rectify/warp_kernels.h"
@@ -10,6 +11,10 @@
 namespace vq_tl {
 
 namespace {
+
+inline int32_t clampInt(int32_t v, int32_t low, int32_t high) {
+    return v < low ? low : (v > high ? high : v);
+}
 
 // What every group of one row shares: the lanes' column and row steps.
 struct RowSteps {
@@ -96,8 +101,42 @@ int32_t warpGroups_sse41(const WarpLumaRow* w, int32_t x, int32_t groupEnd) {
     return x;
 }
 
+void warpChroma_sse41(const WarpChromaRow* w, int32_t x0, int32_t x1) {
+    const int32_t rowBytes = 2 * w->srcCw;
+    const __m128i colMax = _mm_set1_epi32(2 * (w->srcCw - 1));
+    // Lanes k = 0..3 are pairs x + 2k: 2k * dx past the first, as the
+    // scalar positions wrap (6 dx is below the cell's width times dx).
+    const __m128i steps = _mm_mullo_epi32(_mm_set1_epi32(2 * w->dx), _mm_setr_epi32(0, 1, 2, 3));
+    int32_t x = x0;
+    for (; x + 6 < x1; x += 8) {
+        const int32_t cy0 = w->yq + (x - w->L) * w->dy + w->cyOffset;
+        const int32_t cy3 = w->yq + (x + 6 - w->L) * w->dy + w->cyOffset;
+        const int32_t r0 = clampInt(cy0 >> 16, 0, w->srcCh - 1), r3 = clampInt(cy3 >> 16, 0, w->srcCh - 1);
+        const int32_t cx0 = w->xq + (x - w->L) * w->dx + w->cxOffset;
+        __m128i cols =
+            _mm_and_si128(_mm_srai_epi32(_mm_add_epi32(_mm_set1_epi32(cx0), steps), 15), _mm_set1_epi32(~1));
+        cols = _mm_min_epi32(_mm_max_epi32(cols, _mm_setzero_si128()), colMax);
+        // Columns move one way along the row: the ends bound them.
+        const int32_t c0 = _mm_cvtsi128_si32(cols), c3 = _mm_extract_epi32(cols, 3);
+        const int32_t low = c0 < c3 ? c0 : c3, high = c0 < c3 ? c3 : c0;
+        if (r0 != r3 || high + 2 - low > 16 || low + 16 > rowBytes) {
+            warpChroma_c(w, x, x + 7);
+            continue;
+        }
+        const __m128i at = _mm_sub_epi32(cols, _mm_set1_epi32(low));
+        const __m128i pick32 = _mm_or_si128(at, _mm_slli_epi32(_mm_add_epi32(at, _mm_set1_epi32(1)), 8));
+        const __m128i pick = _mm_packus_epi32(pick32, pick32);
+        const __m128i bytes = _mm_shuffle_epi8(load(w->src + w->srcPitch * r0 + low), pick);
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(w->dst + x), bytes);
+    }
+    warpChroma_c(w, x, x1);
+}
+
 }  // namespace
 
-void WarpKernels_addSse41(WarpKernels* table) { table->groups = warpGroups_sse41; }
+void WarpKernels_addSse41(WarpKernels* table) {
+    table->groups = warpGroups_sse41;
+    table->chroma = warpChroma_sse41;
+}
 
 }  // namespace vq_tl

@@ -75,7 +75,6 @@ void WarpKernels_fill(WarpKernels* table, uint32_t features) {
     table->chroma = warpChroma_c;
 #if defined(VQ_TL_KERNELS_X86)
     if ((features & kCpuSse41) != 0) WarpKernels_addSse41(table);
-    if ((features & kCpuSse41) != 0 && (features & kCpuAvx2) != 0) WarpKernels_addAvx2(table);
 #endif
 #if defined(VQ_TL_KERNELS_NEON)
     if ((features & kCpuNeon) != 0) WarpKernels_addNeon(table);

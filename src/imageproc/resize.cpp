@@ -372,9 +372,11 @@ TLResult areaBytesStripe(void* arg, int32_t index, int32_t count) {
 
 // Column sums stay below 2^32 up to 16843009 rows (255 times that is
 // 2^32 - 1); the 64-bit element sums, at most 255 * total, need total below
-// 2^44 for the vector forms' exact conversion to double.
-bool areaBytesFits(const Image* src) {
-    return src->height <= 16843009 && int64_t{src->width} * src->height < (int64_t{1} << 44);
+// 2^44 for the vector forms' exact conversion to double; a row of sums with
+// its padding (at most twice the row) is counted in 32 bits.
+bool areaBytesFits(const Image* src, int32_t channels) {
+    return src->height <= 16843009 && int64_t{src->width} * src->height < (int64_t{1} << 44) &&
+           (2 * int64_t{src->width} + 2) * channels < INT32_MAX;
 }
 
 TLResult areaBytesPlane(const ImageStripeExec* exec, Image* dst, const Image* src, int32_t channels) {
@@ -426,7 +428,7 @@ TLResult areaPlane(const ImageStripeExec* exec, Image* dst, const Image* src) {
     using A = AreaAcc<T>;
     if (dst->width < 1 || dst->height < 1) return TL_ERROR_GENERAL;
     if constexpr (std::is_same_v<T, uint8_t>) {
-        if (areaBytesFits(src)) return areaBytesPlane(exec, dst, src, C);
+        if (areaBytesFits(src, C)) return areaBytesPlane(exec, dst, src, C);
     }
     const int32_t parts = minInt(4, dst->height);
     const size_t spanBytes = alignUp(sizeof(AreaSpan) * (static_cast<size_t>(dst->width) + dst->height));

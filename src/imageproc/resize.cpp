@@ -155,6 +155,8 @@ struct PlaneArgs {
     const ResizeTap* xTaps;
     const ResizeTap* yTaps;
     void* cache;  // per stripe: two rows of width * channels accumulators
+    const ResizeKernels* kernels;
+    const LinearWindow* windows;  // 8-bit planes: the plan of xTaps for kernels->linearRow
 };
 
 template <typename T, int C>
@@ -174,6 +176,9 @@ VQ_TL_KERNEL_CLONES TLResult resizeStripe(void* arg, int32_t index, int32_t coun
     auto rowH = [&](H* out, int32_t row) {
         if constexpr (kByte) {
             if (twice) return doubleRowH<C>(out, rowAt<const uint8_t>(a.src, row), a.src->width);
+        }
+        if constexpr (kByte) {
+            return a.kernels->linearRow(out, rowAt<const uint8_t>(a.src, row), a.xTaps, a.windows, width, C);
         }
         resizeRowH<T, C>(out, rowAt<const T>(a.src, row), a.xTaps, width);
     };
@@ -228,7 +233,7 @@ size_t alignUp(size_t bytes) { return (bytes + 15) & ~size_t{15}; }
 
 template <typename T, int C>
 TLResult halfPlane(const ImageStripeExec* exec, Image* dst, const Image* src) {
-    PlaneArgs args{dst, src, nullptr, nullptr, nullptr};
+    PlaneArgs args{dst, src, nullptr, nullptr, nullptr, nullptr, nullptr};
     const int32_t parts = minInt(5 * ImageStripeExec_getWorkerCount(exec), dst->height);
     return ImageStripeExec_run(exec, halfStripe<T, C>, &args, parts);
 }
@@ -241,14 +246,18 @@ TLResult resizePlane(const ImageStripeExec* exec, Image* dst, const Image* src) 
         return halfPlane<T, C>(exec, dst, src);
     const int32_t parts = minInt(2 * ImageStripeExec_getWorkerCount(exec), dst->height);
     const size_t tapBytes = alignUp(sizeof(ResizeTap) * (static_cast<size_t>(dst->width) + dst->height));
-    const size_t cacheBytes = sizeof(H) * 2 * static_cast<size_t>(dst->width) * C * parts;
-    uint8_t* block = static_cast<uint8_t*>(Memory_alloc(tapBytes + cacheBytes));
+    const size_t cacheBytes = alignUp(sizeof(H) * 2 * static_cast<size_t>(dst->width) * C * parts);
+    constexpr bool kByte = std::is_same_v<T, uint8_t>;
+    const size_t windowBytes = kByte ? sizeof(LinearWindow) * (static_cast<size_t>(dst->width) * C / 4) : 0;
+    uint8_t* block = static_cast<uint8_t*>(Memory_alloc(tapBytes + cacheBytes + windowBytes));
     if (block == nullptr) return TL_ERROR_MEMORY;
     ResizeTap* xTaps = reinterpret_cast<ResizeTap*>(block);
     ResizeTap* yTaps = xTaps + dst->width;
     ResizeTap_fill(xTaps, dst->width, src->width);
     ResizeTap_fill(yTaps, dst->height, src->height);
-    PlaneArgs args{dst, src, xTaps, yTaps, block + tapBytes};
+    LinearWindow* windows = reinterpret_cast<LinearWindow*>(block + tapBytes + cacheBytes);
+    if (kByte) LinearWindow_fill(windows, xTaps, dst->width, C, src->width);
+    PlaneArgs args{dst, src, xTaps, yTaps, block + tapBytes, ResizeKernels_get(), windows};
     const TLResult r = ImageStripeExec_run(exec, resizeStripe<T, C>, &args, parts);
     Memory_free(block);
     return r;

@@ -1,4 +1,6 @@
-// Row kernels of the area shrink of 8-bit planes (Resize_averageShrink).
+// Row kernels of the scaling of 8-bit planes: the area shrink
+// (Resize_averageShrink) and the horizontal step of the bilinear resize
+// (Resize_resizeImage).
 //
 // A destination pixel is the rounded mean of the source area it covers:
 // with source pixels weighted by their overlap (whole numbers, adding up to
@@ -17,6 +19,33 @@
 #include <cstdint>
 
 namespace vq_tl {
+
+// Sample position of one destination column (or row) on the source: the
+// centres are aligned, pos = (x + 0.5) * src / dst - 0.5 in Q15, and the
+// taps are clamped to the edge, so destination pixels outside the first and
+// last source centres copy the edge pixel.
+struct ResizeTap {
+    int32_t i0;    // left (upper) source index
+    int32_t i1;    // right (lower) source index, i0 + 1 or the edge
+    int32_t frac;  // weight of i1 in Q15, 0..32767
+};
+
+// Bilinear resize along a row: element e = x * channels + c of the
+// destination is a * (32768 - f) + b * f, a and b the source elements
+// i0 * channels + c and i1 * channels + c of tap x, f its frac (at most
+// 255 * 32768). The vector forms take the elements four at a time from a
+// plan made once per plane: a window of 16 source bytes from `base` and,
+// per element, the offsets of a and b in it (pick, as pshufb indices giving
+// a and b as 16-bit lanes) and the weights (-f, f); base -1 marks a window
+// whose elements lie farther apart or run past the row, done one by one.
+struct LinearWindow {
+    uint8_t pick[16];
+    int16_t weights[8];
+    int32_t base;
+};
+// Windows for elements 0 to 4 * (n / 4) - 1, n = width * channels.
+void LinearWindow_fill(LinearWindow* windows, const ResizeTap* taps, int32_t width, int32_t channels,
+                       int32_t srcWidth);
 
 // The horizontal taps of one destination row, padded to `count` taps per
 // pixel: channel c of pixel x is the sum over k in 0..count - 1 of
@@ -41,13 +70,24 @@ using AreaRowFn = void (*)(uint32_t* sums, const uint8_t* src, int32_t n, uint32
 using AreaColumnsFn = void (*)(uint8_t* out, const uint32_t* sums, const AreaTaps* taps, int32_t x0,
                                int32_t x1);
 
+// Elements 0 to width * channels - 1 of out from one source row.
+using LinearRowFn = void (*)(int32_t* out, const uint8_t* src, const ResizeTap* taps,
+                             const LinearWindow* windows, int32_t width, int32_t channels);
+
 struct ResizeKernels {
     AreaRowFn areaRow;
     AreaColumnsFn areaColumns;
+    LinearRowFn linearRow;
 };
 
 void areaRow_c(uint32_t* sums, const uint8_t* src, int32_t n, uint32_t weight, int32_t add);
 void areaColumns_c(uint8_t* out, const uint32_t* sums, const AreaTaps* taps, int32_t x0, int32_t x1);
+// The scalar form reads the taps alone; windows may be null.
+void linearRow_c(int32_t* out, const uint8_t* src, const ResizeTap* taps, const LinearWindow* windows,
+                 int32_t width, int32_t channels);
+// Elements e0 to e1 - 1 only, for the vector forms' leftovers.
+void linearElements_c(int32_t* out, const uint8_t* src, const ResizeTap* taps, int32_t channels, int32_t e0,
+                      int32_t e1);
 
 // The table for the instruction sets of `features` (kCpu* bits) that this
 // build holds; 0 gives the scalar table.

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "check.h"
+#include "imageproc/resize.h"
 #include "imageproc/resize_kernels.h"
 
 namespace vq_tl_test {
@@ -12,7 +13,10 @@ namespace {
 using vq_tl::AreaColumnsFn;
 using vq_tl::AreaRowFn;
 using vq_tl::AreaTaps;
+using vq_tl::LinearRowFn;
+using vq_tl::LinearWindow;
 using vq_tl::ResizeKernels;
+using vq_tl::ResizeTap;
 
 struct RowCase {
     AreaRowFn fn;
@@ -173,6 +177,72 @@ void benchAreaColumns(CheckContext* ctx, const Variant& v, AreaColumnsFn ref, Ar
     Check_reportBench(name, v.name, ns, refNs, 1080 * channels, "el");
 }
 
+struct LinearCase {
+    LinearRowFn fn;
+    int32_t* out;
+    const uint8_t* src;
+    const ResizeTap* taps;
+    const LinearWindow* windows;
+    int32_t width, channels;
+};
+
+void callLinear(void* arg) {
+    auto* c = static_cast<LinearCase*>(arg);
+    c->fn(c->out, c->src, c->taps, c->windows, c->width, c->channels);
+}
+
+// One source row resized along: widths from 1 to wide, shrinking and
+// enlarging, 1 to 3 channels, taps and plan as the library makes them.
+void checkLinearRow(CheckContext* ctx, const Variant& v, LinearRowFn ref, LinearRowFn var) {
+    ++ctx->kernelsChecked;
+    CheckRandom* r = &ctx->random;
+    for (int32_t it = 0; it < ctx->iterations; ++it) {
+        const int32_t srcW = CheckRandom_range(r, 1, it % 4 == 0 ? 4000 : 100);
+        const int32_t dstW = it % 3 == 0 ? CheckRandom_range(r, 1, 3 * srcW) : CheckRandom_range(r, 1, srcW);
+        const int32_t channels = CheckRandom_range(r, 1, 3);
+        GuardedPlane src;
+        GuardedPlane_init(&src, srcW * channels, 1, 1, r);
+        std::vector<ResizeTap> taps(dstW);
+        vq_tl::ResizeTap_fill(taps.data(), dstW, srcW);
+        std::vector<LinearWindow> windows(dstW * channels / 4 + 1);
+        vq_tl::LinearWindow_fill(windows.data(), taps.data(), dstW, channels, srcW);
+        GuardedPlane outRef, outVar;
+        GuardedPlane_init(&outRef, 4 * dstW * channels, 1, 4, r);
+        GuardedPlane_init(&outVar, outRef.rowBytes, 1, 4, r);
+        GuardedPlane_copyRows(&outVar, &outRef);
+        LinearCase c{
+            ref,     reinterpret_cast<int32_t*>(outRef.data), src.data, taps.data(), windows.data(), dstW,
+            channels};
+        callLinear(&c);
+        c.fn = var;
+        c.out = reinterpret_cast<int32_t*>(outVar.data);
+        callLinear(&c);
+        char text[80];
+        std::snprintf(text, sizeof(text), "%d to %d pixels of %d", srcW, dstW, channels);
+        if (!Check_outputs(ctx, "linearRow", v, &outRef, &outVar, text)) return;
+    }
+    if (!ctx->bench) return;
+    for (int32_t channels = 1; channels <= 2; ++channels) {
+        // The 27 percent of the pipeline: luma, then the chroma pairs.
+        const int32_t srcW = 4000 / channels, dstW = 1080 / channels;
+        GuardedPlane src, out;
+        GuardedPlane_init(&src, srcW * channels, 1, 1, r);
+        GuardedPlane_init(&out, 4 * dstW * channels, 1, 4, r);
+        std::vector<ResizeTap> taps(dstW);
+        vq_tl::ResizeTap_fill(taps.data(), dstW, srcW);
+        std::vector<LinearWindow> windows(dstW * channels / 4 + 1);
+        vq_tl::LinearWindow_fill(windows.data(), taps.data(), dstW, channels, srcW);
+        LinearCase c{
+            ref, reinterpret_cast<int32_t*>(out.data), src.data, taps.data(), windows.data(), dstW, channels};
+        const double refNs = Check_timeNs(callLinear, &c, 2000);
+        c.fn = var;
+        const double ns = Check_timeNs(callLinear, &c, 2000);
+        const char* name = channels == 1 ? "linearRow 1ch" : "linearRow 2ch";
+        Check_reportBench(name, "scalar", refNs, refNs, 1080, "el");
+        Check_reportBench(name, v.name, ns, refNs, 1080, "el");
+    }
+}
+
 void runResize(CheckContext* ctx) {
     ResizeKernels ref;
     vq_tl::ResizeKernels_fill(&ref, 0);
@@ -181,6 +251,7 @@ void runResize(CheckContext* ctx) {
         vq_tl::ResizeKernels_fill(&t, v.features);
         if (t.areaRow != ref.areaRow) checkAreaRow(ctx, v, ref.areaRow, t.areaRow);
         if (t.areaColumns != ref.areaColumns) checkAreaColumns(ctx, v, ref.areaColumns, t.areaColumns);
+        if (t.linearRow != ref.linearRow) checkLinearRow(ctx, v, ref.linearRow, t.linearRow);
     }
 }
 

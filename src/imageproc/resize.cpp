@@ -8,6 +8,7 @@
 #include "imageproc/image_proc2.h"
 #include "imageproc/kernel_clones.h"
 #include "imageproc/plane_views.h"
+#include "imageproc/resize_kernels.h"
 #include "runtime/memory.h"
 #include "runtime/raw_double.h"
 
@@ -154,6 +155,8 @@ struct PlaneArgs {
     const ResizeTap* xTaps;
     const ResizeTap* yTaps;
     void* cache;  // per stripe: two rows of width * channels accumulators
+    const ResizeKernels* kernels;
+    const LinearWindow* windows;  // 8-bit planes: the plan of xTaps for kernels->linearRow
 };
 
 template <typename T, int C>
@@ -173,6 +176,9 @@ VQ_TL_KERNEL_CLONES TLResult resizeStripe(void* arg, int32_t index, int32_t coun
     auto rowH = [&](H* out, int32_t row) {
         if constexpr (kByte) {
             if (twice) return doubleRowH<C>(out, rowAt<const uint8_t>(a.src, row), a.src->width);
+        }
+        if constexpr (kByte) {
+            return a.kernels->linearRow(out, rowAt<const uint8_t>(a.src, row), a.xTaps, a.windows, width, C);
         }
         resizeRowH<T, C>(out, rowAt<const T>(a.src, row), a.xTaps, width);
     };
@@ -227,7 +233,7 @@ size_t alignUp(size_t bytes) { return (bytes + 15) & ~size_t{15}; }
 
 template <typename T, int C>
 TLResult halfPlane(const ImageStripeExec* exec, Image* dst, const Image* src) {
-    PlaneArgs args{dst, src, nullptr, nullptr, nullptr};
+    PlaneArgs args{dst, src, nullptr, nullptr, nullptr, nullptr, nullptr};
     const int32_t parts = minInt(5 * ImageStripeExec_getWorkerCount(exec), dst->height);
     return ImageStripeExec_run(exec, halfStripe<T, C>, &args, parts);
 }
@@ -240,14 +246,18 @@ TLResult resizePlane(const ImageStripeExec* exec, Image* dst, const Image* src) 
         return halfPlane<T, C>(exec, dst, src);
     const int32_t parts = minInt(2 * ImageStripeExec_getWorkerCount(exec), dst->height);
     const size_t tapBytes = alignUp(sizeof(ResizeTap) * (static_cast<size_t>(dst->width) + dst->height));
-    const size_t cacheBytes = sizeof(H) * 2 * static_cast<size_t>(dst->width) * C * parts;
-    uint8_t* block = static_cast<uint8_t*>(Memory_alloc(tapBytes + cacheBytes));
+    const size_t cacheBytes = alignUp(sizeof(H) * 2 * static_cast<size_t>(dst->width) * C * parts);
+    constexpr bool kByte = std::is_same_v<T, uint8_t>;
+    const size_t windowBytes = kByte ? sizeof(LinearWindow) * (static_cast<size_t>(dst->width) * C / 4) : 0;
+    uint8_t* block = static_cast<uint8_t*>(Memory_alloc(tapBytes + cacheBytes + windowBytes));
     if (block == nullptr) return TL_ERROR_MEMORY;
     ResizeTap* xTaps = reinterpret_cast<ResizeTap*>(block);
     ResizeTap* yTaps = xTaps + dst->width;
     ResizeTap_fill(xTaps, dst->width, src->width);
     ResizeTap_fill(yTaps, dst->height, src->height);
-    PlaneArgs args{dst, src, xTaps, yTaps, block + tapBytes};
+    LinearWindow* windows = reinterpret_cast<LinearWindow*>(block + tapBytes + cacheBytes);
+    if (kByte) LinearWindow_fill(windows, xTaps, dst->width, C, src->width);
+    PlaneArgs args{dst, src, xTaps, yTaps, block + tapBytes, ResizeKernels_get(), windows};
     const TLResult r = ImageStripeExec_run(exec, resizeStripe<T, C>, &args, parts);
     Memory_free(block);
     return r;
@@ -339,10 +349,96 @@ TLResult areaStripe(void* arg, int32_t index, int32_t count) {
     return TL_OK;
 }
 
+// 8-bit planes: the source rows of a span summed column by column, then
+// the columns of each destination element (see resize_kernels.h).
+struct AreaBytesArgs {
+    Image* dst;
+    const Image* src;
+    const AreaSpan* ySpans;
+    const int32_t* yWeights;
+    AreaTaps taps;
+    uint32_t* sums;  // per stripe: taps.sumsLength column sums
+    int32_t channels;
+};
+
+TLResult areaBytesStripe(void* arg, int32_t index, int32_t count) {
+    const AreaBytesArgs& a = *static_cast<const AreaBytesArgs*>(arg);
+    const ResizeKernels* kernels = ResizeKernels_get();
+    uint32_t* sums = a.sums + static_cast<size_t>(index) * a.taps.sumsLength;
+    const int32_t srcN = a.src->width * a.channels;
+    int32_t first, last;
+    ImageStripe_rows(a.dst->height, index, count, &first, &last);
+    for (int32_t y = first; y < last; ++y) {
+        const AreaSpan& ys = a.ySpans[y];
+        for (int32_t j = 0; j < ys.count; ++j) {
+            kernels->areaRow(sums, rowAt<const uint8_t>(a.src, ys.first + j), srcN,
+                             static_cast<uint32_t>(a.yWeights[ys.offset + j]), j > 0 ? 1 : 0);
+        }
+        kernels->areaColumns(rowAt<uint8_t>(a.dst, y), sums, &a.taps, 0, a.taps.width);
+    }
+    return TL_OK;
+}
+
+// Column sums stay below 2^32 up to 16843009 rows (255 times that is
+// 2^32 - 1); the 64-bit element sums, at most 255 * total, need total below
+// 2^44 for the vector forms' exact conversion to double; a row of sums with
+// its padding (at most twice the row) is counted in 32 bits.
+bool areaBytesFits(const Image* src, int32_t channels) {
+    return src->height <= 16843009 && int64_t{src->width} * src->height < (int64_t{1} << 44) &&
+           (2 * int64_t{src->width} + 2) * channels < INT32_MAX;
+}
+
+TLResult areaBytesPlane(const ImageStripeExec* exec, Image* dst, const Image* src, int32_t channels) {
+    const int32_t parts = minInt(4, dst->height);
+    const size_t spanBytes = alignUp(sizeof(AreaSpan) * (static_cast<size_t>(dst->width) + dst->height));
+    const size_t weightBytes =
+        alignUp(sizeof(int32_t) * (static_cast<size_t>(dst->width) + src->width + dst->height + src->height));
+    // The widest span decides the padded tap count.
+    const int32_t count = static_cast<int32_t>((int64_t{src->width} + dst->width - 1) / dst->width) + 1;
+    const size_t tapBytes = alignUp(sizeof(int32_t) * static_cast<size_t>(dst->width) * (1 + count));
+    const int32_t sumsLength = src->width * channels + (count - 1) * channels;
+    const size_t sumBytes = sizeof(uint32_t) * static_cast<size_t>(sumsLength) * parts;
+    uint8_t* block = static_cast<uint8_t*>(Memory_alloc(spanBytes + weightBytes + tapBytes + sumBytes));
+    if (block == nullptr) return TL_ERROR_MEMORY;
+    AreaSpan* xSpans = reinterpret_cast<AreaSpan*>(block);
+    AreaSpan* ySpans = xSpans + dst->width;
+    int32_t* xWeights = reinterpret_cast<int32_t*>(block + spanBytes);
+    const int32_t used = fillAreaSpans(xSpans, xWeights, dst->width, src->width);
+    int32_t* yWeights = xWeights + used;
+    fillAreaSpans(ySpans, yWeights, dst->height, src->height);
+    int32_t* tapFirst = reinterpret_cast<int32_t*>(block + spanBytes + weightBytes);
+    uint32_t* tapWeights = reinterpret_cast<uint32_t*>(tapFirst + dst->width);
+    for (int32_t x = 0; x < dst->width; ++x) {
+        const AreaSpan& xs = xSpans[x];
+        tapFirst[x] = xs.first;
+        for (int32_t k = 0; k < count; ++k) {
+            tapWeights[static_cast<size_t>(x) * count + k] =
+                k < xs.count ? static_cast<uint32_t>(xWeights[xs.offset + k]) : 0u;
+        }
+    }
+    uint32_t* sums = reinterpret_cast<uint32_t*>(block + spanBytes + weightBytes + tapBytes);
+    // The padding past the last column is read with weight 0; it is never written.
+    std::memset(sums, 0, sumBytes);
+    AreaBytesArgs args{dst,
+                       src,
+                       ySpans,
+                       yWeights,
+                       AreaTaps{tapFirst, tapWeights, count, channels, dst->width, sumsLength,
+                                static_cast<uint64_t>(int64_t{src->width} * src->height)},
+                       sums,
+                       channels};
+    const TLResult r = ImageStripeExec_run(exec, areaBytesStripe, &args, parts);
+    Memory_free(block);
+    return r;
+}
+
 template <typename T, int C>
 TLResult areaPlane(const ImageStripeExec* exec, Image* dst, const Image* src) {
     using A = AreaAcc<T>;
     if (dst->width < 1 || dst->height < 1) return TL_ERROR_GENERAL;
+    if constexpr (std::is_same_v<T, uint8_t>) {
+        if (areaBytesFits(src, C)) return areaBytesPlane(exec, dst, src, C);
+    }
     const int32_t parts = minInt(4, dst->height);
     const size_t spanBytes = alignUp(sizeof(AreaSpan) * (static_cast<size_t>(dst->width) + dst->height));
     const size_t weightBytes =

@@ -10,21 +10,15 @@
 
 #include "image/image.h"
 #include "imageproc/image_stripes.h"
+#include "imageproc/resize_kernels.h"
 
 namespace vq_tl {
 
 struct ImageProc;
 struct ImageProc2;
 
-// Sample position of one destination column (or row) on the source: the
-// centres are aligned, pos = (x + 0.5) * src / dst - 0.5 in Q15, and the
-// taps are clamped to the edge, so destination pixels outside the first and
-// last source centres copy the edge pixel.
-struct ResizeTap {
-    int32_t i0;    // left (upper) source index
-    int32_t i1;    // right (lower) source index, i0 + 1 or the edge
-    int32_t frac;  // weight of i1 in Q15, 0..32767
-};
+// ResizeTap (resize_kernels.h): the sample position of one destination
+// column (or row) on the source.
 
 // Fills taps for dstSize positions over srcSize source pixels (both >= 1).
 void ResizeTap_fill(ResizeTap* taps, int32_t dstSize, int32_t srcSize);

@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "rectify/warp_kernels.h"
+
 namespace vq_tl {
 
 namespace {
@@ -34,11 +36,11 @@ using Yuv422Planar = Family<Chroma::Planar422, false, false>;
 constexpr double kQ15 = 32768.0;
 constexpr double kQ31 = 2147483648.0;
 // Groups of 8 only while the 8 lanes stay within the reach of one load:
-// dx * 8 below 15 pixels, |dy| below a quarter pixel per pixel, and the
-// last lane at most 11 pixels right of the group's first column.
+// dx * 8 below 15 pixels, |dy| below a quarter pixel per pixel, and (checked
+// by the group kernel, warp_kernels.h) the last lane at most 11 pixels right
+// of the group's first column.
 constexpr int32_t kGroupMaxDx = 491520 / 8;
 constexpr int32_t kGroupMaxDy = 8192;
-constexpr int32_t kGroupMaxLastLane = 11;
 
 inline int32_t clampInt(int32_t v, int32_t low, int32_t high) {
     return v < low ? low : (v > high ? high : v);
@@ -147,42 +149,6 @@ struct PairRow {
     int32_t py(int32_t x) const { return yq + (x - L) * dy; }
 };
 
-// Eight pixels in two rows from the group's start: lane positions in
-// sixteenths of a pixel, taken from per-lane offsets of the start's phase.
-template <class F, Shape S>
-void drawGroup(const Luma<F>& luma, const PairRow& pr, int32_t x, uint8_t* d1, uint8_t* d2) {
-    const int32_t px = pr.px(x), py = pr.py(x);
-    const int32_t s = px >> 15, r = py >> 15;
-    const int32_t subX = (px >> 11) & 15, subY = (py >> 11) & 15;
-    const int32_t round = pr.dy < 1 ? 255 : 0;
-    const uint8_t* rows[3];
-    if (S == Shape::NoRot) {
-        for (int j = 0; j < 3; ++j) rows[j] = luma.row(r + j);
-    }
-    for (int32_t k = 0; k < 8; ++k) {
-        // The lane step is a 16-bit product, as in the vector form.
-        const int32_t xPos = subX + (static_cast<uint16_t>((pr.dx >> 3) * k) >> 8);
-        const int32_t col = s + (xPos >> 4), wx = xPos & 15;
-        int32_t wy = subY;
-        if (S != Shape::NoRot) {
-            // Biased by two rows so that the row selection stays positive.
-            const int32_t yPos = 32 + subY + ((((pr.dy >> 3) * k) + round) >> 8);
-            const int32_t sel = r + (yPos >> 4) - 2;
-            wy = yPos & 15;
-            for (int j = 0; j < 3; ++j) rows[j] = luma.row(sel + j);
-        }
-        const int32_t h0 = luma.h(rows[0], col, wx);
-        const int32_t h1 = luma.h(rows[1], col, wx);
-        const int32_t v1 = ((16 - wy) * h0 + wy * h1 + 128) >> 8;
-        d1[(x + k) * F::kLumaStride] = static_cast<uint8_t>(v1 > 255 ? 255 : v1);
-        if (d2 != nullptr) {
-            const int32_t h2 = luma.h(rows[2], col, wx);
-            const int32_t v2 = ((16 - wy) * h1 + wy * h2 + 128) >> 8;
-            d2[(x + k) * F::kLumaStride] = static_cast<uint8_t>(v2 > 255 ? 255 : v2);
-        }
-    }
-}
-
 // A pixel outside the groups: exact Q15 position, the column limited to
 // width - 2, and the sum shifted without the rounding term.
 template <class F>
@@ -212,12 +178,20 @@ void drawLumaBilinear(const Planes& p, const Cell& c, const PairRow& pr) {
     const bool lastCell = c.B >= p.dstH && c.R >= p.dstW;
     const int32_t groupEnd = pr.rx - (lastCell ? 16 : 8);
     int32_t x = pr.lx;
-    if (pr.dx >= 0 && pr.dx < kGroupMaxDx && pr.dy > -kGroupMaxDy && pr.dy < kGroupMaxDy) {
-        const int32_t lastLane = static_cast<uint16_t>((pr.dx >> 3) * 7) >> 8;
-        for (; x <= groupEnd; x += 8) {
-            if ((((pr.px(x) >> 11) & 15) + lastLane) >> 4 > kGroupMaxLastLane) break;
-            drawGroup<F, S>(luma, pr, x, d1, d2);
-        }
+    if (pr.dx >= 0 && pr.dx < kGroupMaxDx && pr.dy > -kGroupMaxDy && pr.dy < kGroupMaxDy && x <= groupEnd) {
+        const WarpLumaRow row{p.src[0] + F::kLumaOffset,
+                              p.srcPitch[0],
+                              p.srcW,
+                              p.srcH,
+                              F::kLumaStride,
+                              d1,
+                              d2,
+                              pr.xq,
+                              pr.yq,
+                              pr.dx,
+                              pr.dy,
+                              pr.L};
+        x = WarpKernels_get()->groups(&row, x, groupEnd);
     }
     for (; x < pr.rx; ++x) drawTailPixel(luma, pr, x, d1, d2);
 }
@@ -236,30 +210,38 @@ void drawLumaNearest(const Planes& p, const PairRow& pr) {
 }
 
 // Chroma of one pair of rows: one sample per two destination pixels, from
-// the source position of the even pixel of each pair.
+// the source position of the even pixel of each pair; the semi-planar
+// layouts through the warp kernels' table.
 template <class F>
 void drawChroma(const Planes& p, const PairRow& pr) {
     const int32_t srcCw = (p.srcW + 1) >> 1, srcCh = (p.srcH + 1) >> 1;
+    if (F::kChroma == Chroma::Semiplanar420) {
+        const WarpChromaRow row{p.src[1],
+                                p.srcPitch[1],
+                                srcCw,
+                                srcCh,
+                                p.dst[1] + intptr_t{p.dstPitch[1]} * (pr.y >> 1),
+                                pr.xq,
+                                pr.yq,
+                                pr.dx,
+                                pr.dy,
+                                pr.L,
+                                F::kHq ? pr.dx / 2 + 16384 : 0,
+                                F::kHq ? pr.yStep / 4 + 16384 : 0};
+        WarpKernels_get()->chroma(&row, pr.lx & ~1, pr.rx);
+        return;
+    }
     for (int32_t x = pr.lx & ~1; x < pr.rx; x += 2) {
         const int32_t px = pr.px(x), py = pr.py(x);
         // The HQ sampling point is the centre of the destination pixel pair,
         // rounded; the plain one truncates.
         const int32_t cx = F::kHq ? px + pr.dx / 2 + 16384 : px;
-        if (F::kChroma == Chroma::Semiplanar420 || F::kChroma == Chroma::Planar420) {
+        if (F::kChroma == Chroma::Planar420) {
             const int32_t row = clampInt((F::kHq ? py + pr.yStep / 4 + 16384 : py) >> 16, 0, srcCh - 1);
             const intptr_t dstRow = intptr_t{pr.y >> 1};
-            if (F::kChroma == Chroma::Semiplanar420) {
-                const int32_t col = clampInt((cx >> 15) & ~1, 0, 2 * (srcCw - 1));
-                const uint8_t* s = p.src[1] + intptr_t{p.srcPitch[1]} * row + col;
-                uint8_t* d = p.dst[1] + p.dstPitch[1] * dstRow + x;
-                d[0] = s[0];
-                d[1] = s[1];
-            } else {
-                const int32_t col = clampInt(cx >> 16, 0, srcCw - 1);
-                for (int k = 1; k < 3; ++k) {
-                    p.dst[k][p.dstPitch[k] * dstRow + (x >> 1)] =
-                        p.src[k][intptr_t{p.srcPitch[k]} * row + col];
-                }
+            const int32_t col = clampInt(cx >> 16, 0, srcCw - 1);
+            for (int k = 1; k < 3; ++k) {
+                p.dst[k][p.dstPitch[k] * dstRow + (x >> 1)] = p.src[k][intptr_t{p.srcPitch[k]} * row + col];
             }
         } else if (F::kChroma == Chroma::Interleaved422) {
             const int32_t byte = clampInt(((px + pr.dx / 2 + 16384) >> 14) & ~3, 0, 4 * (srcCw - 1));

@@ -448,6 +448,45 @@ TEST(Resize, MatchesADoubleModelWithinOneLevel) {
     }
 }
 
+TEST(Resize, BytesMatchTheFixedPointDefinition) {
+    // 8-bit planes, every byte against the Q15 definition written out: h = a (32768 - fx) + b fx along the
+    // row, then (h0 (32768 - fy) + h1 fy + 2^29) >> 30, or (h0 + 2^14) >> 15 where fy is 0. One, two and
+    // three channels; shrinking (the pipeline's 100 to 27 among them) and enlarging.
+    Objects o;
+    std::mt19937 rng(127);
+    const uint32_t formats[3] = {IMAGE_FORMAT_UINT8, IMAGE_FORMAT_UINT88, IMAGE_FORMAT_HSV};
+    for (int round = 0; round < vq_tl_test_scaled(60, 12); ++round) {
+        const uint32_t f = formats[round % 3];
+        const int32_t c = round % 3 + 1;
+        int32_t sw = 1 + static_cast<int32_t>(rng() % 90), sh = 1 + static_cast<int32_t>(rng() % 30);
+        int32_t dw = 1 + static_cast<int32_t>(rng() % 90), dh = 1 + static_cast<int32_t>(rng() % 30);
+        if (round % 10 == 9) sw = 400, sh = 30, dw = 108, dh = 8;
+        if (Resize_isAboutHalf(dw, dh, sw, sh) || (dw == sw && dh == sh) || dw == 2 * sw) continue;
+        Picture src(sw, sh, f), dst(dw, dh, f);
+        src.fillRandom(rng);
+        ASSERT_EQ(ImageProc2_resizeImage(&o.proc2, &dst.image, &src.image), TL_OK);
+        std::vector<ResizeTap> tx(dw), ty(dh);
+        ResizeTap_fill(tx.data(), dw, sw);
+        ResizeTap_fill(ty.data(), dh, sh);
+        auto h = [&](int32_t row, int32_t x, int32_t k) {
+            return int64_t{src.row(0, row)[tx[x].i0 * c + k]} * (32768 - tx[x].frac) +
+                   int64_t{src.row(0, row)[tx[x].i1 * c + k]} * tx[x].frac;
+        };
+        for (int32_t y = 0; y < dh; ++y) {
+            for (int32_t x = 0; x < dw; ++x) {
+                for (int32_t k = 0; k < c; ++k) {
+                    const int64_t h0 = h(ty[y].i0, x, k), h1 = h(ty[y].i1, x, k), fy = ty[y].frac;
+                    const int64_t v =
+                        fy == 0 ? (h0 + 16384) >> 15 : (h0 * (32768 - fy) + h1 * fy + (1 << 29)) >> 30;
+                    ASSERT_EQ(dst.row(0, y)[x * c + k], v)
+                        << f << " " << sw << "x" << sh << "->" << dw << "x" << dh << " at " << x << "," << y;
+                }
+            }
+        }
+        ASSERT_TRUE(dst.canariesIntact());
+    }
+}
+
 TEST(Resize, HalvingIsTheRoundedMeanOfFour) {
     // (a + b + c + d + 2) >> 2, the last column and row repeated; resizing to about half is the same kernel.
     Objects o;
@@ -506,6 +545,60 @@ TEST(Resize, AverageShrinkIsTheMeanOfTheCoveredArea) {
                         sum += overlap(i, x, sw, dw) * overlap(j, y, sh, dh) * s.at<uint16_t>(i, j);
                 ASSERT_NEAR(d.at<uint16_t>(x, y), sum * dw * dh / (static_cast<double>(sw) * sh), 0.5 + 1e-6)
                     << sw << "x" << sh << "->" << dw << "x" << dh;
+            }
+        }
+        ASSERT_TRUE(d.canariesIntact());
+    }
+}
+
+TEST(Resize, AverageShrinkOfBytesIsTheRoundedIntegerMean) {
+    // 8-bit planes take the column-sum path: every byte against the integer definition, overlaps counted in
+    // units of 1 / dw by 1 / dh: out = (sum p ox oy + total / 2) / total, total = sw sh. Layouts of one, two
+    // and three channels and the two planes of 4:2:0; random bytes, all 255 (the largest sums) and
+    // alternating 0 / 255; sizes from tiny to the pipeline's ratio of 100 to 27.
+    Objects o;
+    std::mt19937 rng(27);
+    auto overlap = [](int64_t i, int64_t x, int64_t src, int64_t dst) {
+        return std::max<int64_t>(0, std::min((i + 1) * dst, (x + 1) * src) - std::max(i * dst, x * src));
+    };
+    const uint32_t formats[4] = {IMAGE_FORMAT_UINT8, IMAGE_FORMAT_UINT88, IMAGE_FORMAT_HSV,
+                                 IMAGE_FORMAT_YVU420_SEMIPLANAR};
+    for (int round = 0; round < vq_tl_test_scaled(80, 16); ++round) {
+        const uint32_t f = formats[round % 4];
+        int32_t sw = 2 + static_cast<int32_t>(rng() % 70), sh = 2 + static_cast<int32_t>(rng() % 40);
+        if (round % 9 == 8) sw = 400, sh = 300;
+        int32_t dw = 1 + static_cast<int32_t>(rng() % (sw - 1)),
+                dh = 1 + static_cast<int32_t>(rng() % (sh - 1));
+        if (round % 9 == 8) dw = 108, dh = 81;
+        if (f == IMAGE_FORMAT_YVU420_SEMIPLANAR) sw += sw & 1, sh += sh & 1, dw += dw & 1, dh += dh & 1;
+        if (dw >= sw || dh >= sh) continue;
+        Picture s(sw, sh, f), d(dw, dh, f);
+        s.fillRandom(rng);
+        if (round % 5 == 3) s.fillPlanes(255);
+        if (round % 5 == 4) {
+            for (int k = 0; k < 2; ++k)
+                for (int32_t r = 0; r < s.rows[k]; ++r)
+                    for (int32_t i = 0; i < s.rowBytes[k]; ++i) s.row(k, r)[i] = (i + r) % 2 ? 255 : 0;
+        }
+        ASSERT_EQ(ImageProc2_averageShrink(&o.proc2, &d.image, &s.image), TL_OK);
+        const int32_t channels = f == IMAGE_FORMAT_UINT88 ? 2 : f == IMAGE_FORMAT_HSV ? 3 : 1;
+        for (int k = 0; k < (f == IMAGE_FORMAT_YVU420_SEMIPLANAR ? 2 : 1); ++k) {
+            const int32_t c = k == 1 ? 2 : channels;
+            const int64_t pw = s.rowBytes[k] / c, ph = s.rows[k], qw = d.rowBytes[k] / c, qh = d.rows[k];
+            const int64_t total = pw * ph;
+            for (int64_t y = 0; y < qh; ++y) {
+                for (int64_t x = 0; x < qw * c; ++x) {
+                    int64_t sum = 0;
+                    for (int64_t j = 0; j < ph; ++j) {
+                        const int64_t oy = overlap(j, y, ph, qh);
+                        for (int64_t i = 0; oy != 0 && i < pw; ++i)
+                            sum += s.row(k, static_cast<int32_t>(j))[i * c + x % c] *
+                                   overlap(i, x / c, pw, qw) * oy;
+                    }
+                    ASSERT_EQ(d.row(k, static_cast<int32_t>(y))[x], (sum + total / 2) / total)
+                        << f << " plane " << k << " " << sw << "x" << sh << "->" << dw << "x" << dh << " at "
+                        << x << "," << y;
+                }
             }
         }
         ASSERT_TRUE(d.canariesIntact());

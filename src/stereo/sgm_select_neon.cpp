@@ -158,6 +158,60 @@ void winnerMatch(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int32
     }
 }
 
+// Left-right check, 8 pixels per step in 16-bit lanes, the match map's
+// samples loaded one by one (their columns depend on the values); see the
+// SSE4.1 form.
+constexpr int32_t kMaxLeftRight = 32000;
+
+void leftRightU8(uint8_t* out, const uint8_t* base, const uint8_t* match, const LeftRightParams* p,
+                 int32_t x0, int32_t x1) {
+    const int32_t f = p->fractionBits, m = p->minDisparity, W = p->width;
+    if (W >= kMaxLeftRight) return leftRightU8Row_c(out, base, match, p, x0, x1);
+    const int32_t unit = 1 << f;
+    const int16x8_t up = vdupq_n_s16(static_cast<int16_t>(f)), down = vdupq_n_s16(static_cast<int16_t>(-f));
+    const int16_t laneIndex[8] = {0, 1, 2, 3, 4, 5, 6, 7};
+    const int16x8_t lanes = vld1q_s16(laneIndex);
+    const int16x8_t width = vdupq_n_s16(static_cast<int16_t>(W));
+    const int16x8_t round = vdupq_n_s16(static_cast<int16_t>(unit - 1));
+    const int16x8_t unitV = vdupq_n_s16(static_cast<int16_t>(unit));
+    const int16x8_t shiftM = vdupq_n_s16(static_cast<int16_t>(m));
+    const uint32_t below = p->threshold < 256u ? p->threshold : 256u;
+    const int16x8_t bound = vdupq_n_s16(static_cast<int16_t>(
+        f == 0 ? static_cast<int32_t>(below) : static_cast<int32_t>((p->threshold << f) & 0xFF) + 1));
+    const uint8x8_t passV = vdup_n_u8(p->passValue), failV = vdup_n_u8(p->failValue);
+    int16_t column[8], floorColumn[8], sample[8], floorSample[8];
+    int32_t x = x0;
+    for (; x + 8 <= x1; x += 8) {
+        const int16x8_t u = vreinterpretq_s16_u16(vmovl_u8(vld1_u8(base + x)));
+        // Non-negative values: shifts by -f are logical.
+        const int16x8_t cu = vshlq_s16(vaddq_s16(u, round), down);
+        const int16x8_t at = vaddq_s16(vdupq_n_s16(static_cast<int16_t>(x)), lanes);
+        const int16x8_t col =
+            p->swapped != 0 ? vsubq_s16(vsubq_s16(at, shiftM), cu) : vaddq_s16(vaddq_s16(at, shiftM), cu);
+        const uint16x8_t inside = vandq_u16(vcgeq_s16(col, vdupq_n_s16(0)), vcltq_s16(col, width));
+        // Columns outside the row read column 0; their lanes fail anyway.
+        vst1q_s16(column, vandq_s16(col, vreinterpretq_s16_u16(inside)));
+        for (int32_t i = 0; i < 8; ++i) sample[i] = match[column[i]];
+        const int16x8_t s = vld1q_s16(sample);
+        int16x8_t e;
+        if (p->swapped != 0) {
+            e = vabsq_s16(vsubq_s16(u, s));
+        } else {
+            const int16x8_t fu = vshlq_s16(u, down);
+            const int16x8_t w = vsubq_s16(vshlq_s16(cu, up), u);
+            const int16x8_t fc = vmaxq_s16(vaddq_s16(vaddq_s16(at, shiftM), fu), vdupq_n_s16(0));
+            vst1q_s16(floorColumn, vandq_s16(fc, vreinterpretq_s16_u16(inside)));
+            for (int32_t i = 0; i < 8; ++i) floorSample[i] = match[floorColumn[i]];
+            const int16x8_t sf = vld1q_s16(floorSample);
+            const int16x8_t sum = vaddq_s16(vmulq_s16(vsubq_s16(unitV, w), s), vmulq_s16(w, sf));
+            e = vabsq_s16(vsubq_s16(u, vshlq_s16(sum, down)));
+        }
+        const uint16x8_t pass = vandq_u16(inside, vcltq_s16(e, bound));
+        vst1_u8(out + x, vbsl_u8(vmovn_u16(pass), passV, failV));
+    }
+    leftRightU8Row_c(out, base, match, p, x, x1);
+}
+
 }  // namespace
 
 void SgmSelectKernels_addNeon(SgmSelectKernels* table) {
@@ -165,6 +219,7 @@ void SgmSelectKernels_addNeon(SgmSelectKernels* table) {
     table->baseU8[1] = winnerBase<uint16_t>;
     table->matchU8[0] = winnerMatch<uint8_t>;
     table->matchU8[1] = winnerMatch<uint16_t>;
+    table->leftRightU8 = leftRightU8;
 }
 
 }  // namespace vq_tl

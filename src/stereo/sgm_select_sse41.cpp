@@ -206,6 +206,71 @@ void winnerMatch(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int32
     }
 }
 
+// Left-right check, 8 pixels per step in 16-bit lanes, the match map's
+// samples loaded one by one (their columns depend on the values). Columns
+// and weighted sums stay below 2^15 for rows narrower than kMaxLeftRight.
+// With `swapped` the scalar form weighs one sample by w1 + r = 2^f, which
+// gives the sample itself.
+constexpr int32_t kMaxLeftRight = 32000;
+
+void leftRightU8(uint8_t* out, const uint8_t* base, const uint8_t* match, const LeftRightParams* p,
+                 int32_t x0, int32_t x1) {
+    const int32_t f = p->fractionBits, m = p->minDisparity, W = p->width;
+    if (W >= kMaxLeftRight) return leftRightU8Row_c(out, base, match, p, x0, x1);
+    const int32_t unit = 1 << f;
+    const __m128i shift = _mm_cvtsi32_si128(f);
+    const __m128i lanes = _mm_setr_epi16(0, 1, 2, 3, 4, 5, 6, 7);
+    const __m128i zero = _mm_setzero_si128(), width = _mm_set1_epi16(static_cast<int16_t>(W));
+    const __m128i round = _mm_set1_epi16(static_cast<int16_t>(unit - 1));
+    const __m128i unitV = _mm_set1_epi16(static_cast<int16_t>(unit));
+    // Passing: e < threshold (f = 0; e is at most 255) or e <= limit.
+    const uint32_t below = p->threshold < 256u ? p->threshold : 256u;
+    const __m128i bound = _mm_set1_epi16(
+        static_cast<int16_t>(f == 0 ? static_cast<int32_t>(below) : (p->threshold << f & 0xFF) + 1));
+    const __m128i passV = _mm_set1_epi8(static_cast<char>(p->passValue));
+    const __m128i failV = _mm_set1_epi8(static_cast<char>(p->failValue));
+    alignas(16) int16_t column[8], floorColumn[8];
+    alignas(16) int16_t sample[8], floorSample[8];
+    int32_t x = x0;
+    for (; x + 8 <= x1; x += 8) {
+        const __m128i u = _mm_cvtepu8_epi16(load8(base + x));
+        const __m128i cu = _mm_srl_epi16(_mm_add_epi16(u, round), shift);
+        const __m128i at = _mm_add_epi16(_mm_set1_epi16(static_cast<int16_t>(x)), lanes);
+        __m128i col, e;
+        if (p->swapped != 0) {
+            col = _mm_sub_epi16(_mm_sub_epi16(at, _mm_set1_epi16(static_cast<int16_t>(m))), cu);
+        } else {
+            col = _mm_add_epi16(_mm_add_epi16(at, _mm_set1_epi16(static_cast<int16_t>(m))), cu);
+        }
+        const __m128i inside =
+            _mm_and_si128(_mm_cmpgt_epi16(col, _mm_set1_epi16(-1)), _mm_cmplt_epi16(col, width));
+        // Columns outside the row read column 0; their lanes fail anyway.
+        _mm_store_si128(reinterpret_cast<__m128i*>(column), _mm_and_si128(col, inside));
+        for (int32_t i = 0; i < 8; ++i) sample[i] = match[column[i]];
+        const __m128i s = _mm_load_si128(reinterpret_cast<const __m128i*>(sample));
+        if (p->swapped != 0) {
+            e = _mm_abs_epi16(_mm_sub_epi16(u, s));
+        } else {
+            const __m128i fu = _mm_srl_epi16(u, shift);
+            const __m128i w = _mm_sub_epi16(_mm_sll_epi16(cu, shift), u);
+            // The floor column: at most one left of an inside ceil column,
+            // the edge pixel at the left edge.
+            const __m128i fc = _mm_max_epi16(
+                _mm_add_epi16(_mm_add_epi16(at, _mm_set1_epi16(static_cast<int16_t>(m))), fu), zero);
+            _mm_store_si128(reinterpret_cast<__m128i*>(floorColumn), _mm_and_si128(fc, inside));
+            for (int32_t i = 0; i < 8; ++i) floorSample[i] = match[floorColumn[i]];
+            const __m128i sf = _mm_load_si128(reinterpret_cast<const __m128i*>(floorSample));
+            const __m128i sum =
+                _mm_add_epi16(_mm_mullo_epi16(_mm_sub_epi16(unitV, w), s), _mm_mullo_epi16(w, sf));
+            e = _mm_abs_epi16(_mm_sub_epi16(u, _mm_srl_epi16(sum, shift)));
+        }
+        const __m128i pass = _mm_and_si128(inside, _mm_cmplt_epi16(e, bound));
+        const __m128i pass8 = _mm_packs_epi16(pass, pass);
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(out + x), _mm_blendv_epi8(failV, passV, pass8));
+    }
+    leftRightU8Row_c(out, base, match, p, x, x1);
+}
+
 }  // namespace
 
 void SgmSelectKernels_addSse41(SgmSelectKernels* table) {
@@ -213,6 +278,7 @@ void SgmSelectKernels_addSse41(SgmSelectKernels* table) {
     table->baseU8[1] = winnerBase16;
     table->matchU8[0] = winnerMatch<uint8_t>;
     table->matchU8[1] = winnerMatch<uint16_t>;
+    table->leftRightU8 = leftRightU8;
 }
 
 }  // namespace vq_tl

@@ -93,6 +93,79 @@ void checkWinner(CheckContext* ctx, const char* kernel, const Variant& v, Winner
     Check_reportBench(kernel, v.name, ns, refNs, width, "px");
 }
 
+struct LeftRightCase {
+    vq_tl::LeftRightU8RowFn fn;
+    uint8_t* out;
+    const uint8_t* base;
+    const uint8_t* match;
+    vq_tl::LeftRightParams params;
+    int32_t x0, x1;
+};
+
+void callLeftRight(void* arg) {
+    auto* c = static_cast<LeftRightCase*>(arg);
+    c->fn(c->out, c->base, c->match, &c->params, c->x0, c->x1);
+}
+
+// Maps at random (extremes included), shifts of either sign, every
+// fraction width, thresholds from 0 to beyond any error.
+void checkLeftRight(CheckContext* ctx, const Variant& v, vq_tl::LeftRightU8RowFn ref,
+                    vq_tl::LeftRightU8RowFn var) {
+    ++ctx->kernelsChecked;
+    for (int32_t it = 0; it < ctx->iterations; ++it) {
+        const int32_t width = CheckRandom_range(&ctx->random, 1, it % 4 == 0 ? 700 : 60);
+        GuardedPlane base, match, outRef, outVar;
+        GuardedPlane_init(&base, width, 1, 1, &ctx->random);
+        GuardedPlane_init(&match, width, 1, 1, &ctx->random);
+        GuardedPlane_init(&outRef, width, 1, 1, &ctx->random);
+        GuardedPlane_init(&outVar, width, 1, 1, &ctx->random);
+        GuardedPlane_copyRows(&outVar, &outRef);
+        LeftRightCase c{};
+        c.base = base.data;
+        c.match = match.data;
+        c.params.width = width;
+        c.params.minDisparity = CheckRandom_range(&ctx->random, -128, 127);
+        c.params.fractionBits = CheckRandom_range(&ctx->random, 0, 7);
+        c.params.threshold = static_cast<uint32_t>(CheckRandom_range(&ctx->random, 0, it % 3 == 0 ? 300 : 4));
+        c.params.failValue = static_cast<uint8_t>(CheckRandom_next(&ctx->random));
+        c.params.passValue = static_cast<uint8_t>(CheckRandom_next(&ctx->random));
+        c.params.swapped = CheckRandom_range(&ctx->random, 0, 1);
+        c.x0 = CheckRandom_range(&ctx->random, 0, width < 3 ? width : 3);
+        c.x1 = width - CheckRandom_range(&ctx->random, 0, width - c.x0 < 3 ? width - c.x0 : 3);
+        c.fn = ref;
+        c.out = outRef.data;
+        callLeftRight(&c);
+        c.fn = var;
+        c.out = outVar.data;
+        callLeftRight(&c);
+        char text[112];
+        std::snprintf(text, sizeof(text),
+                      "width %d, min %d, fraction %d, threshold %u, swapped %d, columns %d to %d", width,
+                      c.params.minDisparity, c.params.fractionBits, c.params.threshold, c.params.swapped,
+                      c.x0, c.x1);
+        if (!Check_outputs(ctx, "left-right", v, &outRef, &outVar, text)) return;
+    }
+    if (!ctx->bench) return;
+    const int32_t width = 1080;
+    GuardedPlane base, match, out;
+    GuardedPlane_init(&base, width, 1, 1, &ctx->random);
+    GuardedPlane_init(&match, width, 1, 1, &ctx->random);
+    GuardedPlane_init(&out, width, 1, 1, &ctx->random);
+    LeftRightCase c{};
+    c.fn = ref;
+    c.out = out.data;
+    c.base = base.data;
+    c.match = match.data;
+    c.params = vq_tl::LeftRightParams{width, -4, 3, 1, 0.0f, 0, 255, 1};
+    c.x0 = 0;
+    c.x1 = width;
+    const double refNs = Check_timeNs(callLeftRight, &c, 2000);
+    c.fn = var;
+    const double ns = Check_timeNs(callLeftRight, &c, 2000);
+    Check_reportBench("left-right", "scalar", refNs, refNs, width, "px");
+    Check_reportBench("left-right", v.name, ns, refNs, width, "px");
+}
+
 void runSgmSelect(CheckContext* ctx) {
     SgmSelectKernels ref;
     vq_tl::SgmSelectKernels_fill(&ref, 0);
@@ -107,6 +180,7 @@ void runSgmSelect(CheckContext* ctx) {
             if (t.matchU8[wide] != ref.matchU8[wide])
                 checkWinner(ctx, match[wide], v, ref.matchU8[wide], t.matchU8[wide], 1 + wide);
         }
+        if (t.leftRightU8 != ref.leftRightU8) checkLeftRight(ctx, v, ref.leftRightU8, t.leftRightU8);
     }
 }
 

@@ -2,14 +2,25 @@
 // a 1080 x 810 pair (27 percent of a 4000 x 3000 frame) with 24 candidates,
 // and the fine mode on 720 x 540 (18 percent) with 64. Each iteration is one
 // Sgm_createDisparityU8 writing both maps, volumes allocated and freed inside
-// as in the pipeline.
+// as in the pipeline, on a Pel set up as the session sets up its own (one
+// worker per processor, the caller waits). Beside them OpenCV's StereoSGBM on
+// the same pair: the 3-way mode with 32 candidates against the normal mode,
+// the 8-path full mode with 64 against the fine mode, block size 3 and the
+// usual penalties 8 and 32 times channels times block area. BM_SgmSteps
+// times the matcher's steps one by one (census and cost, aggregation, both
+// winners with their medians, left-right check) for their shares.
 #include <benchmark/benchmark.h>
 
+#include <chrono>
 #include <cstring>
 #include <memory>
+#include <opencv2/calib3d.hpp>
+#include <opencv2/core.hpp>
 #include <random>
+#include <string>
 
 #include "image/image.h"
+#include "imageproc/rank_filter.h"
 #include "runtime/pel.h"
 #include "stereo/sgm.h"
 
@@ -67,7 +78,8 @@ struct Case {
 void runSgm(benchmark::State& state, const Case& c) {
     Env env{};
     auto pel = std::make_unique<Pel>();
-    construct_Pel(pel.get(), &env);  // one worker per processor, the caller among them
+    construct_Pel(pel.get(), &env);  // one worker per processor
+    pel->params.callerParticipates = 0;
     if (Pel_init(pel.get()) != TL_OK) {
         state.SkipWithError("Pel_init failed");
         return;
@@ -104,12 +116,112 @@ void runSgm(benchmark::State& state, const Case& c) {
     destruct_Pel(pel.get());
 }
 
+// The matcher's steps as Sgm_createDisparityU8 and the pipeline's left-right
+// check run them, timed with a steady clock; counters give each step's
+// milliseconds per call and share of the sum.
+void runSgmSteps(benchmark::State& state, const Case& c) {
+    Env env{};
+    auto pel = std::make_unique<Pel>();
+    construct_Pel(pel.get(), &env);
+    pel->params.callerParticipates = 0;
+    Sgm sgm;
+    construct_Sgm(&sgm, &env);
+    if (Pel_init(pel.get()) != TL_OK || Sgm_setPel(&sgm, pel.get()) != TL_OK ||
+        Sgm_init(&sgm, c.width, c.height, c.candidates, c.mode) != TL_OK) {
+        state.SkipWithError("set-up failed");
+        destruct_Sgm(&sgm);
+        destruct_Pel(pel.get());
+        return;
+    }
+    const uint8_t D = Sgm_round8(c.candidates);
+    const int8_t m = -4;
+    StereoPair pair(c.width, c.height);
+    Owned d1(c.width, c.height, IMAGE_FORMAT_UINT8), d2(c.width, c.height, IMAGE_FORMAT_UINT8),
+        conf(c.width, c.height, IMAGE_FORMAT_UINT8), cost(c.width * D, c.height, IMAGE_FORMAT_UINT8),
+        aggregated(c.width * (D + 2), c.height, c.mode == 0 ? IMAGE_FORMAT_UINT8 : IMAGE_FORMAT_UINT16);
+    enum { kCost, kAggregate, kWinners, kLeftRight, kSteps };
+    const char* names[kSteps] = {"cost", "aggregation", "winners", "left-right"};
+    double seconds[kSteps] = {};
+    using Clock = std::chrono::steady_clock;
+    for (auto _ : state) {
+        TLResult r = TL_OK;
+        Clock::time_point t0 = Clock::now();
+        auto lap = [&](int step) {
+            const Clock::time_point t1 = Clock::now();
+            seconds[step] += std::chrono::duration<double>(t1 - t0).count();
+            t0 = t1;
+        };
+        r |= Sgm_computeCost(&sgm, &cost.image, &pair.base.image, &pair.match.image, &pair.mask.image, D, m,
+                             c.rowWindow, 1);
+        lap(kCost);
+        r |= Sgm_aggregate(&sgm, &aggregated.image, &cost.image, &pair.guide.image, 1, D, 5, 40);
+        lap(kAggregate);
+        for (int32_t view = 0; view < 2; ++view) {
+            Image* map = view == 0 ? &d1.image : &d2.image;
+            r |= Sgm_selectDisparity(&sgm, map, &aggregated.image, D, m, c.fractionBits, 0, 1, view);
+            r |= ImageProc_filterMedian3x3(&sgm.imageProc, map, map, 0);
+        }
+        lap(kWinners);
+        r |= Sgm_createConfidenceU8(&sgm, &conf.image, &d1.image, &d2.image, D, m, c.fractionBits, 1, 0, 255,
+                                    1);
+        lap(kLeftRight);
+        if (r != TL_OK) state.SkipWithError("a step failed");
+    }
+    double total = 0;
+    for (double s : seconds) total += s;
+    for (int i = 0; i < kSteps; ++i) {
+        state.counters[std::string(names[i]) + " ms"] =
+            benchmark::Counter(seconds[i] * 1e3, benchmark::Counter::kAvgIterations);
+        state.counters[std::string(names[i]) + " %"] = total > 0 ? 100.0 * seconds[i] / total : 0.0;
+    }
+    destruct_Sgm(&sgm);
+    destruct_Pel(pel.get());
+}
+
+// OpenCV's semi-global block matching on the same pair, with its own
+// threads; the base view is the left image.
+void runOpenCv(benchmark::State& state, int32_t width, int32_t height, int32_t candidates, int mode) {
+    StereoPair pair(width, height);
+    const cv::Mat left(height, width, CV_8UC1, pair.match.image.plane[0], pair.match.image.pitch[0]);
+    const cv::Mat right(height, width, CV_8UC1, pair.base.image.plane[0], pair.base.image.pitch[0]);
+    constexpr int kBlock = 3, kChannels = 1;
+    const cv::Ptr<cv::StereoSGBM> sgbm =
+        cv::StereoSGBM::create(0, candidates, kBlock, 8 * kChannels * kBlock * kBlock,
+                               32 * kChannels * kBlock * kBlock, 1, 0, 0, 0, 0, mode);
+    cv::Mat disparity;
+    for (auto _ : state) {
+        sgbm->compute(left, right, disparity);
+        benchmark::DoNotOptimize(disparity.data);
+    }
+    const double evaluations = static_cast<double>(width) * height * candidates;
+    state.counters["Mdisp/s"] =
+        benchmark::Counter(evaluations / 1e6, benchmark::Counter::kIsIterationInvariantRate);
+}
+
 }  // namespace
 
 // Normal mode: 3x3 census, row window 9, 4 paths, one Pel task per path.
 static void BM_SgmNormal1080x810x24(benchmark::State& state) { runSgm(state, Case{1080, 810, 24, 0, 9, 3}); }
-BENCHMARK(BM_SgmNormal1080x810x24)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_SgmNormal1080x810x24)->Unit(benchmark::kMillisecond)->UseRealTime()->MeasureProcessCPUTime();
 
 // Fine mode: 5x5 census, row window 21, 8 paths, serial on the calling thread.
 static void BM_SgmFine720x540x64(benchmark::State& state) { runSgm(state, Case{720, 540, 64, 1, 21, 2}); }
-BENCHMARK(BM_SgmFine720x540x64)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_SgmFine720x540x64)->Unit(benchmark::kMillisecond)->UseRealTime()->MeasureProcessCPUTime();
+
+static void BM_SgmSteps(benchmark::State& state) {
+    runSgmSteps(state, state.range(0) == 0 ? Case{1080, 810, 24, 0, 9, 3} : Case{720, 540, 64, 1, 21, 2});
+}
+BENCHMARK(BM_SgmSteps)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime()->MeasureProcessCPUTime();
+
+static void BM_OpenCvSgbm3Way1080x810x32(benchmark::State& state) {
+    runOpenCv(state, 1080, 810, 32, cv::StereoSGBM::MODE_SGBM_3WAY);
+}
+BENCHMARK(BM_OpenCvSgbm3Way1080x810x32)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->MeasureProcessCPUTime();
+
+static void BM_OpenCvSgbmHH720x540x64(benchmark::State& state) {
+    runOpenCv(state, 720, 540, 64, cv::StereoSGBM::MODE_HH);
+}
+BENCHMARK(BM_OpenCvSgbmHH720x540x64)->Unit(benchmark::kMillisecond)->UseRealTime()->MeasureProcessCPUTime();

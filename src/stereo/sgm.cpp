@@ -5,6 +5,7 @@
 #include "imageproc/image_stripes.h"
 #include "imageproc/rank_filter.h"
 #include "runtime/raw_double.h"
+#include "stereo/sgm_select.h"
 
 namespace vq_tl {
 
@@ -60,81 +61,8 @@ void Temps_release(Temps* t) {
     t->count = 0;
 }
 
-// --- Winner kernels -----------------------------------------------------------
-
-// The winning slot's output value v (k, or D - 1 - k when swapped) and the
-// differences of its neighbours' costs to its own, modulo the element width.
-struct Winner {
-    int32_t v;
-    int32_t a;
-    int32_t b;
-};
-
-// Key of slot k: cost above, output value in the low byte, so that the
-// smallest key is the smallest cost and of equal costs the smaller value.
-template <typename TA, typename Key>
-inline Key keyOf(TA cost, int32_t value) {
-    return static_cast<Key>((static_cast<Key>(cost) << 8) + static_cast<Key>(value));
-}
-
-template <typename TA>
-inline Winner winnerOf(int32_t v, TA c0, TA left, TA right) {
-    return Winner{v, static_cast<TA>(left - c0), static_cast<TA>(right - c0)};
-}
-
-// Base view: A points at entry 0 of the pixel, slot k is entry k + 1 and
-// the pads are the mirrored neighbours of the end slots.
-template <typename TA, typename Key>
-inline Winner baseWinner(const TA* A, int32_t D, int32_t first, int32_t step) {
-    Key best = static_cast<Key>(~Key{0});
-    for (int32_t k = 0; k < D; ++k) best = minOf(best, keyOf<TA, Key>(A[k + 1], first + step * k));
-    const int32_t v = best & 0xFF;
-    const int32_t kStar = first + step * v;
-    return winnerOf<TA>(v, A[kStar + 1], A[kStar], A[kStar + 2]);
-}
-
-// Match view: slot k of match column x is read from the base pixel that
-// would match it there, xb0 - k, at its entry k + 1: along the diagonal of
-// the volume, D + 1 entries back per slot. Slots whose base pixel is outside
-// the row take no part; the fit mirrors the neighbours at the ends of the
-// remaining run, as the pads do in the volume.
-template <typename TA, typename Key>
-inline Winner matchWinner(const TA* row, int32_t xb0, int32_t W, int32_t D, int32_t first, int32_t step) {
-    const int32_t kLo = maxOf(0, xb0 - W + 1), kHi = minOf(D - 1, xb0);
-    // No base pixel at all: the value of a tie, 0.
-    if (kLo > kHi) return Winner{0, 0, 0};
-    const intptr_t origin = static_cast<intptr_t>(xb0) * (D + 2) + 1;
-    const intptr_t stride = D + 1;
-    Key best = static_cast<Key>(~Key{0});
-    for (int32_t k = kLo; k <= kHi; ++k)
-        best = minOf(best, keyOf<TA, Key>(row[origin - k * stride], first + step * k));
-    const int32_t v = best & 0xFF;
-    const int32_t kStar = first + step * v;
-    const TA c0 = row[origin - kStar * stride];
-    const TA below = kStar > kLo ? row[origin - (kStar - 1) * stride] : c0;
-    const TA above = kStar < kHi ? row[origin - (kStar + 1) * stride] : c0;
-    return winnerOf<TA>(v, c0, kStar > kLo ? below : above, kStar < kHi ? above : below);
-}
-
-// The fixed-point output: (v << f) plus or minus the parabola's offset
-// through the three costs, in float, truncated to an unsigned byte.
-inline uint8_t byteValue(const Winner& w, int32_t f, int32_t swapped) {
-    if (f == 0) return static_cast<uint8_t>(w.v);
-    const float offset =
-        static_cast<float>((w.a - w.b) * (1 << (f - 1))) / (static_cast<float>(w.a + w.b) + 1e-9f);
-    const float whole = static_cast<float>(w.v << f);
-    const float value = swapped != 0 ? whole - offset : whole + offset;
-    return static_cast<uint8_t>(static_cast<int32_t>(value));
-}
-
-// The same in candidate units; times 2^f it is byteValue before truncation,
-// bit for bit, since scaling by a power of two commutes with rounding.
-inline float floatValue(const Winner& w, int32_t subPixel, int32_t swapped, int32_t D, int32_t m) {
-    if (subPixel == 0) return static_cast<float>(swapped != 0 ? D + m - 1 - w.v : w.v);
-    const float offset = static_cast<float>(w.a - w.b) * 0.5f / (static_cast<float>(w.a + w.b) + 1e-9f);
-    const float whole = static_cast<float>(w.v);
-    return swapped != 0 ? whole - offset : whole + offset;
-}
+// --- Winner, peak-ratio and left-right stripes --------------------------------
+// The row kernels are in stereo/sgm_select; these walk the rows of a band.
 
 struct WinnerJob {
     const uint8_t* aggregated;
@@ -147,71 +75,42 @@ struct WinnerJob {
     int32_t fractionBits;  // byte maps
     int32_t subPixel;      // float maps
     int32_t swapped;
+    int32_t wide;  // 1: UINT16 volume
 };
 
-template <typename TA, typename Key, typename Out, bool kMatch>
+template <typename Out, bool kMatch>
 TLResult winnerStripe(void* arg, int32_t index, int32_t count) {
     const WinnerJob& j = *static_cast<const WinnerJob*>(arg);
-    const int32_t D = j.numDisparities, m = j.minDisparity, W = j.width;
-    const int32_t first = j.swapped != 0 ? D - 1 : 0, step = j.swapped != 0 ? -1 : 1;
+    const SgmSelectKernels* t = SgmSelectKernels_get();
     int32_t y0, y1;
     ImageStripe_rows(j.height, index, count, &y0, &y1);
     for (int32_t y = y0; y < y1; ++y) {
-        const TA* row =
-            reinterpret_cast<const TA*>(j.aggregated + static_cast<intptr_t>(j.aggregatedPitch) * y);
+        const uint8_t* row = j.aggregated + static_cast<intptr_t>(j.aggregatedPitch) * y;
         Out* out = reinterpret_cast<Out*>(j.out + static_cast<intptr_t>(j.outPitch) * y);
-        for (int32_t x = 0; x < W; ++x) {
-            Winner w;
-            if (kMatch) {
-                const int32_t xb0 = j.swapped != 0 ? x + m + D - 1 : x - m;
-                w = matchWinner<TA, Key>(row, xb0, W, D, first, step);
-            } else {
-                w = baseWinner<TA, Key>(row + static_cast<intptr_t>(x) * (D + 2), D, first, step);
-            }
-            if constexpr (sizeof(Out) == 1) {
-                out[x] = byteValue(w, j.fractionBits, j.swapped);
-            } else {
-                out[x] = floatValue(w, j.subPixel, j.swapped, D, m);
-            }
+        if constexpr (sizeof(Out) == 1) {
+            const WinnerU8RowFn fn = kMatch ? t->matchU8[j.wide] : t->baseU8[j.wide];
+            fn(out, row, j.width, j.numDisparities, j.minDisparity, j.fractionBits, j.swapped, 0, j.width);
+        } else {
+            const WinnerF32RowFn fn = kMatch ? t->matchF32[j.wide] : t->baseF32[j.wide];
+            fn(out, row, j.width, j.numDisparities, j.minDisparity, j.subPixel, j.swapped, 0, j.width);
         }
     }
     return TL_OK;
 }
 
-template <typename TA, typename Key>
 TLResult peakRatioStripe(void* arg, int32_t index, int32_t count) {
     const WinnerJob& j = *static_cast<const WinnerJob*>(arg);
-    const int32_t D = j.numDisparities;
-    const int32_t first = j.swapped != 0 ? D - 1 : 0, step = j.swapped != 0 ? -1 : 1;
+    const PeakRatioRowFn fn = SgmSelectKernels_get()->peakRatio[j.wide];
     int32_t y0, y1;
     ImageStripe_rows(j.height, index, count, &y0, &y1);
     for (int32_t y = y0; y < y1; ++y) {
-        const TA* row =
-            reinterpret_cast<const TA*>(j.aggregated + static_cast<intptr_t>(j.aggregatedPitch) * y);
-        uint8_t* out = j.out + static_cast<intptr_t>(j.outPitch) * y;
-        uint8_t* conf = j.confidence + static_cast<intptr_t>(j.confidencePitch) * y;
-        for (int32_t x = 0; x < j.width; ++x) {
-            const TA* A = row + static_cast<intptr_t>(x) * (D + 2);
-            // Keys are distinct, so the runner-up is the second smallest key
-            // over all other slots, a neighbour of the winner included.
-            Key best = static_cast<Key>(~Key{0}), second = best;
-            for (int32_t k = 0; k < D; ++k) {
-                const Key key = keyOf<TA, Key>(A[k + 1], first + step * k);
-                second = minOf(second, maxOf(best, key));
-                best = minOf(best, key);
-            }
-            const int32_t v = best & 0xFF;
-            const int32_t kStar = first + step * v;
-            out[x] =
-                byteValue(winnerOf<TA>(v, A[kStar + 1], A[kStar], A[kStar + 2]), j.fractionBits, j.swapped);
-            const uint32_t c1 = static_cast<uint32_t>(best >> 8), c2 = static_cast<uint32_t>(second >> 8);
-            conf[x] = static_cast<uint8_t>(255u - 255u * (c1 + 1) / (c2 + 1));
-        }
+        fn(j.out + static_cast<intptr_t>(j.outPitch) * y,
+           j.confidence + static_cast<intptr_t>(j.confidencePitch) * y,
+           j.aggregated + static_cast<intptr_t>(j.aggregatedPitch) * y, j.numDisparities, j.fractionBits,
+           j.swapped, 0, j.width);
     }
     return TL_OK;
 }
-
-// --- Left-right check -----------------------------------------------------------
 
 struct ConfidenceJob {
     uint8_t* confidence;
@@ -220,92 +119,25 @@ struct ConfidenceJob {
     int32_t basePitch;
     const uint8_t* match;
     int32_t matchPitch;
-    int32_t width, height, minDisparity, fractionBits;
-    uint32_t threshold;
-    float thresholdF;
-    uint8_t failValue, passValue;
-    int32_t swapped;
+    int32_t height;
+    LeftRightParams params;
 };
 
-inline int32_t absOf(int32_t v) { return v < 0 ? -v : v; }
-
-TLResult confidenceU8Stripe(void* arg, int32_t index, int32_t count) {
+template <bool kFloat>
+TLResult confidenceStripe(void* arg, int32_t index, int32_t count) {
     const ConfidenceJob& j = *static_cast<const ConfidenceJob*>(arg);
-    const int32_t f = j.fractionBits, m = j.minDisparity, W = j.width;
-    const int32_t unit = 1 << f;
-    const int32_t limit = static_cast<uint8_t>(j.threshold << f);
+    const SgmSelectKernels* t = SgmSelectKernels_get();
     int32_t y0, y1;
     ImageStripe_rows(j.height, index, count, &y0, &y1);
     for (int32_t y = y0; y < y1; ++y) {
-        const uint8_t* u8 = j.base + static_cast<intptr_t>(j.basePitch) * y;
-        const uint8_t* o = j.match + static_cast<intptr_t>(j.matchPitch) * y;
         uint8_t* out = j.confidence + static_cast<intptr_t>(j.confidencePitch) * y;
-        for (int32_t x = 0; x < W; ++x) {
-            const int32_t u = u8[x];
-            const int32_t cu = (u + unit - 1) >> f;
-            int32_t e;
-            if (j.swapped != 0) {
-                // The sample at ceil(u), weighted by both weights at once: as
-                // it is. A match right of the row (only for a negative
-                // minDisparity) fails as well, since it cannot be read.
-                const int32_t xs = x - m - cu;
-                if (xs < 0 || xs >= W) {
-                    out[x] = j.failValue;
-                    continue;
-                }
-                const int32_t r = u & (unit - 1);
-                const int32_t w1 = static_cast<uint8_t>(unit - r);
-                const int32_t s = o[xs];
-                e = absOf(u - static_cast<uint8_t>((w1 * s + r * s) >> f));
-            } else {
-                const int32_t fu = u >> f;
-                const int32_t w = (cu << f) - u;
-                const int32_t xc = x + m + cu;
-                if (xc < 0 || xc >= W) {
-                    out[x] = j.failValue;
-                    continue;
-                }
-                // The floor column is one left of an inside ceil column at
-                // most; at the left edge it reads the edge pixel.
-                const int32_t xf = maxOf(0, x + m + fu);
-                e = absOf(u - (((unit - w) * o[xc] + w * o[xf]) >> f));
-            }
-            const bool pass = f == 0 ? static_cast<uint32_t>(e) < j.threshold : e <= limit;
-            out[x] = pass ? j.passValue : j.failValue;
-        }
-    }
-    return TL_OK;
-}
-
-TLResult confidenceF32Stripe(void* arg, int32_t index, int32_t count) {
-    const ConfidenceJob& j = *static_cast<const ConfidenceJob*>(arg);
-    const int32_t m = j.minDisparity, W = j.width;
-    int32_t y0, y1;
-    ImageStripe_rows(j.height, index, count, &y0, &y1);
-    for (int32_t y = y0; y < y1; ++y) {
-        const float* base = reinterpret_cast<const float*>(j.base + static_cast<intptr_t>(j.basePitch) * y);
-        const float* o = reinterpret_cast<const float*>(j.match + static_cast<intptr_t>(j.matchPitch) * y);
-        uint8_t* out = j.confidence + static_cast<intptr_t>(j.confidencePitch) * y;
-        for (int32_t x = 0; x < W; ++x) {
-            const float u = base[x];
-            out[x] = j.failValue;
-            // Values beyond any row (and NaN) cannot match.
-            if (!(u > -65536.0f && u < 65536.0f)) continue;
-            const int32_t cu = static_cast<int32_t>(RawDouble_ceil(u));
-            float e;
-            if (j.swapped != 0) {
-                const int32_t xs = x - m - cu;
-                if (xs < 0 || xs >= W) continue;
-                e = u - o[xs];
-            } else {
-                const int32_t fu = static_cast<int32_t>(RawDouble_floor(u));
-                const float w = static_cast<float>(cu) - u;
-                const int32_t xc = x + m + cu;
-                if (xc < 0 || xc >= W) continue;
-                const int32_t xf = maxOf(0, x + m + fu);
-                e = u - ((1.0f - w) * o[xc] + w * o[xf]);
-            }
-            if ((e < 0.0f ? -e : e) < j.thresholdF) out[x] = j.passValue;
+        const uint8_t* base = j.base + static_cast<intptr_t>(j.basePitch) * y;
+        const uint8_t* match = j.match + static_cast<intptr_t>(j.matchPitch) * y;
+        if constexpr (kFloat) {
+            t->leftRightF32(out, reinterpret_cast<const float*>(base), reinterpret_cast<const float*>(match),
+                            &j.params, 0, j.params.width);
+        } else {
+            t->leftRightU8(out, base, match, &j.params, 0, j.params.width);
         }
     }
     return TL_OK;
@@ -434,13 +266,8 @@ WinnerJob winnerJob(const Sgm* sgm, const Image* aggregated, Image* out, uint8_t
     j.numDisparities = D;
     j.minDisparity = minDisparity;
     j.swapped = swapped != 0 ? 1 : 0;
+    j.wide = aggregated->format == IMAGE_FORMAT_UINT8 ? 0 : 1;
     return j;
-}
-
-template <typename Out, bool kMatch>
-ImageStripeFn winnerKernel(uint32_t aggregatedFormat) {
-    return aggregatedFormat == IMAGE_FORMAT_UINT8 ? winnerStripe<uint8_t, uint16_t, Out, kMatch>
-                                                  : winnerStripe<uint16_t, uint32_t, Out, kMatch>;
 }
 
 TLResult selectInto(Sgm* sgm, Image* map, const Image* aggregated, uint8_t D, int8_t minDisparity,
@@ -450,11 +277,9 @@ TLResult selectInto(Sgm* sgm, Image* map, const Image* aggregated, uint8_t D, in
     j.subPixel = subPixel;
     ImageStripeFn fn;
     if (map->format == IMAGE_FORMAT_UINT8) {
-        fn = matchView ? winnerKernel<uint8_t, true>(aggregated->format)
-                       : winnerKernel<uint8_t, false>(aggregated->format);
+        fn = matchView ? winnerStripe<uint8_t, true> : winnerStripe<uint8_t, false>;
     } else {
-        fn = matchView ? winnerKernel<float, true>(aggregated->format)
-                       : winnerKernel<float, false>(aggregated->format);
+        fn = matchView ? winnerStripe<float, true> : winnerStripe<float, false>;
     }
     const ImageStripeExec exec{sgm->pel, nullptr};
     return ImageStripeExec_run(&exec, fn, &j, kBands);
@@ -525,17 +350,17 @@ TLResult createConfidence(Sgm* sgm, Image* confidence, const Image* disparity1, 
     j.basePitch = base->pitch[0];
     j.match = match->plane[0];
     j.matchPitch = match->pitch[0];
-    j.width = w;
     j.height = h;
-    j.minDisparity = minDisparity;
-    j.fractionBits = fractionBits;
-    j.threshold = threshold;
-    j.thresholdF = thresholdF;
-    j.failValue = failValue;
-    j.passValue = passValue;
-    j.swapped = swapped != 0 ? 1 : 0;
+    j.params.width = w;
+    j.params.minDisparity = minDisparity;
+    j.params.fractionBits = fractionBits;
+    j.params.threshold = threshold;
+    j.params.thresholdF = thresholdF;
+    j.params.failValue = failValue;
+    j.params.passValue = passValue;
+    j.params.swapped = swapped != 0 ? 1 : 0;
     const ImageStripeExec exec{sgm->pel, nullptr};
-    return ImageStripeExec_run(&exec, sizeof(Map) == 1 ? confidenceU8Stripe : confidenceF32Stripe, &j,
+    return ImageStripeExec_run(&exec, sizeof(Map) == 1 ? confidenceStripe<false> : confidenceStripe<true>, &j,
                                kBands);
 }
 
@@ -905,11 +730,8 @@ TLResult Sgm_createDisparityAndConfidenceByPKRN(Sgm* sgm, Image* disparity, Imag
         j.fractionBits = subPixel;
         j.confidence = confidence->plane[0];
         j.confidencePitch = confidence->pitch[0];
-        const ImageStripeFn fn = aggregated->format == IMAGE_FORMAT_UINT8
-                                     ? peakRatioStripe<uint8_t, uint16_t>
-                                     : peakRatioStripe<uint16_t, uint32_t>;
         const ImageStripeExec exec{sgm->pel, nullptr};
-        r = ImageStripeExec_run(&exec, fn, &j, kBands);
+        r = ImageStripeExec_run(&exec, peakRatioStripe, &j, kBands);
     }
     if (r == TL_OK) r = ImageProc_filterMedian3x3(&sgm->imageProc, disparity, disparity, 0);
     Temps_release(&temps);

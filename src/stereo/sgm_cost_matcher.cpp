@@ -4,6 +4,7 @@
 
 #include "imageproc/image_stripes.h"
 #include "stereo/census.h"
+#include "stereo/sgm_cost.h"
 
 namespace vq_tl {
 
@@ -13,27 +14,7 @@ namespace {
 // misaligned by anything near this many rows.
 constexpr int32_t kMaxRowWindow = 255;
 
-// Candidates per lane: D is a multiple of it.
-constexpr int32_t kLane = 8;
-
 inline int32_t clampIndex(int32_t i, int32_t n) { return i < 0 ? 0 : (i >= n ? n - 1 : i); }
-
-inline uint8_t popcount(uint8_t v) {
-    v = static_cast<uint8_t>(v - ((v >> 1) & 0x55u));
-    v = static_cast<uint8_t>((v & 0x33u) + ((v >> 2) & 0x33u));
-    return static_cast<uint8_t>((v + (v >> 4)) & 0x0Fu);
-}
-
-// Shifts and adds only, so that the lane loops vectorise without a 32-bit
-// vector multiply.
-inline uint32_t popcount(uint32_t v) {
-    v = v - ((v >> 1) & 0x55555555u);
-    v = (v & 0x33333333u) + ((v >> 2) & 0x33333333u);
-    v = (v + (v >> 4)) & 0x0F0F0F0Fu;
-    v = v + (v >> 8);
-    v = v + (v >> 16);
-    return v & 0x3Fu;
-}
 
 // --- Census ---------------------------------------------------------------
 
@@ -108,91 +89,37 @@ struct HammingJob {
     int32_t halfWindow;
 };
 
-// The Hamming distances of one lane of candidates, then their minimum with
-// another row's, then the masked store. The lane is kept in census words, so
-// that the loops need no narrowing until the store.
-template <typename Word>
-inline void laneFirst(Word* __restrict lane, const Word* __restrict match, Word base) {
-    for (int32_t k = 0; k < kLane; ++k) lane[k] = popcount(static_cast<Word>(base ^ match[k]));
-}
-
-template <typename Word>
-inline void laneMin(Word* __restrict lane, const Word* __restrict match, Word base) {
-    for (int32_t k = 0; k < kLane; ++k) {
-        const Word h = popcount(static_cast<Word>(base ^ match[k]));
-        lane[k] = h < lane[k] ? h : lane[k];
-    }
-}
-
-template <typename Word>
-inline void laneStore(uint8_t* __restrict cost, const Word* __restrict lane, uint8_t mask) {
-    for (int32_t k = 0; k < kLane; ++k) cost[k] = static_cast<uint8_t>(lane[k]) & mask;
-}
-
-// One row of the volume. kRows is the row window (1 to 9), or 0 for the
-// generic form with 2 * halfWindow + 1 rows. Candidates run innermost and
-// the rows of the window are unrolled outside them, so the loop over slots
-// has no branch.
-template <typename Word, int kRows>
-void hammingRow(const HammingJob& j, int32_t y) {
-    const int32_t rows = kRows > 0 ? kRows : 2 * j.halfWindow + 1;
-    const int32_t r = rows >> 1;
+// One row of the volume: the window's rows clamped once, the columns whose
+// candidates would leave the match view filled, the rest by the table's row
+// kernel.
+template <bool kWide>
+TLResult hammingStripe(void* arg, int32_t index, int32_t count) {
+    const HammingJob& j = *static_cast<const HammingJob*>(arg);
+    const HammingRowFn kernel = kWide ? SgmCostKernels_get()->hamming32 : SgmCostKernels_get()->hamming8;
+    const int32_t rows = 2 * j.halfWindow + 1;
     const int32_t D = j.numDisparities;
-    // Rows of the window clamped once per pixel row, so the inner loop has
-    // no clamp; above the first row every row of the window reads row 0.
-    const Word* match[kRows > 0 ? kRows : kMaxRowWindow];
-    for (int32_t i = 0; i < rows; ++i) {
-        match[i] = reinterpret_cast<const Word*>(j.match + static_cast<intptr_t>(j.matchPitch) *
-                                                               clampIndex(y - r + i, j.height));
-    }
-    const Word* base = reinterpret_cast<const Word*>(j.base + static_cast<intptr_t>(j.basePitch) * y);
-    uint8_t* out = j.cost + static_cast<intptr_t>(j.costPitch) * y;
-    const uint8_t* mask = j.mask != nullptr ? j.mask + static_cast<intptr_t>(j.maskPitch) * y : nullptr;
-
     // Columns whose whole candidate range stays in the match view.
     int32_t xBegin = j.dLow < 0 ? -j.dLow : 0;
     int32_t xEnd = j.dHigh > 0 ? j.width - j.dHigh : j.width;
     if (xBegin > j.width) xBegin = j.width;
     if (xEnd < xBegin) xEnd = xBegin;
-    std::memset(out, kSgmOutsideCost, static_cast<size_t>(xBegin) * D);
-    std::memset(out + static_cast<size_t>(xEnd) * D, kSgmOutsideCost,
-                static_cast<size_t>(j.width - xEnd) * D);
-
-    for (int32_t x = xBegin; x < xEnd; ++x) {
-        const Word b = base[x];
-        const uint8_t m = mask != nullptr ? mask[x] : 0xFF;  // no mask: all ones
-        const intptr_t at = x + j.dLow;
-        // Eight candidates at a time, the lane of the aggregation: the
-        // minimum over the rows stays in `lane` and is stored once.
-        for (int32_t k0 = 0; k0 < D; k0 += kLane) {
-            Word lane[kLane];
-            laneFirst(lane, match[0] + at + k0, b);
-            for (int32_t i = 1; i < rows; ++i) laneMin(lane, match[i] + at + k0, b);
-            laneStore(out + static_cast<size_t>(x) * D + k0, lane, m);
-        }
-    }
-}
-
-template <typename Word, int kRows>
-TLResult hammingStripe(void* arg, int32_t index, int32_t count) {
-    const HammingJob& j = *static_cast<const HammingJob*>(arg);
     int32_t first, last;
     ImageStripe_rows(j.height, index, count, &first, &last);
-    for (int32_t y = first; y < last; ++y) hammingRow<Word, kRows>(j, y);
-    return TL_OK;
-}
-
-// Kernels by row window: 1, 3, 5, 7 and 9 specialised, 11 and up generic.
-template <typename Word>
-ImageStripeFn hammingKernel(int32_t rowWindow) {
-    switch (rowWindow) {
-        case 1: return hammingStripe<Word, 1>;
-        case 3: return hammingStripe<Word, 3>;
-        case 5: return hammingStripe<Word, 5>;
-        case 7: return hammingStripe<Word, 7>;
-        case 9: return hammingStripe<Word, 9>;
-        default: return hammingStripe<Word, 0>;
+    for (int32_t y = first; y < last; ++y) {
+        // Above the first row every row of the window reads row 0.
+        const uint8_t* match[kMaxRowWindow];
+        for (int32_t i = 0; i < rows; ++i)
+            match[i] =
+                j.match + static_cast<intptr_t>(j.matchPitch) * clampIndex(y - j.halfWindow + i, j.height);
+        const uint8_t* base = j.base + static_cast<intptr_t>(j.basePitch) * y;
+        uint8_t* out = j.cost + static_cast<intptr_t>(j.costPitch) * y;
+        const uint8_t* mask = j.mask != nullptr ? j.mask + static_cast<intptr_t>(j.maskPitch) * y : nullptr;
+        std::memset(out, kSgmOutsideCost, static_cast<size_t>(xBegin) * D);
+        std::memset(out + static_cast<size_t>(xEnd) * D, kSgmOutsideCost,
+                    static_cast<size_t>(j.width - xEnd) * D);
+        kernel(out, base, match, rows, mask, D, j.dLow, xBegin, xEnd);
     }
+    return TL_OK;
 }
 
 bool sameSize(const Image* a, const Image* b) { return a->width == b->width && a->height == b->height; }
@@ -273,8 +200,7 @@ TLResult SgmCostMatcher_calculateHammingDistance(SgmCostMatcher* matcher, Image*
     job.dLow = swapped != 0 ? 1 - (minDisparity + D) : minDisparity;
     job.dHigh = job.dLow + D - 1;
     job.halfWindow = rowWindow >> 1;
-    const ImageStripeFn stripe =
-        f == IMAGE_FORMAT_UINT8 ? hammingKernel<uint8_t>(rowWindow) : hammingKernel<uint32_t>(rowWindow);
+    const ImageStripeFn stripe = f == IMAGE_FORMAT_UINT8 ? hammingStripe<false> : hammingStripe<true>;
     const ImageStripeExec exec{matcher->pel, nullptr};
     return ImageStripeExec_run(&exec, stripe, &job, kSgmCostBands);
 }

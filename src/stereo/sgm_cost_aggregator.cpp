@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "imageproc/image_stripes.h"
+#include "stereo/sgm_aggregation.h"
 
 namespace vq_tl {
 
@@ -21,11 +22,6 @@ enum GuideKind : int32_t { GUIDE_NONE = 0, GUIDE_U8 = 1, GUIDE_U88 = 2 };
 
 enum Shape : int32_t { SHAPE_PARALLEL, SHAPE_TWO_WAY, SHAPE_SERIAL };
 
-template <typename T>
-inline T minOf(T a, T b) {
-    return b < a ? b : a;
-}
-
 // Everything a pass needs, checked once.
 struct AggInputs {
     const uint8_t* cost;
@@ -42,22 +38,6 @@ struct AggInputs {
     int32_t width, height, numDisparities, numPaths;
     uint8_t smallPenalty, largePenalty;
 };
-
-// One pixel of one path: out gets L' of p from prev, L' of the previous
-// pixel q, and the pixel's costs. prev[-1] and prev[D] are separators, so
-// the loop over the slots has no range test.
-inline void pathStep(uint8_t* __restrict out, const uint8_t* __restrict prev, const uint8_t* __restrict cost,
-                     int32_t D, uint8_t P1, uint8_t P2) {
-    uint8_t m = 255;
-    for (int32_t k = 0; k < D; ++k) {
-        const uint8_t a = minOf(prev[k - 1], prev[k + 1]);
-        const uint8_t b = minOf(static_cast<uint8_t>(a + P1), P2);
-        const uint8_t l = static_cast<uint8_t>(minOf(b, prev[k]) + cost[k]);
-        out[k] = l;
-        m = minOf(m, l);
-    }
-    for (int32_t k = 0; k < D; ++k) out[k] = static_cast<uint8_t>(out[k] - m);
-}
 
 // P2 of every pixel of row y in direction dir, from the guide step between
 // the pixel and its previous one. The guide has a border of 1, so the
@@ -127,17 +107,25 @@ TLResult directionTask(void* arg, int32_t dir, int32_t count) {
     uint8_t* segment =
         in.rowPenalty != nullptr ? in.rowPenalty + static_cast<intptr_t>(in.rowPenaltyPitch) * dir : nullptr;
     const intptr_t planeRow = static_cast<intptr_t>(H + 1) * dir;
+    const AggregationKernels* kernels = AggregationKernels_get();
+    // Directions along the rows chain pixel to pixel; the others take the
+    // previous row, whose pixels are independent of each other.
+    const AggregationRowFn rowFn = dy == 0 ? kernels->chainRow : kernels->crossRow;
+    AggregationRow row{};
+    row.width = W;
+    row.numDisparities = D;
+    row.dx = dx;
+    row.smallPenalty = in.smallPenalty;
+    row.sumMode = AGG_SUM_NONE;
     for (int32_t n = 0; n < H; ++n) {
         const int32_t y = forward ? n : H - 1 - n;
         const PenaltyRow p2 = penaltyRow(in, fill, dir, y, segment);
-        uint8_t* outRow = in.path + in.pathPitch * (planeRow + y + 1);
-        const uint8_t* prevRow = in.path + in.pathPitch * (planeRow + y + dy + 1);
-        const uint8_t* costRow = in.cost + static_cast<intptr_t>(in.costPitch) * y;
-        for (int32_t m = 0; m < W; ++m) {
-            const int32_t x = forward ? m : W - 1 - m;
-            pathStep(outRow + (x + 1) * S + 1, prevRow + (x + dx + 1) * S + 1, costRow + x * D, D,
-                     in.smallPenalty, p2.p[x * p2.step]);
-        }
+        row.out = in.path + in.pathPitch * (planeRow + y + 1) + S + 1;
+        row.prev = in.path + in.pathPitch * (planeRow + y + dy + 1) + (dx + 1) * S + 1;
+        row.cost = in.cost + static_cast<intptr_t>(in.costPitch) * y;
+        row.p2 = p2.p;
+        row.p2Step = p2.step;
+        rowFn(&row);
     }
     return TL_OK;
 }
@@ -159,41 +147,37 @@ void runPass(const Pass& pass) {
     const int32_t W = in.width, H = in.height, D = in.numDisparities, S = D + 1;
     const bool forward = (pass.dirs[0] & 1) == 0;
     const PenaltyRowFn fill = penaltyRowFn(in);
-    PenaltyRow p2[4];
-    uint8_t* cur[4];
-    const uint8_t* prev[4];
+    const AggregationKernels* kernels = AggregationKernels_get();
+    AggregationRow row{};
+    row.width = W;
+    row.numDisparities = D;
+    row.smallPenalty = in.smallPenalty;
     for (int32_t n = 0; n < H; ++n) {
         const int32_t y = forward ? n : H - 1 - n;
+        row.cost = in.cost + static_cast<intptr_t>(in.costPitch) * y;
+        row.sum = reinterpret_cast<uint16_t*>(reinterpret_cast<uint8_t*>(pass.aggregated) +
+                                              static_cast<intptr_t>(pass.aggregatedPitch) * y) +
+                  1;
+        // The directions of a pass touch disjoint rows, so each may do its
+        // whole row before the next; the sums and the pads of a pixel come
+        // out as when the directions alternate pixel by pixel.
         for (int32_t j = 0; j < pass.count; ++j) {
             const int32_t d = pass.dirs[j];
             uint8_t* segment =
                 in.rowPenalty != nullptr
                     ? in.rowPenalty + static_cast<intptr_t>(W) * (pass.segmentByDirection ? d : j)
                     : nullptr;
-            p2[j] = penaltyRow(in, fill, d, y, segment);
+            const PenaltyRow p2 = penaltyRow(in, fill, d, y, segment);
+            row.p2 = p2.p;
+            row.p2Step = p2.step;
             // Direction d keeps rows 2d and 2d + 1; row y goes to 2d + (y & 1).
-            cur[j] = in.path + static_cast<intptr_t>(in.pathPitch) * (2 * d + (y & 1));
-            prev[j] = in.path + static_cast<intptr_t>(in.pathPitch) * (2 * d + ((y + kDy[d]) & 1));
-        }
-        const uint8_t* costRow = in.cost + static_cast<intptr_t>(in.costPitch) * y;
-        uint16_t* aggRow = reinterpret_cast<uint16_t*>(reinterpret_cast<uint8_t*>(pass.aggregated) +
-                                                       static_cast<intptr_t>(pass.aggregatedPitch) * y);
-        for (int32_t m = 0; m < W; ++m) {
-            const int32_t x = forward ? m : W - 1 - m;
-            uint16_t* A = aggRow + static_cast<intptr_t>(x) * (D + 2) + 1;
-            for (int32_t j = 0; j < pass.count; ++j) {
-                const int32_t d = pass.dirs[j];
-                uint8_t* out = cur[j] + (x + 1) * S + 1;
-                pathStep(out, prev[j] + (x + kDx[d] + 1) * S + 1, costRow + x * D, D, in.smallPenalty,
-                         p2[j].p[x * p2[j].step]);
-                if (j == 0 && pass.set) {
-                    for (int32_t k = 0; k < D; ++k) A[k] = out[k];
-                } else {
-                    for (int32_t k = 0; k < D; ++k) A[k] = static_cast<uint16_t>(A[k] + out[k]);
-                }
-            }
-            A[-1] = A[1];
-            A[D] = A[D - 2];
+            row.out = in.path + static_cast<intptr_t>(in.pathPitch) * (2 * d + (y & 1)) + S + 1;
+            row.prev = in.path + static_cast<intptr_t>(in.pathPitch) * (2 * d + ((y + kDy[d]) & 1)) +
+                       (kDx[d] + 1) * S + 1;
+            row.dx = kDx[d];
+            row.sumMode = j == 0 && pass.set ? AGG_SUM_SET : AGG_SUM_ADD;
+            row.pads = j == pass.count - 1 ? 1 : 0;
+            (kDy[d] == 0 ? kernels->chainRow : kernels->crossRow)(&row);
         }
     }
 }

@@ -1,0 +1,74 @@
+// Path-update kernels of SgmCostAggregator: one row of one direction at a
+// time.
+//
+// Path costs are bytes and every step wraps at 8 bits, as in
+// sgm_cost_aggregator.h: with q the previous pixel of p,
+//   a = min(L'(q, k - 1), L'(q, k + 1))
+//   b = min(a + P1, P2(p))
+//   L(p, k) = min(b, L'(q, k)) + C(p, k)
+//   L'(p, k) = L(p, k) - min over k of L(p, k)
+// where L'(q, -1) and L'(q, D) are the separators (255) beside q's costs.
+//
+// A cross row takes its previous pixels from another row (directions with
+// dy != 0), so its pixels are independent; a chain row takes them from the
+// same row (dy = 0), pixel x - dx before pixel x.
+//
+// The scalar kernels are the definition of the result; the table's other
+// forms give the same bytes (checked by the kernel harness).
+#pragma once
+
+#include <cstdint>
+
+namespace vq_tl {
+
+enum AggregationSum : int32_t {
+    AGG_SUM_NONE = 0,  // `sum` is not touched
+    AGG_SUM_SET = 1,   // sum slot k = L'(p, k)
+    AGG_SUM_ADD = 2,   // sum slot k += L'(p, k), wrapping at 16 bits
+};
+
+struct AggregationRow {
+    // Pixel x (0 <= x < width) has its D path costs at out + x * (D + 1); the
+    // byte before and the byte after them are separators.
+    uint8_t* out;
+    // Cross rows: the costs of pixel x's previous pixel at prev + x * (D + 1),
+    // separators around them as for out. Chain rows: unused.
+    const uint8_t* prev;
+    const uint8_t* cost;  // pixel x's matching costs at cost + x * D
+    const uint8_t* p2;    // P2 of pixel x at p2[x * p2Step]
+    // AGG_SUM_SET / ADD: pixel x's slot k at sum[x * (D + 2) + k]; with pads
+    // set, sum[x * (D + 2) - 1] = slot 1 and sum[x * (D + 2) + D] = slot D - 2
+    // afterwards.
+    uint16_t* sum;
+    int32_t p2Step;  // 1, or 0 for one value for the whole row
+    int32_t sumMode;
+    int32_t pads;
+    int32_t width;           // at least 1
+    int32_t numDisparities;  // D: 8 to 248, a multiple of 8
+    // Chain rows: -1 (pixel 0 first; pixel 0's previous pixel at out - (D + 1))
+    // or +1 (pixel width - 1 first; its previous at out + width * (D + 1)).
+    int32_t dx;
+    uint8_t smallPenalty;  // P1
+};
+
+using AggregationRowFn = void (*)(const AggregationRow* row);
+
+struct AggregationKernels {
+    AggregationRowFn crossRow;
+    AggregationRowFn chainRow;
+};
+
+void aggregationCrossRow_c(const AggregationRow* row);
+void aggregationChainRow_c(const AggregationRow* row);
+
+// The table for the instruction sets of `features` (kCpu* bits) that this
+// build holds; 0 gives the scalar table.
+void AggregationKernels_fill(AggregationKernels* table, uint32_t features);
+// The process's table, for Cpu_getFeatures().
+const AggregationKernels* AggregationKernels_get();
+
+void AggregationKernels_addSse41(AggregationKernels* table);
+void AggregationKernels_addAvx2(AggregationKernels* table);
+void AggregationKernels_addNeon(AggregationKernels* table);
+
+}  // namespace vq_tl

@@ -1,0 +1,230 @@
+// Path updates with AVX2: the D slots of one pixel in 32-byte chunks and one
+// last chunk of 8, 16 or 24 slots, D = 8 to 64; larger D takes the scalar
+// kernels.
+#include <immintrin.h>
+
+#include "stereo/sgm_aggregation.h"
+
+namespace vq_tl {
+
+namespace {
+
+inline __m128i load16(const uint8_t* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
+inline __m128i load8(const uint8_t* p) { return _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)); }
+inline __m256i load32(const uint8_t* p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)); }
+
+// kBytes (8 to 32, a multiple of 8) bytes from p in the low lanes, zero
+// above; never a byte past p + kBytes - 1.
+template <int kBytes>
+inline __m256i loadPart(const uint8_t* p) {
+    if (kBytes == 32) return load32(p);
+    if (kBytes == 24) return _mm256_inserti128_si256(_mm256_zextsi128_si256(load16(p)), load8(p + 16), 1);
+    if (kBytes == 16) return _mm256_zextsi128_si256(load16(p));
+    return _mm256_zextsi128_si256(load8(p));
+}
+
+template <int kBytes>
+inline void storePart(uint8_t* p, __m256i v) {
+    if (kBytes == 32) {
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), v);
+        return;
+    }
+    const __m128i lo = _mm256_castsi256_si128(v);
+    if (kBytes == 8) {
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(p), lo);
+        return;
+    }
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(p), lo);
+    if (kBytes == 24) _mm_storel_epi64(reinterpret_cast<__m128i*>(p + 16), _mm256_extracti128_si256(v, 1));
+}
+
+// The wrapping byte arithmetic of the scalar form: add_epi8 wraps as the
+// uint8_t casts do, min_epu8 is the unsigned min.
+inline __m256i update(__m256i left, __m256i right, __m256i same, __m256i cost, __m256i p1, __m256i p2) {
+    const __m256i a = _mm256_min_epu8(left, right);
+    const __m256i b = _mm256_min_epu8(_mm256_add_epi8(a, p1), p2);
+    return _mm256_add_epi8(_mm256_min_epu8(b, same), cost);
+}
+
+// The smallest byte of v in every byte: the halves folded, then per word the
+// smaller of its bytes in the low byte (the high byte 0) and minpos.
+inline __m256i minAll(__m256i v) {
+    const __m128i h = _mm_min_epu8(_mm256_castsi256_si128(v), _mm256_extracti128_si256(v, 1));
+    const __m128i pairs = _mm_min_epu8(h, _mm_srli_epi16(h, 8));
+    return _mm256_broadcastb_epi8(_mm_minpos_epu16(pairs));
+}
+
+// Slot k - 1 and slot k + 1 of a chunk whose neighbour chunks are `before`
+// and `after`: byte shifts across the two 128-bit halves.
+inline __m256i leftOf(__m256i v, __m256i before) {
+    return _mm256_alignr_epi8(v, _mm256_permute2x128_si256(v, before, 0x03), 15);
+}
+inline __m256i rightOf(__m256i v, __m256i after) {
+    return _mm256_alignr_epi8(_mm256_permute2x128_si256(v, after, 0x21), v, 1);
+}
+
+// kBytes slots (low lanes of o) into the 16-bit sums.
+inline void sum8(uint16_t* A, __m128i o, bool add) {
+    __m128i w = _mm_cvtepu8_epi16(o);
+    if (add) w = _mm_add_epi16(w, _mm_loadu_si128(reinterpret_cast<const __m128i*>(A)));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(A), w);
+}
+inline void sum16(uint16_t* A, __m128i o, bool add) {
+    __m256i w = _mm256_cvtepu8_epi16(o);
+    if (add) w = _mm256_add_epi16(w, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(A)));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(A), w);
+}
+template <int kBytes>
+inline void sumPart(uint16_t* A, __m256i o, bool add) {
+    const __m128i lo = _mm256_castsi256_si128(o);
+    if (kBytes == 8) {
+        sum8(A, lo, add);
+        return;
+    }
+    sum16(A, lo, add);
+    if (kBytes == 24) sum8(A + 16, _mm256_extracti128_si256(o, 1), add);
+    if (kBytes == 32) sum16(A + 16, _mm256_extracti128_si256(o, 1), add);
+}
+
+template <int kD>
+struct Layout {
+    static constexpr int kFull = kD / 32;            // 32-slot chunks
+    static constexpr int kRest = kD % 32;            // slots of the last chunk (0: none)
+    static constexpr int kN = kFull + (kRest != 0);  // chunks
+    static constexpr int bytes(int i) { return i < kFull ? 32 : kRest; }
+};
+
+// Stores the D slots of one pixel (chunks o) and adds them to the sums.
+template <int kD>
+inline void finish(const AggregationRow* r, int32_t x, const __m256i* o) {
+    using L = Layout<kD>;
+    uint8_t* out = r->out + static_cast<intptr_t>(x) * (kD + 1);
+    for (int i = 0; i < L::kFull; ++i) storePart<32>(out + 32 * i, o[i]);
+    if (L::kRest != 0) storePart<L::kRest == 0 ? 32 : L::kRest>(out + 32 * L::kFull, o[L::kFull]);
+    if (r->sumMode == AGG_SUM_NONE) return;
+    const bool add = r->sumMode == AGG_SUM_ADD;
+    uint16_t* A = r->sum + static_cast<intptr_t>(x) * (kD + 2);
+    for (int i = 0; i < L::kFull; ++i) sumPart<32>(A + 32 * i, o[i], add);
+    if (L::kRest != 0) sumPart<L::kRest == 0 ? 32 : L::kRest>(A + 32 * L::kFull, o[L::kFull], add);
+    if (r->pads != 0) {
+        A[-1] = A[1];
+        A[kD] = A[kD - 2];
+    }
+}
+
+// 255 in the lanes past the last chunk's slots, 0 elsewhere.
+template <int kD>
+inline __m256i tailMask() {
+    constexpr int kRest = Layout<kD>::kRest;
+    alignas(32) uint8_t m[32];
+    for (int i = 0; i < 32; ++i) m[i] = i < kRest ? 0 : 255;
+    return _mm256_load_si256(reinterpret_cast<const __m256i*>(m));
+}
+
+template <int kD>
+void crossRow(const AggregationRow* r) {
+    using L = Layout<kD>;
+    constexpr int kRestBytes = L::kRest == 0 ? 32 : L::kRest;
+    const __m256i p1 = _mm256_set1_epi8(static_cast<char>(r->smallPenalty));
+    const __m256i ones = _mm256_set1_epi8(-1);
+    const __m256i tail = tailMask<kD>();
+    for (int32_t x = 0; x < r->width; ++x) {
+        const uint8_t* q = r->prev + static_cast<intptr_t>(x) * (kD + 1);
+        const uint8_t* c = r->cost + static_cast<intptr_t>(x) * kD;
+        const __m256i p2 = _mm256_set1_epi8(static_cast<char>(r->p2[x * r->p2Step]));
+        __m256i l[L::kN];
+        __m256i mn = ones;
+        for (int i = 0; i < L::kFull; ++i) {
+            const uint8_t* s = q + 32 * i;
+            l[i] = update(load32(s - 1), load32(s + 1), load32(s), load32(c + 32 * i), p1, p2);
+            mn = _mm256_min_epu8(mn, l[i]);
+        }
+        if (L::kRest != 0) {
+            // The part loads read exactly the scalar form's bytes; the lanes
+            // above are kept out of the minimum.
+            const uint8_t* s = q + 32 * L::kFull;
+            l[L::kFull] = update(loadPart<kRestBytes>(s - 1), loadPart<kRestBytes>(s + 1),
+                                 loadPart<kRestBytes>(s), loadPart<kRestBytes>(c + 32 * L::kFull), p1, p2);
+            mn = _mm256_min_epu8(mn, _mm256_or_si256(l[L::kFull], tail));
+        }
+        const __m256i m = minAll(mn);
+        for (int i = 0; i < L::kN; ++i) l[i] = _mm256_sub_epi8(l[i], m);
+        finish<kD>(r, x, l);
+    }
+}
+
+// Chain rows keep the previous pixel's slots in registers, with 255 in the
+// lanes past slot D - 1 (the separator the scalar form reads at slot D).
+template <int kD>
+void chainRow(const AggregationRow* r) {
+    using L = Layout<kD>;
+    constexpr int kRestBytes = L::kRest == 0 ? 32 : L::kRest;
+    constexpr int32_t kS = kD + 1;
+    const __m256i p1 = _mm256_set1_epi8(static_cast<char>(r->smallPenalty));
+    const __m256i ones = _mm256_set1_epi8(-1);
+    const __m256i tail = tailMask<kD>();
+    const int32_t W = r->width, dx = r->dx;
+    int32_t x = dx < 0 ? 0 : W - 1;
+    __m256i v[L::kN];
+    {
+        const uint8_t* q = r->out + static_cast<intptr_t>(x + dx) * kS;
+        for (int i = 0; i < L::kFull; ++i) v[i] = load32(q + 32 * i);
+        if (L::kRest != 0) v[L::kFull] = _mm256_or_si256(loadPart<kRestBytes>(q + 32 * L::kFull), tail);
+    }
+    for (int32_t n = 0; n < W; ++n, x -= dx) {
+        const uint8_t* c = r->cost + static_cast<intptr_t>(x) * kD;
+        const __m256i p2 = _mm256_set1_epi8(static_cast<char>(r->p2[x * r->p2Step]));
+        __m256i l[L::kN];
+        __m256i mn = ones;
+        for (int i = 0; i < L::kN; ++i) {
+            const __m256i left = leftOf(v[i], i == 0 ? ones : v[i - 1]);
+            const __m256i right = rightOf(v[i], i + 1 < L::kN ? v[i + 1] : ones);
+            const __m256i cost = i < L::kFull ? load32(c + 32 * i) : loadPart<kRestBytes>(c + 32 * i);
+            l[i] = update(left, right, v[i], cost, p1, p2);
+            mn = _mm256_min_epu8(mn, i < L::kFull ? l[i] : _mm256_or_si256(l[i], tail));
+        }
+        const __m256i m = minAll(mn);
+        for (int i = 0; i < L::kN; ++i) {
+            v[i] = _mm256_sub_epi8(l[i], m);
+            if (i == L::kFull) v[i] = _mm256_or_si256(v[i], tail);
+        }
+        finish<kD>(r, x, v);
+    }
+}
+
+void crossRow_avx2(const AggregationRow* r) {
+    switch (r->numDisparities) {
+        case 8: return crossRow<8>(r);
+        case 16: return crossRow<16>(r);
+        case 24: return crossRow<24>(r);
+        case 32: return crossRow<32>(r);
+        case 40: return crossRow<40>(r);
+        case 48: return crossRow<48>(r);
+        case 56: return crossRow<56>(r);
+        case 64: return crossRow<64>(r);
+        default: return aggregationCrossRow_c(r);
+    }
+}
+
+void chainRow_avx2(const AggregationRow* r) {
+    switch (r->numDisparities) {
+        case 8: return chainRow<8>(r);
+        case 16: return chainRow<16>(r);
+        case 24: return chainRow<24>(r);
+        case 32: return chainRow<32>(r);
+        case 40: return chainRow<40>(r);
+        case 48: return chainRow<48>(r);
+        case 56: return chainRow<56>(r);
+        case 64: return chainRow<64>(r);
+        default: return aggregationChainRow_c(r);
+    }
+}
+
+}  // namespace
+
+void AggregationKernels_addAvx2(AggregationKernels* table) {
+    table->crossRow = crossRow_avx2;
+    table->chainRow = chainRow_avx2;
+}
+
+}  // namespace vq_tl

@@ -1,0 +1,163 @@
+// Path updates with SSE4.1: the D slots of one pixel in 16-byte chunks (and
+// one 8-byte chunk where D is an odd multiple of 8), D = 8 to 64; larger D
+// takes the scalar kernels.
+#include <smmintrin.h>
+
+#include "stereo/sgm_aggregation.h"
+
+namespace vq_tl {
+
+namespace {
+
+inline __m128i load16(const uint8_t* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
+inline __m128i load8(const uint8_t* p) { return _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)); }
+inline void store16(uint8_t* p, __m128i v) { _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v); }
+inline void store8(uint8_t* p, __m128i v) { _mm_storel_epi64(reinterpret_cast<__m128i*>(p), v); }
+
+// The wrapping byte arithmetic of the scalar form: add_epi8 wraps as the
+// uint8_t casts do, min_epu8 is the unsigned min.
+inline __m128i update(__m128i left, __m128i right, __m128i same, __m128i cost, __m128i p1, __m128i p2) {
+    const __m128i a = _mm_min_epu8(left, right);
+    const __m128i b = _mm_min_epu8(_mm_add_epi8(a, p1), p2);
+    return _mm_add_epi8(_mm_min_epu8(b, same), cost);
+}
+
+// The smallest byte of v in every byte: the low byte of each word becomes
+// the smaller of the word's two bytes and the high byte 0, then minpos finds
+// the smallest word.
+inline __m128i minAll(__m128i v) {
+    const __m128i pairs = _mm_min_epu8(v, _mm_srli_epi16(v, 8));
+    return _mm_shuffle_epi8(_mm_minpos_epu16(pairs), _mm_setzero_si128());
+}
+
+// Eight slots (the low bytes of o) into the 16-bit sums.
+inline void sum8(uint16_t* A, __m128i o, bool add) {
+    __m128i w = _mm_cvtepu8_epi16(o);
+    if (add) w = _mm_add_epi16(w, _mm_loadu_si128(reinterpret_cast<const __m128i*>(A)));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(A), w);
+}
+
+// Stores the D slots of one pixel (chunks o) and adds them to the sums.
+template <int kD>
+inline void finish(const AggregationRow* r, int32_t x, const __m128i* o) {
+    constexpr int kFull = kD / 16;
+    uint8_t* out = r->out + static_cast<intptr_t>(x) * (kD + 1);
+    for (int i = 0; i < kFull; ++i) store16(out + 16 * i, o[i]);
+    if (kD % 16 != 0) store8(out + 16 * kFull, o[kFull]);
+    if (r->sumMode == AGG_SUM_NONE) return;
+    const bool add = r->sumMode == AGG_SUM_ADD;
+    uint16_t* A = r->sum + static_cast<intptr_t>(x) * (kD + 2);
+    for (int i = 0; i < kFull; ++i) {
+        sum8(A + 16 * i, o[i], add);
+        sum8(A + 16 * i + 8, _mm_srli_si128(o[i], 8), add);
+    }
+    if (kD % 16 != 0) sum8(A + 16 * kFull, o[kFull], add);
+    if (r->pads != 0) {
+        A[-1] = A[1];
+        A[kD] = A[kD - 2];
+    }
+}
+
+template <int kD>
+void crossRow(const AggregationRow* r) {
+    constexpr int kFull = kD / 16, kN = (kD + 15) / 16;
+    const __m128i p1 = _mm_set1_epi8(static_cast<char>(r->smallPenalty));
+    const __m128i ones = _mm_set1_epi8(-1);
+    for (int32_t x = 0; x < r->width; ++x) {
+        const uint8_t* q = r->prev + static_cast<intptr_t>(x) * (kD + 1);
+        const uint8_t* c = r->cost + static_cast<intptr_t>(x) * kD;
+        const __m128i p2 = _mm_set1_epi8(static_cast<char>(r->p2[x * r->p2Step]));
+        __m128i l[kN];
+        __m128i mn = ones;
+        for (int i = 0; i < kFull; ++i) {
+            const uint8_t* s = q + 16 * i;
+            l[i] = update(load16(s - 1), load16(s + 1), load16(s), load16(c + 16 * i), p1, p2);
+            mn = _mm_min_epu8(mn, l[i]);
+        }
+        if (kD % 16 != 0) {
+            // The 8-byte loads read exactly the scalar form's bytes; the
+            // upper lanes are kept out of the minimum.
+            const uint8_t* s = q + 16 * kFull;
+            l[kFull] = update(load8(s - 1), load8(s + 1), load8(s), load8(c + 16 * kFull), p1, p2);
+            mn = _mm_min_epu8(mn, _mm_unpacklo_epi64(l[kFull], ones));
+        }
+        const __m128i m = minAll(mn);
+        for (int i = 0; i < kN; ++i) l[i] = _mm_sub_epi8(l[i], m);
+        finish<kD>(r, x, l);
+    }
+}
+
+// Chain rows keep the previous pixel's slots in registers, with 255 in the
+// lanes past slot D - 1 (the separator the scalar form reads at slot D), so
+// that the neighbours are byte shifts across the chunks.
+template <int kD>
+void chainRow(const AggregationRow* r) {
+    constexpr int kFull = kD / 16, kN = (kD + 15) / 16;
+    constexpr int32_t kS = kD + 1;
+    const __m128i p1 = _mm_set1_epi8(static_cast<char>(r->smallPenalty));
+    const __m128i ones = _mm_set1_epi8(-1);
+    const int32_t W = r->width, dx = r->dx;
+    int32_t x = dx < 0 ? 0 : W - 1;
+    __m128i v[kN];
+    {
+        const uint8_t* q = r->out + static_cast<intptr_t>(x + dx) * kS;
+        for (int i = 0; i < kFull; ++i) v[i] = load16(q + 16 * i);
+        if (kD % 16 != 0) v[kFull] = _mm_unpacklo_epi64(load8(q + 16 * kFull), ones);
+    }
+    for (int32_t n = 0; n < W; ++n, x -= dx) {
+        const uint8_t* c = r->cost + static_cast<intptr_t>(x) * kD;
+        const __m128i p2 = _mm_set1_epi8(static_cast<char>(r->p2[x * r->p2Step]));
+        __m128i l[kN];
+        __m128i mn = ones;
+        for (int i = 0; i < kN; ++i) {
+            const __m128i left = _mm_alignr_epi8(v[i], i == 0 ? ones : v[i - 1], 15);
+            const __m128i right = _mm_alignr_epi8(i + 1 < kN ? v[i + 1] : ones, v[i], 1);
+            const __m128i cost = i < kFull ? load16(c + 16 * i) : load8(c + 16 * i);
+            l[i] = update(left, right, v[i], cost, p1, p2);
+            mn = _mm_min_epu8(mn, i < kFull ? l[i] : _mm_unpacklo_epi64(l[i], ones));
+        }
+        const __m128i m = minAll(mn);
+        for (int i = 0; i < kN; ++i) {
+            v[i] = _mm_sub_epi8(l[i], m);
+            if (i == kFull) v[i] = _mm_unpacklo_epi64(v[i], ones);
+        }
+        finish<kD>(r, x, v);
+    }
+}
+
+void crossRow_sse41(const AggregationRow* r) {
+    switch (r->numDisparities) {
+        case 8: return crossRow<8>(r);
+        case 16: return crossRow<16>(r);
+        case 24: return crossRow<24>(r);
+        case 32: return crossRow<32>(r);
+        case 40: return crossRow<40>(r);
+        case 48: return crossRow<48>(r);
+        case 56: return crossRow<56>(r);
+        case 64: return crossRow<64>(r);
+        default: return aggregationCrossRow_c(r);
+    }
+}
+
+void chainRow_sse41(const AggregationRow* r) {
+    switch (r->numDisparities) {
+        case 8: return chainRow<8>(r);
+        case 16: return chainRow<16>(r);
+        case 24: return chainRow<24>(r);
+        case 32: return chainRow<32>(r);
+        case 40: return chainRow<40>(r);
+        case 48: return chainRow<48>(r);
+        case 56: return chainRow<56>(r);
+        case 64: return chainRow<64>(r);
+        default: return aggregationChainRow_c(r);
+    }
+}
+
+}  // namespace
+
+void AggregationKernels_addSse41(AggregationKernels* table) {
+    table->crossRow = crossRow_sse41;
+    table->chainRow = chainRow_sse41;
+}
+
+}  // namespace vq_tl

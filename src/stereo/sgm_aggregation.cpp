@@ -61,9 +61,15 @@ void aggregationChainRow_c(const AggregationRow* r) {
     }
 }
 
+void aggregationChainRows2_c(const AggregationRow* row0, const AggregationRow* row1) {
+    aggregationChainRow_c(row0);
+    aggregationChainRow_c(row1);
+}
+
 void AggregationKernels_fill(AggregationKernels* table, uint32_t features) {
     table->crossRow = aggregationCrossRow_c;
     table->chainRow = aggregationChainRow_c;
+    table->chainRows2 = aggregationChainRows2_c;
 #if defined(VQ_TL_KERNELS_X86)
     if ((features & kCpuSse41) != 0) AggregationKernels_addSse41(table);
     if ((features & kCpuSse41) != 0 && (features & kCpuAvx2) != 0) AggregationKernels_addAvx2(table);

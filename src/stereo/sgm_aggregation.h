@@ -52,14 +52,19 @@ struct AggregationRow {
 };
 
 using AggregationRowFn = void (*)(const AggregationRow* row);
+// Two chain rows with the same width, D, dx and P1 (other rows, costs,
+// penalties and sums): the same bytes as chainRow on each.
+using AggregationRows2Fn = void (*)(const AggregationRow* row0, const AggregationRow* row1);
 
 struct AggregationKernels {
     AggregationRowFn crossRow;
     AggregationRowFn chainRow;
+    AggregationRows2Fn chainRows2;
 };
 
 void aggregationCrossRow_c(const AggregationRow* row);
 void aggregationChainRow_c(const AggregationRow* row);
+void aggregationChainRows2_c(const AggregationRow* row0, const AggregationRow* row1);
 
 // The table for the instruction sets of `features` (kCpu* bits) that this
 // build holds; 0 gives the scalar table.

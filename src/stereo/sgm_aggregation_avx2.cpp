@@ -154,24 +154,22 @@ void crossRow(const AggregationRow* r) {
 }
 
 // Chain rows keep the previous pixel's slots in registers, with 255 in the
-// lanes past slot D - 1 (the separator the scalar form reads at slot D).
+// lanes past slot D - 1 (the separator the scalar form reads at slot D). Each
+// pixel waits for the minimum of the one before, so two rows go side by side
+// where the caller has them.
 template <int kD>
-void chainRow(const AggregationRow* r) {
+struct Chain {
     using L = Layout<kD>;
-    constexpr int kRestBytes = L::kRest == 0 ? 32 : L::kRest;
-    constexpr int32_t kS = kD + 1;
-    const __m256i p1 = _mm256_set1_epi8(static_cast<char>(r->smallPenalty));
-    const __m256i ones = _mm256_set1_epi8(-1);
-    const __m256i tail = tailMask<kD>();
-    const int32_t W = r->width, dx = r->dx;
-    int32_t x = dx < 0 ? 0 : W - 1;
+    static constexpr int kRestBytes = L::kRest == 0 ? 32 : L::kRest;
     __m256i v[L::kN];
-    {
-        const uint8_t* q = r->out + static_cast<intptr_t>(x + dx) * kS;
+
+    void start(const AggregationRow* r, int32_t x, __m256i tail) {
+        const uint8_t* q = r->out + static_cast<intptr_t>(x + r->dx) * (kD + 1);
         for (int i = 0; i < L::kFull; ++i) v[i] = load32(q + 32 * i);
         if (L::kRest != 0) v[L::kFull] = _mm256_or_si256(loadPart<kRestBytes>(q + 32 * L::kFull), tail);
     }
-    for (int32_t n = 0; n < W; ++n, x -= dx) {
+
+    void step(const AggregationRow* r, int32_t x, __m256i p1, __m256i ones, __m256i tail) {
         const uint8_t* c = r->cost + static_cast<intptr_t>(x) * kD;
         const __m256i p2 = _mm256_set1_epi8(static_cast<char>(r->p2[x * r->p2Step]));
         __m256i l[L::kN];
@@ -189,6 +187,117 @@ void chainRow(const AggregationRow* r) {
             if (i == L::kFull) v[i] = _mm256_or_si256(v[i], tail);
         }
         finish<kD>(r, x, v);
+    }
+};
+
+// With D up to 24 the 256-bit chunk's shifts across its halves cost more
+// than they save on the chain's critical path: 16-byte chunks instead, as
+// in the SSE4.1 form.
+inline __m128i update128(__m128i left, __m128i right, __m128i same, __m128i cost, __m128i p1, __m128i p2) {
+    const __m128i a = _mm_min_epu8(left, right);
+    const __m128i b = _mm_min_epu8(_mm_add_epi8(a, p1), p2);
+    return _mm_add_epi8(_mm_min_epu8(b, same), cost);
+}
+
+inline __m128i minAll128(__m128i v) {
+    const __m128i pairs = _mm_min_epu8(v, _mm_srli_epi16(v, 8));
+    return _mm_shuffle_epi8(_mm_minpos_epu16(pairs), _mm_setzero_si128());
+}
+
+template <int kD>
+struct Chain128 {
+    static constexpr int kFull = kD / 16, kN = (kD + 15) / 16;
+    __m128i v[kN];
+
+    void start(const AggregationRow* r, int32_t x, __m128i ones) {
+        const uint8_t* q = r->out + static_cast<intptr_t>(x + r->dx) * (kD + 1);
+        for (int i = 0; i < kFull; ++i) v[i] = load16(q + 16 * i);
+        if (kD % 16 != 0) v[kFull] = _mm_unpacklo_epi64(load8(q + 16 * kFull), ones);
+    }
+
+    void step(const AggregationRow* r, int32_t x, __m128i p1, __m128i ones) {
+        const uint8_t* c = r->cost + static_cast<intptr_t>(x) * kD;
+        const __m128i p2 = _mm_set1_epi8(static_cast<char>(r->p2[x * r->p2Step]));
+        __m128i l[kN];
+        __m128i mn = ones;
+        for (int i = 0; i < kN; ++i) {
+            const __m128i left = _mm_alignr_epi8(v[i], i == 0 ? ones : v[i - 1], 15);
+            const __m128i right = _mm_alignr_epi8(i + 1 < kN ? v[i + 1] : ones, v[i], 1);
+            const __m128i cost = i < kFull ? load16(c + 16 * i) : load8(c + 16 * i);
+            l[i] = update128(left, right, v[i], cost, p1, p2);
+            mn = _mm_min_epu8(mn, i < kFull ? l[i] : _mm_unpacklo_epi64(l[i], ones));
+        }
+        const __m128i m = minAll128(mn);
+        for (int i = 0; i < kN; ++i) {
+            v[i] = _mm_sub_epi8(l[i], m);
+            if (i == kFull) v[i] = _mm_unpacklo_epi64(v[i], ones);
+        }
+        uint8_t* out = r->out + static_cast<intptr_t>(x) * (kD + 1);
+        for (int i = 0; i < kFull; ++i) _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 16 * i), v[i]);
+        if (kD % 16 != 0) _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 16 * kFull), v[kFull]);
+        if (r->sumMode == AGG_SUM_NONE) return;
+        const bool add = r->sumMode == AGG_SUM_ADD;
+        uint16_t* A = r->sum + static_cast<intptr_t>(x) * (kD + 2);
+        for (int i = 0; i < kFull; ++i) sum16(A + 16 * i, v[i], add);
+        if (kD % 16 != 0) sum8(A + 16 * kFull, v[kFull], add);
+        if (r->pads != 0) {
+            A[-1] = A[1];
+            A[kD] = A[kD - 2];
+        }
+    }
+};
+
+template <int kD>
+void chainRow128(const AggregationRow* r) {
+    const __m128i p1 = _mm_set1_epi8(static_cast<char>(r->smallPenalty));
+    const __m128i ones = _mm_set1_epi8(-1);
+    const int32_t W = r->width, dx = r->dx;
+    int32_t x = dx < 0 ? 0 : W - 1;
+    Chain128<kD> a;
+    a.start(r, x, ones);
+    for (int32_t n = 0; n < W; ++n, x -= dx) a.step(r, x, p1, ones);
+}
+
+template <int kD>
+void chainRows2_128(const AggregationRow* r0, const AggregationRow* r1) {
+    const __m128i p1 = _mm_set1_epi8(static_cast<char>(r0->smallPenalty));
+    const __m128i ones = _mm_set1_epi8(-1);
+    const int32_t W = r0->width, dx = r0->dx;
+    int32_t x = dx < 0 ? 0 : W - 1;
+    Chain128<kD> a, b;
+    a.start(r0, x, ones);
+    b.start(r1, x, ones);
+    for (int32_t n = 0; n < W; ++n, x -= dx) {
+        a.step(r0, x, p1, ones);
+        b.step(r1, x, p1, ones);
+    }
+}
+
+template <int kD>
+void chainRow(const AggregationRow* r) {
+    const __m256i p1 = _mm256_set1_epi8(static_cast<char>(r->smallPenalty));
+    const __m256i ones = _mm256_set1_epi8(-1);
+    const __m256i tail = tailMask<kD>();
+    const int32_t W = r->width, dx = r->dx;
+    int32_t x = dx < 0 ? 0 : W - 1;
+    Chain<kD> a;
+    a.start(r, x, tail);
+    for (int32_t n = 0; n < W; ++n, x -= dx) a.step(r, x, p1, ones, tail);
+}
+
+template <int kD>
+void chainRows2(const AggregationRow* r0, const AggregationRow* r1) {
+    const __m256i p1 = _mm256_set1_epi8(static_cast<char>(r0->smallPenalty));
+    const __m256i ones = _mm256_set1_epi8(-1);
+    const __m256i tail = tailMask<kD>();
+    const int32_t W = r0->width, dx = r0->dx;
+    int32_t x = dx < 0 ? 0 : W - 1;
+    Chain<kD> a, b;
+    a.start(r0, x, tail);
+    b.start(r1, x, tail);
+    for (int32_t n = 0; n < W; ++n, x -= dx) {
+        a.step(r0, x, p1, ones, tail);
+        b.step(r1, x, p1, ones, tail);
     }
 }
 
@@ -208,9 +317,9 @@ void crossRow_avx2(const AggregationRow* r) {
 
 void chainRow_avx2(const AggregationRow* r) {
     switch (r->numDisparities) {
-        case 8: return chainRow<8>(r);
-        case 16: return chainRow<16>(r);
-        case 24: return chainRow<24>(r);
+        case 8: return chainRow128<8>(r);
+        case 16: return chainRow128<16>(r);
+        case 24: return chainRow128<24>(r);
         case 32: return chainRow<32>(r);
         case 40: return chainRow<40>(r);
         case 48: return chainRow<48>(r);
@@ -220,11 +329,26 @@ void chainRow_avx2(const AggregationRow* r) {
     }
 }
 
+void chainRows2_avx2(const AggregationRow* r0, const AggregationRow* r1) {
+    switch (r0->numDisparities) {
+        case 8: return chainRows2_128<8>(r0, r1);
+        case 16: return chainRows2_128<16>(r0, r1);
+        case 24: return chainRows2_128<24>(r0, r1);
+        case 32: return chainRows2<32>(r0, r1);
+        case 40: return chainRows2<40>(r0, r1);
+        case 48: return chainRows2<48>(r0, r1);
+        case 56: return chainRows2<56>(r0, r1);
+        case 64: return chainRows2<64>(r0, r1);
+        default: return aggregationChainRows2_c(r0, r1);
+    }
+}
+
 }  // namespace
 
 void AggregationKernels_addAvx2(AggregationKernels* table) {
     table->crossRow = crossRow_avx2;
     table->chainRow = chainRow_avx2;
+    table->chainRows2 = chainRows2_avx2;
 }
 
 }  // namespace vq_tl

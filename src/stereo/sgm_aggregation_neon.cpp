@@ -92,23 +92,23 @@ void crossRow(const AggregationRow* r) {
 
 // Chain rows keep the previous pixel's slots in registers, with 255 in the
 // lanes past slot D - 1 (the separator the scalar form reads at slot D), so
-// that the neighbours are byte extractions across the chunks.
+// that the neighbours are byte extractions across the chunks. Each pixel
+// waits for the minimum of the one before, so two rows go side by side where
+// the caller has them.
 template <int kD>
-void chainRow(const AggregationRow* r) {
-    constexpr int kFull = kD / 16, kN = (kD + 15) / 16;
-    constexpr int32_t kS = kD + 1;
-    const uint8x16_t p1 = vdupq_n_u8(r->smallPenalty);
-    const uint8x16_t ones = vdupq_n_u8(255);
-    const uint8x8_t ones8 = vdup_n_u8(255);
-    const int32_t W = r->width, dx = r->dx;
-    int32_t x = dx < 0 ? 0 : W - 1;
+struct Chain {
+    static constexpr int kFull = kD / 16, kN = (kD + 15) / 16;
     uint8x16_t v[kN];
-    {
-        const uint8_t* q = r->out + static_cast<intptr_t>(x + dx) * kS;
+
+    void start(const AggregationRow* r, int32_t x) {
+        const uint8_t* q = r->out + static_cast<intptr_t>(x + r->dx) * (kD + 1);
         for (int i = 0; i < kFull; ++i) v[i] = vld1q_u8(q + 16 * i);
-        if (kD % 16 != 0) v[kFull] = vcombine_u8(vld1_u8(q + 16 * kFull), ones8);
+        if (kD % 16 != 0) v[kFull] = vcombine_u8(vld1_u8(q + 16 * kFull), vdup_n_u8(255));
     }
-    for (int32_t n = 0; n < W; ++n, x -= dx) {
+
+    void step(const AggregationRow* r, int32_t x, uint8x16_t p1) {
+        const uint8x16_t ones = vdupq_n_u8(255);
+        const uint8x8_t ones8 = vdup_n_u8(255);
         const uint8_t* c = r->cost + static_cast<intptr_t>(x) * kD;
         const uint8x16_t p2 = vdupq_n_u8(r->p2[x * r->p2Step]);
         uint8x16_t l[kN];
@@ -128,6 +128,30 @@ void chainRow(const AggregationRow* r) {
             if (i == kFull) v[i] = vcombine_u8(vget_low_u8(v[i]), ones8);
         }
         finish<kD>(r, x, v);
+    }
+};
+
+template <int kD>
+void chainRow(const AggregationRow* r) {
+    const uint8x16_t p1 = vdupq_n_u8(r->smallPenalty);
+    const int32_t W = r->width, dx = r->dx;
+    int32_t x = dx < 0 ? 0 : W - 1;
+    Chain<kD> a;
+    a.start(r, x);
+    for (int32_t n = 0; n < W; ++n, x -= dx) a.step(r, x, p1);
+}
+
+template <int kD>
+void chainRows2(const AggregationRow* r0, const AggregationRow* r1) {
+    const uint8x16_t p1 = vdupq_n_u8(r0->smallPenalty);
+    const int32_t W = r0->width, dx = r0->dx;
+    int32_t x = dx < 0 ? 0 : W - 1;
+    Chain<kD> a, b;
+    a.start(r0, x);
+    b.start(r1, x);
+    for (int32_t n = 0; n < W; ++n, x -= dx) {
+        a.step(r0, x, p1);
+        b.step(r1, x, p1);
     }
 }
 
@@ -159,11 +183,26 @@ void chainRow_neon(const AggregationRow* r) {
     }
 }
 
+void chainRows2_neon(const AggregationRow* r0, const AggregationRow* r1) {
+    switch (r0->numDisparities) {
+        case 8: return chainRows2<8>(r0, r1);
+        case 16: return chainRows2<16>(r0, r1);
+        case 24: return chainRows2<24>(r0, r1);
+        case 32: return chainRows2<32>(r0, r1);
+        case 40: return chainRows2<40>(r0, r1);
+        case 48: return chainRows2<48>(r0, r1);
+        case 56: return chainRows2<56>(r0, r1);
+        case 64: return chainRows2<64>(r0, r1);
+        default: return aggregationChainRows2_c(r0, r1);
+    }
+}
+
 }  // namespace
 
 void AggregationKernels_addNeon(AggregationKernels* table) {
     table->crossRow = crossRow_neon;
     table->chainRow = chainRow_neon;
+    table->chainRows2 = chainRows2_neon;
 }
 
 }  // namespace vq_tl

@@ -89,22 +89,21 @@ void crossRow(const AggregationRow* r) {
 
 // Chain rows keep the previous pixel's slots in registers, with 255 in the
 // lanes past slot D - 1 (the separator the scalar form reads at slot D), so
-// that the neighbours are byte shifts across the chunks.
+// that the neighbours are byte shifts across the chunks. Each pixel waits for
+// the minimum of the one before, so two rows go side by side where the
+// caller has them.
 template <int kD>
-void chainRow(const AggregationRow* r) {
-    constexpr int kFull = kD / 16, kN = (kD + 15) / 16;
-    constexpr int32_t kS = kD + 1;
-    const __m128i p1 = _mm_set1_epi8(static_cast<char>(r->smallPenalty));
-    const __m128i ones = _mm_set1_epi8(-1);
-    const int32_t W = r->width, dx = r->dx;
-    int32_t x = dx < 0 ? 0 : W - 1;
+struct Chain {
+    static constexpr int kFull = kD / 16, kN = (kD + 15) / 16;
     __m128i v[kN];
-    {
-        const uint8_t* q = r->out + static_cast<intptr_t>(x + dx) * kS;
+
+    void start(const AggregationRow* r, int32_t x, __m128i ones) {
+        const uint8_t* q = r->out + static_cast<intptr_t>(x + r->dx) * (kD + 1);
         for (int i = 0; i < kFull; ++i) v[i] = load16(q + 16 * i);
         if (kD % 16 != 0) v[kFull] = _mm_unpacklo_epi64(load8(q + 16 * kFull), ones);
     }
-    for (int32_t n = 0; n < W; ++n, x -= dx) {
+
+    void step(const AggregationRow* r, int32_t x, __m128i p1, __m128i ones) {
         const uint8_t* c = r->cost + static_cast<intptr_t>(x) * kD;
         const __m128i p2 = _mm_set1_epi8(static_cast<char>(r->p2[x * r->p2Step]));
         __m128i l[kN];
@@ -122,6 +121,32 @@ void chainRow(const AggregationRow* r) {
             if (i == kFull) v[i] = _mm_unpacklo_epi64(v[i], ones);
         }
         finish<kD>(r, x, v);
+    }
+};
+
+template <int kD>
+void chainRow(const AggregationRow* r) {
+    const __m128i p1 = _mm_set1_epi8(static_cast<char>(r->smallPenalty));
+    const __m128i ones = _mm_set1_epi8(-1);
+    const int32_t W = r->width, dx = r->dx;
+    int32_t x = dx < 0 ? 0 : W - 1;
+    Chain<kD> a;
+    a.start(r, x, ones);
+    for (int32_t n = 0; n < W; ++n, x -= dx) a.step(r, x, p1, ones);
+}
+
+template <int kD>
+void chainRows2(const AggregationRow* r0, const AggregationRow* r1) {
+    const __m128i p1 = _mm_set1_epi8(static_cast<char>(r0->smallPenalty));
+    const __m128i ones = _mm_set1_epi8(-1);
+    const int32_t W = r0->width, dx = r0->dx;
+    int32_t x = dx < 0 ? 0 : W - 1;
+    Chain<kD> a, b;
+    a.start(r0, x, ones);
+    b.start(r1, x, ones);
+    for (int32_t n = 0; n < W; ++n, x -= dx) {
+        a.step(r0, x, p1, ones);
+        b.step(r1, x, p1, ones);
     }
 }
 
@@ -153,11 +178,26 @@ void chainRow_sse41(const AggregationRow* r) {
     }
 }
 
+void chainRows2_sse41(const AggregationRow* r0, const AggregationRow* r1) {
+    switch (r0->numDisparities) {
+        case 8: return chainRows2<8>(r0, r1);
+        case 16: return chainRows2<16>(r0, r1);
+        case 24: return chainRows2<24>(r0, r1);
+        case 32: return chainRows2<32>(r0, r1);
+        case 40: return chainRows2<40>(r0, r1);
+        case 48: return chainRows2<48>(r0, r1);
+        case 56: return chainRows2<56>(r0, r1);
+        case 64: return chainRows2<64>(r0, r1);
+        default: return aggregationChainRows2_c(r0, r1);
+    }
+}
+
 }  // namespace
 
 void AggregationKernels_addSse41(AggregationKernels* table) {
     table->crossRow = crossRow_sse41;
     table->chainRow = chainRow_sse41;
+    table->chainRows2 = chainRows2_sse41;
 }
 
 }  // namespace vq_tl

@@ -11,7 +11,8 @@ namespace {
 
 constexpr int8_t kDx[kSgmMaxPaths] = {-1, +1, 0, 0, -1, +1, +1, -1};
 constexpr int8_t kDy[kSgmMaxPaths] = {0, 0, -1, +1, -1, +1, -1, +1};
-// The directions of each pass of the 2-way and serial shapes, in order.
+// The directions of each pass of the 2-way and serial shapes, in order; the
+// first runs along the rows.
 constexpr int32_t kForward[4] = {0, 2, 4, 6};
 constexpr int32_t kBackward[4] = {1, 3, 5, 7};
 
@@ -39,17 +40,18 @@ struct AggInputs {
     uint8_t smallPenalty, largePenalty;
 };
 
-// P2 of every pixel of row y in direction dir, from the guide step between
+// P2 of pixels x0 to x1 - 1 of row y in direction dir (into out from out[0]),
+// from the guide step between
 // the pixel and its previous one. The guide has a border of 1, so the
 // previous pixel of a path's first pixel is read from the border.
 template <int kGuide, bool kVariable>
-void fillPenaltyRow(const AggInputs& in, int32_t dir, int32_t y, uint8_t* out) {
+void fillPenaltyRow(const AggInputs& in, int32_t dir, int32_t y, int32_t x0, int32_t x1, uint8_t* out) {
     const int32_t dx = kDx[dir], dy = kDy[dir];
     const uint8_t* base = kVariable ? in.penalty + static_cast<intptr_t>(in.penaltyPitch) * y : nullptr;
     const uint8_t* gp = in.guide + static_cast<intptr_t>(in.guidePitch) * (y + 1);
     const uint8_t* gq = in.guide + static_cast<intptr_t>(in.guidePitch) * (y + 1 + dy);
     const int32_t lower = in.smallPenalty + 1;
-    for (int32_t x = 0; x < in.width; ++x) {
+    for (int32_t x = x0; x < x1; ++x) {
         const int32_t p2 = kVariable ? base[x] : in.largePenalty;
         int32_t g;
         if (kGuide == GUIDE_U8) {
@@ -64,11 +66,11 @@ void fillPenaltyRow(const AggInputs& in, int32_t dir, int32_t y, uint8_t* out) {
         // division by zero, so the unwrapped 256 is taken there.
         const int32_t den = 1 + g;
         const int32_t q = (p2 + (den >> 1)) / den;
-        out[x] = static_cast<uint8_t>(q > lower ? q : lower);
+        out[x - x0] = static_cast<uint8_t>(q > lower ? q : lower);
     }
 }
 
-using PenaltyRowFn = void (*)(const AggInputs&, int32_t, int32_t, uint8_t*);
+using PenaltyRowFn = void (*)(const AggInputs&, int32_t, int32_t, int32_t, int32_t, uint8_t*);
 
 PenaltyRowFn penaltyRowFn(const AggInputs& in) {
     const bool variable = in.penalty != nullptr;
@@ -88,11 +90,56 @@ struct PenaltyRow {
 
 PenaltyRow penaltyRow(const AggInputs& in, PenaltyRowFn fill, int32_t dir, int32_t y, uint8_t* segment) {
     if (fill != nullptr) {
-        fill(in, dir, y, segment);
+        fill(in, dir, y, 0, in.width, segment);
         return PenaltyRow{segment, 1};
     }
     if (in.penalty != nullptr) return PenaltyRow{in.penalty + static_cast<intptr_t>(in.penaltyPitch) * y, 1};
     return PenaltyRow{&in.largePenalty, 0};
+}
+
+// Pixels per run of chainRows: the guided penalties of two runs sit on the
+// stack.
+constexpr int32_t kChainRun = 512;
+
+// Chain rows (directions with dy = 0) of rows ys[0] and, with count 2,
+// ys[1], side by side: each pixel of a chain row waits for the one before,
+// and two independent rows hide that wait. rows[i] describe the whole rows;
+// they are cut into runs from the start of the path, each run taking its
+// previous pixel from the run before, so the bytes are those of one call per
+// row.
+void chainRows(const AggInputs& in, const AggregationKernels* kernels, PenaltyRowFn fill, int32_t dir,
+               const AggregationRow* rows, const int32_t* ys, int32_t count) {
+    const int32_t W = in.width, D = in.numDisparities, S = D + 1;
+    uint8_t penalties[2][kChainRun];
+    const bool forward = kDx[dir] < 0;
+    for (int32_t done = 0; done < W; done += kChainRun) {
+        const int32_t len = W - done < kChainRun ? W - done : kChainRun;
+        const int32_t x0 = forward ? done : W - done - len;
+        AggregationRow run[2];
+        for (int32_t i = 0; i < count; ++i) {
+            run[i] = rows[i];
+            run[i].out += static_cast<intptr_t>(x0) * S;
+            run[i].cost += static_cast<intptr_t>(x0) * D;
+            if (run[i].sum != nullptr) run[i].sum += static_cast<intptr_t>(x0) * (D + 2);
+            run[i].width = len;
+            if (fill != nullptr) {
+                fill(in, dir, ys[i], x0, x0 + len, penalties[i]);
+                run[i].p2 = penalties[i];
+                run[i].p2Step = 1;
+            } else if (in.penalty != nullptr) {
+                run[i].p2 = in.penalty + static_cast<intptr_t>(in.penaltyPitch) * ys[i] + x0;
+                run[i].p2Step = 1;
+            } else {
+                run[i].p2 = &in.largePenalty;
+                run[i].p2Step = 0;
+            }
+        }
+        if (count == 2) {
+            kernels->chainRows2(&run[0], &run[1]);
+        } else {
+            kernels->chainRow(&run[0]);
+        }
+    }
 }
 
 // --- Parallel shape: one task per direction over its own plane -------------
@@ -108,15 +155,29 @@ TLResult directionTask(void* arg, int32_t dir, int32_t count) {
         in.rowPenalty != nullptr ? in.rowPenalty + static_cast<intptr_t>(in.rowPenaltyPitch) * dir : nullptr;
     const intptr_t planeRow = static_cast<intptr_t>(H + 1) * dir;
     const AggregationKernels* kernels = AggregationKernels_get();
-    // Directions along the rows chain pixel to pixel; the others take the
-    // previous row, whose pixels are independent of each other.
-    const AggregationRowFn rowFn = dy == 0 ? kernels->chainRow : kernels->crossRow;
     AggregationRow row{};
     row.width = W;
     row.numDisparities = D;
     row.dx = dx;
     row.smallPenalty = in.smallPenalty;
     row.sumMode = AGG_SUM_NONE;
+    if (dy == 0) {
+        // Rows along the path are independent of each other: two at a time.
+        for (int32_t n = 0; n < H; n += 2) {
+            AggregationRow rows[2] = {row, row};
+            int32_t ys[2];
+            const int32_t count = n + 1 < H ? 2 : 1;
+            for (int32_t i = 0; i < count; ++i) {
+                ys[i] = forward ? n + i : H - 1 - n - i;
+                rows[i].out = in.path + in.pathPitch * (planeRow + ys[i] + 1) + S + 1;
+                rows[i].cost = in.cost + static_cast<intptr_t>(in.costPitch) * ys[i];
+            }
+            chainRows(in, kernels, fill, dir, rows, ys, count);
+        }
+        return TL_OK;
+    }
+    // The other directions take the previous row, whose pixels are
+    // independent of each other.
     for (int32_t n = 0; n < H; ++n) {
         const int32_t y = forward ? n : H - 1 - n;
         const PenaltyRow p2 = penaltyRow(in, fill, dir, y, segment);
@@ -125,7 +186,7 @@ TLResult directionTask(void* arg, int32_t dir, int32_t count) {
         row.cost = in.cost + static_cast<intptr_t>(in.costPitch) * y;
         row.p2 = p2.p;
         row.p2Step = p2.step;
-        rowFn(&row);
+        kernels->crossRow(&row);
     }
     return TL_OK;
 }
@@ -152,32 +213,55 @@ void runPass(const Pass& pass) {
     row.width = W;
     row.numDisparities = D;
     row.smallPenalty = in.smallPenalty;
-    for (int32_t n = 0; n < H; ++n) {
-        const int32_t y = forward ? n : H - 1 - n;
-        row.cost = in.cost + static_cast<intptr_t>(in.costPitch) * y;
-        row.sum = reinterpret_cast<uint16_t*>(reinterpret_cast<uint8_t*>(pass.aggregated) +
-                                              static_cast<intptr_t>(pass.aggregatedPitch) * y) +
-                  1;
-        // The directions of a pass touch disjoint rows, so each may do its
-        // whole row before the next; the sums and the pads of a pixel come
-        // out as when the directions alternate pixel by pixel.
-        for (int32_t j = 0; j < pass.count; ++j) {
-            const int32_t d = pass.dirs[j];
-            uint8_t* segment =
-                in.rowPenalty != nullptr
-                    ? in.rowPenalty + static_cast<intptr_t>(W) * (pass.segmentByDirection ? d : j)
-                    : nullptr;
-            const PenaltyRow p2 = penaltyRow(in, fill, d, y, segment);
-            row.p2 = p2.p;
-            row.p2Step = p2.step;
-            // Direction d keeps rows 2d and 2d + 1; row y goes to 2d + (y & 1).
-            row.out = in.path + static_cast<intptr_t>(in.pathPitch) * (2 * d + (y & 1)) + S + 1;
-            row.prev = in.path + static_cast<intptr_t>(in.pathPitch) * (2 * d + ((y + kDy[d]) & 1)) +
-                       (kDx[d] + 1) * S + 1;
-            row.dx = kDx[d];
-            row.sumMode = j == 0 && pass.set ? AGG_SUM_SET : AGG_SUM_ADD;
-            row.pads = j == pass.count - 1 ? 1 : 0;
-            (kDy[d] == 0 ? kernels->chainRow : kernels->crossRow)(&row);
+    // Direction d keeps rows 2d and 2d + 1; row y goes to 2d + (y & 1).
+    auto ringRow = [&](int32_t d, int32_t y) {
+        return in.path + static_cast<intptr_t>(in.pathPitch) * (2 * d + (y & 1));
+    };
+    auto sumRow = [&](int32_t y) {
+        return reinterpret_cast<uint16_t*>(reinterpret_cast<uint8_t*>(pass.aggregated) +
+                                           static_cast<intptr_t>(pass.aggregatedPitch) * y) +
+               1;
+    };
+    // The directions of a pass touch disjoint rows, so each may do its whole
+    // row before the next, and the first (along the rows, dy = 0) two rows at
+    // a time; the sums and the pads of a pixel come out as when the
+    // directions alternate pixel by pixel.
+    for (int32_t n = 0; n < H; n += 2) {
+        const int32_t count = n + 1 < H ? 2 : 1;
+        int32_t ys[2];
+        AggregationRow rows[2];
+        const int32_t d0 = pass.dirs[0];
+        for (int32_t i = 0; i < count; ++i) {
+            ys[i] = forward ? n + i : H - 1 - n - i;
+            rows[i] = row;
+            rows[i].out = ringRow(d0, ys[i]) + S + 1;
+            rows[i].cost = in.cost + static_cast<intptr_t>(in.costPitch) * ys[i];
+            rows[i].sum = sumRow(ys[i]);
+            rows[i].dx = kDx[d0];
+            rows[i].sumMode = pass.set ? AGG_SUM_SET : AGG_SUM_ADD;
+            rows[i].pads = pass.count == 1 ? 1 : 0;
+        }
+        chainRows(in, kernels, fill, d0, rows, ys, count);
+        for (int32_t i = 0; i < count; ++i) {
+            const int32_t y = ys[i];
+            row.cost = rows[i].cost;
+            row.sum = rows[i].sum;
+            for (int32_t j = 1; j < pass.count; ++j) {
+                const int32_t d = pass.dirs[j];
+                uint8_t* segment =
+                    in.rowPenalty != nullptr
+                        ? in.rowPenalty + static_cast<intptr_t>(W) * (pass.segmentByDirection ? d : j)
+                        : nullptr;
+                const PenaltyRow p2 = penaltyRow(in, fill, d, y, segment);
+                row.p2 = p2.p;
+                row.p2Step = p2.step;
+                row.out = ringRow(d, y) + S + 1;
+                row.prev = ringRow(d, y + kDy[d]) + (kDx[d] + 1) * S + 1;
+                row.dx = kDx[d];
+                row.sumMode = AGG_SUM_ADD;
+                row.pads = j == pass.count - 1 ? 1 : 0;
+                kernels->crossRow(&row);
+            }
         }
     }
 }

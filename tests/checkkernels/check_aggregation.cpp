@@ -11,6 +11,7 @@ namespace {
 using vq_tl::AggregationKernels;
 using vq_tl::AggregationRow;
 using vq_tl::AggregationRowFn;
+using vq_tl::AggregationRows2Fn;
 
 // One row of the path work image with its two border pixels, 255 in every
 // (D + 1)-th byte from byte 0 and random path costs elsewhere.
@@ -20,16 +21,6 @@ void fillPathRow(CheckRandom* r, uint8_t* row, int32_t width, int32_t D) {
     for (int32_t b = 0; b < bytes; b += D + 1) row[b] = 255;
 }
 
-struct AggCase {
-    AggregationRowFn fn;
-    AggregationRow row;
-};
-
-void callRow(void* arg) {
-    const AggCase* c = static_cast<const AggCase*>(arg);
-    c->fn(&c->row);
-}
-
 // Disparity counts up to 64 are the vector forms' own; larger ones check
 // that the forms hand over to the scalar kernels.
 int32_t randomDisparities(CheckRandom* r) {
@@ -37,6 +28,7 @@ int32_t randomDisparities(CheckRandom* r) {
                                             : 8 * CheckRandom_range(r, 1, 8);
 }
 
+// Penalties with their extremes: 0, 255 and just below, where a + P1 wraps.
 uint8_t randomPenalty(CheckRandom* r) {
     switch (CheckRandom_range(r, 0, 5)) {
         case 0: return 0;
@@ -46,103 +38,150 @@ uint8_t randomPenalty(CheckRandom* r) {
     }
 }
 
+// The buffers of one row, path row and sums twice (reference and variant):
+// the previous pixels of a cross row in a row of their own, costs, P2 per
+// pixel or one for the row, and the 16-bit sums.
+struct RowBuffers {
+    GuardedPlane prev, outRef, outVar, cost, p2, sumRef, sumVar;
+    bool constantP2;
+};
+
+void RowBuffers_init(RowBuffers* b, CheckRandom* rnd, int32_t width, int32_t D) {
+    const int32_t pathBytes = (width + 2) * (D + 1) + 1;
+    GuardedPlane_init(&b->prev, pathBytes, 1, 1, rnd);
+    GuardedPlane_init(&b->outRef, pathBytes, 1, 1, rnd);
+    GuardedPlane_init(&b->outVar, pathBytes, 1, 1, rnd);
+    GuardedPlane_init(&b->cost, width * D, 1, 1, rnd);
+    GuardedPlane_init(&b->p2, width, 1, 1, rnd);
+    GuardedPlane_init(&b->sumRef, width * (D + 2) * 2, 1, 2, rnd);
+    GuardedPlane_init(&b->sumVar, b->sumRef.rowBytes, 1, 2, rnd);
+    fillPathRow(rnd, b->prev.data, width, D);
+    fillPathRow(rnd, b->outRef.data, width, D);
+    GuardedPlane_copyRows(&b->outVar, &b->outRef);
+    CheckRandom_fill(rnd, b->cost.data, static_cast<size_t>(width) * D);
+    CheckRandom_fill16(rnd, reinterpret_cast<uint16_t*>(b->sumRef.data),
+                       static_cast<size_t>(width) * (D + 2));
+    GuardedPlane_copyRows(&b->sumVar, &b->sumRef);
+    b->constantP2 = CheckRandom_range(rnd, 0, 3) == 0;
+    if (b->constantP2) {
+        b->p2.data[0] = randomPenalty(rnd);
+    } else if (CheckRandom_range(rnd, 0, 1) == 0) {
+        CheckRandom_fill(rnd, b->p2.data, static_cast<size_t>(width));
+    } else {
+        for (int32_t x = 0; x < width; ++x) b->p2.data[x] = randomPenalty(rnd);
+    }
+}
+
+AggregationRow RowBuffers_row(RowBuffers* b, CheckRandom* rnd, int32_t width, int32_t D, int32_t dx,
+                              uint8_t p1) {
+    AggregationRow row{};
+    row.prev = b->prev.data + (D + 1) + 1;
+    row.cost = b->cost.data;
+    row.p2 = b->p2.data;
+    row.p2Step = b->constantP2 ? 0 : 1;
+    row.sumMode = CheckRandom_range(rnd, 0, 2);
+    row.pads = CheckRandom_range(rnd, 0, 1);
+    row.width = width;
+    row.numDisparities = D;
+    row.dx = dx;
+    row.smallPenalty = p1;
+    return row;
+}
+
+// Points the row at the reference's or the variant's path row and sums.
+void RowBuffers_point(RowBuffers* b, AggregationRow* row, bool variant) {
+    const int32_t D = row->numDisparities;
+    row->out = (variant ? b->outVar.data : b->outRef.data) + (D + 1) + 1;
+    row->sum = reinterpret_cast<uint16_t*>(variant ? b->sumVar.data : b->sumRef.data) + 1;
+}
+
+bool RowBuffers_check(CheckContext* ctx, const char* kernel, const Variant& v, const RowBuffers* b,
+                      const char* text) {
+    return Check_outputs(ctx, kernel, v, &b->outRef, &b->outVar, text) &&
+           Check_outputs(ctx, kernel, v, &b->sumRef, &b->sumVar, text);
+}
+
+// One kernel call on one or two rows: the form under test takes `rows`.
+struct AggCase {
+    AggregationRowFn one;
+    AggregationRows2Fn two;
+    AggregationRow rows[2];
+};
+
+void callCase(void* arg) {
+    const AggCase* c = static_cast<const AggCase*>(arg);
+    if (c->one != nullptr) {
+        c->one(&c->rows[0]);
+    } else {
+        c->two(&c->rows[0], &c->rows[1]);
+    }
+}
+
+// ref/var: the single-row forms, or with null the two-row forms ref2/var2.
 void checkRows(CheckContext* ctx, const char* kernel, const Variant& v, AggregationRowFn ref,
-               AggregationRowFn var, bool chain) {
+               AggregationRowFn var, AggregationRows2Fn ref2, AggregationRows2Fn var2) {
     ++ctx->kernelsChecked;
+    const int32_t count = ref != nullptr ? 1 : 2;
     for (int32_t it = 0; it < ctx->iterations; ++it) {
         CheckRandom* rnd = &ctx->random;
         const int32_t D = randomDisparities(rnd);
         const int32_t width = CheckRandom_range(rnd, 1, it % 4 == 0 ? 400 : 40);
-        const int32_t pathBytes = (width + 2) * (D + 1) + 1;
-        GuardedPlane prev, outRef, outVar, cost, p2, sumRef, sumVar;
-        GuardedPlane_init(&prev, pathBytes, 1, 1, rnd);
-        GuardedPlane_init(&outRef, pathBytes, 1, 1, rnd);
-        GuardedPlane_init(&outVar, pathBytes, 1, 1, rnd);
-        GuardedPlane_init(&cost, width * D, 1, 1, rnd);
-        GuardedPlane_init(&p2, width, 1, 1, rnd);
-        GuardedPlane_init(&sumRef, width * (D + 2) * 2, 1, 2, rnd);
-        GuardedPlane_init(&sumVar, sumRef.rowBytes, 1, 2, rnd);
-        fillPathRow(rnd, prev.data, width, D);
-        fillPathRow(rnd, outRef.data, width, D);
-        GuardedPlane_copyRows(&outVar, &outRef);
-        CheckRandom_fill16(rnd, reinterpret_cast<uint16_t*>(sumRef.data),
-                           static_cast<size_t>(width) * (D + 2));
-        GuardedPlane_copyRows(&sumVar, &sumRef);
-        const bool constantP2 = CheckRandom_range(rnd, 0, 3) == 0;
-        if (constantP2) {
-            p2.data[0] = randomPenalty(rnd);
-        } else if (CheckRandom_range(rnd, 0, 1) == 0) {
-            CheckRandom_fill(rnd, p2.data, static_cast<size_t>(width));
-        } else {
-            for (int32_t x = 0; x < width; ++x) p2.data[x] = randomPenalty(rnd);
-        }
-
+        const int32_t dx = CheckRandom_range(rnd, 0, 1) == 0 ? -1 : 1;
+        const uint8_t p1 = randomPenalty(rnd);
+        RowBuffers b[2];
         AggCase c{};
-        c.row.prev = prev.data + (D + 1) + 1;
-        c.row.cost = cost.data;
-        c.row.p2 = p2.data;
-        c.row.p2Step = constantP2 ? 0 : 1;
-        c.row.sumMode = CheckRandom_range(rnd, 0, 2);
-        c.row.pads = CheckRandom_range(rnd, 0, 1);
-        c.row.width = width;
-        c.row.numDisparities = D;
-        c.row.dx = CheckRandom_range(rnd, 0, 1) == 0 ? -1 : 1;
-        c.row.smallPenalty = randomPenalty(rnd);
-        c.fn = ref;
-        c.row.out = outRef.data + (D + 1) + 1;
-        c.row.sum = reinterpret_cast<uint16_t*>(sumRef.data) + 1;
-        callRow(&c);
-        c.fn = var;
-        c.row.out = outVar.data + (D + 1) + 1;
-        c.row.sum = reinterpret_cast<uint16_t*>(sumVar.data) + 1;
-        callRow(&c);
+        for (int32_t i = 0; i < count; ++i) {
+            RowBuffers_init(&b[i], rnd, width, D);
+            c.rows[i] = RowBuffers_row(&b[i], rnd, width, D, dx, p1);
+            RowBuffers_point(&b[i], &c.rows[i], false);
+        }
+        c.one = ref;
+        c.two = ref2;
+        callCase(&c);
+        for (int32_t i = 0; i < count; ++i) RowBuffers_point(&b[i], &c.rows[i], true);
+        c.one = var;
+        c.two = var2;
+        callCase(&c);
         char text[128];
-        std::snprintf(text, sizeof(text), "D %d, width %d, %s, P1 %d, sum mode %d, pads %d%s", D, width,
-                      chain ? (c.row.dx < 0 ? "dx -1" : "dx +1") : "cross", c.row.smallPenalty, c.row.sumMode,
-                      c.row.pads, constantP2 ? ", one P2" : "");
-        if (!Check_outputs(ctx, kernel, v, &outRef, &outVar, text)) return;
-        if (!Check_outputs(ctx, kernel, v, &sumRef, &sumVar, text)) return;
+        std::snprintf(text, sizeof(text), "D %d, width %d, dx %d, P1 %d, sum mode %d, pads %d%s", D, width,
+                      dx, p1, c.rows[0].sumMode, c.rows[0].pads, b[0].constantP2 ? ", one P2" : "");
+        for (int32_t i = 0; i < count; ++i)
+            if (!RowBuffers_check(ctx, kernel, v, &b[i], text)) return;
     }
     if (!ctx->bench) return;
-    // The matcher's jobs: 1080 pixels with 24 candidates, 720 with 64.
+    // The matcher's jobs: 1080 pixels with 24 candidates, 720 with 64; costs
+    // as small as census distances give them.
     const int32_t jobs[2][2] = {{1080, 24}, {720, 64}};
     for (const auto& job : jobs) {
         const int32_t width = job[0], D = job[1];
-        const int32_t pathBytes = (width + 2) * (D + 1) + 1;
-        GuardedPlane prev, out, cost, p2, sum;
-        GuardedPlane_init(&prev, pathBytes, 1, 1, &ctx->random);
-        GuardedPlane_init(&out, pathBytes, 1, 1, &ctx->random);
-        GuardedPlane_init(&cost, width * D, 1, 1, &ctx->random);
-        GuardedPlane_init(&p2, width, 1, 1, &ctx->random);
-        GuardedPlane_init(&sum, width * (D + 2) * 2, 1, 2, &ctx->random);
-        fillPathRow(&ctx->random, prev.data, width, D);
-        fillPathRow(&ctx->random, out.data, width, D);
-        for (int32_t i = 0; i < width * D; ++i)
-            cost.data[i] = static_cast<uint8_t>(CheckRandom_range(&ctx->random, 0, 48));
-        std::memset(p2.data, 30, static_cast<size_t>(width));
+        RowBuffers b[2];
+        AggCase c{};
+        for (int32_t i = 0; i < count; ++i) {
+            RowBuffers_init(&b[i], &ctx->random, width, D);
+            for (int32_t k = 0; k < width * D; ++k)
+                b[i].cost.data[k] = static_cast<uint8_t>(CheckRandom_range(&ctx->random, 0, 48));
+            std::memset(b[i].p2.data, 30, static_cast<size_t>(width));
+            c.rows[i] = RowBuffers_row(&b[i], &ctx->random, width, D, -1, 3);
+            c.rows[i].p2Step = 1;
+            RowBuffers_point(&b[i], &c.rows[i], false);
+        }
         for (int32_t mode = vq_tl::AGG_SUM_NONE; mode <= vq_tl::AGG_SUM_ADD; mode += 2) {
-            AggCase c{};
-            c.row.out = out.data + (D + 1) + 1;
-            c.row.prev = prev.data + (D + 1) + 1;
-            c.row.cost = cost.data;
-            c.row.p2 = p2.data;
-            c.row.p2Step = 1;
-            c.row.sum = reinterpret_cast<uint16_t*>(sum.data) + 1;
-            c.row.sumMode = mode;
-            c.row.pads = mode == vq_tl::AGG_SUM_ADD ? 1 : 0;
-            c.row.width = width;
-            c.row.numDisparities = D;
-            c.row.dx = -1;
-            c.row.smallPenalty = 3;
-            c.fn = ref;
-            const double refNs = Check_timeNs(callRow, &c, 50);
-            c.fn = var;
-            const double ns = Check_timeNs(callRow, &c, 50);
+            for (int32_t i = 0; i < count; ++i) {
+                c.rows[i].sumMode = mode;
+                c.rows[i].pads = mode == vq_tl::AGG_SUM_ADD ? 1 : 0;
+            }
+            c.one = ref;
+            c.two = ref2;
+            const double refNs = Check_timeNs(callCase, &c, 50);
+            c.one = var;
+            c.two = var2;
+            const double ns = Check_timeNs(callCase, &c, 50);
             char name[64];
             std::snprintf(name, sizeof(name), "%s D%d%s", kernel, D,
                           mode == vq_tl::AGG_SUM_ADD ? " +sum" : "");
-            Check_reportBench(name, "scalar", refNs, refNs, static_cast<double>(width) * D, "update");
-            Check_reportBench(name, v.name, ns, refNs, static_cast<double>(width) * D, "update");
+            const double updates = static_cast<double>(width) * D * count;
+            Check_reportBench(name, "scalar", refNs, refNs, updates, "update");
+            Check_reportBench(name, v.name, ns, refNs, updates, "update");
         }
     }
 }
@@ -154,9 +193,11 @@ void runAggregation(CheckContext* ctx) {
         AggregationKernels t;
         vq_tl::AggregationKernels_fill(&t, v.features);
         if (t.crossRow != ref.crossRow)
-            checkRows(ctx, "aggregation cross row", v, ref.crossRow, t.crossRow, false);
+            checkRows(ctx, "aggregation cross row", v, ref.crossRow, t.crossRow, nullptr, nullptr);
         if (t.chainRow != ref.chainRow)
-            checkRows(ctx, "aggregation chain row", v, ref.chainRow, t.chainRow, true);
+            checkRows(ctx, "aggregation chain row", v, ref.chainRow, t.chainRow, nullptr, nullptr);
+        if (t.chainRows2 != ref.chainRows2)
+            checkRows(ctx, "aggregation chain rows x2", v, nullptr, nullptr, ref.chainRows2, t.chainRows2);
     }
 }
 

@@ -66,10 +66,41 @@ void aggregationChainRows2_c(const AggregationRow* row0, const AggregationRow* r
     aggregationChainRow_c(row1);
 }
 
+namespace {
+
+template <int kChannels>
+inline void penaltyRow(const AggregationPenalty* r) {
+    const uint8_t* gp = r->guide;
+    const uint8_t* gq = r->guidePrev;
+    for (int32_t x = 0; x < r->width; ++x) {
+        const int32_t p2 = r->p2[x * r->p2Step];
+        int32_t g;
+        if (kChannels == 1) {
+            const int32_t d = gp[x] - gq[x];
+            g = d < 0 ? -d : d;
+        } else {
+            const int32_t du = gp[2 * x] - gq[2 * x], dv = gp[2 * x + 1] - gq[2 * x + 1];
+            g = ((du < 0 ? -du : du) + (dv < 0 ? -dv : dv)) >> 1;
+        }
+        // 1 + g reaches 256 only for g = 255; as a byte that would wrap to a
+        // division by zero, so the unwrapped 256 is taken there.
+        const int32_t den = 1 + g;
+        const int32_t q = (p2 + (den >> 1)) / den;
+        r->out[x] = static_cast<uint8_t>(q > r->lower ? q : r->lower);
+    }
+}
+
+}  // namespace
+
+void aggregationPenaltyU8_c(const AggregationPenalty* row) { penaltyRow<1>(row); }
+void aggregationPenaltyU88_c(const AggregationPenalty* row) { penaltyRow<2>(row); }
+
 void AggregationKernels_fill(AggregationKernels* table, uint32_t features) {
     table->crossRow = aggregationCrossRow_c;
     table->chainRow = aggregationChainRow_c;
     table->chainRows2 = aggregationChainRows2_c;
+    table->penaltyU8 = aggregationPenaltyU8_c;
+    table->penaltyU88 = aggregationPenaltyU88_c;
 #if defined(VQ_TL_KERNELS_X86)
     if ((features & kCpuSse41) != 0) AggregationKernels_addSse41(table);
     if ((features & kCpuSse41) != 0 && (features & kCpuAvx2) != 0) AggregationKernels_addAvx2(table);

@@ -56,15 +56,36 @@ using AggregationRowFn = void (*)(const AggregationRow* row);
 // penalties and sums): the same bytes as chainRow on each.
 using AggregationRows2Fn = void (*)(const AggregationRow* row0, const AggregationRow* row1);
 
+// The guided large penalty of the pixels of one row in one direction: with g
+// the guide step between pixel x and its previous pixel, |guide - guidePrev|
+// for one channel and (|dU| + |dV|) >> 1 for two,
+//   out[x] = max((P2 + ((1 + g) >> 1)) / (1 + g), lower) as a byte,
+// lower = P1 + 1 (1 to 256; 256 gives 0, the byte of the unwrapped value).
+struct AggregationPenalty {
+    uint8_t* out;
+    const uint8_t* guide;      // pixel x's channels from guide[x * channels]
+    const uint8_t* guidePrev;  // its previous pixel's from guidePrev[x * channels]
+    const uint8_t* p2;         // P2 of pixel x at p2[x * p2Step]
+    int32_t p2Step;            // 1, or 0 for one value for the whole row
+    int32_t lower;
+    int32_t width;
+};
+
+using AggregationPenaltyFn = void (*)(const AggregationPenalty* row);
+
 struct AggregationKernels {
     AggregationRowFn crossRow;
     AggregationRowFn chainRow;
     AggregationRows2Fn chainRows2;
+    AggregationPenaltyFn penaltyU8;   // one guide channel
+    AggregationPenaltyFn penaltyU88;  // two
 };
 
 void aggregationCrossRow_c(const AggregationRow* row);
 void aggregationChainRow_c(const AggregationRow* row);
 void aggregationChainRows2_c(const AggregationRow* row0, const AggregationRow* row1);
+void aggregationPenaltyU8_c(const AggregationPenalty* row);
+void aggregationPenaltyU88_c(const AggregationPenalty* row);
 
 // The table for the instruction sets of `features` (kCpu* bits) that this
 // build holds; 0 gives the scalar table.

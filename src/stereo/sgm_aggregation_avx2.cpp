@@ -301,6 +301,70 @@ void chainRows2(const AggregationRow* r0, const AggregationRow* r1) {
     }
 }
 
+// --- Guided penalties: 16 pixels per step ----------------------------------
+//
+// The quotient (P2 + (den >> 1)) / den has a numerator n <= 383 and den in
+// 1..256, so float division truncated gives the integer quotient exactly:
+// where n / den is not a whole number it lies at least 1 / den below the
+// next one, and the rounding of the division moves it by at most
+// n / den * 2^-24, far less.
+
+// The guide steps of 16 pixels as 16-bit words.
+template <int kChannels>
+inline __m256i guideSteps(const uint8_t* gp, const uint8_t* gq) {
+    if (kChannels == 1) {
+        const __m128i a = load16(gp), b = load16(gq);
+        return _mm256_cvtepu8_epi16(_mm_or_si128(_mm_subs_epu8(a, b), _mm_subs_epu8(b, a)));
+    }
+    const __m256i a = load32(gp), b = load32(gq);
+    const __m256i d = _mm256_or_si256(_mm256_subs_epu8(a, b), _mm256_subs_epu8(b, a));
+    // |dU| + |dV| per pixel (at most 510), halved; maddubs keeps each
+    // pixel's pair in its own 128-bit half, so the words stay in order.
+    return _mm256_srli_epi16(_mm256_maddubs_epi16(d, _mm256_set1_epi8(1)), 1);
+}
+
+inline __m256i quotients8(__m128i n, __m128i den) {
+    const __m256 q = _mm256_div_ps(_mm256_cvtepi32_ps(_mm256_cvtepu16_epi32(n)),
+                                   _mm256_cvtepi32_ps(_mm256_cvtepu16_epi32(den)));
+    return _mm256_cvttps_epi32(q);
+}
+
+template <int kChannels>
+void penaltyRow(const AggregationPenalty* r) {
+    const __m256i one = _mm256_set1_epi16(1), lower = _mm256_set1_epi16(static_cast<int16_t>(r->lower));
+    const __m256i low8 = _mm256_set1_epi16(0xFF);
+    const __m128i p2c = _mm_set1_epi8(static_cast<char>(r->p2Step == 0 ? r->p2[0] : 0));
+    int32_t x = 0;
+    for (; x + 16 <= r->width; x += 16) {
+        const __m256i g = guideSteps<kChannels>(r->guide + x * kChannels, r->guidePrev + x * kChannels);
+        const __m256i p2 = _mm256_cvtepu8_epi16(r->p2Step != 0 ? load16(r->p2 + x) : p2c);
+        const __m256i den = _mm256_add_epi16(g, one);
+        const __m256i n = _mm256_add_epi16(p2, _mm256_srli_epi16(den, 1));
+        const __m256i q0 = quotients8(_mm256_castsi256_si128(n), _mm256_castsi256_si128(den));
+        const __m256i q1 = quotients8(_mm256_extracti128_si256(n, 1), _mm256_extracti128_si256(den, 1));
+        // packus works per half: the quarters go back in pixel order.
+        const __m256i q = _mm256_permute4x64_epi64(_mm256_packus_epi32(q0, q1), 0xD8);
+        // At most 256 after the max; the byte of 256 is 0, as in the scalar
+        // form's cast.
+        const __m256i m = _mm256_and_si256(_mm256_max_epi16(q, lower), low8);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(r->out + x),
+                         _mm_packus_epi16(_mm256_castsi256_si128(m), _mm256_extracti128_si256(m, 1)));
+    }
+    if (x < r->width) {
+        AggregationPenalty rest = *r;
+        rest.out += x;
+        rest.guide += x * kChannels;
+        rest.guidePrev += x * kChannels;
+        rest.p2 += x * r->p2Step;
+        rest.width = r->width - x;
+        if (kChannels == 1) {
+            aggregationPenaltyU8_c(&rest);
+        } else {
+            aggregationPenaltyU88_c(&rest);
+        }
+    }
+}
+
 void crossRow_avx2(const AggregationRow* r) {
     switch (r->numDisparities) {
         case 8: return crossRow<8>(r);
@@ -343,12 +407,17 @@ void chainRows2_avx2(const AggregationRow* r0, const AggregationRow* r1) {
     }
 }
 
+void penaltyU8_avx2(const AggregationPenalty* r) { penaltyRow<1>(r); }
+void penaltyU88_avx2(const AggregationPenalty* r) { penaltyRow<2>(r); }
+
 }  // namespace
 
 void AggregationKernels_addAvx2(AggregationKernels* table) {
     table->crossRow = crossRow_avx2;
     table->chainRow = chainRow_avx2;
     table->chainRows2 = chainRows2_avx2;
+    table->penaltyU8 = penaltyU8_avx2;
+    table->penaltyU88 = penaltyU88_avx2;
 }
 
 }  // namespace vq_tl

@@ -150,6 +150,81 @@ void chainRows2(const AggregationRow* r0, const AggregationRow* r1) {
     }
 }
 
+// --- Guided penalties: 16 pixels per step ----------------------------------
+//
+// The quotient (P2 + (den >> 1)) / den has a numerator n <= 383 and den in
+// 1..256, so float division truncated gives the integer quotient exactly:
+// where n / den is not a whole number it lies at least 1 / den below the
+// next one, and the rounding of the division moves it by at most
+// n / den * 2^-24, far less.
+
+// The guide steps of 16 pixels as 16-bit words, in two halves of 8.
+template <int kChannels>
+inline void guideSteps(const uint8_t* gp, const uint8_t* gq, __m128i* lo, __m128i* hi) {
+    const __m128i zero = _mm_setzero_si128();
+    if (kChannels == 1) {
+        const __m128i a = load16(gp), b = load16(gq);
+        const __m128i d = _mm_or_si128(_mm_subs_epu8(a, b), _mm_subs_epu8(b, a));
+        *lo = _mm_unpacklo_epi8(d, zero);
+        *hi = _mm_unpackhi_epi8(d, zero);
+        return;
+    }
+    const __m128i ones = _mm_set1_epi8(1);
+    for (int h = 0; h < 2; ++h) {
+        const __m128i a = load16(gp + 16 * h), b = load16(gq + 16 * h);
+        const __m128i d = _mm_or_si128(_mm_subs_epu8(a, b), _mm_subs_epu8(b, a));
+        // |dU| + |dV| per pixel (at most 510), halved.
+        const __m128i s = _mm_srli_epi16(_mm_maddubs_epi16(d, ones), 1);
+        *(h == 0 ? lo : hi) = s;
+    }
+}
+
+// Eight quotients (n / den, 16-bit words) in 16-bit words.
+inline __m128i quotients(__m128i n, __m128i den) {
+    const __m128i zero = _mm_setzero_si128();
+    const __m128 q0 = _mm_div_ps(_mm_cvtepi32_ps(_mm_unpacklo_epi16(n, zero)),
+                                 _mm_cvtepi32_ps(_mm_unpacklo_epi16(den, zero)));
+    const __m128 q1 = _mm_div_ps(_mm_cvtepi32_ps(_mm_unpackhi_epi16(n, zero)),
+                                 _mm_cvtepi32_ps(_mm_unpackhi_epi16(den, zero)));
+    return _mm_packus_epi32(_mm_cvttps_epi32(q0), _mm_cvttps_epi32(q1));
+}
+
+template <int kChannels>
+void penaltyRow(const AggregationPenalty* r) {
+    const __m128i one = _mm_set1_epi16(1), lower = _mm_set1_epi16(static_cast<int16_t>(r->lower));
+    const __m128i low8 = _mm_set1_epi16(0xFF), zero = _mm_setzero_si128();
+    const __m128i p2c = _mm_set1_epi8(static_cast<char>(r->p2Step == 0 ? r->p2[0] : 0));
+    int32_t x = 0;
+    for (; x + 16 <= r->width; x += 16) {
+        __m128i g[2];
+        guideSteps<kChannels>(r->guide + x * kChannels, r->guidePrev + x * kChannels, &g[0], &g[1]);
+        const __m128i p2 = r->p2Step != 0 ? load16(r->p2 + x) : p2c;
+        __m128i q[2];
+        for (int h = 0; h < 2; ++h) {
+            const __m128i den = _mm_add_epi16(g[h], one);
+            const __m128i p = h == 0 ? _mm_unpacklo_epi8(p2, zero) : _mm_unpackhi_epi8(p2, zero);
+            const __m128i n = _mm_add_epi16(p, _mm_srli_epi16(den, 1));
+            // At most 256 after the max; the byte of 256 is 0, as in the
+            // scalar form's cast.
+            q[h] = _mm_and_si128(_mm_max_epi16(quotients(n, den), lower), low8);
+        }
+        store16(r->out + x, _mm_packus_epi16(q[0], q[1]));
+    }
+    if (x < r->width) {
+        AggregationPenalty rest = *r;
+        rest.out += x;
+        rest.guide += x * kChannels;
+        rest.guidePrev += x * kChannels;
+        rest.p2 += x * r->p2Step;
+        rest.width = r->width - x;
+        if (kChannels == 1) {
+            aggregationPenaltyU8_c(&rest);
+        } else {
+            aggregationPenaltyU88_c(&rest);
+        }
+    }
+}
+
 void crossRow_sse41(const AggregationRow* r) {
     switch (r->numDisparities) {
         case 8: return crossRow<8>(r);
@@ -192,12 +267,17 @@ void chainRows2_sse41(const AggregationRow* r0, const AggregationRow* r1) {
     }
 }
 
+void penaltyU8_sse41(const AggregationPenalty* r) { penaltyRow<1>(r); }
+void penaltyU88_sse41(const AggregationPenalty* r) { penaltyRow<2>(r); }
+
 }  // namespace
 
 void AggregationKernels_addSse41(AggregationKernels* table) {
     table->crossRow = crossRow_sse41;
     table->chainRow = chainRow_sse41;
     table->chainRows2 = chainRows2_sse41;
+    table->penaltyU8 = penaltyU8_sse41;
+    table->penaltyU88 = penaltyU88_sse41;
 }
 
 }  // namespace vq_tl

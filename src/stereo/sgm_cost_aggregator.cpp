@@ -41,43 +41,35 @@ struct AggInputs {
 };
 
 // P2 of pixels x0 to x1 - 1 of row y in direction dir (into out from out[0]),
-// from the guide step between
-// the pixel and its previous one. The guide has a border of 1, so the
-// previous pixel of a path's first pixel is read from the border.
-template <int kGuide, bool kVariable>
+// from the guide step between the pixel and its previous one. The guide has
+// a border of 1, so the previous pixel of a path's first pixel is read from
+// the border.
+template <int kChannels>
 void fillPenaltyRow(const AggInputs& in, int32_t dir, int32_t y, int32_t x0, int32_t x1, uint8_t* out) {
     const int32_t dx = kDx[dir], dy = kDy[dir];
-    const uint8_t* base = kVariable ? in.penalty + static_cast<intptr_t>(in.penaltyPitch) * y : nullptr;
-    const uint8_t* gp = in.guide + static_cast<intptr_t>(in.guidePitch) * (y + 1);
-    const uint8_t* gq = in.guide + static_cast<intptr_t>(in.guidePitch) * (y + 1 + dy);
-    const int32_t lower = in.smallPenalty + 1;
-    for (int32_t x = x0; x < x1; ++x) {
-        const int32_t p2 = kVariable ? base[x] : in.largePenalty;
-        int32_t g;
-        if (kGuide == GUIDE_U8) {
-            const int32_t d = gp[x + 1] - gq[x + 1 + dx];
-            g = d < 0 ? -d : d;
-        } else {
-            const int32_t i = 2 * (x + 1), j = 2 * (x + 1 + dx);
-            const int32_t du = gp[i] - gq[j], dv = gp[i + 1] - gq[j + 1];
-            g = ((du < 0 ? -du : du) + (dv < 0 ? -dv : dv)) >> 1;
-        }
-        // 1 + g reaches 256 only for g = 255; as a byte that would wrap to a
-        // division by zero, so the unwrapped 256 is taken there.
-        const int32_t den = 1 + g;
-        const int32_t q = (p2 + (den >> 1)) / den;
-        out[x - x0] = static_cast<uint8_t>(q > lower ? q : lower);
+    AggregationPenalty row;
+    row.out = out;
+    row.guide = in.guide + static_cast<intptr_t>(in.guidePitch) * (y + 1) + (x0 + 1) * kChannels;
+    row.guidePrev =
+        in.guide + static_cast<intptr_t>(in.guidePitch) * (y + 1 + dy) + (x0 + 1 + dx) * kChannels;
+    if (in.penalty != nullptr) {
+        row.p2 = in.penalty + static_cast<intptr_t>(in.penaltyPitch) * y + x0;
+        row.p2Step = 1;
+    } else {
+        row.p2 = &in.largePenalty;
+        row.p2Step = 0;
     }
+    row.lower = in.smallPenalty + 1;
+    row.width = x1 - x0;
+    const AggregationKernels* kernels = AggregationKernels_get();
+    (kChannels == 1 ? kernels->penaltyU8 : kernels->penaltyU88)(&row);
 }
 
 using PenaltyRowFn = void (*)(const AggInputs&, int32_t, int32_t, int32_t, int32_t, uint8_t*);
 
 PenaltyRowFn penaltyRowFn(const AggInputs& in) {
-    const bool variable = in.penalty != nullptr;
-    if (in.guideKind == GUIDE_U8)
-        return variable ? fillPenaltyRow<GUIDE_U8, true> : fillPenaltyRow<GUIDE_U8, false>;
-    if (in.guideKind == GUIDE_U88)
-        return variable ? fillPenaltyRow<GUIDE_U88, true> : fillPenaltyRow<GUIDE_U88, false>;
+    if (in.guideKind == GUIDE_U8) return fillPenaltyRow<1>;
+    if (in.guideKind == GUIDE_U88) return fillPenaltyRow<2>;
     return nullptr;
 }
 

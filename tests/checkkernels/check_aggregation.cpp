@@ -186,6 +186,90 @@ void checkRows(CheckContext* ctx, const char* kernel, const Variant& v, Aggregat
     }
 }
 
+struct PenaltyCase {
+    vq_tl::AggregationPenaltyFn fn;
+    vq_tl::AggregationPenalty row;
+};
+
+void callPenalty(void* arg) {
+    const PenaltyCase* c = static_cast<const PenaltyCase*>(arg);
+    c->fn(&c->row);
+}
+
+// Guide rows of one or two channels with their extremes (equal rows, steps
+// of 255), P2 per pixel or one, and lower bounds from 1 to 256.
+void checkPenalty(CheckContext* ctx, const char* kernel, const Variant& v, vq_tl::AggregationPenaltyFn ref,
+                  vq_tl::AggregationPenaltyFn var, int32_t channels) {
+    ++ctx->kernelsChecked;
+    for (int32_t it = 0; it < ctx->iterations; ++it) {
+        CheckRandom* rnd = &ctx->random;
+        // The first case has every guide step with every P2: pixel x has
+        // step x & 255 and P2 x >> 8.
+        const bool all = it == 0;
+        const int32_t width = all ? 65536 : CheckRandom_range(rnd, 1, it % 4 == 0 ? 700 : 60);
+        GuardedPlane guide, prev, p2, outRef, outVar;
+        GuardedPlane_init(&guide, width * channels, 1, 1, rnd);
+        GuardedPlane_init(&prev, width * channels, 1, 1, rnd);
+        GuardedPlane_init(&p2, width, 1, 1, rnd);
+        GuardedPlane_init(&outRef, width, 1, 1, rnd);
+        GuardedPlane_init(&outVar, width, 1, 1, rnd);
+        GuardedPlane_copyRows(&outVar, &outRef);
+        CheckRandom_fill(rnd, guide.data, static_cast<size_t>(width) * channels);
+        if (CheckRandom_range(rnd, 0, 7) == 0) {
+            std::memcpy(prev.data, guide.data, static_cast<size_t>(width) * channels);
+        } else {
+            CheckRandom_fill(rnd, prev.data, static_cast<size_t>(width) * channels);
+        }
+        PenaltyCase c{};
+        c.row.p2Step = CheckRandom_range(rnd, 0, 3) == 0 ? 0 : 1;
+        if (c.row.p2Step == 0) {
+            p2.data[0] = randomPenalty(rnd);
+        } else {
+            CheckRandom_fill(rnd, p2.data, static_cast<size_t>(width));
+        }
+        c.row.guide = guide.data;
+        c.row.guidePrev = prev.data;
+        c.row.p2 = p2.data;
+        c.row.lower = randomPenalty(rnd) + 1;
+        c.row.width = width;
+        if (all) {
+            c.row.p2Step = 1;
+            for (int32_t x = 0; x < width; ++x) {
+                for (int32_t i = 0; i < channels; ++i) {
+                    guide.data[x * channels + i] = static_cast<uint8_t>(x & 255);
+                    prev.data[x * channels + i] = 0;
+                }
+                p2.data[x] = static_cast<uint8_t>(x >> 8);
+            }
+        }
+        c.fn = ref;
+        c.row.out = outRef.data;
+        callPenalty(&c);
+        c.fn = var;
+        c.row.out = outVar.data;
+        callPenalty(&c);
+        char text[96];
+        std::snprintf(text, sizeof(text), "width %d, lower %d%s", width, c.row.lower,
+                      c.row.p2Step == 0 ? ", one P2" : "");
+        if (!Check_outputs(ctx, kernel, v, &outRef, &outVar, text)) return;
+    }
+    if (!ctx->bench) return;
+    const int32_t width = 1080;
+    GuardedPlane guide, prev, p2, out;
+    GuardedPlane_init(&guide, width * channels, 1, 1, &ctx->random);
+    GuardedPlane_init(&prev, width * channels, 1, 1, &ctx->random);
+    GuardedPlane_init(&p2, width, 1, 1, &ctx->random);
+    GuardedPlane_init(&out, width, 1, 1, &ctx->random);
+    PenaltyCase c{};
+    c.row = vq_tl::AggregationPenalty{out.data, guide.data, prev.data, p2.data, 1, 9, width};
+    c.fn = ref;
+    const double refNs = Check_timeNs(callPenalty, &c, 2000);
+    c.fn = var;
+    const double ns = Check_timeNs(callPenalty, &c, 2000);
+    Check_reportBench(kernel, "scalar", refNs, refNs, width, "px");
+    Check_reportBench(kernel, v.name, ns, refNs, width, "px");
+}
+
 void runAggregation(CheckContext* ctx) {
     AggregationKernels ref;
     vq_tl::AggregationKernels_fill(&ref, 0);
@@ -198,6 +282,10 @@ void runAggregation(CheckContext* ctx) {
             checkRows(ctx, "aggregation chain row", v, ref.chainRow, t.chainRow, nullptr, nullptr);
         if (t.chainRows2 != ref.chainRows2)
             checkRows(ctx, "aggregation chain rows x2", v, nullptr, nullptr, ref.chainRows2, t.chainRows2);
+        if (t.penaltyU8 != ref.penaltyU8)
+            checkPenalty(ctx, "aggregation penalty u8", v, ref.penaltyU8, t.penaltyU8, 1);
+        if (t.penaltyU88 != ref.penaltyU88)
+            checkPenalty(ctx, "aggregation penalty u88", v, ref.penaltyU88, t.penaltyU88, 2);
     }
 }
 

@@ -90,7 +90,26 @@ inline void penaltyRow(const AggregationPenalty* r) {
     }
 }
 
+template <typename T>
+inline void sumRow(const AggregationPlaneSum* r) {
+    const int32_t D = r->numDisparities, S = D + 1;
+    for (int32_t x = 0; x < r->width; ++x) {
+        T* A = static_cast<T*>(r->out) + static_cast<intptr_t>(x) * (D + 2);
+        const intptr_t off = static_cast<intptr_t>(x) * S;
+        for (int32_t k = 0; k < D; ++k) {
+            uint32_t s = 0;
+            for (int32_t i = 0; i < r->numPlanes; ++i) s += r->planes[i][off + k];
+            A[k + 1] = static_cast<T>(s);
+        }
+        A[0] = A[2];
+        A[D + 1] = A[D - 1];
+    }
+}
+
 }  // namespace
+
+void aggregationSumU8_c(const AggregationPlaneSum* row) { sumRow<uint8_t>(row); }
+void aggregationSumU16_c(const AggregationPlaneSum* row) { sumRow<uint16_t>(row); }
 
 void aggregationPenaltyU8_c(const AggregationPenalty* row) { penaltyRow<1>(row); }
 void aggregationPenaltyU88_c(const AggregationPenalty* row) { penaltyRow<2>(row); }
@@ -101,6 +120,8 @@ void AggregationKernels_fill(AggregationKernels* table, uint32_t features) {
     table->chainRows2 = aggregationChainRows2_c;
     table->penaltyU8 = aggregationPenaltyU8_c;
     table->penaltyU88 = aggregationPenaltyU88_c;
+    table->sumU8 = aggregationSumU8_c;
+    table->sumU16 = aggregationSumU16_c;
 #if defined(VQ_TL_KERNELS_X86)
     if ((features & kCpuSse41) != 0) AggregationKernels_addSse41(table);
     if ((features & kCpuSse41) != 0 && (features & kCpuAvx2) != 0) AggregationKernels_addAvx2(table);

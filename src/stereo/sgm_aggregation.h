@@ -73,12 +73,28 @@ struct AggregationPenalty {
 
 using AggregationPenaltyFn = void (*)(const AggregationPenalty* row);
 
+// One row of the aggregated volume from the path planes of the parallel
+// shape: entry k + 1 of pixel x = the sum over the planes of slot k, wrapping
+// at the entry's width (8 or 16 bits), entry 0 = entry 2 and entry D + 1 =
+// entry D - 1.
+struct AggregationPlaneSum {
+    void* out;                 // pixel x's D + 2 entries from entry x * (D + 2)
+    const uint8_t* planes[8];  // pixel x's slots at planes[i] + x * (D + 1)
+    int32_t numPlanes;         // 4 or 8
+    int32_t width;
+    int32_t numDisparities;
+};
+
+using AggregationSumFn = void (*)(const AggregationPlaneSum* row);
+
 struct AggregationKernels {
     AggregationRowFn crossRow;
     AggregationRowFn chainRow;
     AggregationRows2Fn chainRows2;
     AggregationPenaltyFn penaltyU8;   // one guide channel
     AggregationPenaltyFn penaltyU88;  // two
+    AggregationSumFn sumU8;
+    AggregationSumFn sumU16;
 };
 
 void aggregationCrossRow_c(const AggregationRow* row);
@@ -86,6 +102,8 @@ void aggregationChainRow_c(const AggregationRow* row);
 void aggregationChainRows2_c(const AggregationRow* row0, const AggregationRow* row1);
 void aggregationPenaltyU8_c(const AggregationPenalty* row);
 void aggregationPenaltyU88_c(const AggregationPenalty* row);
+void aggregationSumU8_c(const AggregationPlaneSum* row);
+void aggregationSumU16_c(const AggregationPlaneSum* row);
 
 // The table for the instruction sets of `features` (kCpu* bits) that this
 // build holds; 0 gives the scalar table.

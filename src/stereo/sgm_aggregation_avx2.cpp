@@ -365,6 +365,60 @@ void penaltyRow(const AggregationPenalty* r) {
     }
 }
 
+// --- Sums of the path planes -----------------------------------------------
+
+// D slots of the planes into entries 1 to D of pixel x: 32 bytes per step,
+// then 16 and 8 as D leaves.
+void sumU8_avx2(const AggregationPlaneSum* r) {
+    const int32_t D = r->numDisparities, S = D + 1, n = r->numPlanes;
+    for (int32_t x = 0; x < r->width; ++x) {
+        uint8_t* A = static_cast<uint8_t*>(r->out) + static_cast<intptr_t>(x) * (D + 2);
+        const intptr_t off = static_cast<intptr_t>(x) * S;
+        int32_t k = 0;
+        for (; k + 32 <= D; k += 32) {
+            __m256i s = load32(r->planes[0] + off + k);
+            for (int32_t i = 1; i < n; ++i) s = _mm256_add_epi8(s, load32(r->planes[i] + off + k));
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(A + 1 + k), s);
+        }
+        if (k + 16 <= D) {
+            __m128i s = load16(r->planes[0] + off + k);
+            for (int32_t i = 1; i < n; ++i) s = _mm_add_epi8(s, load16(r->planes[i] + off + k));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(A + 1 + k), s);
+            k += 16;
+        }
+        if (k < D) {
+            __m128i s = load8(r->planes[0] + off + k);
+            for (int32_t i = 1; i < n; ++i) s = _mm_add_epi8(s, load8(r->planes[i] + off + k));
+            _mm_storel_epi64(reinterpret_cast<__m128i*>(A + 1 + k), s);
+        }
+        A[0] = A[2];
+        A[D + 1] = A[D - 1];
+    }
+}
+
+void sumU16_avx2(const AggregationPlaneSum* r) {
+    const int32_t D = r->numDisparities, S = D + 1, n = r->numPlanes;
+    for (int32_t x = 0; x < r->width; ++x) {
+        uint16_t* A = static_cast<uint16_t*>(r->out) + static_cast<intptr_t>(x) * (D + 2);
+        const intptr_t off = static_cast<intptr_t>(x) * S;
+        int32_t k = 0;
+        for (; k + 16 <= D; k += 16) {
+            __m256i s = _mm256_cvtepu8_epi16(load16(r->planes[0] + off + k));
+            for (int32_t i = 1; i < n; ++i)
+                s = _mm256_add_epi16(s, _mm256_cvtepu8_epi16(load16(r->planes[i] + off + k)));
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(A + 1 + k), s);
+        }
+        if (k < D) {
+            __m128i s = _mm_cvtepu8_epi16(load8(r->planes[0] + off + k));
+            for (int32_t i = 1; i < n; ++i)
+                s = _mm_add_epi16(s, _mm_cvtepu8_epi16(load8(r->planes[i] + off + k)));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(A + 1 + k), s);
+        }
+        A[0] = A[2];
+        A[D + 1] = A[D - 1];
+    }
+}
+
 void crossRow_avx2(const AggregationRow* r) {
     switch (r->numDisparities) {
         case 8: return crossRow<8>(r);
@@ -416,6 +470,8 @@ void AggregationKernels_addAvx2(AggregationKernels* table) {
     table->crossRow = crossRow_avx2;
     table->chainRow = chainRow_avx2;
     table->chainRows2 = chainRows2_avx2;
+    table->sumU8 = sumU8_avx2;
+    table->sumU16 = sumU16_avx2;
     table->penaltyU8 = penaltyU8_avx2;
     table->penaltyU88 = penaltyU88_avx2;
 }

@@ -155,6 +155,46 @@ void chainRows2(const AggregationRow* r0, const AggregationRow* r1) {
     }
 }
 
+// --- Sums of the path planes -----------------------------------------------
+
+// D slots of the planes into entries 1 to D of pixel x: 16 bytes per step
+// and an 8-byte step where D is an odd multiple of 8.
+void sumU8_neon(const AggregationPlaneSum* r) {
+    const int32_t D = r->numDisparities, S = D + 1, n = r->numPlanes;
+    for (int32_t x = 0; x < r->width; ++x) {
+        uint8_t* A = static_cast<uint8_t*>(r->out) + static_cast<intptr_t>(x) * (D + 2);
+        const intptr_t off = static_cast<intptr_t>(x) * S;
+        int32_t k = 0;
+        for (; k + 16 <= D; k += 16) {
+            uint8x16_t s = vld1q_u8(r->planes[0] + off + k);
+            for (int32_t i = 1; i < n; ++i) s = vaddq_u8(s, vld1q_u8(r->planes[i] + off + k));
+            vst1q_u8(A + 1 + k, s);
+        }
+        if (k < D) {
+            uint8x8_t s = vld1_u8(r->planes[0] + off + k);
+            for (int32_t i = 1; i < n; ++i) s = vadd_u8(s, vld1_u8(r->planes[i] + off + k));
+            vst1_u8(A + 1 + k, s);
+        }
+        A[0] = A[2];
+        A[D + 1] = A[D - 1];
+    }
+}
+
+void sumU16_neon(const AggregationPlaneSum* r) {
+    const int32_t D = r->numDisparities, S = D + 1, n = r->numPlanes;
+    for (int32_t x = 0; x < r->width; ++x) {
+        uint16_t* A = static_cast<uint16_t*>(r->out) + static_cast<intptr_t>(x) * (D + 2);
+        const intptr_t off = static_cast<intptr_t>(x) * S;
+        for (int32_t k = 0; k < D; k += 8) {
+            uint16x8_t s = vmovl_u8(vld1_u8(r->planes[0] + off + k));
+            for (int32_t i = 1; i < n; ++i) s = vaddw_u8(s, vld1_u8(r->planes[i] + off + k));
+            vst1q_u16(A + 1 + k, s);
+        }
+        A[0] = A[2];
+        A[D + 1] = A[D - 1];
+    }
+}
+
 void crossRow_neon(const AggregationRow* r) {
     switch (r->numDisparities) {
         case 8: return crossRow<8>(r);
@@ -203,6 +243,8 @@ void AggregationKernels_addNeon(AggregationKernels* table) {
     table->crossRow = crossRow_neon;
     table->chainRow = chainRow_neon;
     table->chainRows2 = chainRows2_neon;
+    table->sumU8 = sumU8_neon;
+    table->sumU16 = sumU16_neon;
 }
 
 }  // namespace vq_tl

@@ -225,6 +225,47 @@ void penaltyRow(const AggregationPenalty* r) {
     }
 }
 
+// --- Sums of the path planes -----------------------------------------------
+
+// D slots of the planes at offset off into entries 1 to D of A: 16 bytes per
+// step and an 8-byte step where D is an odd multiple of 8.
+void sumU8_sse41(const AggregationPlaneSum* r) {
+    const int32_t D = r->numDisparities, S = D + 1, n = r->numPlanes;
+    for (int32_t x = 0; x < r->width; ++x) {
+        uint8_t* A = static_cast<uint8_t*>(r->out) + static_cast<intptr_t>(x) * (D + 2);
+        const intptr_t off = static_cast<intptr_t>(x) * S;
+        int32_t k = 0;
+        for (; k + 16 <= D; k += 16) {
+            __m128i s = load16(r->planes[0] + off + k);
+            for (int32_t i = 1; i < n; ++i) s = _mm_add_epi8(s, load16(r->planes[i] + off + k));
+            store16(A + 1 + k, s);
+        }
+        if (k < D) {
+            __m128i s = load8(r->planes[0] + off + k);
+            for (int32_t i = 1; i < n; ++i) s = _mm_add_epi8(s, load8(r->planes[i] + off + k));
+            store8(A + 1 + k, s);
+        }
+        A[0] = A[2];
+        A[D + 1] = A[D - 1];
+    }
+}
+
+void sumU16_sse41(const AggregationPlaneSum* r) {
+    const int32_t D = r->numDisparities, S = D + 1, n = r->numPlanes;
+    for (int32_t x = 0; x < r->width; ++x) {
+        uint16_t* A = static_cast<uint16_t*>(r->out) + static_cast<intptr_t>(x) * (D + 2);
+        const intptr_t off = static_cast<intptr_t>(x) * S;
+        for (int32_t k = 0; k < D; k += 8) {
+            __m128i s = _mm_cvtepu8_epi16(load8(r->planes[0] + off + k));
+            for (int32_t i = 1; i < n; ++i)
+                s = _mm_add_epi16(s, _mm_cvtepu8_epi16(load8(r->planes[i] + off + k)));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(A + 1 + k), s);
+        }
+        A[0] = A[2];
+        A[D + 1] = A[D - 1];
+    }
+}
+
 void crossRow_sse41(const AggregationRow* r) {
     switch (r->numDisparities) {
         case 8: return crossRow<8>(r);
@@ -276,6 +317,8 @@ void AggregationKernels_addSse41(AggregationKernels* table) {
     table->crossRow = crossRow_sse41;
     table->chainRow = chainRow_sse41;
     table->chainRows2 = chainRows2_sse41;
+    table->sumU8 = sumU8_sse41;
+    table->sumU16 = sumU16_sse41;
     table->penaltyU8 = penaltyU8_sse41;
     table->penaltyU88 = penaltyU88_sse41;
 }

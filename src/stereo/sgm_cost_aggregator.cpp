@@ -476,29 +476,26 @@ struct SumArgs {
     int32_t width, height, numDisparities;
 };
 
-template <typename T, int kPaths>
+template <int kPaths, bool kWide>
 TLResult sumStripe(void* arg, int32_t index, int32_t count) {
     const SumArgs& j = *static_cast<const SumArgs*>(arg);
     const int32_t D = j.numDisparities, S = D + 1;
+    const AggregationKernels* kernels = AggregationKernels_get();
+    const AggregationSumFn fn = kWide ? kernels->sumU16 : kernels->sumU8;
+    AggregationPlaneSum row{};
+    row.numPlanes = kPaths;
+    row.width = j.width;
+    row.numDisparities = D;
     int32_t first, last;
     ImageStripe_rows(j.height, index, count, &first, &last);
     for (int32_t y = first; y < last; ++y) {
-        const uint8_t* planes[kPaths];
         for (int32_t i = 0; i < kPaths; ++i)
-            planes[i] = j.path + static_cast<intptr_t>(j.pathPitch) *
-                                     (static_cast<intptr_t>(j.height + 1) * i + y + 1);
-        T* row = reinterpret_cast<T*>(j.out + static_cast<intptr_t>(j.outPitch) * y);
-        for (int32_t x = 0; x < j.width; ++x) {
-            T* A = row + static_cast<intptr_t>(x) * (D + 2);
-            const int32_t off = (x + 1) * S + 1;
-            for (int32_t k = 0; k < D; ++k) {
-                uint32_t s = 0;
-                for (int32_t i = 0; i < kPaths; ++i) s += planes[i][off + k];
-                A[k + 1] = static_cast<T>(s);
-            }
-            A[0] = A[2];
-            A[D + 1] = A[D - 1];
-        }
+            row.planes[i] =
+                j.path +
+                static_cast<intptr_t>(j.pathPitch) * (static_cast<intptr_t>(j.height + 1) * i + y + 1) + S +
+                1;
+        row.out = j.out + static_cast<intptr_t>(j.outPitch) * y;
+        fn(&row);
     }
     return TL_OK;
 }
@@ -676,9 +673,9 @@ TLResult SgmCostAggregator_sumPaths(SgmCostAggregator* aggregator, Image* aggreg
         return TL_ERROR_PARAM;
     ImageStripeFn fn;
     if (aggregated->format == IMAGE_FORMAT_UINT8) {
-        fn = numPaths == 4 ? sumStripe<uint8_t, 4> : sumStripe<uint8_t, 8>;
+        fn = numPaths == 4 ? sumStripe<4, false> : sumStripe<8, false>;
     } else if (aggregated->format == IMAGE_FORMAT_UINT16) {
-        fn = numPaths == 4 ? sumStripe<uint16_t, 4> : sumStripe<uint16_t, 8>;
+        fn = numPaths == 4 ? sumStripe<4, true> : sumStripe<8, true>;
     } else {
         return TL_ERROR_UNSUPPORTED;
     }

@@ -270,6 +270,63 @@ void checkPenalty(CheckContext* ctx, const char* kernel, const Variant& v, vq_tl
     Check_reportBench(kernel, v.name, ns, refNs, width, "px");
 }
 
+struct SumCase {
+    vq_tl::AggregationSumFn fn;
+    vq_tl::AggregationPlaneSum row;
+};
+
+void callSum(void* arg) {
+    const SumCase* c = static_cast<const SumCase*>(arg);
+    c->fn(&c->row);
+}
+
+// 4 or 8 path rows (extremes included: 8 x 255 wraps the 8-bit entries)
+// into a row of 8- or 16-bit entries with its pads.
+void checkSum(CheckContext* ctx, const char* kernel, const Variant& v, vq_tl::AggregationSumFn ref,
+              vq_tl::AggregationSumFn var, int32_t entryBytes) {
+    ++ctx->kernelsChecked;
+    for (int32_t it = 0; it <= ctx->iterations; ++it) {
+        CheckRandom* rnd = &ctx->random;
+        const bool bench = it == ctx->iterations;
+        if (bench && !ctx->bench) break;
+        const int32_t D = bench ? 24 : randomDisparities(rnd);
+        const int32_t width = bench ? 1080 : CheckRandom_range(rnd, 1, it % 4 == 0 ? 300 : 40);
+        const int32_t n = bench || CheckRandom_range(rnd, 0, 1) == 0 ? 4 : 8;
+        GuardedPlane planes[8], outRef, outVar;
+        SumCase c{};
+        for (int32_t i = 0; i < n; ++i) {
+            GuardedPlane_init(&planes[i], (width + 2) * (D + 1) + 1, 1, 1, rnd);
+            fillPathRow(rnd, planes[i].data, width, D);
+            c.row.planes[i] = planes[i].data + (D + 1) + 1;
+        }
+        GuardedPlane_init(&outRef, width * (D + 2) * entryBytes, 1, entryBytes, rnd);
+        GuardedPlane_init(&outVar, outRef.rowBytes, 1, entryBytes, rnd);
+        GuardedPlane_copyRows(&outVar, &outRef);
+        c.row.numPlanes = n;
+        c.row.width = width;
+        c.row.numDisparities = D;
+        if (bench) {
+            c.row.out = outRef.data;
+            c.fn = ref;
+            const double refNs = Check_timeNs(callSum, &c, 200);
+            c.fn = var;
+            const double ns = Check_timeNs(callSum, &c, 200);
+            Check_reportBench(kernel, "scalar", refNs, refNs, static_cast<double>(width) * D, "entry");
+            Check_reportBench(kernel, v.name, ns, refNs, static_cast<double>(width) * D, "entry");
+            break;
+        }
+        c.fn = ref;
+        c.row.out = outRef.data;
+        callSum(&c);
+        c.fn = var;
+        c.row.out = outVar.data;
+        callSum(&c);
+        char text[96];
+        std::snprintf(text, sizeof(text), "D %d, width %d, %d planes", D, width, n);
+        if (!Check_outputs(ctx, kernel, v, &outRef, &outVar, text)) return;
+    }
+}
+
 void runAggregation(CheckContext* ctx) {
     AggregationKernels ref;
     vq_tl::AggregationKernels_fill(&ref, 0);
@@ -282,6 +339,8 @@ void runAggregation(CheckContext* ctx) {
             checkRows(ctx, "aggregation chain row", v, ref.chainRow, t.chainRow, nullptr, nullptr);
         if (t.chainRows2 != ref.chainRows2)
             checkRows(ctx, "aggregation chain rows x2", v, nullptr, nullptr, ref.chainRows2, t.chainRows2);
+        if (t.sumU8 != ref.sumU8) checkSum(ctx, "aggregation sum u8", v, ref.sumU8, t.sumU8, 1);
+        if (t.sumU16 != ref.sumU16) checkSum(ctx, "aggregation sum u16", v, ref.sumU16, t.sumU16, 2);
         if (t.penaltyU8 != ref.penaltyU8)
             checkPenalty(ctx, "aggregation penalty u8", v, ref.penaltyU8, t.penaltyU8, 1);
         if (t.penaltyU88 != ref.penaltyU88)

@@ -90,7 +90,9 @@ inline void penaltyRow(const AggregationPenalty* r) {
     }
 }
 
-template <typename T>
+// The plane count as a constant, as the loops this replaced had it: the
+// compiler vectorises the slots then.
+template <typename T, int kPlanes>
 inline void sumRow(const AggregationPlaneSum* r) {
     const int32_t D = r->numDisparities, S = D + 1;
     for (int32_t x = 0; x < r->width; ++x) {
@@ -98,7 +100,7 @@ inline void sumRow(const AggregationPlaneSum* r) {
         const intptr_t off = static_cast<intptr_t>(x) * S;
         for (int32_t k = 0; k < D; ++k) {
             uint32_t s = 0;
-            for (int32_t i = 0; i < r->numPlanes; ++i) s += r->planes[i][off + k];
+            for (int32_t i = 0; i < kPlanes; ++i) s += r->planes[i][off + k];
             A[k + 1] = static_cast<T>(s);
         }
         A[0] = A[2];
@@ -108,8 +110,21 @@ inline void sumRow(const AggregationPlaneSum* r) {
 
 }  // namespace
 
-void aggregationSumU8_c(const AggregationPlaneSum* row) { sumRow<uint8_t>(row); }
-void aggregationSumU16_c(const AggregationPlaneSum* row) { sumRow<uint16_t>(row); }
+void aggregationSumU8_c(const AggregationPlaneSum* row) {
+    if (row->numPlanes == 4) {
+        sumRow<uint8_t, 4>(row);
+    } else {
+        sumRow<uint8_t, 8>(row);
+    }
+}
+
+void aggregationSumU16_c(const AggregationPlaneSum* row) {
+    if (row->numPlanes == 4) {
+        sumRow<uint16_t, 4>(row);
+    } else {
+        sumRow<uint16_t, 8>(row);
+    }
+}
 
 void aggregationPenaltyU8_c(const AggregationPenalty* row) { penaltyRow<1>(row); }
 void aggregationPenaltyU88_c(const AggregationPenalty* row) { penaltyRow<2>(row); }

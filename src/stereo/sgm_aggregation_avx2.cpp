@@ -1,6 +1,7 @@
 // Path updates with AVX2: the D slots of one pixel in 32-byte chunks and one
 // last chunk of 8, 16 or 24 slots, D = 8 to 64; larger D takes the scalar
-// kernels.
+// kernels (chain rows up to D = 24 in 16-byte chunks). The plane sums go
+// the same way for any D, the guided penalties 16 pixels at a time.
 #include <immintrin.h>
 
 #include "stereo/sgm_aggregation.h"

@@ -1,6 +1,7 @@
 // Path updates with NEON: the D slots of one pixel in 16-byte chunks (and
 // one 8-byte chunk where D is an odd multiple of 8), D = 8 to 64; larger D
-// takes the scalar kernels.
+// takes the scalar kernels. The plane sums go the same way for any D; the
+// guided penalties stay scalar (32-bit NEON has no division).
 #include <arm_neon.h>
 
 #include "stereo/sgm_aggregation.h"

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "imageproc/image_stripes.h"
+#include "stereo/sgm_aggregation.h"
 
 namespace vq_tl {
 
@@ -10,7 +11,8 @@ namespace {
 
 constexpr int8_t kDx[kSgmMaxPaths] = {-1, +1, 0, 0, -1, +1, +1, -1};
 constexpr int8_t kDy[kSgmMaxPaths] = {0, 0, -1, +1, -1, +1, -1, +1};
-// The directions of each pass of the 2-way and serial shapes, in order.
+// The directions of each pass of the 2-way and serial shapes, in order; the
+// first runs along the rows.
 constexpr int32_t kForward[4] = {0, 2, 4, 6};
 constexpr int32_t kBackward[4] = {1, 3, 5, 7};
 
@@ -20,11 +22,6 @@ constexpr uint8_t kSeparator = 255;
 enum GuideKind : int32_t { GUIDE_NONE = 0, GUIDE_U8 = 1, GUIDE_U88 = 2 };
 
 enum Shape : int32_t { SHAPE_PARALLEL, SHAPE_TWO_WAY, SHAPE_SERIAL };
-
-template <typename T>
-inline T minOf(T a, T b) {
-    return b < a ? b : a;
-}
 
 // Everything a pass needs, checked once.
 struct AggInputs {
@@ -43,59 +40,36 @@ struct AggInputs {
     uint8_t smallPenalty, largePenalty;
 };
 
-// One pixel of one path: out gets L' of p from prev, L' of the previous
-// pixel q, and the pixel's costs. prev[-1] and prev[D] are separators, so
-// the loop over the slots has no range test.
-inline void pathStep(uint8_t* __restrict out, const uint8_t* __restrict prev, const uint8_t* __restrict cost,
-                     int32_t D, uint8_t P1, uint8_t P2) {
-    uint8_t m = 255;
-    for (int32_t k = 0; k < D; ++k) {
-        const uint8_t a = minOf(prev[k - 1], prev[k + 1]);
-        const uint8_t b = minOf(static_cast<uint8_t>(a + P1), P2);
-        const uint8_t l = static_cast<uint8_t>(minOf(b, prev[k]) + cost[k]);
-        out[k] = l;
-        m = minOf(m, l);
-    }
-    for (int32_t k = 0; k < D; ++k) out[k] = static_cast<uint8_t>(out[k] - m);
-}
-
-// P2 of every pixel of row y in direction dir, from the guide step between
-// the pixel and its previous one. The guide has a border of 1, so the
-// previous pixel of a path's first pixel is read from the border.
-template <int kGuide, bool kVariable>
-void fillPenaltyRow(const AggInputs& in, int32_t dir, int32_t y, uint8_t* out) {
+// P2 of pixels x0 to x1 - 1 of row y in direction dir (into out from out[0]),
+// from the guide step between the pixel and its previous one. The guide has
+// a border of 1, so the previous pixel of a path's first pixel is read from
+// the border.
+template <int kChannels>
+void fillPenaltyRow(const AggInputs& in, int32_t dir, int32_t y, int32_t x0, int32_t x1, uint8_t* out) {
     const int32_t dx = kDx[dir], dy = kDy[dir];
-    const uint8_t* base = kVariable ? in.penalty + static_cast<intptr_t>(in.penaltyPitch) * y : nullptr;
-    const uint8_t* gp = in.guide + static_cast<intptr_t>(in.guidePitch) * (y + 1);
-    const uint8_t* gq = in.guide + static_cast<intptr_t>(in.guidePitch) * (y + 1 + dy);
-    const int32_t lower = in.smallPenalty + 1;
-    for (int32_t x = 0; x < in.width; ++x) {
-        const int32_t p2 = kVariable ? base[x] : in.largePenalty;
-        int32_t g;
-        if (kGuide == GUIDE_U8) {
-            const int32_t d = gp[x + 1] - gq[x + 1 + dx];
-            g = d < 0 ? -d : d;
-        } else {
-            const int32_t i = 2 * (x + 1), j = 2 * (x + 1 + dx);
-            const int32_t du = gp[i] - gq[j], dv = gp[i + 1] - gq[j + 1];
-            g = ((du < 0 ? -du : du) + (dv < 0 ? -dv : dv)) >> 1;
-        }
-        // 1 + g reaches 256 only for g = 255; as a byte that would wrap to a
-        // division by zero, so the unwrapped 256 is taken there.
-        const int32_t den = 1 + g;
-        const int32_t q = (p2 + (den >> 1)) / den;
-        out[x] = static_cast<uint8_t>(q > lower ? q : lower);
+    AggregationPenalty row;
+    row.out = out;
+    row.guide = in.guide + static_cast<intptr_t>(in.guidePitch) * (y + 1) + (x0 + 1) * kChannels;
+    row.guidePrev =
+        in.guide + static_cast<intptr_t>(in.guidePitch) * (y + 1 + dy) + (x0 + 1 + dx) * kChannels;
+    if (in.penalty != nullptr) {
+        row.p2 = in.penalty + static_cast<intptr_t>(in.penaltyPitch) * y + x0;
+        row.p2Step = 1;
+    } else {
+        row.p2 = &in.largePenalty;
+        row.p2Step = 0;
     }
+    row.lower = in.smallPenalty + 1;
+    row.width = x1 - x0;
+    const AggregationKernels* kernels = AggregationKernels_get();
+    (kChannels == 1 ? kernels->penaltyU8 : kernels->penaltyU88)(&row);
 }
 
-using PenaltyRowFn = void (*)(const AggInputs&, int32_t, int32_t, uint8_t*);
+using PenaltyRowFn = void (*)(const AggInputs&, int32_t, int32_t, int32_t, int32_t, uint8_t*);
 
 PenaltyRowFn penaltyRowFn(const AggInputs& in) {
-    const bool variable = in.penalty != nullptr;
-    if (in.guideKind == GUIDE_U8)
-        return variable ? fillPenaltyRow<GUIDE_U8, true> : fillPenaltyRow<GUIDE_U8, false>;
-    if (in.guideKind == GUIDE_U88)
-        return variable ? fillPenaltyRow<GUIDE_U88, true> : fillPenaltyRow<GUIDE_U88, false>;
+    if (in.guideKind == GUIDE_U8) return fillPenaltyRow<1>;
+    if (in.guideKind == GUIDE_U88) return fillPenaltyRow<2>;
     return nullptr;
 }
 
@@ -108,11 +82,56 @@ struct PenaltyRow {
 
 PenaltyRow penaltyRow(const AggInputs& in, PenaltyRowFn fill, int32_t dir, int32_t y, uint8_t* segment) {
     if (fill != nullptr) {
-        fill(in, dir, y, segment);
+        fill(in, dir, y, 0, in.width, segment);
         return PenaltyRow{segment, 1};
     }
     if (in.penalty != nullptr) return PenaltyRow{in.penalty + static_cast<intptr_t>(in.penaltyPitch) * y, 1};
     return PenaltyRow{&in.largePenalty, 0};
+}
+
+// Pixels per run of chainRows: the guided penalties of two runs sit on the
+// stack.
+constexpr int32_t kChainRun = 512;
+
+// Chain rows (directions with dy = 0) of rows ys[0] and, with count 2,
+// ys[1], side by side: each pixel of a chain row waits for the one before,
+// and two independent rows hide that wait. rows[i] describe the whole rows;
+// they are cut into runs from the start of the path, each run taking its
+// previous pixel from the run before, so the bytes are those of one call per
+// row.
+void chainRows(const AggInputs& in, const AggregationKernels* kernels, PenaltyRowFn fill, int32_t dir,
+               const AggregationRow* rows, const int32_t* ys, int32_t count) {
+    const int32_t W = in.width, D = in.numDisparities, S = D + 1;
+    uint8_t penalties[2][kChainRun];
+    const bool forward = kDx[dir] < 0;
+    for (int32_t done = 0; done < W; done += kChainRun) {
+        const int32_t len = W - done < kChainRun ? W - done : kChainRun;
+        const int32_t x0 = forward ? done : W - done - len;
+        AggregationRow run[2];
+        for (int32_t i = 0; i < count; ++i) {
+            run[i] = rows[i];
+            run[i].out += static_cast<intptr_t>(x0) * S;
+            run[i].cost += static_cast<intptr_t>(x0) * D;
+            if (run[i].sum != nullptr) run[i].sum += static_cast<intptr_t>(x0) * (D + 2);
+            run[i].width = len;
+            if (fill != nullptr) {
+                fill(in, dir, ys[i], x0, x0 + len, penalties[i]);
+                run[i].p2 = penalties[i];
+                run[i].p2Step = 1;
+            } else if (in.penalty != nullptr) {
+                run[i].p2 = in.penalty + static_cast<intptr_t>(in.penaltyPitch) * ys[i] + x0;
+                run[i].p2Step = 1;
+            } else {
+                run[i].p2 = &in.largePenalty;
+                run[i].p2Step = 0;
+            }
+        }
+        if (count == 2) {
+            kernels->chainRows2(&run[0], &run[1]);
+        } else {
+            kernels->chainRow(&run[0]);
+        }
+    }
 }
 
 // --- Parallel shape: one task per direction over its own plane -------------
@@ -127,17 +146,39 @@ TLResult directionTask(void* arg, int32_t dir, int32_t count) {
     uint8_t* segment =
         in.rowPenalty != nullptr ? in.rowPenalty + static_cast<intptr_t>(in.rowPenaltyPitch) * dir : nullptr;
     const intptr_t planeRow = static_cast<intptr_t>(H + 1) * dir;
+    const AggregationKernels* kernels = AggregationKernels_get();
+    AggregationRow row{};
+    row.width = W;
+    row.numDisparities = D;
+    row.dx = dx;
+    row.smallPenalty = in.smallPenalty;
+    row.sumMode = AGG_SUM_NONE;
+    if (dy == 0) {
+        // Rows along the path are independent of each other: two at a time.
+        for (int32_t n = 0; n < H; n += 2) {
+            AggregationRow rows[2] = {row, row};
+            int32_t ys[2];
+            const int32_t count = n + 1 < H ? 2 : 1;
+            for (int32_t i = 0; i < count; ++i) {
+                ys[i] = forward ? n + i : H - 1 - n - i;
+                rows[i].out = in.path + in.pathPitch * (planeRow + ys[i] + 1) + S + 1;
+                rows[i].cost = in.cost + static_cast<intptr_t>(in.costPitch) * ys[i];
+            }
+            chainRows(in, kernels, fill, dir, rows, ys, count);
+        }
+        return TL_OK;
+    }
+    // The other directions take the previous row, whose pixels are
+    // independent of each other.
     for (int32_t n = 0; n < H; ++n) {
         const int32_t y = forward ? n : H - 1 - n;
         const PenaltyRow p2 = penaltyRow(in, fill, dir, y, segment);
-        uint8_t* outRow = in.path + in.pathPitch * (planeRow + y + 1);
-        const uint8_t* prevRow = in.path + in.pathPitch * (planeRow + y + dy + 1);
-        const uint8_t* costRow = in.cost + static_cast<intptr_t>(in.costPitch) * y;
-        for (int32_t m = 0; m < W; ++m) {
-            const int32_t x = forward ? m : W - 1 - m;
-            pathStep(outRow + (x + 1) * S + 1, prevRow + (x + dx + 1) * S + 1, costRow + x * D, D,
-                     in.smallPenalty, p2.p[x * p2.step]);
-        }
+        row.out = in.path + in.pathPitch * (planeRow + y + 1) + S + 1;
+        row.prev = in.path + in.pathPitch * (planeRow + y + dy + 1) + (dx + 1) * S + 1;
+        row.cost = in.cost + static_cast<intptr_t>(in.costPitch) * y;
+        row.p2 = p2.p;
+        row.p2Step = p2.step;
+        kernels->crossRow(&row);
     }
     return TL_OK;
 }
@@ -159,41 +200,60 @@ void runPass(const Pass& pass) {
     const int32_t W = in.width, H = in.height, D = in.numDisparities, S = D + 1;
     const bool forward = (pass.dirs[0] & 1) == 0;
     const PenaltyRowFn fill = penaltyRowFn(in);
-    PenaltyRow p2[4];
-    uint8_t* cur[4];
-    const uint8_t* prev[4];
-    for (int32_t n = 0; n < H; ++n) {
-        const int32_t y = forward ? n : H - 1 - n;
-        for (int32_t j = 0; j < pass.count; ++j) {
-            const int32_t d = pass.dirs[j];
-            uint8_t* segment =
-                in.rowPenalty != nullptr
-                    ? in.rowPenalty + static_cast<intptr_t>(W) * (pass.segmentByDirection ? d : j)
-                    : nullptr;
-            p2[j] = penaltyRow(in, fill, d, y, segment);
-            // Direction d keeps rows 2d and 2d + 1; row y goes to 2d + (y & 1).
-            cur[j] = in.path + static_cast<intptr_t>(in.pathPitch) * (2 * d + (y & 1));
-            prev[j] = in.path + static_cast<intptr_t>(in.pathPitch) * (2 * d + ((y + kDy[d]) & 1));
+    const AggregationKernels* kernels = AggregationKernels_get();
+    AggregationRow row{};
+    row.width = W;
+    row.numDisparities = D;
+    row.smallPenalty = in.smallPenalty;
+    // Direction d keeps rows 2d and 2d + 1; row y goes to 2d + (y & 1).
+    auto ringRow = [&](int32_t d, int32_t y) {
+        return in.path + static_cast<intptr_t>(in.pathPitch) * (2 * d + (y & 1));
+    };
+    auto sumRow = [&](int32_t y) {
+        return reinterpret_cast<uint16_t*>(reinterpret_cast<uint8_t*>(pass.aggregated) +
+                                           static_cast<intptr_t>(pass.aggregatedPitch) * y) +
+               1;
+    };
+    // The directions of a pass touch disjoint rows, so each may do its whole
+    // row before the next, and the first (along the rows, dy = 0) two rows at
+    // a time; the sums and the pads of a pixel come out as when the
+    // directions alternate pixel by pixel.
+    for (int32_t n = 0; n < H; n += 2) {
+        const int32_t count = n + 1 < H ? 2 : 1;
+        int32_t ys[2];
+        AggregationRow rows[2];
+        const int32_t d0 = pass.dirs[0];
+        for (int32_t i = 0; i < count; ++i) {
+            ys[i] = forward ? n + i : H - 1 - n - i;
+            rows[i] = row;
+            rows[i].out = ringRow(d0, ys[i]) + S + 1;
+            rows[i].cost = in.cost + static_cast<intptr_t>(in.costPitch) * ys[i];
+            rows[i].sum = sumRow(ys[i]);
+            rows[i].dx = kDx[d0];
+            rows[i].sumMode = pass.set ? AGG_SUM_SET : AGG_SUM_ADD;
+            rows[i].pads = pass.count == 1 ? 1 : 0;
         }
-        const uint8_t* costRow = in.cost + static_cast<intptr_t>(in.costPitch) * y;
-        uint16_t* aggRow = reinterpret_cast<uint16_t*>(reinterpret_cast<uint8_t*>(pass.aggregated) +
-                                                       static_cast<intptr_t>(pass.aggregatedPitch) * y);
-        for (int32_t m = 0; m < W; ++m) {
-            const int32_t x = forward ? m : W - 1 - m;
-            uint16_t* A = aggRow + static_cast<intptr_t>(x) * (D + 2) + 1;
-            for (int32_t j = 0; j < pass.count; ++j) {
+        chainRows(in, kernels, fill, d0, rows, ys, count);
+        for (int32_t i = 0; i < count; ++i) {
+            const int32_t y = ys[i];
+            row.cost = rows[i].cost;
+            row.sum = rows[i].sum;
+            for (int32_t j = 1; j < pass.count; ++j) {
                 const int32_t d = pass.dirs[j];
-                uint8_t* out = cur[j] + (x + 1) * S + 1;
-                pathStep(out, prev[j] + (x + kDx[d] + 1) * S + 1, costRow + x * D, D, in.smallPenalty,
-                         p2[j].p[x * p2[j].step]);
-                if (j == 0 && pass.set) {
-                    for (int32_t k = 0; k < D; ++k) A[k] = out[k];
-                } else {
-                    for (int32_t k = 0; k < D; ++k) A[k] = static_cast<uint16_t>(A[k] + out[k]);
-                }
+                uint8_t* segment =
+                    in.rowPenalty != nullptr
+                        ? in.rowPenalty + static_cast<intptr_t>(W) * (pass.segmentByDirection ? d : j)
+                        : nullptr;
+                const PenaltyRow p2 = penaltyRow(in, fill, d, y, segment);
+                row.p2 = p2.p;
+                row.p2Step = p2.step;
+                row.out = ringRow(d, y) + S + 1;
+                row.prev = ringRow(d, y + kDy[d]) + (kDx[d] + 1) * S + 1;
+                row.dx = kDx[d];
+                row.sumMode = AGG_SUM_ADD;
+                row.pads = j == pass.count - 1 ? 1 : 0;
+                kernels->crossRow(&row);
             }
-            A[-1] = A[1];
-            A[D] = A[D - 2];
         }
     }
 }
@@ -416,29 +476,26 @@ struct SumArgs {
     int32_t width, height, numDisparities;
 };
 
-template <typename T, int kPaths>
+template <int kPaths, bool kWide>
 TLResult sumStripe(void* arg, int32_t index, int32_t count) {
     const SumArgs& j = *static_cast<const SumArgs*>(arg);
     const int32_t D = j.numDisparities, S = D + 1;
+    const AggregationKernels* kernels = AggregationKernels_get();
+    const AggregationSumFn fn = kWide ? kernels->sumU16 : kernels->sumU8;
+    AggregationPlaneSum row{};
+    row.numPlanes = kPaths;
+    row.width = j.width;
+    row.numDisparities = D;
     int32_t first, last;
     ImageStripe_rows(j.height, index, count, &first, &last);
     for (int32_t y = first; y < last; ++y) {
-        const uint8_t* planes[kPaths];
         for (int32_t i = 0; i < kPaths; ++i)
-            planes[i] = j.path + static_cast<intptr_t>(j.pathPitch) *
-                                     (static_cast<intptr_t>(j.height + 1) * i + y + 1);
-        T* row = reinterpret_cast<T*>(j.out + static_cast<intptr_t>(j.outPitch) * y);
-        for (int32_t x = 0; x < j.width; ++x) {
-            T* A = row + static_cast<intptr_t>(x) * (D + 2);
-            const int32_t off = (x + 1) * S + 1;
-            for (int32_t k = 0; k < D; ++k) {
-                uint32_t s = 0;
-                for (int32_t i = 0; i < kPaths; ++i) s += planes[i][off + k];
-                A[k + 1] = static_cast<T>(s);
-            }
-            A[0] = A[2];
-            A[D + 1] = A[D - 1];
-        }
+            row.planes[i] =
+                j.path +
+                static_cast<intptr_t>(j.pathPitch) * (static_cast<intptr_t>(j.height + 1) * i + y + 1) + S +
+                1;
+        row.out = j.out + static_cast<intptr_t>(j.outPitch) * y;
+        fn(&row);
     }
     return TL_OK;
 }
@@ -616,9 +673,9 @@ TLResult SgmCostAggregator_sumPaths(SgmCostAggregator* aggregator, Image* aggreg
         return TL_ERROR_PARAM;
     ImageStripeFn fn;
     if (aggregated->format == IMAGE_FORMAT_UINT8) {
-        fn = numPaths == 4 ? sumStripe<uint8_t, 4> : sumStripe<uint8_t, 8>;
+        fn = numPaths == 4 ? sumStripe<4, false> : sumStripe<8, false>;
     } else if (aggregated->format == IMAGE_FORMAT_UINT16) {
-        fn = numPaths == 4 ? sumStripe<uint16_t, 4> : sumStripe<uint16_t, 8>;
+        fn = numPaths == 4 ? sumStripe<4, true> : sumStripe<8, true>;
     } else {
         return TL_ERROR_UNSUPPORTED;
     }

@@ -214,10 +214,9 @@ std::vector<uint16_t> runShape(Problem& p, int shape, int paths, Pel* pel, TLRes
 }
 
 // Census costs 0 to 24; a guide of flat areas and steps; P2 sometimes below P1.
-std::unique_ptr<Problem> randomProblem(std::mt19937& rng, int guideChannels, bool variable) {
-    auto p =
-        std::make_unique<Problem>(11 + static_cast<int32_t>(rng() % 9), 5 + static_cast<int32_t>(rng() % 7),
-                                  8 * (1 + static_cast<int32_t>(rng() % 3)));
+std::unique_ptr<Problem> randomProblem(std::mt19937& rng, int guideChannels, bool variable, int32_t W,
+                                       int32_t H, int32_t D) {
+    auto p = std::make_unique<Problem>(W, H, D);
     for (int32_t i = 0; i < p->W * p->D * p->H; ++i)
         p->cost.u8(i % (p->W * p->D), i / (p->W * p->D)) = rng() % 25;
     if (guideChannels != 0) {
@@ -232,6 +231,11 @@ std::unique_ptr<Problem> randomProblem(std::mt19937& rng, int guideChannels, boo
     p->P1 = static_cast<uint8_t>(1 + rng() % 6);
     p->P2 = static_cast<uint8_t>(rng() % 3 == 0 ? p->P1 - 1 : 10 + rng() % 60);
     return p;
+}
+
+std::unique_ptr<Problem> randomProblem(std::mt19937& rng, int guideChannels, bool variable) {
+    const int32_t W = 11 + static_cast<int32_t>(rng() % 9), H = 5 + static_cast<int32_t>(rng() % 7);
+    return randomProblem(rng, guideChannels, variable, W, H, 8 * (1 + static_cast<int32_t>(rng() % 3)));
 }
 
 // Base-view disparity: top half 9.25, bottom half slanted 5 to 13, a rectangle at 16 in front. The
@@ -377,6 +381,28 @@ TEST(SgmCostAggregator, ThreeShapesAgreeWithTheReferenceOnEveryPel) {
                 ASSERT_TRUE(runShape(*p, shape, paths, pel, &r) == want && r == TL_OK)
                     << "case " << i << " shape " << shape << " on pel " << (pel != nullptr);
             }
+        }
+    }
+}
+
+// Rows of more than 512 pixels: the aggregator walks the chain directions in runs of 512, two rows at a
+// time, and the runs must join up as one walk; odd heights leave a single last row.
+TEST(SgmCostAggregator, LongRowsAgreeWithTheReference) {
+    Layers& layers = sharedLayers();
+    std::mt19937 rng(1123);
+    const struct {
+        int guide;
+        bool variable;
+        int32_t W, H, D, paths;
+    } cases[] = {{2, false, 1100, 3, 24, 4}, {0, true, 1030, 4, 64, 8}, {1, false, 513, 3, 8, 8}};
+    for (const auto& c : cases) {
+        auto p = randomProblem(rng, c.guide, c.variable, c.W, c.H, c.D);
+        const std::vector<uint16_t> want = referenceVolume(*p, c.paths);
+        for (int shape = 0; shape < 3; ++shape) {
+            if (shape == 1 && c.variable) continue;
+            TLResult r;
+            EXPECT_TRUE(runShape(*p, shape, c.paths, &layers.pel, &r) == want && r == TL_OK)
+                << "width " << c.W << " shape " << shape;
         }
     }
 }

@@ -1,0 +1,118 @@
+// Path-update kernels of SgmCostAggregator: one row of one direction at a
+// time.
+//
+// Path costs are bytes and every step wraps at 8 bits, as in
+// sgm_cost_aggregator.h: with q the previous pixel of p,
+//   a = min(L'(q, k - 1), L'(q, k + 1))
+//   b = min(a + P1, P2(p))
+//   L(p, k) = min(b, L'(q, k)) + C(p, k)
+//   L'(p, k) = L(p, k) - min over k of L(p, k)
+// where L'(q, -1) and L'(q, D) are the separators (255) beside q's costs.
+//
+// A cross row takes its previous pixels from another row (directions with
+// dy != 0), so its pixels are independent; a chain row takes them from the
+// same row (dy = 0), pixel x - dx before pixel x.
+//
+// The scalar kernels are the definition of the result; the table's other
+// forms give the same bytes (checked by the kernel harness).
+#pragma once
+
+#include <cstdint>
+
+namespace vq_tl {
+
+enum AggregationSum : int32_t {
+    AGG_SUM_NONE = 0,  // `sum` is not touched
+    AGG_SUM_SET = 1,   // sum slot k = L'(p, k)
+    AGG_SUM_ADD = 2,   // sum slot k += L'(p, k), wrapping at 16 bits
+};
+
+struct AggregationRow {
+    // Pixel x (0 <= x < width) has its D path costs at out + x * (D + 1); the
+    // byte before and the byte after them are separators.
+    uint8_t* out;
+    // Cross rows: the costs of pixel x's previous pixel at prev + x * (D + 1),
+    // separators around them as for out. Chain rows: unused.
+    const uint8_t* prev;
+    const uint8_t* cost;  // pixel x's matching costs at cost + x * D
+    const uint8_t* p2;    // P2 of pixel x at p2[x * p2Step]
+    // AGG_SUM_SET / ADD: pixel x's slot k at sum[x * (D + 2) + k]; with pads
+    // set, sum[x * (D + 2) - 1] = slot 1 and sum[x * (D + 2) + D] = slot D - 2
+    // afterwards.
+    uint16_t* sum;
+    int32_t p2Step;  // 1, or 0 for one value for the whole row
+    int32_t sumMode;
+    int32_t pads;
+    int32_t width;           // at least 1
+    int32_t numDisparities;  // D: 8 to 248, a multiple of 8
+    // Chain rows: -1 (pixel 0 first; pixel 0's previous pixel at out - (D + 1))
+    // or +1 (pixel width - 1 first; its previous at out + width * (D + 1)).
+    int32_t dx;
+    uint8_t smallPenalty;  // P1
+};
+
+using AggregationRowFn = void (*)(const AggregationRow* row);
+// Two chain rows with the same width, D, dx and P1 (other rows, costs,
+// penalties and sums): the same bytes as chainRow on each.
+using AggregationRows2Fn = void (*)(const AggregationRow* row0, const AggregationRow* row1);
+
+// The guided large penalty of the pixels of one row in one direction: with g
+// the guide step between pixel x and its previous pixel, |guide - guidePrev|
+// for one channel and (|dU| + |dV|) >> 1 for two,
+//   out[x] = max((P2 + ((1 + g) >> 1)) / (1 + g), lower) as a byte,
+// lower = P1 + 1 (1 to 256; 256 gives 0, the byte of the unwrapped value).
+struct AggregationPenalty {
+    uint8_t* out;
+    const uint8_t* guide;      // pixel x's channels from guide[x * channels]
+    const uint8_t* guidePrev;  // its previous pixel's from guidePrev[x * channels]
+    const uint8_t* p2;         // P2 of pixel x at p2[x * p2Step]
+    int32_t p2Step;            // 1, or 0 for one value for the whole row
+    int32_t lower;
+    int32_t width;
+};
+
+using AggregationPenaltyFn = void (*)(const AggregationPenalty* row);
+
+// One row of the aggregated volume from the path planes of the parallel
+// shape: entry k + 1 of pixel x = the sum over the planes of slot k, wrapping
+// at the entry's width (8 or 16 bits), entry 0 = entry 2 and entry D + 1 =
+// entry D - 1.
+struct AggregationPlaneSum {
+    void* out;                 // pixel x's D + 2 entries from entry x * (D + 2)
+    const uint8_t* planes[8];  // pixel x's slots at planes[i] + x * (D + 1)
+    int32_t numPlanes;         // 4 or 8
+    int32_t width;
+    int32_t numDisparities;
+};
+
+using AggregationSumFn = void (*)(const AggregationPlaneSum* row);
+
+struct AggregationKernels {
+    AggregationRowFn crossRow;
+    AggregationRowFn chainRow;
+    AggregationRows2Fn chainRows2;
+    AggregationPenaltyFn penaltyU8;   // one guide channel
+    AggregationPenaltyFn penaltyU88;  // two
+    AggregationSumFn sumU8;
+    AggregationSumFn sumU16;
+};
+
+void aggregationCrossRow_c(const AggregationRow* row);
+void aggregationChainRow_c(const AggregationRow* row);
+void aggregationChainRows2_c(const AggregationRow* row0, const AggregationRow* row1);
+void aggregationPenaltyU8_c(const AggregationPenalty* row);
+void aggregationPenaltyU88_c(const AggregationPenalty* row);
+void aggregationSumU8_c(const AggregationPlaneSum* row);
+void aggregationSumU16_c(const AggregationPlaneSum* row);
+
+// The table for the instruction sets of `features` (kCpu* bits) that this
+// build holds; 0 gives the scalar table.
+void AggregationKernels_fill(AggregationKernels* table, uint32_t features);
+// The process's table, for Cpu_getFeatures().
+const AggregationKernels* AggregationKernels_get();
+
+void AggregationKernels_addSse41(AggregationKernels* table);
+void AggregationKernels_addAvx2(AggregationKernels* table);
+void AggregationKernels_addNeon(AggregationKernels* table);
+
+}  // namespace vq_tl

@@ -20,8 +20,8 @@ namespace {
 // Every block carries its capacity in front, in 16 bytes so that the caller's
 // part keeps malloc's alignment.
 constexpr size_t kHeader = 16;
-constexpr size_t kLargeBlock = size_t{1} << 20;
-constexpr int kCacheSlots = 8;
+constexpr size_t kLargeBlock = size_t{256} << 10;
+constexpr int kCacheSlots = 32;
 #if defined(VQ_TL_NO_BLOCK_CACHE)
 constexpr size_t kCacheBudget = 0;
 #else

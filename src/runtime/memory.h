@@ -1,7 +1,7 @@
 // The library's one allocator seam: every block of the library is taken with
 // Memory_alloc and given back with Memory_free.
 //
-// Large blocks (1 MiB and up: the matcher's volumes, the refiner's guides,
+// Large blocks (256 KiB and up: the matcher's volumes, the refiner's guides,
 // taken and given back once per frame) are kept after Memory_free for the
 // next call that asks for about the same size, up to a fixed budget: without
 // this every frame pays for first touches of fresh pages, about a sixth of a

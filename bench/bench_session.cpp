@@ -5,6 +5,9 @@
 //
 // BM_SessionShot times one whole shot through velquin_TwinLens_process on
 // the calling thread: grids already built, estimate, lift, publication.
+// BM_WholeShot adds velquin_TwinLens_blur at full strength into a frame of
+// the main camera's size: the whole job of one picture with synthetic depth
+// of field. CPU time is that of all threads, beside wall time.
 // BM_SessionDepthImage times velquin_TwinLens_getDepthImage into a
 // 1000 x 750 picture after that shot. The shares of the shot's stages come
 // from BM_EstimatorStages in bench_estimator.cpp, which runs the same frame
@@ -33,7 +36,23 @@ void BM_SessionShot(benchmark::State& state) {
         if (l.shot() != TL_OK) state.SkipWithError("shot failed");
     }
 }
-BENCHMARK(BM_SessionShot)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_SessionShot)->Unit(benchmark::kMillisecond)->UseRealTime()->MeasureProcessCPUTime();
+
+void BM_WholeShot(benchmark::State& state) {
+    BenchLiveShot& l = live();
+    if (!l.ready) {
+        state.SkipWithError("session or first shot failed");
+        return;
+    }
+    const size_t pixels = static_cast<size_t>(l.main.width) * l.main.height;
+    std::vector<uint8_t> out(pixels * 3 / 2);
+    const TwinLensImage dst{l.main.width, l.main.height, out.data(), out.data() + pixels, nullptr};
+    for (auto _ : state) {
+        if (l.shot() != TL_OK || velquin_TwinLens_blur(&l.session->handle, &dst, &l.main, 300.0) != TL_OK)
+            state.SkipWithError("shot or blur failed");
+    }
+}
+BENCHMARK(BM_WholeShot)->Unit(benchmark::kMillisecond)->UseRealTime()->MeasureProcessCPUTime();
 
 void BM_SessionDepthImage(benchmark::State& state) {
     BenchLiveShot& l = live();

@@ -324,7 +324,13 @@ TLResult fastHorizontalTask(void* arg, int32_t index, int32_t count) {
                 sp[j] = static_cast<float>(sr[x]);
             };
             for (int32_t j = 0; j < a - lo; ++j) convert(j, 0);
-            for (int32_t x = a; x < b; ++x) convert(x - lo, x);
+            if constexpr (std::is_same_v<T, uint8_t>) {
+                float* planes[C];
+                for (int c = 0; c < C; ++c) planes[c] = gp[c] + (a - lo);
+                BilateralKernels_get()->split[C - 1](planes, sp + (a - lo), gr + a * C, sr + a, b - a);
+            } else {
+                for (int32_t x = a; x < b; ++x) convert(x - lo, x);
+            }
             for (int32_t j = b - lo; j < hi - lo; ++j) convert(j, w - 1);
             blockRun<C, T, H>(q, g, s, p, blocks);
             storeRun<T>(rowAt<T>(p.dst, y) + x0, q, n);
@@ -354,9 +360,15 @@ TLResult fastVerticalTask(void* arg, int32_t index, int32_t count) {
             const uint8_t* gs = rowAt<const uint8_t>(p.guide, r) + x0 * C;
             const T* ss = rowAt<const T>(p.src, r) + x0;
             const int32_t slot = r % taps;
-            for (int32_t j = 0; j < n; ++j) {
-                for (int c = 0; c < C; ++c) gr[c][slot][j] = static_cast<float>(gs[j * C + c]);
-                sr[slot][j] = static_cast<float>(ss[j]);
+            if constexpr (std::is_same_v<T, uint8_t>) {
+                float* planes[C];
+                for (int c = 0; c < C; ++c) planes[c] = gr[c][slot];
+                BilateralKernels_get()->split[C - 1](planes, sr[slot], gs, ss, n);
+            } else {
+                for (int32_t j = 0; j < n; ++j) {
+                    for (int c = 0; c < C; ++c) gr[c][slot][j] = static_cast<float>(gs[j * C + c]);
+                    sr[slot][j] = static_cast<float>(ss[j]);
+                }
             }
             for (int32_t j = n; j < blocks; ++j) {
                 for (int c = 0; c < C; ++c) gr[c][slot][j] = 0.0f;

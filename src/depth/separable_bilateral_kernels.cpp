@@ -87,7 +87,28 @@ void blockKernel_c(float* q, const float* const* g, const float* const* s, const
     blockRun_c<C, H>(q, g, s, *p, n);
 }
 
+template <int C>
+void split_c(float* const* planes, float* values, const uint8_t* guide, const uint8_t* src, int32_t n) {
+    for (int32_t j = 0; j < n; ++j) {
+        for (int c = 0; c < C; ++c) planes[c][j] = static_cast<float>(guide[j * C + c]);
+        values[j] = static_cast<float>(src[j]);
+    }
+}
+
 }  // namespace
+
+void bilateralSplit1_c(float* const* planes, float* values, const uint8_t* guide, const uint8_t* src,
+                       int32_t n) {
+    split_c<1>(planes, values, guide, src, n);
+}
+void bilateralSplit2_c(float* const* planes, float* values, const uint8_t* guide, const uint8_t* src,
+                       int32_t n) {
+    split_c<2>(planes, values, guide, src, n);
+}
+void bilateralSplit3_c(float* const* planes, float* values, const uint8_t* guide, const uint8_t* src,
+                       int32_t n) {
+    split_c<3>(planes, values, guide, src, n);
+}
 
 void BilateralKernels_fill(BilateralKernels* table, uint32_t features) {
     static constexpr BilateralBlockFn kScalar[3][4] = {
@@ -97,7 +118,11 @@ void BilateralKernels_fill(BilateralKernels* table, uint32_t features) {
     };
     std::memcpy(table->bytes, kScalar, sizeof(kScalar));
     std::memcpy(table->floats, kScalar, sizeof(kScalar));
+    table->split[0] = bilateralSplit1_c;
+    table->split[1] = bilateralSplit2_c;
+    table->split[2] = bilateralSplit3_c;
 #if defined(VQ_TL_KERNELS_X86)
+    if ((features & kCpuSse41) != 0) BilateralKernels_addSse41(table);
     if ((features & kCpuSse41) != 0 && (features & kCpuAvx2) != 0) BilateralKernels_addAvx2(table);
 #endif
 #if defined(VQ_TL_KERNELS_NEON)

@@ -16,7 +16,7 @@
 //
 // The scalar kernels are the definition of the result; the table's other
 // forms give the same bytes (checked by the kernel harness). There is no
-// SSE4.1 form: the scalar form's vector types already compile to the same
+// SSE4.1 form of the block kernel: the scalar form's vector types already compile to the same
 // SSE2 float operations, four lanes at a time; the AVX2 form gives builds
 // without the compiler's AVX2 clones (other compilers and systems) what the
 // clones give x86-64 Linux.
@@ -41,13 +41,27 @@ struct BilateralBlockParams {
 using BilateralBlockFn = void (*)(float* q, const float* const* g, const float* const* s,
                                   const BilateralBlockParams* p, int32_t n);
 
+// The conversion of one run of n pixels for the blocked passes, byte values
+// only: channel c of the guide (channels interleaved) to planes[c], the
+// values to values, all as floats.
+using BilateralSplitFn = void (*)(float* const* planes, float* values, const uint8_t* guide,
+                                  const uint8_t* src, int32_t n);
+
 // By the pass's values: bytes (UINT8 maps: every s is an integer 0 to 255)
 // or floats (FLOAT maps: any value). Each [guide channels - 1][0: any half,
 // 1 to 3: that half alone].
 struct BilateralKernels {
     BilateralBlockFn bytes[3][4];
     BilateralBlockFn floats[3][4];
+    BilateralSplitFn split[3];  // [guide channels - 1]
 };
+
+void bilateralSplit1_c(float* const* planes, float* values, const uint8_t* guide, const uint8_t* src,
+                       int32_t n);
+void bilateralSplit2_c(float* const* planes, float* values, const uint8_t* guide, const uint8_t* src,
+                       int32_t n);
+void bilateralSplit3_c(float* const* planes, float* values, const uint8_t* guide, const uint8_t* src,
+                       int32_t n);
 
 // The table for the instruction sets of `features` (kCpu* bits) that this
 // build holds; 0 gives the scalar table.
@@ -55,6 +69,7 @@ void BilateralKernels_fill(BilateralKernels* table, uint32_t features);
 // The process's table, for Cpu_getFeatures().
 const BilateralKernels* BilateralKernels_get();
 
+void BilateralKernels_addSse41(BilateralKernels* table);  // the conversions only
 void BilateralKernels_addAvx2(BilateralKernels* table);
 void BilateralKernels_addNeon(BilateralKernels* table);
 

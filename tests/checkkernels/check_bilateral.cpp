@@ -1,6 +1,7 @@
 // The bilateral family: the block kernels of the separable bilateral
 // filter's blocked passes, for byte values and for float values, every
-// guide channel count and fixed or free window half.
+// guide channel count and fixed or free window half; and the passes'
+// conversions of guide and values to float rows.
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -120,6 +121,63 @@ void checkBlock(CheckContext* ctx, const char* kernel, const Variant& v, Bilater
     Check_reportBench(kernel, v.name, ns, refNs, 256, "px");
 }
 
+struct SplitCase {
+    vq_tl::BilateralSplitFn fn;
+    GuardedPlane* out;  // rows 0 to C - 1 the planes, row C the values
+    std::vector<uint8_t> guide, src;
+    int32_t channels, n;
+};
+
+void callSplit(void* arg) {
+    auto* c = static_cast<SplitCase*>(arg);
+    float* planes[3];
+    for (int32_t ch = 0; ch < c->channels; ++ch)
+        planes[ch] = reinterpret_cast<float*>(GuardedPlane_row(c->out, ch));
+    c->fn(planes, reinterpret_cast<float*>(GuardedPlane_row(c->out, c->channels)), c->guide.data(),
+          c->src.data(), c->n);
+}
+
+void checkSplit(CheckContext* ctx, const char* kernel, const Variant& v, vq_tl::BilateralSplitFn ref,
+                vq_tl::BilateralSplitFn var, int32_t channels) {
+    ++ctx->kernelsChecked;
+    SplitCase c{};
+    c.channels = channels;
+    for (int32_t it = 0; it < ctx->iterations; ++it) {
+        c.n = CheckRandom_range(&ctx->random, 1, it % 4 == 0 ? 700 : 70);
+        c.guide.assign(static_cast<size_t>(c.n * channels), 0);
+        c.src.assign(static_cast<size_t>(c.n), 0);
+        CheckRandom_fill(&ctx->random, c.guide.data(), c.guide.size());
+        CheckRandom_fill(&ctx->random, c.src.data(), c.src.size());
+        GuardedPlane outRef, outVar;
+        GuardedPlane_init(&outRef, 4 * c.n, channels + 1, 4, &ctx->random);
+        GuardedPlane_init(&outVar, outRef.rowBytes, channels + 1, 4, &ctx->random);
+        GuardedPlane_copyRows(&outVar, &outRef);
+        c.fn = ref;
+        c.out = &outRef;
+        callSplit(&c);
+        c.fn = var;
+        c.out = &outVar;
+        callSplit(&c);
+        char text[64];
+        std::snprintf(text, sizeof(text), "%d pixels", c.n);
+        if (!Check_outputs(ctx, kernel, v, &outRef, &outVar, text)) return;
+    }
+    if (!ctx->bench) return;
+    // A row of the vertical pass's band: 128 columns.
+    c.n = 128;
+    c.guide.assign(static_cast<size_t>(c.n * channels), 7);
+    c.src.assign(static_cast<size_t>(c.n), 9);
+    GuardedPlane out;
+    GuardedPlane_init(&out, 4 * c.n, channels + 1, 4, &ctx->random);
+    c.out = &out;
+    c.fn = ref;
+    const double refNs = Check_timeNs(callSplit, &c, 2000);
+    c.fn = var;
+    const double ns = Check_timeNs(callSplit, &c, 2000);
+    Check_reportBench(kernel, "scalar", refNs, refNs, c.n, "px");
+    Check_reportBench(kernel, v.name, ns, refNs, c.n, "px");
+}
+
 void runBilateral(CheckContext* ctx) {
     BilateralKernels ref;
     vq_tl::BilateralKernels_fill(&ref, 0);
@@ -127,6 +185,11 @@ void runBilateral(CheckContext* ctx) {
         BilateralKernels t;
         vq_tl::BilateralKernels_fill(&t, v.features);
         for (int32_t ch = 1; ch <= 3; ++ch) {
+            if (t.split[ch - 1] != ref.split[ch - 1]) {
+                char name[32];
+                std::snprintf(name, sizeof(name), "split%dch", ch);
+                checkSplit(ctx, name, v, ref.split[ch - 1], t.split[ch - 1], ch);
+            }
             for (int32_t h = 0; h < 4; ++h) {
                 char name[48];
                 if (t.bytes[ch - 1][h] != ref.bytes[ch - 1][h]) {

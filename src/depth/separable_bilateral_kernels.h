@@ -15,11 +15,15 @@
 // matters, and it is the same in every form. C = 0 copies s[half].
 //
 // The scalar kernels are the definition of the result; the table's other
-// forms give the same bytes (checked by the kernel harness). There is no
-// SSE4.1 form of the block kernel: the scalar form's vector types already compile to the same
-// SSE2 float operations, four lanes at a time; the AVX2 form gives builds
-// without the compiler's AVX2 clones (other compilers and systems) what the
-// clones give x86-64 Linux.
+// forms give the same bytes (checked by the kernel harness).
+//
+// Forms by measurement: the block kernel has no SSE4.1 form, since the
+// scalar form's vector types already compile to the same SSE2 float
+// operations; its AVX2 form gives builds without the compiler's AVX2 clones
+// (other compilers and systems) what the clones give x86-64 Linux. The
+// compiler vectorises the one- and two-channel conversions itself, so x86
+// has a form of the three-channel one only. NEON has every form, the block
+// kernel for byte values only.
 #pragma once
 
 #include <cstdint>
@@ -42,8 +46,8 @@ using BilateralBlockFn = void (*)(float* q, const float* const* g, const float* 
                                   const BilateralBlockParams* p, int32_t n);
 
 // The conversion of one run of n pixels for the blocked passes, byte values
-// only: channel c of the guide (channels interleaved) to planes[c], the
-// values to values, all as floats.
+// only: channel c of the guide (channels interleaved) to planes[c][0 .. n -
+// 1] and src to values[0 .. n - 1], all as floats (exact).
 using BilateralSplitFn = void (*)(float* const* planes, float* values, const uint8_t* guide,
                                   const uint8_t* src, int32_t n);
 

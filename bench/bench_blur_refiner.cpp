@@ -103,10 +103,12 @@ BENCHMARK(BM_OpenCvGaussianBlur)->Apply([](auto* b) {
 // passes them; the window is the argument (the session uses 5, 7 or 15).
 constexpr int32_t kOutWidth = 1080, kOutHeight = 810, kMapWidth = 540, kMapHeight = 405;
 
-void BM_RefinerLift(benchmark::State& state) {
+// guideMode 1 filters under the luma plane, 3 under the RGB conversion of the
+// NV21 frame (the colour guide of the normal shot).
+void refinerLift(benchmark::State& state, uint32_t guideFormat, int32_t guideMode) {
     const int32_t window = static_cast<int32_t>(state.range(0));
     Plane map(kMapWidth, kMapHeight, IMAGE_FORMAT_UINT8), out(kOutWidth, kOutHeight, IMAGE_FORMAT_UINT8);
-    Plane guide(kOutWidth, kOutHeight, IMAGE_FORMAT_YUV420_SEMIPLANAR);
+    Plane guide(kOutWidth, kOutHeight, guideFormat);
     PelHolder p(state.range(1));
     // As in the session: the filters on the Pel, the resizes on an executor
     // over the same Pel.
@@ -119,20 +121,27 @@ void BM_RefinerLift(benchmark::State& state) {
     DepthMapRefiner_setPel(&refiner, p.get());
     DepthMapRefiner_setParallelExecutor(&refiner, p.get() != nullptr ? &executor : nullptr);
     if (DepthMapRefiner_init(&refiner, kOutWidth, kOutHeight, kMapWidth, kMapHeight, kOutWidth, kOutHeight,
-                             IMAGE_FORMAT_UINT8, IMAGE_FORMAT_YUV420_SEMIPLANAR, 0) != TL_OK) {
+                             IMAGE_FORMAT_UINT8, guideFormat, 0) != TL_OK) {
         state.SkipWithError("DepthMapRefiner_init failed");
     }
     for (auto _ : state) {
         benchmark::DoNotOptimize(DepthMapRefiner_crossFilter(&refiner, &out.image, &map.image, &guide.image,
-                                                             window, 1, 10.0f, 15.0f));
+                                                             window, guideMode, 10.0f, 15.0f));
     }
     state.SetItemsProcessed(state.iterations() * kOutWidth * kOutHeight);
     destruct_DepthMapRefiner(&refiner);
     destruct_ParallelExecutor(&executor);
 }
+void BM_RefinerLift(benchmark::State& state) { refinerLift(state, IMAGE_FORMAT_YUV420_SEMIPLANAR, 1); }
 BENCHMARK(BM_RefinerLift)->Apply([](auto* b) {
                              threadArgs(b, {7, 15});
-                         }) -> Unit(benchmark::kMillisecond) -> UseRealTime();
+                         }) -> Unit(benchmark::kMillisecond) -> UseRealTime() -> MeasureProcessCPUTime();
+
+void BM_RefinerLiftColour(benchmark::State& state) { refinerLift(state, IMAGE_FORMAT_YVU420_SEMIPLANAR, 3); }
+BENCHMARK(BM_RefinerLiftColour)
+    ->Apply([](auto* b) {
+        threadArgs(b, {7, 15});
+    }) -> Unit(benchmark::kMillisecond) -> UseRealTime() -> MeasureProcessCPUTime();
 
 // OpenCV's joint bilateral filter has no enlargement of its own: a bilinear
 // resize of the map, then the filter with the same diameter and sigmas.

@@ -215,6 +215,25 @@ TLResult checkGuide(const DepthMapRefiner* self, const Image* guide, int32_t mod
     }
 }
 
+// The colour guide's conversion in bands of whole chroma rows (pairs of
+// image rows), one per Pel task: the workers take a source rectangle and
+// write it at the same place.
+struct GuideConversion {
+    Image* dst;
+    const Image* src;
+    ImageConvWorker worker;
+};
+
+TLResult guideConversionTask(void* arg, int32_t index, int32_t count) {
+    const GuideConversion& j = *static_cast<const GuideConversion*>(arg);
+    int32_t first, last;
+    ImageStripe_rows((j.src->height + 1) >> 1, index, count, &first, &last);
+    const int32_t bottom = 2 * last < j.src->height ? 2 * last : j.src->height;
+    if (2 * first >= bottom) return TL_OK;
+    const ImageRect rect{0, 2 * first, j.src->width, bottom};
+    return j.worker(j.dst, j.src, &rect);
+}
+
 // The guide of level 0, (w, h): a view of the caller's guide, the luma of
 // work, or `owned`.
 TLResult prepareGuide(DepthMapRefiner* self, const Image* guide, int32_t mode, int32_t w, int32_t h,
@@ -253,9 +272,11 @@ TLResult prepareGuide(DepthMapRefiner* self, const Image* guide, int32_t mode, i
     if (r == TL_OK && !sameSize) r = ImageProc_resizeImage(&self->imageProc, &yuv, guide);
     if (r == TL_OK) r = Image_init(owned, w, h, nullptr, IMAGE_FORMAT_RGB888);
     if (r == TL_OK) {
-        r = guide->format == IMAGE_FORMAT_YUV420_PLANAR
-                ? ImageYuv420Planar_toRgb888(owned, &yuv, nullptr)
-                : ImageYuv420Semiplanar_toRgb888(owned, &yuv, nullptr);
+        GuideConversion job{owned, &yuv,
+                            guide->format == IMAGE_FORMAT_YUV420_PLANAR ? ImageYuv420Planar_toRgb888
+                                                                        : ImageYuv420Semiplanar_toRgb888};
+        const ImageStripeExec exec{self->pel, nullptr};
+        r = ImageStripeExec_run(&exec, guideConversionTask, &job, kTasks);
     }
     *prepared = *owned;
     prepared->external = 1;

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "depth/separable_bilateral_kernels.h"
 #include "imageproc/image_stripes.h"
 #include "imageproc/kernel_clones.h"
 #include "runtime/raw_double.h"
@@ -261,77 +262,19 @@ TLResult verticalTask(void* arg, int32_t index, int32_t count) {
 // except vSum, whose additions happen in filterRun's order, so the bits are
 // the same.
 
-constexpr int32_t kFastMaxHalf = 15;
-// Eight floats: one AVX2 register, two SSE or NEON ones. A block is four of
-// them, so that four chains of additions hide each other's latency.
-constexpr int32_t kVecLanes = 8;
-constexpr int32_t kBlockVecs = 4;
-constexpr int32_t kLanes = kVecLanes * kBlockVecs;
+constexpr int32_t kFastMaxHalf = kBilateralBlockMaxHalf;
 // Columns of a vertical band done at a time: the band's window of rows is
 // kept converted, 2 kFastMaxHalf + 1 rows of kVChunk + kLanes floats per
 // guide channel and for the values (40 KB for one channel, 80 KB for three).
 constexpr int32_t kVChunk = 128;
+constexpr int32_t kLanes = kBilateralBlockLanes;
 
-using Vec = float __attribute__((vector_size(kVecLanes * sizeof(float))));
-using IntVec = int32_t __attribute__((vector_size(kVecLanes * sizeof(int32_t))));
-
-// The same vector at any float's address, for unaligned loads.
-using VecAt = float __attribute__((vector_size(kVecLanes * sizeof(float)), aligned(4), may_alias));
-
-// Vectors are filled through a reference: a vector returned by value would
-// change the calling convention between the clones.
-inline void loadVec(Vec& v, const float* p) { v = *reinterpret_cast<const VecAt*>(p); }
-
-// Quotients vSum / wSum of n outputs, n a multiple of kLanes; g and s must
-// be readable that far. g[t * C + c] is channel c of tap t's guide, s[t] tap
-// t's values, both at the first output.
-template <int C, int H>
-VQ_TL_KERNEL_CLONES void blockRun(float* q, const float* const* g, const float* const* s, const Pass& p,
-                                  int32_t n) {
-    const int32_t half = H > 0 ? H : p.half;
-    if (p.range == 0) {
-        // C is 0: no tap has weight, not even the centre; the values stay.
-        std::memcpy(q, s[half], sizeof(float) * static_cast<size_t>(n));
-        return;
-    }
-    const float start = static_cast<float>(p.range * 128);
-    const float range = static_cast<float>(p.range);
-    float sp[2 * kFastMaxHalf + 1];
-    for (int32_t t = 0; t <= 2 * half; ++t) sp[t] = static_cast<float>(p.spatial[t]);
-    for (int32_t i = 0; i < n; i += kLanes) {
-        Vec gc[kBlockVecs][C], ws[kBlockVecs], vs[kBlockVecs];
-        for (int b = 0; b < kBlockVecs; ++b) {
-            const int32_t o = i + b * kVecLanes;
-            for (int c = 0; c < C; ++c) loadVec(gc[b][c], g[half * C + c] + o);
-            loadVec(vs[b], s[half] + o);
-            vs[b] *= start;
-            ws[b] = start + Vec{};
-        }
-        for (int32_t t = 0; t <= 2 * half; ++t) {
-            if (t == half) continue;
-            const float spt = sp[t];
-            for (int b = 0; b < kBlockVecs; ++b) {
-                const int32_t o = i + b * kVecLanes;
-                Vec e = Vec{}, gt, st;
-                for (int c = 0; c < C; ++c) {
-                    loadVec(gt, g[t * C + c] + o);
-                    const Vec d = gc[b][c] - gt;
-                    e = c == 0 ? d * d : e + d * d;
-                }
-                // r = C - e, clamped to 0 below by clearing the bits of a
-                // float whose sign bit is set.
-                IntVec r = reinterpret_cast<IntVec>(range - e);
-                r &= ~(r >> 31);
-                const Vec w = reinterpret_cast<Vec>(r) * spt;
-                loadVec(st, s[t] + o);
-                ws[b] += w;
-                vs[b] += w * st;
-            }
-        }
-        for (int b = 0; b < kBlockVecs; ++b) {
-            *reinterpret_cast<VecAt*>(q + i + b * kVecLanes) = vs[b] / ws[b];
-        }
-    }
+// The block kernel of the process's table for the values T, C channels and H.
+template <int C, typename T, int H>
+void blockRun(float* q, const float* const* g, const float* const* s, const Pass& p, int32_t n) {
+    const BilateralBlockParams params{H > 0 ? H : p.half, p.range, p.spatial};
+    const BilateralKernels* k = BilateralKernels_get();
+    (std::is_floating_point_v<T> ? k->floats : k->bytes)[C - 1][H](q, g, s, &params, n);
 }
 
 // Stores n quotients as filterRun does: FLOAT as they are; UINT8 as
@@ -381,9 +324,15 @@ TLResult fastHorizontalTask(void* arg, int32_t index, int32_t count) {
                 sp[j] = static_cast<float>(sr[x]);
             };
             for (int32_t j = 0; j < a - lo; ++j) convert(j, 0);
-            for (int32_t x = a; x < b; ++x) convert(x - lo, x);
+            if constexpr (std::is_same_v<T, uint8_t>) {
+                float* planes[C];
+                for (int c = 0; c < C; ++c) planes[c] = gp[c] + (a - lo);
+                BilateralKernels_get()->split[C - 1](planes, sp + (a - lo), gr + a * C, sr + a, b - a);
+            } else {
+                for (int32_t x = a; x < b; ++x) convert(x - lo, x);
+            }
             for (int32_t j = b - lo; j < hi - lo; ++j) convert(j, w - 1);
-            blockRun<C, H>(q, g, s, p, blocks);
+            blockRun<C, T, H>(q, g, s, p, blocks);
             storeRun<T>(rowAt<T>(p.dst, y) + x0, q, n);
         }
     }
@@ -411,9 +360,15 @@ TLResult fastVerticalTask(void* arg, int32_t index, int32_t count) {
             const uint8_t* gs = rowAt<const uint8_t>(p.guide, r) + x0 * C;
             const T* ss = rowAt<const T>(p.src, r) + x0;
             const int32_t slot = r % taps;
-            for (int32_t j = 0; j < n; ++j) {
-                for (int c = 0; c < C; ++c) gr[c][slot][j] = static_cast<float>(gs[j * C + c]);
-                sr[slot][j] = static_cast<float>(ss[j]);
+            if constexpr (std::is_same_v<T, uint8_t>) {
+                float* planes[C];
+                for (int c = 0; c < C; ++c) planes[c] = gr[c][slot];
+                BilateralKernels_get()->split[C - 1](planes, sr[slot], gs, ss, n);
+            } else {
+                for (int32_t j = 0; j < n; ++j) {
+                    for (int c = 0; c < C; ++c) gr[c][slot][j] = static_cast<float>(gs[j * C + c]);
+                    sr[slot][j] = static_cast<float>(ss[j]);
+                }
             }
             for (int32_t j = n; j < blocks; ++j) {
                 for (int c = 0; c < C; ++c) gr[c][slot][j] = 0.0f;
@@ -428,7 +383,7 @@ TLResult fastVerticalTask(void* arg, int32_t index, int32_t count) {
                 for (int c = 0; c < C; ++c) g[t * C + c] = gr[c][slot];
                 s[t] = sr[slot];
             }
-            blockRun<C, H>(q, g, s, p, blocks);
+            blockRun<C, T, H>(q, g, s, p, blocks);
             storeRun<T>(rowAt<T>(p.dst, y) + x0, q, n);
         }
     }

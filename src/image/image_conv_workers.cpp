@@ -3,9 +3,11 @@
 // type; the two pixel formulas and the chroma placement rule exist once, at
 // the top of this file.
 #include <cstring>
+#include <type_traits>
 
 #include "image/image.h"
 #include "image/image_conv.h"
+#include "image/image_conv_kernels.h"
 
 namespace vq_tl {
 
@@ -335,6 +337,18 @@ void yuvBandToPixels(const Image* dst, const L& s, const ConvArea& a, int32_t y,
     const uint8_t* v = s.vRow(y);
     const int32_t pairEnd = a.left + ((a.right - a.left) & ~1);
     int32_t x = a.left;
+    // RGB888 from planar or semi-planar rows: the row kernels of the table.
+    if constexpr (std::is_same_v<Out, Rgb888Io> && L::kYBlock == 2 && L::kYOdd == 1) {
+        if (out.ir == 0 && out.ig == 1 && out.ib == 2) {
+            const ConvKernels* k = ConvKernels_get();
+            const YuvToRgb888RowFn fn = L::kCStep == 2 ? k->semiplanarToRgb888 : k->planarToRgb888;
+            for (int r = 0; r < Rows; ++r) {
+                fn(ds[r] + x * Out::kBytes, ys[r] + L::lumaAt(x), u + L::chromaAt(x), v + L::chromaAt(x),
+                   (pairEnd - x) >> 1);
+            }
+            x = pairEnd;
+        }
+    }
     // Chunks of up to 64 blocks: their chroma terms first, in a loop of its
     // own that the compiler vectorises, then the pixels of each row.
     constexpr int32_t kBlocks = 64;
@@ -1061,6 +1075,36 @@ TLResult ImageUint16_toYUint8Shrink(Image* dst, const Image* src, const ImageRec
     return shrinkLuma(
         dst, src, rect, factor, [](uint32_t f) { return f == IMAGE_FORMAT_UINT16; },
         [&](int32_t x, int32_t y) { return load16(rowOf(src, 0, y) + 2 * static_cast<intptr_t>(x)) >> 8; });
+}
+
+// ---- Row kernels of the conversion table ------------------------------------
+
+namespace {
+
+template <int CStep>
+void yuvToRgb888Row(uint8_t* rgb, const uint8_t* y, const uint8_t* u, const uint8_t* v, int32_t pairs) {
+    for (int32_t c = 0; c < pairs; ++c) {
+        const ChromaTerms t = chromaTermsOf(u[c * CStep], v[c * CStep]);
+        for (int k = 0; k < 2; ++k) {
+            const Rgb p = rgbOf(y[2 * c + k], t);
+            uint8_t* d = rgb + 6 * c + 3 * k;
+            d[0] = static_cast<uint8_t>(p.r);
+            d[1] = static_cast<uint8_t>(p.g);
+            d[2] = static_cast<uint8_t>(p.b);
+        }
+    }
+}
+
+}  // namespace
+
+void yuvSemiplanarToRgb888Row_c(uint8_t* rgb, const uint8_t* y, const uint8_t* u, const uint8_t* v,
+                                int32_t pairs) {
+    yuvToRgb888Row<2>(rgb, y, u, v, pairs);
+}
+
+void yuvPlanarToRgb888Row_c(uint8_t* rgb, const uint8_t* y, const uint8_t* u, const uint8_t* v,
+                            int32_t pairs) {
+    yuvToRgb888Row<1>(rgb, y, u, v, pairs);
 }
 
 }  // namespace vq_tl

@@ -106,6 +106,12 @@ struct DisparityEstimator {
     double centreScale, leftScale, rightScale;
     uint32_t correctionMode;
     double minSlope, maxSlope;
+    // Stage 7's work area, owned: the motion detector of each estimate is
+    // carved from it with all its pictures and lists. Taken at the first
+    // estimate (init does not know the views' size), grown when a larger
+    // view comes, kept over recycle and freed at destruct.
+    uint8_t* scaleWork;
+    int32_t scaleWorkSize;
 };
 
 // Working size of one side: trunc(percent * size / 100 + 0.5) with bit 0

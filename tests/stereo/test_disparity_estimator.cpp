@@ -3,17 +3,20 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <functional>
 #include <memory>
 #include <vector>
 
+#include "runtime/memory.h"
 #include "stereo/disparity_estimator.h"
 #include "support/layers.h"
 #include "support/owned.h"
 #include "support/picture.h"
 #include "support/scene.h"
 #include "support/test_env.h"
+#include "support/texture.h"
 
 using namespace vq_tl;
 using vq_tl_test::Owned;
@@ -529,6 +532,53 @@ TEST(DisparityEstimator, TiltRampsWorkedByHand) {
             EXPECT_EQ(map.u8(x, 0), 100 + c.want[x]) << c.name << ", column " << x;
         EXPECT_TRUE(map.canariesIntact());
     }
+}
+
+// Stage 7 carves each estimate's detector from a work area it keeps: after a wider pair the same area serves
+// a narrower one, whose scales are those a fresh estimator measures (the sub view magnified by 1.003, read
+// within 3e-4). Every allocation of a first estimate failed in turn gives TL_ERROR_MEMORY and leaves the
+// scales; the estimator's destruct gives every block back.
+TEST(DisparityEstimator, ScaleEstimatesKeepTheirWorkArea) {
+    auto pair = [](int32_t w, int32_t h) {
+        const vq_tl_test::Texture texture(21);
+        std::array<std::unique_ptr<Picture>, 2> p{std::make_unique<Picture>(w, h, IMAGE_FORMAT_UINT8),
+                                                  std::make_unique<Picture>(w, h, IMAGE_FORMAT_UINT8)};
+        const double identity[6] = {1, 0, 0, 0, 1, 0};
+        double motion[6], inverse[6];
+        vq_tl_test::motionAboutCentre(w, h, 1.003, 1.003, 0.0, -3.0, 0.0, motion);
+        vq_tl_test::invertAffine(motion, inverse);
+        texture.render(*p[0], identity, 1.0, 1);
+        texture.render(*p[1], inverse, 1.0, 2);
+        return p;
+    };
+    const auto wide = pair(1080, 400), narrow = pair(720, 400);
+    auto scales = [](const DisparityEstimator& e) {
+        return std::vector<double>{e.leftScale, e.centreScale, e.rightScale};
+    };
+    Estimator fresh, reused;
+    for (Estimator* e : {&fresh, &reused}) DisparityEstimator_setDisparityCorrectionMode(e, 3);
+    ASSERT_EQ(DisparityEstimator_estimateScales(&reused, &wide[0]->image, &wide[1]->image), TL_OK);
+    const uint8_t* area = reused.scaleWork;
+    ASSERT_EQ(DisparityEstimator_estimateScales(&reused, &narrow[0]->image, &narrow[1]->image), TL_OK);
+    ASSERT_EQ(DisparityEstimator_estimateScales(&fresh, &narrow[0]->image, &narrow[1]->image), TL_OK);
+    EXPECT_EQ(reused.scaleWork, area);
+    EXPECT_EQ(scales(reused), scales(fresh));
+    for (double s : scales(fresh)) EXPECT_NEAR(s, 1.003, 3e-4);
+    if (!Memory_canInjectFaults()) return;
+    const int64_t live = Memory_getLiveCount();
+    for (int64_t n = 1;; ++n) {
+        Estimator e;
+        DisparityEstimator_setDisparityCorrectionMode(&e, 3);
+        e.leftScale = e.centreScale = e.rightScale = 7.0;
+        Memory_failAt(n);
+        const TLResult r = DisparityEstimator_estimateScales(&e, &narrow[0]->image, &narrow[1]->image);
+        const int64_t count = Memory_getAllocCount();
+        Memory_failAt(0);
+        if (count < n) break;
+        EXPECT_EQ(r, TL_ERROR_MEMORY) << "allocation " << n;
+        EXPECT_EQ(scales(e), std::vector<double>(3, 7.0)) << "allocation " << n;
+    }
+    EXPECT_EQ(Memory_getLiveCount(), live);
 }
 
 namespace {

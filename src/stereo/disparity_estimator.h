@@ -216,8 +216,11 @@ TLResult DisparityEstimator_matchU8(DisparityEstimator* estimator, Image* dispar
 // Stages after matching, on the working-frame map and confidence: back into
 // the main view at the disparity frame's size, holes filled along rows (fine
 // mode: TL_ERROR_UNSUPPORTED, its filler does not exist yet), the radial
-// lowering of fine mode, the stretch, the tables and the status. The new
-// map and confidence replace the estimator's once they are complete.
+// lowering of fine mode, then (11) the range, the stretch, the tables and
+// the status of that map, then (12, rotation 0 or 2) the tilt correction
+// by the range just measured. The new map and confidence replace the
+// estimator's once they are complete; a failure leaves the last good maps,
+// tables and status.
 TLResult DisparityEstimator_finishDisparity(DisparityEstimator* estimator, const Image* map,
                                             const Image* confidence, uint8_t passValue);
 // Radial lowering of a UINT8 map by lowerRate (or lowerAmount); nothing when

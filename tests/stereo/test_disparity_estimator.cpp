@@ -7,6 +7,7 @@
 #include <cmath>
 #include <functional>
 #include <memory>
+#include <random>
 #include <vector>
 
 #include "runtime/memory.h"
@@ -532,6 +533,62 @@ TEST(DisparityEstimator, TiltRampsWorkedByHand) {
             EXPECT_EQ(map.u8(x, 0), 100 + c.want[x]) << c.name << ", column " << x;
         EXPECT_TRUE(map.canariesIntact());
     }
+}
+
+// Stage 11 (range, stretch, tables, status) comes before stage 12: the same frame with and without a strong
+// correction (mode 2, scale 1.05, about half a level per column) gives the same range, tables, focus-window
+// histogram and status, while the maps differ. And a frame that fails anywhere in stages 8 to 12, the
+// correction's column minima of mode 1 included, leaves the last frame's maps, tables, histogram and status.
+TEST(DisparityEstimator, StatusBeforeCorrectionAndFailuresLeaveTheLastResult) {
+    std::mt19937 rng(11);
+    std::vector<std::unique_ptr<Picture>> maps;
+    Picture confidence(172, 130, IMAGE_FORMAT_UINT8);  // the working frame of the 640 by 480 fixture
+    confidence.fillPlanes(255);
+    for (int k = 0; k < 2; ++k) {
+        maps.push_back(std::make_unique<Picture>(172, 130, IMAGE_FORMAT_UINT8));
+        for (int32_t y = 0; y < 130; ++y) {
+            for (int32_t x = 0; x < 172; ++x)
+                maps[k]->u8(x, y) = static_cast<uint8_t>(40 + rng() % (k == 0 ? 150 : 90));
+        }
+    }
+    auto prepared = [](Fixture& f, uint32_t mode) {
+        f.focalLength = f.calibFocalLength = 100.0f;
+        f.calibWidth = f.disparityWidth;
+        f.centreScale = 1.05;
+        DisparityEstimator_setDisparityCorrectionMode(&f, mode);
+        DisparityEstimator_setCorrectDispParams(&f, -1.0, 1.0);
+    };
+    auto published = [](const Fixture& f) {
+        std::vector<uint8_t> b = resultBytes(f);
+        const uint8_t* h = reinterpret_cast<const uint8_t*>(f.roiHistogram);
+        b.insert(b.end(), h, h + (kDisparityLevels + 1) * sizeof(uint32_t));
+        return b;
+    };
+    Fixture plain, corrected;
+    prepared(plain, 0);
+    prepared(corrected, 2);
+    for (Fixture* f : {&plain, &corrected})
+        ASSERT_EQ(DisparityEstimator_finishDisparity(f, &maps[0]->image, &confidence.image, 255), TL_OK);
+    std::vector<uint8_t> a = published(plain), b = published(corrected);
+    const size_t mapBytes = 2 * static_cast<size_t>(plain.disparityWidth) * plain.disparityHeight;
+    EXPECT_FALSE(std::equal(a.begin(), a.begin() + mapBytes / 2, b.begin()));
+    EXPECT_TRUE(std::equal(a.begin() + mapBytes, a.end(), b.begin() + mapBytes));
+    if (!Memory_canInjectFaults()) return;
+    Fixture f;
+    prepared(f, 1);
+    ASSERT_EQ(DisparityEstimator_finishDisparity(&f, &maps[0]->image, &confidence.image, 255), TL_OK);
+    const std::vector<uint8_t> before = published(f);
+    int64_t n = 1;
+    for (;; ++n) {
+        Memory_failAt(n);
+        const TLResult r = DisparityEstimator_finishDisparity(&f, &maps[1]->image, &confidence.image, 255);
+        const int64_t count = Memory_getAllocCount();
+        Memory_failAt(0);
+        if (count < n) break;
+        EXPECT_EQ(r, TL_ERROR_MEMORY) << "allocation " << n;
+        EXPECT_TRUE(published(f) == before) << "allocation " << n;
+    }
+    EXPECT_EQ(n, 4);  // the new map, its confidence, and stage 12's column minima
 }
 
 // Stage 7 carves each estimate's detector from a work area it keeps: after a wider pair the same area serves

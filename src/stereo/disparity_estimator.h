@@ -262,7 +262,9 @@ TLResult DisparityEstimator_addRamp(DisparityEstimator* estimator, Image* map, i
 // pixel of the map, mode 1 ramps by the slope of the column minima, modes
 // 2 and 3 by (centreScale - 1) levels g, both clamped to minSlope and
 // maxSlope times levels g, about the middle column; mode 3 bends the ramp
-// in the outer sixths by the side strips' scales, unclamped.
+// in the outer sixths by the side strips' scales, unclamped. The scale's
+// slope is negated at rotation 0 (disparity x_main - x_sub); rotations 1
+// and 3 leave the map as it is.
 TLResult DisparityEstimator_correctDisparity(DisparityEstimator* estimator, Image* disparity, float minPx,
                                              float maxPx);
 

@@ -326,6 +326,9 @@ TLResult DisparityEstimator_correctDisparity(DisparityEstimator* e, Image* dispa
     const uint32_t mode = e->correctionMode;
     if (mode != CORRECTION_FROM_MAP && mode != CORRECTION_WHOLE && mode != CORRECTION_THREE_STRIPS)
         return TL_OK;
+    // Rotations 1 and 3 match across the transposed frame, where the scales
+    // (read along the other axis) do not describe the map's rows: no ramp.
+    if (e->rotation == 1 || e->rotation == 3) return TL_OK;
     const int32_t P = disparity->width;
     // A flat map has no range to turn slopes into levels, and a map before
     // the grids no focal lengths: nothing to correct.
@@ -335,11 +338,9 @@ TLResult DisparityEstimator_correctDisparity(DisparityEstimator* e, Image* dispa
     const double levels = 255.0 / (static_cast<double>(maxPx) - static_cast<double>(minPx));
     const double g = static_cast<double>(e->focalLength) /
                      ((static_cast<double>(P) / e->calibWidth) * static_cast<double>(e->calibFocalLength));
-    // A sub view magnified by s moves its points away from the centre, which
-    // changes disparity by (s - 1) (x - c) with the sign of the side the sub
-    // camera sits on in the picture: right of the main camera at rotation 0
-    // (disparity x_main - x_sub, which then falls across the picture), left
-    // at rotation 2. The ramp takes out what the scale put in.
+    // Sign: a sub view magnified by s moves x_sub by (s - 1) (x - c). At rotation 0 the disparity
+    // x_main - x_sub falls by that, so the slope is -(s - 1) levels g (the plain one would double
+    // the tilt); at rotation 2 it is x_sub - x_main, which rises by that: the plain slope is right.
     const double sign = e->rotation == 2 ? 1.0 : -1.0;
     const double perScale = sign * levels * g;
     const double lo = e->minSlope * levels * g, hi = e->maxSlope * levels * g;

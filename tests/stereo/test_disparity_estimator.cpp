@@ -535,6 +535,48 @@ TEST(DisparityEstimator, TiltRampsWorkedByHand) {
     }
 }
 
+// The ramp's sign on a flat 48 by 2 map of 100 (sixths of 8 columns), the range 0 to 25.5 px and g = 350 /
+// ((48 / 48) * 10) = 35. Mode 3 with both limits 0 holds the centre; a left scale of 1.001 ramps the left
+// sixth by 0.001 levels g per column about its pivot, column 8: the disparity x_main - x_sub of rotation 0
+// fell where the sub view grew, so the ramp falls towards the left edge to take that out; at rotation 2
+// (x_sub - x_main) it rises. A strip slope under 1e-6 does nothing; rotations 1 and 3 leave the map alone in
+// every mode, even with scales and limits that ramp the whole map at rotation 0.
+TEST(DisparityEstimator, TiltRampSign) {
+    const struct {
+        const char* name;
+        uint32_t rotation, mode;
+        double left, centre, minSlope, maxSlope;
+        int sign;  // of the left sixth's ramp; 0: the map stays flat
+    } cases[] = {
+        {"rotation 0", 0, 3, 1.001, 1.0, 0.0, 0.0, -1},
+        {"rotation 2", 2, 3, 1.001, 1.0, 0.0, 0.0, 1},
+        {"strip slope 7e-7", 0, 3, 1.0 + 2e-9, 1.0, 0.0, 0.0, 0},
+        {"rotation 1, mode 1", 1, 1, 1.001, 1.001, -0.001, -0.001, 0},
+        {"rotation 1, mode 2", 1, 2, 1.001, 1.001, -1.0, 1.0, 0},
+        {"rotation 1, mode 3", 1, 3, 1.001, 1.001, -1.0, 1.0, 0},
+        {"rotation 3, mode 1", 3, 1, 1.001, 1.001, -0.001, -0.001, 0},
+        {"rotation 3, mode 2", 3, 2, 1.001, 1.001, -1.0, 1.0, 0},
+        {"rotation 3, mode 3", 3, 3, 1.001, 1.001, -1.0, 1.0, 0},
+    };
+    for (const auto& c : cases) {
+        Fixture f;
+        f.focalLength = 350.0f, f.calibFocalLength = 10.0f, f.calibWidth = 48;
+        f.rotation = c.rotation;
+        f.leftScale = c.left, f.centreScale = c.centre, f.rightScale = 1.0;
+        DisparityEstimator_setDisparityCorrectionMode(&f, c.mode);
+        DisparityEstimator_setCorrectDispParams(&f, c.minSlope, c.maxSlope);
+        Picture map(48, 2, IMAGE_FORMAT_UINT8);
+        map.fillPlanes(100);
+        ASSERT_EQ(DisparityEstimator_correctDisparity(&f, &map.image, 0.0f, 25.5f), TL_OK) << c.name;
+        const double levels = 255.0 / 25.5, g = f.focalLength / ((48.0 / f.calibWidth) * f.calibFocalLength);
+        for (int32_t x = 0; x < 48; ++x) {
+            const double ramp = x < 8 ? c.sign * (c.left - 1.0) * levels * g * (8 - x) : 0.0;
+            EXPECT_EQ(map.u8(x, 1), static_cast<int>(std::floor(100.0 + ramp + 0.5)))
+                << c.name << ", column " << x;
+        }
+    }
+}
+
 // Stage 11 (range, stretch, tables, status) comes before stage 12: the same frame with and without a strong
 // correction (mode 2, scale 1.05, about half a level per column) gives the same range, tables, focus-window
 // histogram and status, while the maps differ. And a frame that fails anywhere in stages 8 to 12, the

@@ -155,26 +155,41 @@ struct Prepared {
     int32_t cell, step, across, down;
 };
 
-// Checks, sizes and the response image; *done when the list is complete
-// already (no points to look for).
+// Cells and step for count points on a w by h image; false when the list
+// stays empty.
+bool plan(int32_t w, int32_t h, int32_t count, Prepared* p) {
+    if (count < 1 || w < kFeatPntMinSide || h < kFeatPntMinSide) return false;
+    cellAndStep(w, h, count, &p->cell, &p->step);
+    p->across = (w + p->cell - 1) / p->cell;
+    p->down = (h + p->cell - 1) / p->cell;
+    return true;
+}
+
+int32_t responseBytes(int32_t w, int32_t h, const Prepared& p) {
+    return Image_getSize(featSide(w, p.step), featSide(h, p.step), IMAGE_FORMAT_INT32, IMAGE_SIZE_TOTAL);
+}
+
+// Checks, sizes and the response image (in work when it fits); *done when
+// the list is complete already (no points to look for).
 TLResult prepare(FeatPntList* list, const Image* image, int32_t count, int32_t window, int32_t adaptive,
-                 Image* feat, const ImageStripeExec* exec, Prepared* p, bool* done) {
+                 Image* feat, const ImageStripeExec* exec, void* work, int32_t workSize, Prepared* p,
+                 bool* done) {
     *done = true;
     if (list != nullptr) list->count = 0;
     if (list == nullptr || !hasPixels(image) || count < 1) return TL_OK;
     if (image->format != IMAGE_FORMAT_UINT8) return TL_ERROR_PARAM;
     if (window != 3 && window != 4) return TL_ERROR_PARAM;
     const int32_t w = image->width, h = image->height;
-    if (w < kFeatPntMinSide || h < kFeatPntMinSide) return TL_OK;
-    cellAndStep(w, h, count, &p->cell, &p->step);
-    p->across = (w + p->cell - 1) / p->cell;
-    p->down = (h + p->cell - 1) / p->cell;
+    if (!plan(w, h, count, p)) return TL_OK;
     const int32_t capacity = capacityFor(p->across, p->down, count, adaptive);
     if (capacity < 0) return TL_ERROR_PARAM;
     TLResult r = TL_OK;
     if (list->capacity < capacity) r = FeatPntList_init(list, capacity);
+    const int32_t bytes = responseBytes(w, h, *p);
     if (r == TL_OK)
-        r = Image_init(feat, featSide(w, p->step), featSide(h, p->step), nullptr, IMAGE_FORMAT_INT32);
+        r = Image_init(feat, featSide(w, p->step), featSide(h, p->step),
+                       work != nullptr && bytes > 0 && workSize >= bytes ? work : nullptr,
+                       IMAGE_FORMAT_INT32);
     ResponseJob job{feat, image, p->step, window};
     if (r == TL_OK) r = ImageStripeExec_run(exec, responseStripe, &job, kBands);
     *done = r != TL_OK;
@@ -222,7 +237,7 @@ TLResult construct_FeatPntList(FeatPntList* list, Env* env) {
 
 TLResult destruct_FeatPntList(FeatPntList* list) {
     if (list == nullptr) return TL_ERROR_PARAM;
-    Memory_free(list->points);
+    if (list->external == 0) Memory_free(list->points);
     Env* env = list->env;
     std::memset(list, 0, sizeof *list);
     list->env = env;
@@ -231,14 +246,23 @@ TLResult destruct_FeatPntList(FeatPntList* list) {
 
 TLResult FeatPntList_init(FeatPntList* list, int32_t capacity) {
     if (list == nullptr || capacity < 0) return TL_ERROR_PARAM;
-    Memory_free(list->points);
+    if (list->external == 0) Memory_free(list->points);
     list->points = nullptr;
-    list->count = list->capacity = 0;
+    list->count = list->capacity = list->external = 0;
     if (capacity == 0) return TL_OK;
     list->points = static_cast<FeatPnt*>(Memory_alloc(sizeof(FeatPnt) * static_cast<size_t>(capacity)));
     if (list->points == nullptr) return TL_ERROR_MEMORY;
     list->capacity = capacity;
     return TL_OK;
+}
+
+TLResult FeatPntList_initWithBuffer(FeatPntList* list, FeatPnt* points, int32_t capacity) {
+    if (list == nullptr || capacity < 0 || (points == nullptr && capacity > 0)) return TL_ERROR_PARAM;
+    TLResult r = FeatPntList_init(list, 0);
+    list->points = points;
+    list->capacity = capacity;
+    list->external = 1;
+    return r;
 }
 
 TLResult FeatPntList_add(FeatPntList* list, const FeatPnt* point) {
@@ -263,7 +287,11 @@ TLResult FeatPntList_strip(FeatPntList* list, int32_t count) {
     if (list == nullptr) return TL_ERROR_PARAM;
     const int32_t n = list->count;
     if (n == 0) return TL_OK;
-    FeatPnt* sorted = static_cast<FeatPnt*>(Memory_alloc(sizeof(FeatPnt) * static_cast<size_t>(n)));
+    // The room beyond the points, when it holds a second copy, spares a block.
+    FeatPnt* const spare = list->capacity - n >= n ? list->points + n : nullptr;
+    FeatPnt* sorted = spare != nullptr
+                          ? spare
+                          : static_cast<FeatPnt*>(Memory_alloc(sizeof(FeatPnt) * static_cast<size_t>(n)));
     if (sorted == nullptr) return TL_ERROR_MEMORY;
     // Counting sort on the strength byte, strongest first, stable.
     uint32_t start[256];
@@ -279,7 +307,7 @@ TLResult FeatPntList_strip(FeatPntList* list, int32_t count) {
     const int32_t kept = count < 0 ? 0 : count < n ? count : n;
     std::memcpy(list->points, sorted, sizeof(FeatPnt) * static_cast<size_t>(kept));
     list->count = kept;
-    Memory_free(sorted);
+    if (sorted != spare) Memory_free(sorted);
     return TL_OK;
 }
 
@@ -323,7 +351,7 @@ TLResult calcFeatPntList(FeatPntList* list, const Image* image, int32_t count, i
     construct_Image(&feat, list != nullptr ? list->env : nullptr);
     Prepared p;
     bool done;
-    TLResult r = prepare(list, image, count, window, adaptive, &feat, nullptr, &p, &done);
+    TLResult r = prepare(list, image, count, window, adaptive, &feat, nullptr, nullptr, 0, &p, &done);
     if (!done) {
         // Cells row by row; refusals and a full list are ignored.
         for (int32_t cy = 0; cy < p.down; ++cy) {
@@ -343,12 +371,19 @@ TLResult calcFeatPntList(FeatPntList* list, const Image* image, int32_t count, i
 TLResult MvecDetectMulti2_calcFeatPntListWithPel(Pel* pel, FeatPntList* list, const Image* image,
                                                  int32_t count, int32_t window, int32_t adaptive,
                                                  int32_t strengthScale) {
+    return MvecDetectMulti2_calcFeatPntListWithWork(pel, list, image, count, window, adaptive, strengthScale,
+                                                    nullptr, 0);
+}
+
+TLResult MvecDetectMulti2_calcFeatPntListWithWork(Pel* pel, FeatPntList* list, const Image* image,
+                                                  int32_t count, int32_t window, int32_t adaptive,
+                                                  int32_t strengthScale, void* work, int32_t workSize) {
     Image feat;
     construct_Image(&feat, list != nullptr ? list->env : nullptr);
     const ImageStripeExec exec{pel, nullptr};
     Prepared p;
     bool done;
-    TLResult r = prepare(list, image, count, window, adaptive, &feat, &exec, &p, &done);
+    TLResult r = prepare(list, image, count, window, adaptive, &feat, &exec, work, workSize, &p, &done);
     if (!done) {
         // Each cell fills its own slot, then the slots are packed in raster
         // order: the list of the serial scan.
@@ -364,6 +399,18 @@ TLResult MvecDetectMulti2_calcFeatPntListWithPel(Pel* pel, FeatPntList* list, co
     }
     destruct_Image(&feat);
     return r;
+}
+
+int32_t FeatPntList_getCapacity(int32_t width, int32_t height, int32_t count, int32_t adaptive) {
+    Prepared p;
+    return plan(width, height, count, &p) ? capacityFor(p.across, p.down, count, adaptive) : 0;
+}
+
+int32_t FeatPnt_getResponseSize(int32_t width, int32_t height, int32_t count) {
+    Prepared p;
+    if (!plan(width, height, count, &p)) return 0;
+    const int32_t bytes = responseBytes(width, height, p);
+    return bytes > 0 ? bytes : -1;
 }
 
 }  // namespace vq_tl

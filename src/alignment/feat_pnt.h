@@ -26,9 +26,10 @@ struct FeatPnt {
 };
 
 struct FeatPntList {
-    FeatPnt* points;  // owned
+    FeatPnt* points;  // owned unless external
     int32_t count;
     int32_t capacity;
+    int32_t external;  // 1: points borrowed from the caller (initWithBuffer), never freed here
     Env* env;
 };
 
@@ -43,6 +44,9 @@ TLResult destruct_FeatPntList(FeatPntList* list);
 // Room for capacity points, count 0; a former array is released first.
 // TL_ERROR_MEMORY leaves the list empty with no room.
 TLResult FeatPntList_init(FeatPntList* list, int32_t capacity);
+// Room for capacity points at `points`, which the caller keeps alive and
+// frees; a former array is released first.
+TLResult FeatPntList_initWithBuffer(FeatPntList* list, FeatPnt* points, int32_t capacity);
 // TL_ERROR_STATE when the list is full.
 TLResult FeatPntList_add(FeatPntList* list, const FeatPnt* point);
 // The strongest response of featImage (INT32, one element per step pixels)
@@ -53,7 +57,9 @@ TLResult FeatPntList_add(FeatPntList* list, const FeatPnt* point);
 TLResult FeatPntList_addFeatPnt(FeatPntList* list, const int32_t cell[4], const Image* featImage,
                                 int32_t step, int32_t adaptive, int32_t strengthScale);
 // Keeps the count strongest points, in order of falling strength; of equal
-// strength the earlier one. TL_ERROR_MEMORY for its scratch, list unchanged.
+// strength the earlier one. The sort needs room for a second copy of the
+// points: the list's own room beyond count when it holds one, else a block
+// of its own (TL_ERROR_MEMORY when that fails, list unchanged).
 TLResult FeatPntList_strip(FeatPntList* list, int32_t count);
 // Splits the cell of point `index` into quarters: the point keeps the
 // quarter it lies in, the best of each other quarter is added (adaptive
@@ -85,5 +91,17 @@ TLResult calcFeatPntList(FeatPntList* list, const Image* image, int32_t count, i
 TLResult MvecDetectMulti2_calcFeatPntListWithPel(Pel* pel, FeatPntList* list, const Image* image,
                                                  int32_t count, int32_t window, int32_t adaptive,
                                                  int32_t strengthScale);
+// The same again, the response image laid in `work` when workSize is at
+// least FeatPnt_getResponseSize (else allocated as above). With a list of
+// FeatPntList_getCapacity room, twice over for the sort, nothing is allocated.
+TLResult MvecDetectMulti2_calcFeatPntListWithWork(Pel* pel, FeatPntList* list, const Image* image,
+                                                  int32_t count, int32_t window, int32_t adaptive,
+                                                  int32_t strengthScale, void* work, int32_t workSize);
+// Sizes for a width by height image and count points: the room the list
+// needs (adaptive: for the split cells too) and the bytes of the response
+// image; 0 for both when the image or count gives an empty list, -1 when
+// they do not fit in 31 bits.
+int32_t FeatPntList_getCapacity(int32_t width, int32_t height, int32_t count, int32_t adaptive);
+int32_t FeatPnt_getResponseSize(int32_t width, int32_t height, int32_t count);
 
 }  // namespace vq_tl

@@ -470,6 +470,8 @@ void weigh(MvecDetectMulti2* d, MvecDetectMulti2_MatchingFeatPntList* list, int3
 }
 
 void releaseAll(MvecDetectMulti2* d) {
+    // Pieces of an arena go back all at once, by the rewind at the end.
+    const bool carved = d->carvedFrom != nullptr;
     if (d->individuals != nullptr) {
         for (int32_t i = 0; i < d->images; ++i) {
             for (int32_t l = 0; l < kMvecDetectMaxLevels; ++l) {
@@ -477,20 +479,160 @@ void releaseAll(MvecDetectMulti2* d) {
                 destruct_FeatPntList(&d->individuals[i].list[l]);
             }
         }
-        Memory_free(d->individuals);
+        if (!carved) Memory_free(d->individuals);
     }
     d->individuals = nullptr;
-    Memory_free(d->estimates);
+    if (!carved) Memory_free(d->estimates);
     d->estimates = nullptr;
     for (int32_t l = 0; l < kMvecDetectMaxLevels; ++l) {
         destruct_MvecDetectMulti2_Lsm(&d->lsm[l]);
-        Memory_free(d->matchLists[l].matches);
+        if (!carved) Memory_free(d->matchLists[l].matches);
         d->matchLists[l].matches = nullptr;
         d->matchLists[l].count = d->matchLists[l].capacity = 0;
     }
+    if (carved) Arena_rewind(d->carvedFrom, d->arenaMark);
+    d->carvedFrom = nullptr;
+    d->arenaMark = 0;
+    d->responseWork = nullptr;
+    d->responseWorkSize = 0;
     d->width = d->height = d->images = d->levelCount = d->added = 0;
     d->failureCode = 0;
     d->reliability = 0;
+}
+
+// The arguments of init against the settings: TL_OK or the code init gives.
+TLResult checkInit(const MvecDetectMulti2* d, int32_t width, int32_t height, int32_t images) {
+    if (images > kMvecDetectMaxImages) return TL_ERROR_UNSUPPORTED;
+    if (width < 1 || height < 1 || images < 2 || width > 65535 || height > 65535 || !validDof(d->dof))
+        return TL_ERROR_PARAM;
+    if (d->halfBlockMatchSize != 2 && d->halfBlockMatchSize != 3) return TL_ERROR_UNSUPPORTED;
+    if (d->shrinkRatio < 1 || width / d->shrinkRatio < 1 || height / d->shrinkRatio < 1)
+        return TL_ERROR_PARAM;
+    if (d->halfSearchSize < 1 || d->halfSearchSize > kMaxHalfSearch || d->maxFeatPntsNum < 1)
+        return TL_ERROR_PARAM;
+    return TL_OK;
+}
+
+// The sizes of the levels for checked arguments; the number of levels, or
+// -1 when the depth cannot be worked out.
+int32_t levelSizes(const MvecDetectMulti2* d, int32_t width, int32_t height, int32_t* levelWidth,
+                   int32_t* levelHeight) {
+    int32_t n = d->levels >= 1 ? d->levels : MvecDetectMulti2_calcLevels(d, width, height);
+    if (n < 0) return -1;
+    if (n < 1) n = 1;
+    // Levels while both sides stay at least one pixel.
+    int32_t w = width / d->shrinkRatio, h = height / d->shrinkRatio, count = 0;
+    while (count < n && count < kMvecDetectMaxLevels && w >= 1 && h >= 1) {
+        levelWidth[count] = w, levelHeight[count] = h;
+        ++count;
+        w = (w - 2) / 2, h = (h - 2) / 2;
+    }
+    return count;
+}
+
+// Images whose feature lists are computed: the first, or with matching
+// against earlier images every one.
+int32_t listedImages(const MvecDetectMulti2* d, int32_t images) {
+    return d->baseImageMatching != 0 ? 1 : images;
+}
+
+// The room of a level's feature list in an arena: twice what the grid
+// needs, so that the sort has its second copy in place.
+int64_t listRoom(const MvecDetectMulti2* d, int32_t w, int32_t h) {
+    const int32_t capacity = FeatPntList_getCapacity(w, h, d->maxFeatPntsNum, d->adaptiveFeatPnts);
+    return capacity < 0 ? -1 : 2 * int64_t{capacity};
+}
+
+// The largest response image of the levels, bytes; -1 when one does not fit.
+int32_t responseRoom(const MvecDetectMulti2* d, int32_t count, const int32_t* levelWidth,
+                     const int32_t* levelHeight) {
+    int32_t most = 0;
+    for (int32_t l = 0; l < count; ++l) {
+        const int32_t bytes = FeatPnt_getResponseSize(levelWidth[l], levelHeight[l], d->maxFeatPntsNum);
+        if (bytes < 0) return -1;
+        most = bytes > most ? bytes : most;
+    }
+    return most;
+}
+
+// The pieces init carves from an arena, in its order, each with its padding,
+// and the line that aligns the arena's start; -1 when one does not fit.
+int64_t arenaBytes(const MvecDetectMulti2* d, int32_t images, int32_t count, const int32_t* levelWidth,
+                   const int32_t* levelHeight) {
+    int64_t total = kArenaAlign;
+    total +=
+        Arena_span(sizeof(MvecDetectMulti2_Mvec) * static_cast<size_t>(images) * static_cast<size_t>(count));
+    total += Arena_span(sizeof(MvecDetectMulti2_Individual) * static_cast<size_t>(images));
+    for (int32_t i = 0; i < images; ++i) {
+        for (int32_t l = 0; l < count; ++l) {
+            const int32_t bytes =
+                Image_getSize(levelWidth[l], levelHeight[l], IMAGE_FORMAT_UINT8, IMAGE_SIZE_TOTAL);
+            if (bytes <= 0) return -1;
+            total += Arena_span(static_cast<size_t>(bytes));
+        }
+    }
+    for (int32_t l = 0; l < count; ++l)
+        total += Arena_span(sizeof(MvecDetectMulti2_Match) * static_cast<size_t>(d->maxFeatPntsNum));
+    for (int32_t i = 0; i < listedImages(d, images); ++i) {
+        for (int32_t l = 0; l < count; ++l) {
+            const int64_t room = listRoom(d, levelWidth[l], levelHeight[l]);
+            if (room < 0) return -1;
+            if (room > 0) total += Arena_span(sizeof(FeatPnt) * static_cast<size_t>(room));
+        }
+    }
+    const int32_t response = responseRoom(d, count, levelWidth, levelHeight);
+    if (response < 0) return -1;
+    if (response > 0) total += Arena_span(static_cast<size_t>(response));
+    return total;
+}
+
+// A block of init: from the arena when there is one.
+void* take(MvecDetectMulti2* d, size_t bytes) {
+    return d->carvedFrom != nullptr ? Arena_alloc(d->carvedFrom, bytes) : Memory_alloc(bytes);
+}
+
+// The pyramid level buffers, and in an arena the feature lists and the
+// response room; the records are constructed.
+TLResult takeImages(MvecDetectMulti2* d) {
+    const int32_t images = d->images, count = d->levelCount;
+    const bool carved = d->carvedFrom != nullptr;
+    TLResult r = TL_OK;
+    for (int32_t i = 0; r == TL_OK && i < images; ++i) {
+        for (int32_t l = 0; r == TL_OK && l < count; ++l) {
+            const int32_t w = d->levelWidth[l], h = d->levelHeight[l];
+            void* pixels = nullptr;
+            if (carved) {
+                pixels = Arena_alloc(d->carvedFrom, static_cast<size_t>(Image_getSize(
+                                                        w, h, IMAGE_FORMAT_UINT8, IMAGE_SIZE_TOTAL)));
+                if (pixels == nullptr) r = TL_ERROR_MEMORY;
+            }
+            if (r == TL_OK) r = Image_init(&d->individuals[i].level[l], w, h, pixels, IMAGE_FORMAT_UINT8);
+        }
+    }
+    return r;
+}
+
+TLResult takeLists(MvecDetectMulti2* d) {
+    if (d->carvedFrom == nullptr) return TL_OK;  // the lists take their own room when first filled
+    TLResult r = TL_OK;
+    for (int32_t i = 0; r == TL_OK && i < listedImages(d, d->images); ++i) {
+        for (int32_t l = 0; r == TL_OK && l < d->levelCount; ++l) {
+            const int64_t room = listRoom(d, d->levelWidth[l], d->levelHeight[l]);
+            if (room <= 0) continue;  // an empty list (a level below 24 pixels); prepare refuses overflows
+            FeatPnt* points = static_cast<FeatPnt*>(
+                Arena_alloc(d->carvedFrom, sizeof(FeatPnt) * static_cast<size_t>(room)));
+            r = points == nullptr ? TL_ERROR_MEMORY
+                                  : FeatPntList_initWithBuffer(&d->individuals[i].list[l], points,
+                                                               static_cast<int32_t>(room));
+        }
+    }
+    const int32_t response = responseRoom(d, d->levelCount, d->levelWidth, d->levelHeight);
+    if (r == TL_OK && response > 0) {
+        d->responseWork = Arena_alloc(d->carvedFrom, static_cast<size_t>(response));
+        d->responseWorkSize = d->responseWork != nullptr ? response : 0;
+        if (d->responseWork == nullptr) r = TL_ERROR_MEMORY;
+    }
+    return r;
 }
 
 // Pyramid and, for images that serve as reference, feature lists.
@@ -509,9 +651,9 @@ TLResult processCurImage(MvecDetectMulti2* d, int32_t slot, const Image* image) 
                                                          d->simpleShrink2);
     const bool reference = slot == 0 || d->baseImageMatching == 0;
     for (int32_t l = 0; r == TL_OK && reference && l < d->levelCount; ++l) {
-        r = MvecDetectMulti2_calcFeatPntListWithPel(d->pel, &ind.list[l], &ind.level[l], d->maxFeatPntsNum,
-                                                    d->featPntWindowSize, d->adaptiveFeatPnts,
-                                                    kStrengthScale);
+        r = MvecDetectMulti2_calcFeatPntListWithWork(d->pel, &ind.list[l], &ind.level[l], d->maxFeatPntsNum,
+                                                     d->featPntWindowSize, d->adaptiveFeatPnts,
+                                                     kStrengthScale, d->responseWork, d->responseWorkSize);
     }
     return r;
 }
@@ -780,33 +922,21 @@ TLResult MvecDetectMulti2_setViewAngle(MvecDetectMulti2* d, double degrees, int3
 TLResult MvecDetectMulti2_init(MvecDetectMulti2* d, int32_t width, int32_t height, int32_t images) {
     if (d == nullptr) return TL_ERROR_PARAM;
     releaseAll(d);
-    if (images > kMvecDetectMaxImages) return TL_ERROR_UNSUPPORTED;
-    if (width < 1 || height < 1 || images < 2 || width > 65535 || height > 65535 || !validDof(d->dof))
-        return TL_ERROR_PARAM;
-    if (d->halfBlockMatchSize != 2 && d->halfBlockMatchSize != 3) return TL_ERROR_UNSUPPORTED;
-    if (d->shrinkRatio < 1 || width / d->shrinkRatio < 1 || height / d->shrinkRatio < 1)
-        return TL_ERROR_PARAM;
-    if (d->halfSearchSize < 1 || d->halfSearchSize > kMaxHalfSearch || d->maxFeatPntsNum < 1)
-        return TL_ERROR_PARAM;
-    int32_t n = d->levels >= 1 ? d->levels : MvecDetectMulti2_calcLevels(d, width, height);
-    if (n < 0) return TL_ERROR_PARAM;
-    if (n < 1) n = 1;
-    // Levels while both sides stay at least one pixel.
-    int32_t w = width / d->shrinkRatio, h = height / d->shrinkRatio, count = 0;
-    while (count < n && count < kMvecDetectMaxLevels && w >= 1 && h >= 1) {
-        d->levelWidth[count] = w, d->levelHeight[count] = h;
-        ++count;
-        w = (w - 2) / 2, h = (h - 2) / 2;
-    }
+    const TLResult checked = checkInit(d, width, height, images);
+    if (checked != TL_OK) return checked;
+    const int32_t count = levelSizes(d, width, height, d->levelWidth, d->levelHeight);
+    if (count < 0) return TL_ERROR_PARAM;
     const double size = d->viewAngleKind == 0   ? width
                         : d->viewAngleKind == 1 ? height
                                                 : RawDouble_hypot(width, height);
     d->focalLength = size / (2.0 * RawDouble_tan(0.5 * d->viewAngle));
     d->width = width, d->height = height, d->images = images, d->levelCount = count;
-    d->estimates = static_cast<MvecDetectMulti2_Mvec*>(Memory_alloc(
-        sizeof(MvecDetectMulti2_Mvec) * static_cast<size_t>(images) * static_cast<size_t>(count)));
+    d->carvedFrom = d->arena;
+    d->arenaMark = d->arena != nullptr ? Arena_mark(d->arena) : 0;
+    d->estimates = static_cast<MvecDetectMulti2_Mvec*>(
+        take(d, sizeof(MvecDetectMulti2_Mvec) * static_cast<size_t>(images) * static_cast<size_t>(count)));
     d->individuals = static_cast<MvecDetectMulti2_Individual*>(
-        Memory_alloc(sizeof(MvecDetectMulti2_Individual) * static_cast<size_t>(images)));
+        take(d, sizeof(MvecDetectMulti2_Individual) * static_cast<size_t>(images)));
     TLResult r = d->individuals != nullptr && d->estimates != nullptr ? TL_OK : TL_ERROR_MEMORY;
     for (int32_t i = 0; r == TL_OK && i < images; ++i) {
         for (int32_t l = 0; l < kMvecDetectMaxLevels; ++l) {
@@ -815,21 +945,18 @@ TLResult MvecDetectMulti2_init(MvecDetectMulti2* d, int32_t width, int32_t heigh
         }
     }
     if (r != TL_OK) d->images = 0;  // nothing constructed to release
-    for (int32_t i = 0; r == TL_OK && i < images; ++i) {
-        for (int32_t l = 0; r == TL_OK && l < count; ++l)
-            r = Image_init(&d->individuals[i].level[l], d->levelWidth[l], d->levelHeight[l], nullptr,
-                           IMAGE_FORMAT_UINT8);
+    if (r == TL_OK) r = takeImages(d);
+    for (int32_t l = 0; r == TL_OK && l < count; ++l) {
+        d->matchLists[l].matches = static_cast<MvecDetectMulti2_Match*>(
+            take(d, sizeof(MvecDetectMulti2_Match) * static_cast<size_t>(d->maxFeatPntsNum)));
+        if (d->matchLists[l].matches == nullptr) r = TL_ERROR_MEMORY;
+        d->matchLists[l].capacity = r == TL_OK ? d->maxFeatPntsNum : 0;
     }
+    if (r == TL_OK) r = takeLists(d);
     for (int32_t l = 0; r == TL_OK && l < count; ++l) {
         r = MvecDetectMulti2_Lsm_init(&d->lsm[l], d->dof, d->levelWidth[l], d->levelHeight[l], images);
         if (r == TL_OK) r = MvecDetectMulti2_Lsm_setFocalLength(&d->lsm[l], levelFocal(d, l));
-        if (r == TL_OK) {
-            d->matchLists[l].matches = static_cast<MvecDetectMulti2_Match*>(
-                Memory_alloc(sizeof(MvecDetectMulti2_Match) * static_cast<size_t>(d->maxFeatPntsNum)));
-            if (d->matchLists[l].matches == nullptr) r = TL_ERROR_MEMORY;
-            d->matchLists[l].capacity = r == TL_OK ? d->maxFeatPntsNum : 0;
-        }
-        for (int32_t i = 0; r == TL_OK && d->estimates != nullptr && i < images; ++i)
+        for (int32_t i = 0; r == TL_OK && i < images; ++i)
             r = MvecDetectMulti2_Mvec_init(estimateOf(d, i, l), d->dof, levelFocal(d, l));
     }
     if (r != TL_OK) {
@@ -839,6 +966,28 @@ TLResult MvecDetectMulti2_init(MvecDetectMulti2* d, int32_t width, int32_t heigh
     for (int32_t l = 0; l < count; ++l)
         std::memset(d->matchLists[l].matches, 0, sizeof(MvecDetectMulti2_Match) * d->maxFeatPntsNum);
     return TL_OK;
+}
+
+int32_t MvecDetectMulti2_getArenaSize(const MvecDetectMulti2* d, int32_t width, int32_t height,
+                                      int32_t images) {
+    if (d == nullptr || checkInit(d, width, height, images) != TL_OK) return -1;
+    int32_t levelWidth[kMvecDetectMaxLevels], levelHeight[kMvecDetectMaxLevels];
+    const int32_t count = levelSizes(d, width, height, levelWidth, levelHeight);
+    if (count < 0) return -1;
+    const int64_t bytes = arenaBytes(d, images, count, levelWidth, levelHeight);
+    return bytes < 0 || bytes > INT32_MAX ? -1 : static_cast<int32_t>(bytes);
+}
+
+TLResult MvecDetectMulti2_setArena(MvecDetectMulti2* d, Arena* arena) {
+    if (d == nullptr) return TL_ERROR_PARAM;
+    d->arena = arena;
+    return TL_OK;
+}
+
+Image* MvecDetectMulti2_getNextImage(MvecDetectMulti2* d) {
+    if (d == nullptr || d->levelCount == 0 || d->added >= d->images) return nullptr;
+    if (d->levelWidth[0] != d->width || d->levelHeight[0] != d->height) return nullptr;
+    return &d->individuals[d->added].level[0];
 }
 
 TLResult MvecDetectMulti2_addImage(MvecDetectMulti2* d, const Image* image) {

@@ -22,6 +22,13 @@
 // the failure code says so and the estimate of the coarser level stands;
 // when the finest fit fails the output is the identity.
 //
+// Memory: init takes the pyramids, feature lists, matches and records from
+// the system allocator, or, with an arena set, carves them from it
+// (getArenaSize bytes) and gives them back to it at the next init or at
+// destruct, so that a caller who makes a detector per call keeps no pages
+// of its own between calls and takes none from the system. The solvers'
+// records (well under a kilobyte a level) are allocated either way.
+//
 // Threads: one caller per detector; with a Pel the response images, the
 // cells, the pyramid rows and the block searches of a level are spread
 // over its workers, and the results do not depend on how many there are.
@@ -33,6 +40,7 @@
 #include "alignment/mvec_dispatch.h"
 #include "alignment/mvec_lsm.h"
 #include "image/image.h"
+#include "runtime/arena.h"
 #include "runtime/env.h"
 #include "runtime/pel.h"
 
@@ -95,6 +103,7 @@ struct MvecDetectMulti2 {
     double viewAngle;       // radians
     double focalLength;     // pixels of the input, from the view angle at init
     Pel* pel;               // not owned
+    Arena* arena;           // not owned: where the next init carves its buffers; null: the system's
 
     // From init.
     int32_t width, height, images;
@@ -110,6 +119,10 @@ struct MvecDetectMulti2 {
     int32_t added;         // images added since init
     uint32_t failureCode;  // of the last image
     int32_t reliability;   // Q15, of the last image
+    Arena* carvedFrom;     // the arena of the buffers in use, null when they are the system's
+    size_t arenaMark;      // where they start in it
+    void* responseWork;    // in the arena: room for the largest level's corner responses
+    int32_t responseWorkSize;
 };
 
 int32_t MvecDetectMulti2_getBufferSize(int32_t width, int32_t height, int32_t images, int32_t dof);
@@ -122,6 +135,15 @@ int32_t MvecDetectMulti2_getBufferSize(int32_t width, int32_t height, int32_t im
 TLResult construct_MvecDetectMulti2(MvecDetectMulti2* detector, Env* env);
 TLResult destruct_MvecDetectMulti2(MvecDetectMulti2* detector);
 TLResult MvecDetectMulti2_setPel(MvecDetectMulti2* detector, Pel* pel);
+// For the next init (null: the system allocator). The arena must outlive
+// the detector's buffers, that is the next init or the destruct, and must
+// not be rewound below its mark at init by anyone else meanwhile.
+TLResult MvecDetectMulti2_setArena(MvecDetectMulti2* detector, Arena* arena);
+// The bytes init and the images after it carve from an arena for these
+// sizes with the detector's current settings (an arena made by Arena_init
+// over this many bytes holds them); -1 where init would refuse them.
+int32_t MvecDetectMulti2_getArenaSize(const MvecDetectMulti2* detector, int32_t width, int32_t height,
+                                      int32_t images);
 
 // Setters: a value out of its limits gives TL_ERROR_PARAM and keeps the
 // field. Those of sizes and models take effect at the next init.
@@ -154,12 +176,19 @@ int32_t MvecDetectMulti2_calcLevels(const MvecDetectMulti2* detector, int32_t wi
 // Sizes of at least 1 and a frame of at least one pixel after the shrink,
 // images 2 to 16: TL_ERROR_PARAM, images above 16 TL_ERROR_UNSUPPORTED, a
 // block half size other than 2 or 3 TL_ERROR_UNSUPPORTED, TL_ERROR_MEMORY.
-// A failure leaves the object as construct did, with its settings.
+// A failure leaves the object as construct did, with its settings. With an
+// arena too small for getArenaSize: TL_ERROR_MEMORY.
 TLResult MvecDetectMulti2_init(MvecDetectMulti2* detector, int32_t width, int32_t height, int32_t images);
 // image: UINT8 of the init size (else TL_ERROR_PARAM; other formats
 // TL_ERROR_UNSUPPORTED). TL_ERROR_STATE before init or once the sequence is
 // full. A failure leaves the results of the images before as they were.
 TLResult MvecDetectMulti2_addImage(MvecDetectMulti2* detector, const Image* image);
+// The level-0 picture the next addImage fills, for a caller that would
+// otherwise shrink into a buffer of its own and have it copied: write the
+// picture there and pass this image to addImage, which then copies
+// nothing. Null before init, once the sequence is full, and with a shrink
+// ratio above 1 (level 0 is then smaller than the input).
+Image* MvecDetectMulti2_getNextImage(MvecDetectMulti2* detector);
 // The motion of the last image relative to the first, in pixels of the
 // input: six Q15 elements a, b, c, d, e, f for dof 2, 6, 14, 24; nine for a
 // homography (dof 8, 18), element 8 being 32768; w, x, y, z of the rotation

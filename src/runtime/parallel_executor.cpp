@@ -82,14 +82,18 @@ TLResult pelJoin(ParallelExecutor* self, uint32_t* resultOut) {
     ParallelExecutorPelTasks* t = self->pelTasks;
     uint32_t results = 0;
     TLResult r = TL_OK;
+    bool late = false;
     if (t != nullptr) {
         const int32_t n = __atomic_load_n(&t->forkCount, __ATOMIC_SEQ_CST);
         for (int32_t i = 0; i < n && r == TL_OK; ++i) {
             ParallelExecutorPelTask* task = &t->tasks[i];
             if (task->function == nullptr) continue;
-            // On a failure the loop ends here: a task whose wait failed may
-            // still run, so its arguments are left alone rather than freed.
-            r = Pel_waitForEvents(t->pel, 1, &t->events[i]);
+            // A wait that ran out has still seen the task end: its arguments
+            // go as usual and the lateness is told at the end. On another
+            // failure the loop ends here: a task whose wait failed may still
+            // run, so its arguments are left alone rather than freed.
+            r = Pel_waitForEventsToEnd(t->pel, 1, &t->events[i]);
+            if (r == TL_ERROR_TIMEOUT) late = true, r = TL_OK;
             uint32_t info = 0;
             if (r == TL_OK) r = Pel_getEventInfo(t->pel, t->events[i], 0, &info);
             if (r == TL_OK) r = Pel_releaseEvent(t->pel, t->events[i]);
@@ -101,7 +105,7 @@ TLResult pelJoin(ParallelExecutor* self, uint32_t* resultOut) {
         __atomic_store_n(&t->forkCount, 0, __ATOMIC_SEQ_CST);
     }
     if (resultOut != nullptr) *resultOut = results;
-    return r;
+    return r == TL_OK && late ? TL_ERROR_TIMEOUT : r;
 }
 
 TLResult pelExecute(ParallelExecutor* self, ParallelExecutorIndexFunction function, void* arg, int32_t count,
@@ -112,11 +116,15 @@ TLResult pelExecute(ParallelExecutor* self, ParallelExecutorIndexFunction functi
     if (r == TL_OK && event == 0) r = TL_ERROR_STATE;
     if (r != TL_OK) return r;
     uint32_t info = 0;
-    r = Pel_waitForEvents(self->pel, 1, &event);
+    // call lives in this frame: a wait that runs out waits on for the shares
+    // to end, and tells the lateness after the release.
+    r = Pel_waitForEventsToEnd(self->pel, 1, &event);
+    const bool late = r == TL_ERROR_TIMEOUT;
+    if (late) r = TL_OK;
     if (r == TL_OK) r = Pel_getEventInfo(self->pel, event, 0, &info);
     if (r == TL_OK) r = Pel_releaseEvent(self->pel, event);
     if (r == TL_OK && resultOut != nullptr) *resultOut = info;
-    return r;
+    return r == TL_OK && late ? TL_ERROR_TIMEOUT : r;
 }
 
 // --- Pool engine -------------------------------------------------------------

@@ -99,7 +99,9 @@ TLResult ParallelExecutor_init(ParallelExecutor* self, int32_t maxThreads, int32
 // of places) is full; TL_ERROR_MEMORY when the copy cannot be allocated.
 TLResult ParallelExecutor_fork(ParallelExecutor* self, ParallelExecutorFunction function,
                                const void* arguments, int32_t size);
-// Waits for every forked task; the wait's code or'ed with the or of their results.
+// Waits for every forked task; the wait's code or'ed with the or of their
+// results. On the Pel engine a wait that runs out waits on for the tasks to
+// end and then answers TL_ERROR_TIMEOUT, as execute does.
 TLResult ParallelExecutor_join(ParallelExecutor* self);
 // The same, with the or of the results going to resultOut (optional).
 TLResult ParallelExecutor_join2(ParallelExecutor* self, uint32_t* resultOut);

@@ -818,7 +818,7 @@ TLResult Pel_execute(Pel* pel, const PelKernel* kernel, void* arg, int32_t count
     if (r != TL_OK || event == 0) return r;
     r = Pel_releaseEvent(pel, event);
     if (r != TL_OK) return r;
-    r = Pel_waitForEvents(pel, 1, &event);
+    r = Pel_waitForEventsToEnd(pel, 1, &event);
     const PelParams& a = pel->active;
     if (a.callerParticipates != 0 && (a.pinWorkers != 0 || a.affinityMask != 0) && !isPoolThread(pel)) {
         restoreCallerMask(pel);
@@ -857,6 +857,15 @@ TLResult Pel_waitForEvents(Pel* pel, int32_t eventCount, const uint32_t* events)
         if (r != TL_OK) break;
     }
     return r | Lock_unlock(&pel->eventLock);
+}
+
+TLResult Pel_waitForEventsToEnd(Pel* pel, int32_t eventCount, const uint32_t* events) {
+    // Each round is a whole wait with its limit; a kernel that outlasts them
+    // all still ends, since the workers never give up.
+    bool late = false;
+    TLResult r;
+    while ((r = Pel_waitForEvents(pel, eventCount, events)) == TL_ERROR_TIMEOUT) late = true;
+    return r == TL_OK && late ? TL_ERROR_TIMEOUT : r;
 }
 
 TLResult Pel_retainEvent(Pel* pel, uint32_t event) {

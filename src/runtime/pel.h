@@ -114,7 +114,9 @@ int32_t Pel_getNumberOfWorkers(const Pel* pel);
 // runs the kernel on the calling thread. count below 1 or a null kernel:
 // nothing, TL_OK. Returns the enqueue's or the wait's failure; the kernel's
 // own or'ed result is dropped with the event (use Pel_enqueueKernel and
-// Pel_getEventInfo to see it).
+// Pel_getEventInfo to see it). It returns only once the kernel has ended,
+// a wait that ran out included (TL_ERROR_TIMEOUT then): arg is the
+// caller's again.
 TLResult Pel_execute(Pel* pel, const PelKernel* kernel, void* arg, int32_t count);
 // events: eventCount ids that must complete first; stale or completed ones
 // are satisfied already. outEvent is optional; if given, it receives the id
@@ -129,6 +131,11 @@ TLResult Pel_enqueueTask(Pel* pel, const PelKernel* kernel, void* arg, int32_t e
 // Returns when every event has completed or gone stale, TL_ERROR_TIMEOUT when
 // a thread that cannot help waited timeoutMillis for one completion.
 TLResult Pel_waitForEvents(Pel* pel, int32_t eventCount, const uint32_t* events);
+// The same, except that a wait that runs out does not end it: the thread
+// waits on until every event has completed or gone stale, and then returns
+// TL_ERROR_TIMEOUT all the same. For callers that free, or return from
+// the frame of, what the kernels touch as soon as the wait returns.
+TLResult Pel_waitForEventsToEnd(Pel* pel, int32_t eventCount, const uint32_t* events);
 // TL_ERROR_STATE for a stale id or a reference count of 0.
 TLResult Pel_retainEvent(Pel* pel, uint32_t event);
 TLResult Pel_releaseEvent(Pel* pel, uint32_t event);

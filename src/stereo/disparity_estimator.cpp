@@ -219,6 +219,7 @@ TLResult destruct_DisparityEstimator(DisparityEstimator* e) {
     Memory_free(e->depthTable);
     Memory_free(e->inverseDepthTable);
     Memory_free(e->roiHistogram);
+    Memory_free(e->scaleWork);
     std::memset(e, 0, sizeof *e);
     return TL_OK;
 }

@@ -106,6 +106,12 @@ struct DisparityEstimator {
     double centreScale, leftScale, rightScale;
     uint32_t correctionMode;
     double minSlope, maxSlope;
+    // Stage 7's work area, owned: the motion detector of each estimate is
+    // carved from it with all its pictures and lists. Taken at the first
+    // estimate (init does not know the views' size), grown when a larger
+    // view comes, kept over recycle and freed at destruct.
+    uint8_t* scaleWork;
+    int32_t scaleWorkSize;
 };
 
 // Working size of one side: trunc(percent * size / 100 + 0.5) with bit 0
@@ -210,8 +216,11 @@ TLResult DisparityEstimator_matchU8(DisparityEstimator* estimator, Image* dispar
 // Stages after matching, on the working-frame map and confidence: back into
 // the main view at the disparity frame's size, holes filled along rows (fine
 // mode: TL_ERROR_UNSUPPORTED, its filler does not exist yet), the radial
-// lowering of fine mode, the stretch, the tables and the status. The new
-// map and confidence replace the estimator's once they are complete.
+// lowering of fine mode, then (11) the range, the stretch, the tables and
+// the status of that map, then (12, rotation 0 or 2) the tilt correction
+// by the range just measured. The new map and confidence replace the
+// estimator's once they are complete; a failure leaves the last good maps,
+// tables and status.
 TLResult DisparityEstimator_finishDisparity(DisparityEstimator* estimator, const Image* map,
                                             const Image* confidence, uint8_t passValue);
 // Radial lowering of a UINT8 map by lowerRate (or lowerAmount); nothing when
@@ -253,7 +262,9 @@ TLResult DisparityEstimator_addRamp(DisparityEstimator* estimator, Image* map, i
 // pixel of the map, mode 1 ramps by the slope of the column minima, modes
 // 2 and 3 by (centreScale - 1) levels g, both clamped to minSlope and
 // maxSlope times levels g, about the middle column; mode 3 bends the ramp
-// in the outer sixths by the side strips' scales, unclamped.
+// in the outer sixths by the side strips' scales, unclamped. The scale's
+// slope is negated at rotation 0 (disparity x_main - x_sub); rotations 1
+// and 3 leave the map as it is.
 TLResult DisparityEstimator_correctDisparity(DisparityEstimator* estimator, Image* disparity, float minPx,
                                              float maxPx);
 

@@ -221,6 +221,29 @@ void clearCorners(Image* confidence, const Image* mask) {
     }
 }
 
+// What stage 11 publishes besides the maps and the status: the range and
+// the tables, and the focus window's histogram.
+struct Published {
+    float minPx, maxPx;
+    float depth[kDisparityLevels], inverse[kDisparityLevels];
+    uint32_t histogram[kDisparityLevels + 1];
+    uint32_t total;
+};
+
+void keepPublished(const DisparityEstimator* e, Published* p) {
+    p->minPx = e->minDisparityPx, p->maxPx = e->maxDisparityPx, p->total = e->roiTotal;
+    if (e->depthTable != nullptr) std::memcpy(p->depth, e->depthTable, sizeof p->depth);
+    if (e->inverseDepthTable != nullptr) std::memcpy(p->inverse, e->inverseDepthTable, sizeof p->inverse);
+    if (e->roiHistogram != nullptr) std::memcpy(p->histogram, e->roiHistogram, sizeof p->histogram);
+}
+
+void restorePublished(DisparityEstimator* e, const Published* p) {
+    e->minDisparityPx = p->minPx, e->maxDisparityPx = p->maxPx, e->roiTotal = p->total;
+    if (e->depthTable != nullptr) std::memcpy(e->depthTable, p->depth, sizeof p->depth);
+    if (e->inverseDepthTable != nullptr) std::memcpy(e->inverseDepthTable, p->inverse, sizeof p->inverse);
+    if (e->roiHistogram != nullptr) std::memcpy(e->roiHistogram, p->histogram, sizeof p->histogram);
+}
+
 // Turns *image from orientation `from` to `to` into a new work image, which
 // *image then points at.
 TLResult turn(DisparityEstimator* e, Temps* t, Image** image, int32_t from, int32_t to, TLResult r) {
@@ -388,24 +411,31 @@ TLResult DisparityEstimator_finishDisparity(DisparityEstimator* e, const Image* 
     if (r == TL_OK) r = ImageStripeExec_run(&exec, fillStripe, &fill, kBands);
     // 10: radial lowering, fine mode only.
     if (r == TL_OK && e->fineMode == 1) r = DisparityEstimator_lowerDisparity(e, disparity);
-    // 11: range, stretch, tables, status.
+    // 11: range, stretch, depth tables and status, all of the new map. The
+    // tables go straight into the estimator, where the status reads them;
+    // the last good ones are kept aside until the frame has come through.
     uint8_t low = 0, high = 0;
     if (r == TL_OK) r = DisparityEstimator_getDisparityRange(e, &low, &high, disparity);
     if (r == TL_OK) r = DisparityEstimator_stretchDisparity(e, disparity, low, high);
-    // 12: correction of residual tilt, plain branch only. It runs before the
-    // new map takes over, so that a failed frame leaves the last good
-    // result; the status then reads the corrected map, the one handed out.
-    const float unit = static_cast<float>(1 << (e->subPixelEnabled != 0 ? e->fractionBits : 0));
+    Published last;
+    const bool tablesTaken = r == TL_OK;
+    int32_t status = 0;
+    if (tablesTaken) {
+        keepPublished(e, &last);
+        DisparityEstimator_updateDepthTables(e, low, high);
+        r = DisparityEstimator_updateStatus(e, &status, disparity, valid, passValue);
+    }
+    // 12: correction of residual tilt, plain branch only, in levels of the
+    // range stage 11 has just measured.
     if (r == TL_OK && !isTransposed(e->rotation))
-        r = DisparityEstimator_correctDisparity(e, disparity, low / unit, high / unit);
+        r = DisparityEstimator_correctDisparity(e, disparity, e->minDisparityPx, e->maxDisparityPx);
     if (r == TL_OK) {
         // The new maps take the place of the last good ones only now.
         std::swap(e->disparity, *disparity);
         std::swap(e->confidence, *valid);
-        DisparityEstimator_updateDepthTables(e, low, high);
-        int32_t status = 0;
-        r = DisparityEstimator_updateStatus(e, &status, &e->disparity, &e->confidence, passValue);
-        if (r == TL_OK) e->status = status;
+        e->status = status;
+    } else if (tablesTaken) {
+        restorePublished(e, &last);
     }
     Temps_release(t);
     return r;

@@ -9,6 +9,7 @@
 #include "alignment/mvec_detect_multi2.h"
 #include "imageproc/image_stripes.h"
 #include "imageproc/resize.h"
+#include "runtime/arena.h"
 #include "runtime/memory.h"
 #include "stereo/disparity_estimator.h"
 
@@ -181,44 +182,80 @@ void coveredRect(const Image* a, const Image* b, int32_t rect[4]) {
 
 namespace {
 
-// The scale of one pair of views, shrunk one after the other into
-// `scratch` (UINT8, at least a quarter of their width by their height): the
-// detector keeps its own copy, so one buffer serves both views and every
-// strip of a frame.
-TLResult measureScale(DisparityEstimator* e, double* scale, const Image* mainView, const Image* subView,
-                      const Image* scratch) {
+// The detector of stage 7, before its init.
+void setUpDetector(MvecDetectMulti2* detector, Env* env) {
+    construct_MvecDetectMulti2(detector, env);
+    MvecDetectMulti2_setDof(detector, 6);
+}
+
+// Bytes of the work area for views of a shrunk width w by h: the detector
+// record and what its init carves.
+int64_t scaleWorkBytes(int32_t w, int32_t h) {
+    MvecDetectMulti2 probe;
+    setUpDetector(&probe, nullptr);
+    const int32_t bytes = MvecDetectMulti2_getArenaSize(&probe, w, h, 2);
+    destruct_MvecDetectMulti2(&probe);
+    return bytes < 0 ? -1 : bytes + static_cast<int64_t>(Arena_span(sizeof(MvecDetectMulti2)));
+}
+
+// A work area for views of a shrunk width w by h, kept from an earlier
+// estimate when it is large enough. The need does not grow steadily with
+// the size (the feature grid's cells and sampling step come in whole
+// pixels, so a slightly smaller view can want a larger list or response
+// image), and the covered part of a strip changes from frame to frame by
+// a few pixels: a new area has an eighth more room than asked, so that it
+// is not given up and taken again for such changes.
+TLResult reserveScaleWork(DisparityEstimator* e, int32_t w, int32_t h) {
+    const int64_t bytes = scaleWorkBytes(w, h);
+    if (bytes < 0) return TL_ERROR_PARAM;
+    if (bytes <= e->scaleWorkSize) return TL_OK;
+    const int64_t room = bytes + bytes / 8;
+    if (room > INT32_MAX) return TL_ERROR_PARAM;
+    Memory_free(e->scaleWork);
+    e->scaleWork = static_cast<uint8_t*>(Memory_alloc(static_cast<size_t>(room)));
+    e->scaleWorkSize = e->scaleWork != nullptr ? static_cast<int32_t>(room) : 0;
+    return e->scaleWork != nullptr ? TL_OK : TL_ERROR_MEMORY;
+}
+
+// The scale of one pair of views. The detector is made for this estimate
+// alone, its record and buffers carved from the work area, and each view
+// is shrunk straight into the picture the detector keeps of it.
+TLResult measureScale(DisparityEstimator* e, double* scale, const Image* mainView, const Image* subView) {
     // Only the width is reduced: the scale is read along the full height,
     // where disparity does not move the picture.
     const int32_t w = mainView->width >> 2, h = mainView->height;
     *scale = 1.0;
     if (w < 1) return TL_OK;
-    MvecDetectMulti2* detector = static_cast<MvecDetectMulti2*>(Memory_alloc(sizeof(MvecDetectMulti2)));
+    TLResult r = reserveScaleWork(e, w, h);
+    if (r != TL_OK) return r;
+    Arena arena;
+    Arena_init(&arena, e->scaleWork, static_cast<size_t>(e->scaleWorkSize));
+    MvecDetectMulti2* detector =
+        static_cast<MvecDetectMulti2*>(Arena_alloc(&arena, sizeof(MvecDetectMulti2)));
     if (detector == nullptr) return TL_ERROR_MEMORY;
-    construct_MvecDetectMulti2(detector, e->env);
-    Image shrunk;
-    construct_Image(&shrunk, e->env);
+    setUpDetector(detector, e->env);
     MvecDetectMulti2_setPel(detector, e->pel);
-    TLResult r = MvecDetectMulti2_setDof(detector, 6);
-    if (r == TL_OK) r = MvecDetectMulti2_init(detector, w, h, 2);
-    if (r == TL_OK) r = Image_initSubImage(&shrunk, scratch, 0, 0, w, h);
+    MvecDetectMulti2_setArena(detector, &arena);
+    r = MvecDetectMulti2_init(detector, w, h, 2);
     const Image* views[2] = {mainView, subView};
     const ImageStripeExec exec{e->pel, nullptr};
     for (int32_t i = 0; i < 2 && r == TL_OK; ++i) {
-        if (views[i]->format == IMAGE_FORMAT_UINT8) {
-            QuarterJob job{&shrunk, views[i]};
+        Image* shrunk = MvecDetectMulti2_getNextImage(detector);
+        if (shrunk == nullptr) {
+            r = TL_ERROR_STATE;
+        } else if (views[i]->format == IMAGE_FORMAT_UINT8) {
+            QuarterJob job{shrunk, views[i]};
             r = ImageStripeExec_run(&exec, quarterStripe, &job, kBands);
         } else {
-            r = ImageProc2_resizeImage(&e->imageProc2, &shrunk, views[i]);
+            r = ImageProc2_resizeImage(&e->imageProc2, shrunk, views[i]);
         }
-        if (r == TL_OK) r = MvecDetectMulti2_addImage(detector, &shrunk);
+        if (r == TL_OK) r = MvecDetectMulti2_addImage(detector, shrunk);
     }
     int32_t motion[6];
     if (r == TL_OK) r = MvecDetectMulti2_outputMvec(detector, motion);
     // A picture without texture leaves the identity: a scale of 1.0.
     if (r == TL_OK) *scale = motion[4] * (1.0 / 32768.0);
-    destruct_Image(&shrunk);
     destruct_MvecDetectMulti2(detector);
-    Memory_free(detector);
     return r;
 }
 
@@ -230,13 +267,7 @@ TLResult DisparityEstimator_estimateScale(DisparityEstimator* e, double* scale, 
         return TL_ERROR_PARAM;
     if (mainView->width != subView->width || mainView->height != subView->height) return TL_ERROR_PARAM;
     *scale = 1.0;
-    if (mainView->width < 4) return TL_OK;
-    Image scratch;
-    construct_Image(&scratch, e->env);
-    TLResult r = Image_init(&scratch, mainView->width >> 2, mainView->height, nullptr, IMAGE_FORMAT_UINT8);
-    if (r == TL_OK) r = measureScale(e, scale, mainView, subView, &scratch);
-    destruct_Image(&scratch);
-    return r;
+    return measureScale(e, scale, mainView, subView);
 }
 
 TLResult DisparityEstimator_estimateScales(DisparityEstimator* e, const Image* main, const Image* sub) {
@@ -247,12 +278,7 @@ TLResult DisparityEstimator_estimateScales(DisparityEstimator* e, const Image* m
     const int32_t strips[3][2] = {{w, W - 2 * w}, {W - w, w}, {0, w}};
     const int32_t count = e->correctionMode == CORRECTION_WHOLE ? 1 : 3;
     double scales[3] = {1.0, 1.0, 1.0};
-    // A quarter of the widest strip, shared by the strips.
-    Image scratch;
-    construct_Image(&scratch, e->env);
-    TLResult r = Image_init(
-        &scratch, (count == 1 ? W : strips[0][1]) >> 2 > 0 ? (count == 1 ? W : strips[0][1]) >> 2 : 1,
-        main->height, nullptr, IMAGE_FORMAT_UINT8);
+    TLResult r = TL_OK;
     for (int32_t i = 0; i < count && r == TL_OK; ++i) {
         const int32_t x = count == 1 ? 0 : strips[i][0], width = count == 1 ? W : strips[i][1];
         if (width < 1) continue;
@@ -269,14 +295,13 @@ TLResult DisparityEstimator_estimateScales(DisparityEstimator* e, const Image* m
         if (r == TL_OK && rect[2] >= 4 && rect[3] > 0) {
             r = Image_initSubImage(&mainPart, &mainView, rect[0], rect[1], rect[2], rect[3]);
             if (r == TL_OK) r = Image_initSubImage(&subPart, &subView, rect[0], rect[1], rect[2], rect[3]);
-            if (r == TL_OK) r = measureScale(e, &scales[i], &mainPart, &subPart, &scratch);
+            if (r == TL_OK) r = measureScale(e, &scales[i], &mainPart, &subPart);
         }
         destruct_Image(&mainPart);
         destruct_Image(&subPart);
         destruct_Image(&mainView);
         destruct_Image(&subView);
     }
-    destruct_Image(&scratch);
     if (r != TL_OK) return r;
     e->centreScale = scales[0];
     if (count == 3) e->rightScale = scales[1], e->leftScale = scales[2];
@@ -301,6 +326,9 @@ TLResult DisparityEstimator_correctDisparity(DisparityEstimator* e, Image* dispa
     const uint32_t mode = e->correctionMode;
     if (mode != CORRECTION_FROM_MAP && mode != CORRECTION_WHOLE && mode != CORRECTION_THREE_STRIPS)
         return TL_OK;
+    // Rotations 1 and 3 match across the transposed frame, where the scales
+    // (read along the other axis) do not describe the map's rows: no ramp.
+    if (e->rotation == 1 || e->rotation == 3) return TL_OK;
     const int32_t P = disparity->width;
     // A flat map has no range to turn slopes into levels, and a map before
     // the grids no focal lengths: nothing to correct.
@@ -310,11 +338,9 @@ TLResult DisparityEstimator_correctDisparity(DisparityEstimator* e, Image* dispa
     const double levels = 255.0 / (static_cast<double>(maxPx) - static_cast<double>(minPx));
     const double g = static_cast<double>(e->focalLength) /
                      ((static_cast<double>(P) / e->calibWidth) * static_cast<double>(e->calibFocalLength));
-    // A sub view magnified by s moves its points away from the centre, which
-    // changes disparity by (s - 1) (x - c) with the sign of the side the sub
-    // camera sits on in the picture: right of the main camera at rotation 0
-    // (disparity x_main - x_sub, which then falls across the picture), left
-    // at rotation 2. The ramp takes out what the scale put in.
+    // Sign: a sub view magnified by s moves x_sub by (s - 1) (x - c). At rotation 0 the disparity
+    // x_main - x_sub falls by that, so the slope is -(s - 1) levels g (the plain one would double
+    // the tilt); at rotation 2 it is x_sub - x_main, which rises by that: the plain slope is right.
     const double sign = e->rotation == 2 ? 1.0 : -1.0;
     const double perScale = sign * levels * g;
     const double lo = e->minSlope * levels * g, hi = e->maxSlope * levels * g;

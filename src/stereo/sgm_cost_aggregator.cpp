@@ -601,15 +601,18 @@ TLResult SgmCostAggregator_aggregate2wayParallel(SgmCostAggregator* aggregator, 
         if (events[i] != 0) pending[pendingCount++] = events[i];
     }
     if (pendingCount > 0) {
-        const TLResult w = Pel_waitForEvents(pel, pendingCount, pending);
-        // After a failed wait a task may still run on `tasks`: the references
-        // stay held so that its slot is not reused under it.
-        if (w != TL_OK) return w;
+        // `tasks` lives in this frame and the volumes are the caller's: a wait
+        // that runs out waits on for the tasks to end, then tells the lateness.
+        const TLResult w = Pel_waitForEventsToEnd(pel, pendingCount, pending);
+        // After another failed wait a task may still run on `tasks`: the
+        // references stay held so that its slot is not reused under it.
+        if (w != TL_OK && w != TL_ERROR_TIMEOUT) return w;
         for (int32_t i = 0; i < pendingCount; ++i) {
             uint32_t error = 0;
             if (Pel_getEventInfo(pel, pending[i], 0, &error) == TL_OK) result |= error;
             result |= Pel_releaseEvent(pel, pending[i]);
         }
+        result |= w;
     }
     if (result != TL_OK) return result;
     // A Pel that is not running takes no task: the work is done here.

@@ -88,23 +88,32 @@ TEST(FeatPnt, ResponseWorkedByHandAndAgainstAPlainModel) {
             << c.step;
 }
 
-// Strip keeps the strongest, in order of falling strength, the earlier of equal ones first.
+// Strip keeps the strongest, in order of falling strength, the earlier of equal ones first: with a block of
+// its own (room for 8) and in the list's spare room (16); a list borrowing its room is left with it.
 TEST(FeatPnt, StripIsAStableSortByStrength) {
-    List list;
-    ASSERT_EQ(FeatPntList_init(&list.l, 8), TL_OK);
-    const int32_t strengths[] = {5, 200, 5, 17, 200, 0, 17};
-    for (int32_t i = 0; i < 7; ++i) {
+    for (int32_t capacity : {8, 16, -16}) {
+        List list;
+        std::vector<FeatPnt> room(16);
+        if (capacity > 0) {
+            ASSERT_EQ(FeatPntList_init(&list.l, capacity), TL_OK);
+        } else {
+            ASSERT_EQ(FeatPntList_initWithBuffer(&list.l, room.data(), -capacity), TL_OK);
+        }
+        const int32_t strengths[] = {5, 200, 5, 17, 200, 0, 17};
+        for (int32_t i = 0; i < 7; ++i) {
+            FeatPnt p{};
+            p.x = i, p.strength = strengths[i];
+            ASSERT_EQ(FeatPntList_add(&list.l, &p), TL_OK);
+        }
+        ASSERT_EQ(FeatPntList_strip(&list.l, 5), TL_OK);
+        const int32_t order[] = {1, 4, 3, 6, 0};
+        ASSERT_EQ(list.l.count, 5);
+        for (int32_t i = 0; i < 5; ++i) EXPECT_EQ(list.l.points[i].x, order[i]) << capacity << ", " << i;
         FeatPnt p{};
-        p.x = i, p.strength = strengths[i];
-        ASSERT_EQ(FeatPntList_add(&list.l, &p), TL_OK);
+        while (list.l.count < list.l.capacity) ASSERT_EQ(FeatPntList_add(&list.l, &p), TL_OK);
+        EXPECT_EQ(FeatPntList_add(&list.l, &p), TL_ERROR_STATE);  // full
+        EXPECT_TRUE(capacity > 0 || list.l.points == room.data());
     }
-    ASSERT_EQ(FeatPntList_strip(&list.l, 5), TL_OK);
-    const int32_t order[] = {1, 4, 3, 6, 0};
-    ASSERT_EQ(list.l.count, 5);
-    for (int32_t i = 0; i < 5; ++i) EXPECT_EQ(list.l.points[i].x, order[i]) << i;
-    FeatPnt p{};
-    for (int32_t i = 0; i < 3; ++i) FeatPntList_add(&list.l, &p);
-    EXPECT_EQ(FeatPntList_add(&list.l, &p), TL_ERROR_STATE);  // full at 8
 }
 
 // The grid: at most one point per cell, each at its cell's largest response; more points than cells only in
@@ -146,6 +155,19 @@ TEST(FeatPnt, CellGrid) {
                 TL_OK);
             ASSERT_EQ(serial.l.count, parallel.l.count);
             EXPECT_EQ(std::memcmp(serial.l.points, parallel.l.points, sizeof(FeatPnt) * serial.l.count), 0);
+            // With the response image and the list in the caller's room, of the sizes asked for.
+            const int32_t capacity = FeatPntList_getCapacity(200, 150, 400, mode),
+                          bytes = FeatPnt_getResponseSize(200, 150, 400);
+            std::vector<FeatPnt> room(2 * static_cast<size_t>(capacity));
+            std::vector<uint8_t> work(static_cast<size_t>(bytes));
+            List borrowed;
+            ASSERT_EQ(FeatPntList_initWithBuffer(&borrowed.l, room.data(), 2 * capacity), TL_OK);
+            ASSERT_EQ(MvecDetectMulti2_calcFeatPntListWithWork(pel, &borrowed.l, &p.image, 400, 4, mode,
+                                                               32768, work.data(), bytes),
+                      TL_OK);
+            ASSERT_EQ(borrowed.l.points, room.data());
+            ASSERT_EQ(borrowed.l.count, serial.l.count);
+            EXPECT_EQ(std::memcmp(serial.l.points, room.data(), sizeof(FeatPnt) * serial.l.count), 0);
         }
     }
     Picture flat(200, 150, IMAGE_FORMAT_UINT8), narrow(23, 150, IMAGE_FORMAT_UINT8);

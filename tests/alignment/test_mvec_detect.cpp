@@ -6,11 +6,13 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <random>
 #include <vector>
 
 #include "alignment/mvec_detect_multi2.h"
+#include "runtime/memory.h"
 #include "support/layers.h"
 #include "support/picture.h"
 #include "support/test_env.h"
@@ -49,20 +51,49 @@ std::unique_ptr<Picture> moved(const Texture& t, int32_t w, int32_t h, const dou
 
 const double kIdentity[6] = {1, 0, 0, 0, 1, 0};
 
-// Runs a detector over the pictures and returns the output; `setup` adjusts its settings before init.
+// A 64-byte aligned block of `size` bytes, so that an arena over it has exactly the room asked for less the
+// line Arena_init keeps for alignment.
+struct AlignedBlock {
+    std::vector<uint8_t> bytes;
+    uint8_t* data;
+    explicit AlignedBlock(size_t size) : bytes(size + kArenaAlign) {
+        data = bytes.data() +
+               (kArenaAlign - reinterpret_cast<uintptr_t>(bytes.data()) % kArenaAlign) % kArenaAlign;
+    }
+};
+
+// Runs a detector over the pictures and returns the output; `setup` adjusts its settings before init. Each
+// run is made twice, on the system allocator and in an arena of the size the detector asks for: the same
+// output and code both ways, and the arena whole again once a fresh init has given its pieces back.
 template <typename Setup>
 std::vector<int32_t> detect(const std::vector<const Picture*>& pictures, int32_t dof, Setup setup,
                             Pel* pel = nullptr, uint32_t* code = nullptr) {
-    Detector det(dof, pel);
-    setup(&det.d);
+    std::vector<int32_t> out[2];
+    uint32_t codes[2] = {0, 0};
     const Image& first = pictures[0]->image;
-    EXPECT_EQ(MvecDetectMulti2_init(&det.d, first.width, first.height, static_cast<int32_t>(pictures.size())),
-              TL_OK);
-    for (const Picture* p : pictures) EXPECT_EQ(MvecDetectMulti2_addImage(&det.d, &p->image), TL_OK);
-    std::vector<int32_t> out(9, 0);
-    EXPECT_EQ(MvecDetectMulti2_outputMvec(&det.d, out.data()), TL_OK);
-    if (code != nullptr) *code = MvecDetectMulti2_getFailureCode(&det.d);
-    return out;
+    const int32_t n = static_cast<int32_t>(pictures.size());
+    for (int carved = 0; carved < 2; ++carved) {
+        Detector det(dof, pel);
+        setup(&det.d);
+        const int32_t size = MvecDetectMulti2_getArenaSize(&det.d, first.width, first.height, n);
+        EXPECT_GT(size, 0);
+        AlignedBlock block(static_cast<size_t>(size > 0 ? size : 0));
+        Arena arena;
+        Arena_init(&arena, block.data, static_cast<size_t>(size > 0 ? size : 0));
+        if (carved != 0) MvecDetectMulti2_setArena(&det.d, &arena);
+        EXPECT_EQ(MvecDetectMulti2_init(&det.d, first.width, first.height, n), TL_OK);
+        for (const Picture* p : pictures) EXPECT_EQ(MvecDetectMulti2_addImage(&det.d, &p->image), TL_OK);
+        out[carved].assign(9, 0);
+        EXPECT_EQ(MvecDetectMulti2_outputMvec(&det.d, out[carved].data()), TL_OK);
+        codes[carved] = MvecDetectMulti2_getFailureCode(&det.d);
+        MvecDetectMulti2_setArena(&det.d, nullptr);
+        EXPECT_EQ(MvecDetectMulti2_init(&det.d, first.width, first.height, n), TL_OK);
+        EXPECT_EQ(arena.used, 0u);
+    }
+    EXPECT_EQ(out[1], out[0]) << "in an arena";
+    EXPECT_EQ(codes[1], codes[0]) << "in an arena";
+    if (code != nullptr) *code = codes[0];
+    return out[0];
 }
 
 std::vector<int32_t> detect(const std::vector<const Picture*>& pictures, int32_t dof = 6) {
@@ -357,4 +388,88 @@ TEST(MvecDetectMulti2, EveryModel) {
         // Eight free elements reach the corners, beyond the last features, with more play.
         EXPECT_LT(worst, k.dof == 8 ? 0.25 : 0.15) << "dof " << k.dof;
     }
+}
+
+// The picture of the next image, filled in place, gives what a copy gives (the reference run of detect);
+// there is none before init, once the sequence is full or when level 0 is shrunk. An arena a byte short of
+// the size asked for refuses init and is left whole, and the detector as construct left it.
+TEST(MvecDetectMulti2, ArenaAndPicturesFilledInPlace) {
+    const int32_t w = 200, h = 300;
+    double m[6];
+    vq_tl_test::motionAboutCentre(w, h, 1.003, 0.997, 0.0, 1.5, -2.0, m);
+    const Texture texture(9);
+    const auto a = moved(texture, w, h, kIdentity, 1.0, 1), b = moved(texture, w, h, m, 1.0, 2);
+    const std::vector<int32_t> want = detect({a.get(), b.get()});
+    Detector det;
+    EXPECT_EQ(MvecDetectMulti2_getNextImage(&det.d), nullptr);
+    const int32_t size = MvecDetectMulti2_getArenaSize(&det.d, w, h, 2);
+    AlignedBlock block(static_cast<size_t>(size));
+    Arena arena;
+    Arena_init(&arena, block.data, static_cast<size_t>(size - kArenaAlign - 1));
+    MvecDetectMulti2_setArena(&det.d, &arena);
+    EXPECT_EQ(MvecDetectMulti2_init(&det.d, w, h, 2), TL_ERROR_MEMORY);
+    EXPECT_EQ(arena.used, 0u);
+    EXPECT_EQ(det.d.levelCount, 0);
+    Arena_init(&arena, block.data, static_cast<size_t>(size - kArenaAlign));
+    ASSERT_EQ(MvecDetectMulti2_init(&det.d, w, h, 2), TL_OK);
+    for (const Picture* p : {a.get(), b.get()}) {
+        Image* next = MvecDetectMulti2_getNextImage(&det.d);
+        ASSERT_NE(next, nullptr);
+        for (int32_t y = 0; y < h; ++y)
+            std::memcpy(next->plane[0] + y * next->pitch[0], p->image.plane[0] + y * p->image.pitch[0], w);
+        ASSERT_EQ(MvecDetectMulti2_addImage(&det.d, next), TL_OK);
+    }
+    EXPECT_EQ(MvecDetectMulti2_getNextImage(&det.d), nullptr);
+    std::vector<int32_t> got(9, 0);
+    ASSERT_EQ(MvecDetectMulti2_outputMvec(&det.d, got.data()), TL_OK);
+    EXPECT_EQ(got, want);
+    Detector halved;
+    MvecDetectMulti2_setShrinkRatio(&halved.d, 2);
+    ASSERT_EQ(MvecDetectMulti2_init(&halved.d, w, h, 2), TL_OK);
+    EXPECT_EQ(MvecDetectMulti2_getNextImage(&halved.d), nullptr);
+}
+
+// In an arena a run takes from the system only the solvers' blocks: against a run on the system allocator it
+// spares the two records, per level the two pictures and the matches, and for the reference's levels the
+// feature list, the sort's second copy and the corner responses. Every block it still takes, failed in turn,
+// ends the run with TL_ERROR_MEMORY (or is absorbed, as a pair the solver could not store is) and leaves the
+// arena whole and no block alive.
+TEST(MvecDetectMulti2, ArenaFailurePaths) {
+    if (!Memory_canInjectFaults()) GTEST_SKIP() << "built without VQ_TL_ALLOC_FAULTS";
+    const int32_t w = 160, h = 240;
+    const Texture texture(12);
+    const auto a = moved(texture, w, h, kIdentity, 1.0, 1), b = moved(texture, w, h, kIdentity, 1.0, 2);
+    Detector probe;
+    const int32_t size = MvecDetectMulti2_getArenaSize(&probe.d, w, h, 2);
+    AlignedBlock block(static_cast<size_t>(size));
+    int64_t blocks[2] = {0, 0};  // taken by a whole run: on the system allocator, in the arena
+    int32_t levels = 0;
+    for (int carved = 0; carved < 2; ++carved) {
+        for (int64_t n = carved == 0 ? 0 : 1;; ++n) {
+            const int64_t live = Memory_getLiveCount();
+            Detector det;
+            Arena arena;
+            Arena_init(&arena, block.data, static_cast<size_t>(size));
+            if (carved != 0) MvecDetectMulti2_setArena(&det.d, &arena);
+            Memory_failAt(n);
+            TLResult r = MvecDetectMulti2_init(&det.d, w, h, 2);
+            levels = det.d.levelCount > 0 ? det.d.levelCount : levels;
+            for (const Picture* p : {a.get(), b.get()}) {
+                if (r == TL_OK) r = MvecDetectMulti2_addImage(&det.d, &p->image);
+            }
+            const int64_t count = Memory_getAllocCount();
+            Memory_failAt(0);
+            EXPECT_TRUE(r == TL_OK || r == TL_ERROR_MEMORY) << std::hex << r << " at allocation " << n;
+            destruct_MvecDetectMulti2(&det.d);
+            EXPECT_EQ(arena.used, 0u) << "allocation " << n;
+            EXPECT_EQ(Memory_getLiveCount(), live) << "allocation " << n;
+            construct_MvecDetectMulti2(&det.d, nullptr);
+            if (count < n || n == 0) {
+                blocks[carved] = count;
+                break;
+            }
+        }
+    }
+    EXPECT_EQ(levels, 3);
+    EXPECT_EQ(blocks[0] - blocks[1], 2 + 3 * levels + 3 * levels) << blocks[0] << " and " << blocks[1];
 }

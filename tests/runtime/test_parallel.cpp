@@ -543,6 +543,87 @@ TEST(Pel, ErrorsAreOredIntoEventsAndCancelDependents) {
     }
 }
 
+namespace {
+
+// A kernel held at a gate; it notes that it has ended as its last act.
+struct Late {
+    std::atomic<int32_t> gate{0}, ended{0};
+};
+
+uint32_t lateBody(Late* late) {
+    waitUntil(late->gate, 1);
+    late->ended.store(1);
+    return TL_OK;
+}
+
+uint32_t lateIndex(void* arg, int32_t, PelWorkInfo*) { return lateBody(static_cast<Late*>(arg)); }
+uint32_t lateShare(void* arg, int32_t, int32_t) { return lateBody(static_cast<Late*>(arg)); }
+uint32_t lateTask(void* arguments) { return lateBody(*static_cast<Late* const*>(arguments)); }
+
+constexpr PelKernel kLateIndex = PelKernel_perIndex<lateIndex>();
+
+}  // namespace
+
+// A kernel that outlasts the Pel's wait limit (20 ms here; its gate opens 200 ms after the wait begins, and
+// the caller, outside the pool, cannot help): each wait after which the caller may free what the kernel
+// touches returns only once the kernel has ended, and answers TL_ERROR_TIMEOUT all the same.
+TEST(Pel, WaitsThatRunOutStillEndWithTheKernels) {
+    using Wait = TLResult (*)(Pel*, ParallelExecutor*, Late*);
+    const struct {
+        const char* name;
+        Wait wait;
+    } cases[] = {
+        {"Pel_waitForEventsToEnd",
+         [](Pel* pel, ParallelExecutor*, Late* late) {
+             uint32_t event = 0;
+             TLResult r = Pel_enqueueKernel(pel, &kLateIndex, late, 1, 0, nullptr, &event);
+             if (r == TL_OK) r = Pel_waitForEventsToEnd(pel, 1, &event);
+             Pel_releaseEvent(pel, event);
+             return r;
+         }},
+        {"Pel_execute",
+         [](Pel* pel, ParallelExecutor*, Late* late) { return Pel_execute(pel, &kLateIndex, late, 1); }},
+        {"ParallelExecutor_execute",
+         [](Pel*, ParallelExecutor* x, Late* late) {
+             return ParallelExecutor_execute(x, lateShare, late, 1, nullptr);
+         }},
+        {"ParallelExecutor_join",
+         [](Pel*, ParallelExecutor* x, Late* late) {
+             const TLResult r = ParallelExecutor_fork(x, lateTask, &late, sizeof late);
+             return r == TL_OK ? ParallelExecutor_join(x) : r;
+         }},
+    };
+    for (const auto& c : cases) {
+        Pel pel;
+        construct_Pel(&pel, nullptr);
+        pel.params.numberOfWorkers = 2;
+        pel.params.callerParticipates = 0;
+        pel.params.timeoutMillis = 20;
+        ASSERT_EQ(Pel_init(&pel), TL_OK);
+        ParallelExecutor x;
+        construct_ParallelExecutor(&x, nullptr);
+        x.setAffinity = 0;
+        x.numberOfThreads = 1;
+        x.pel = &pel;
+        ASSERT_EQ(ParallelExecutor_init(&x, 4, 4), TL_OK);
+        Late late;
+        std::atomic<int32_t> waiting{0};
+        std::thread opener([&] {
+            waitUntil(waiting, 1);
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            late.gate.store(1);
+        });
+        waiting.store(1);
+        const TLResult r = c.wait(&pel, &x, &late);
+        const int32_t endedAtReturn = late.ended.load();
+        opener.join();
+        EXPECT_EQ(r, TL_ERROR_TIMEOUT) << c.name;
+        EXPECT_EQ(endedAtReturn, 1) << c.name;
+        EXPECT_EQ(destruct_ParallelExecutor(&x), TL_OK) << c.name;
+        EXPECT_EQ(destruct_Pel(&pel), TL_OK) << c.name;
+    }
+}
+
 // Same outputs and or'ed results on every engine; forks copy arguments; a count of 0 is a share per worker.
 // Without an executor the work runs at once on the calling thread: a fork returns its task's result.
 TEST(ParallelExecutor, EnginesAgreeOnForkJoinAndExecute) {

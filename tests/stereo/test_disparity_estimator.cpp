@@ -3,17 +3,21 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <functional>
 #include <memory>
+#include <random>
 #include <vector>
 
+#include "runtime/memory.h"
 #include "stereo/disparity_estimator.h"
 #include "support/layers.h"
 #include "support/owned.h"
 #include "support/picture.h"
 #include "support/scene.h"
 #include "support/test_env.h"
+#include "support/texture.h"
 
 using namespace vq_tl;
 using vq_tl_test::Owned;
@@ -529,6 +533,151 @@ TEST(DisparityEstimator, TiltRampsWorkedByHand) {
             EXPECT_EQ(map.u8(x, 0), 100 + c.want[x]) << c.name << ", column " << x;
         EXPECT_TRUE(map.canariesIntact());
     }
+}
+
+// The ramp's sign on a flat 48 by 2 map of 100 (sixths of 8 columns), the range 0 to 25.5 px and g = 350 /
+// ((48 / 48) * 10) = 35. Mode 3 with both limits 0 holds the centre; a left scale of 1.001 ramps the left
+// sixth by 0.001 levels g per column about its pivot, column 8: the disparity x_main - x_sub of rotation 0
+// fell where the sub view grew, so the ramp falls towards the left edge to take that out; at rotation 2
+// (x_sub - x_main) it rises. A strip slope under 1e-6 does nothing; rotations 1 and 3 leave the map alone in
+// every mode, even with scales and limits that ramp the whole map at rotation 0.
+TEST(DisparityEstimator, TiltRampSign) {
+    const struct {
+        const char* name;
+        uint32_t rotation, mode;
+        double left, centre, minSlope, maxSlope;
+        int sign;  // of the left sixth's ramp; 0: the map stays flat
+    } cases[] = {
+        {"rotation 0", 0, 3, 1.001, 1.0, 0.0, 0.0, -1},
+        {"rotation 2", 2, 3, 1.001, 1.0, 0.0, 0.0, 1},
+        {"strip slope 7e-7", 0, 3, 1.0 + 2e-9, 1.0, 0.0, 0.0, 0},
+        {"rotation 1, mode 1", 1, 1, 1.001, 1.001, -0.001, -0.001, 0},
+        {"rotation 1, mode 2", 1, 2, 1.001, 1.001, -1.0, 1.0, 0},
+        {"rotation 1, mode 3", 1, 3, 1.001, 1.001, -1.0, 1.0, 0},
+        {"rotation 3, mode 1", 3, 1, 1.001, 1.001, -0.001, -0.001, 0},
+        {"rotation 3, mode 2", 3, 2, 1.001, 1.001, -1.0, 1.0, 0},
+        {"rotation 3, mode 3", 3, 3, 1.001, 1.001, -1.0, 1.0, 0},
+    };
+    for (const auto& c : cases) {
+        Fixture f;
+        f.focalLength = 350.0f, f.calibFocalLength = 10.0f, f.calibWidth = 48;
+        f.rotation = c.rotation;
+        f.leftScale = c.left, f.centreScale = c.centre, f.rightScale = 1.0;
+        DisparityEstimator_setDisparityCorrectionMode(&f, c.mode);
+        DisparityEstimator_setCorrectDispParams(&f, c.minSlope, c.maxSlope);
+        Picture map(48, 2, IMAGE_FORMAT_UINT8);
+        map.fillPlanes(100);
+        ASSERT_EQ(DisparityEstimator_correctDisparity(&f, &map.image, 0.0f, 25.5f), TL_OK) << c.name;
+        const double levels = 255.0 / 25.5, g = f.focalLength / ((48.0 / f.calibWidth) * f.calibFocalLength);
+        for (int32_t x = 0; x < 48; ++x) {
+            const double ramp = x < 8 ? c.sign * (c.left - 1.0) * levels * g * (8 - x) : 0.0;
+            EXPECT_EQ(map.u8(x, 1), static_cast<int>(std::floor(100.0 + ramp + 0.5)))
+                << c.name << ", column " << x;
+        }
+    }
+}
+
+// Stage 11 (range, stretch, tables, status) comes before stage 12: the same frame with and without a strong
+// correction (mode 2, scale 1.05, about half a level per column) gives the same range, tables, focus-window
+// histogram and status, while the maps differ. And a frame that fails anywhere in stages 8 to 12, the
+// correction's column minima of mode 1 included, leaves the last frame's maps, tables, histogram and status.
+TEST(DisparityEstimator, StatusBeforeCorrectionAndFailuresLeaveTheLastResult) {
+    std::mt19937 rng(11);
+    std::vector<std::unique_ptr<Picture>> maps;
+    Picture confidence(172, 130, IMAGE_FORMAT_UINT8);  // the working frame of the 640 by 480 fixture
+    confidence.fillPlanes(255);
+    for (int k = 0; k < 2; ++k) {
+        maps.push_back(std::make_unique<Picture>(172, 130, IMAGE_FORMAT_UINT8));
+        for (int32_t y = 0; y < 130; ++y) {
+            for (int32_t x = 0; x < 172; ++x)
+                maps[k]->u8(x, y) = static_cast<uint8_t>(40 + rng() % (k == 0 ? 150 : 90));
+        }
+    }
+    auto prepared = [](Fixture& f, uint32_t mode) {
+        f.focalLength = f.calibFocalLength = 100.0f;
+        f.calibWidth = f.disparityWidth;
+        f.centreScale = 1.05;
+        DisparityEstimator_setDisparityCorrectionMode(&f, mode);
+        DisparityEstimator_setCorrectDispParams(&f, -1.0, 1.0);
+    };
+    auto published = [](const Fixture& f) {
+        std::vector<uint8_t> b = resultBytes(f);
+        const uint8_t* h = reinterpret_cast<const uint8_t*>(f.roiHistogram);
+        b.insert(b.end(), h, h + (kDisparityLevels + 1) * sizeof(uint32_t));
+        return b;
+    };
+    Fixture plain, corrected;
+    prepared(plain, 0);
+    prepared(corrected, 2);
+    for (Fixture* f : {&plain, &corrected})
+        ASSERT_EQ(DisparityEstimator_finishDisparity(f, &maps[0]->image, &confidence.image, 255), TL_OK);
+    std::vector<uint8_t> a = published(plain), b = published(corrected);
+    const size_t mapBytes = 2 * static_cast<size_t>(plain.disparityWidth) * plain.disparityHeight;
+    EXPECT_FALSE(std::equal(a.begin(), a.begin() + mapBytes / 2, b.begin()));
+    EXPECT_TRUE(std::equal(a.begin() + mapBytes, a.end(), b.begin() + mapBytes));
+    if (!Memory_canInjectFaults()) return;
+    Fixture f;
+    prepared(f, 1);
+    ASSERT_EQ(DisparityEstimator_finishDisparity(&f, &maps[0]->image, &confidence.image, 255), TL_OK);
+    const std::vector<uint8_t> before = published(f);
+    int64_t n = 1;
+    for (;; ++n) {
+        Memory_failAt(n);
+        const TLResult r = DisparityEstimator_finishDisparity(&f, &maps[1]->image, &confidence.image, 255);
+        const int64_t count = Memory_getAllocCount();
+        Memory_failAt(0);
+        if (count < n) break;
+        EXPECT_EQ(r, TL_ERROR_MEMORY) << "allocation " << n;
+        EXPECT_TRUE(published(f) == before) << "allocation " << n;
+    }
+    EXPECT_EQ(n, 4);  // the new map, its confidence, and stage 12's column minima
+}
+
+// Stage 7 carves each estimate's detector from a work area it keeps: after a wider pair the same area serves
+// a narrower one, whose scales are those a fresh estimator measures (the sub view magnified by 1.003, read
+// within 3e-4). Every allocation of a first estimate failed in turn gives TL_ERROR_MEMORY and leaves the
+// scales; the estimator's destruct gives every block back.
+TEST(DisparityEstimator, ScaleEstimatesKeepTheirWorkArea) {
+    auto pair = [](int32_t w, int32_t h) {
+        const vq_tl_test::Texture texture(21);
+        std::array<std::unique_ptr<Picture>, 2> p{std::make_unique<Picture>(w, h, IMAGE_FORMAT_UINT8),
+                                                  std::make_unique<Picture>(w, h, IMAGE_FORMAT_UINT8)};
+        const double identity[6] = {1, 0, 0, 0, 1, 0};
+        double motion[6], inverse[6];
+        vq_tl_test::motionAboutCentre(w, h, 1.003, 1.003, 0.0, -3.0, 0.0, motion);
+        vq_tl_test::invertAffine(motion, inverse);
+        texture.render(*p[0], identity, 1.0, 1);
+        texture.render(*p[1], inverse, 1.0, 2);
+        return p;
+    };
+    const auto wide = pair(1080, 400), narrow = pair(720, 400);
+    auto scales = [](const DisparityEstimator& e) {
+        return std::vector<double>{e.leftScale, e.centreScale, e.rightScale};
+    };
+    Estimator fresh, reused;
+    for (Estimator* e : {&fresh, &reused}) DisparityEstimator_setDisparityCorrectionMode(e, 3);
+    ASSERT_EQ(DisparityEstimator_estimateScales(&reused, &wide[0]->image, &wide[1]->image), TL_OK);
+    const uint8_t* area = reused.scaleWork;
+    ASSERT_EQ(DisparityEstimator_estimateScales(&reused, &narrow[0]->image, &narrow[1]->image), TL_OK);
+    ASSERT_EQ(DisparityEstimator_estimateScales(&fresh, &narrow[0]->image, &narrow[1]->image), TL_OK);
+    EXPECT_EQ(reused.scaleWork, area);
+    EXPECT_EQ(scales(reused), scales(fresh));
+    for (double s : scales(fresh)) EXPECT_NEAR(s, 1.003, 3e-4);
+    if (!Memory_canInjectFaults()) return;
+    const int64_t live = Memory_getLiveCount();
+    for (int64_t n = 1;; ++n) {
+        Estimator e;
+        DisparityEstimator_setDisparityCorrectionMode(&e, 3);
+        e.leftScale = e.centreScale = e.rightScale = 7.0;
+        Memory_failAt(n);
+        const TLResult r = DisparityEstimator_estimateScales(&e, &narrow[0]->image, &narrow[1]->image);
+        const int64_t count = Memory_getAllocCount();
+        Memory_failAt(0);
+        if (count < n) break;
+        EXPECT_EQ(r, TL_ERROR_MEMORY) << "allocation " << n;
+        EXPECT_EQ(scales(e), std::vector<double>(3, 7.0)) << "allocation " << n;
+    }
+    EXPECT_EQ(Memory_getLiveCount(), live);
 }
 
 namespace {

@@ -42,12 +42,14 @@ TLResult runOnPel(Pel* pel, ImageStripeFn fn, void* arg, int32_t count) {
     if (r != TL_OK) return r;
     if (event == 0) return runHere(fn, arg, count);  // the Pel is not running
     uint32_t result = 0;
-    r = Pel_waitForEvents(pel, 1, &event);
-    if (r == TL_OK) r = Pel_getEventInfo(pel, event, 0, &result);
-    // A failed wait leaves the reference held: the stripes may still run on
-    // call, so the slot must not be reused under them.
-    if (r == TL_OK) r = Pel_releaseEvent(pel, event);
-    return r | result;
+    // The stripes read `call` on this frame and the caller's pictures: a wait
+    // that runs out still waits for them before returning its timeout.
+    // Their end also frees the event, late or not.
+    r = Pel_waitForEventsToEnd(pel, 1, &event);
+    if (r != TL_OK && r != TL_ERROR_TIMEOUT) return r;
+    TLResult info = Pel_getEventInfo(pel, event, 0, &result);
+    if (info == TL_OK) info = Pel_releaseEvent(pel, event);
+    return r != TL_OK ? r : (info | result);
 }
 
 TLResult runOnExecutor(ParallelExecutor* executor, ImageStripeFn fn, void* arg, int32_t count) {

@@ -71,11 +71,52 @@ inline __m256i keysOf(const TA* lo, const TA* hi, __m256i values, __m256i absent
     }
 }
 
+// The keys of the columns xa to xa + 2 * half - 1 of one block into keys[],
+// lane 0 walking the first half, lane 1 the second. kN: the registers per
+// window when known at compile time (the windows then stay in registers), 0
+// for n of them.
+template <typename TA, int kN>
+void slideBlock(uint32_t* keys, const TA* row, int32_t W, int32_t D, int32_t n, int32_t c, int32_t xa,
+                int32_t half, const __m256i* valuesIn) {
+    constexpr int32_t kLanes = sizeof(TA) == 1 ? 8 : 4;
+    constexpr int32_t kSlide = 16 / kLanes;  // bytes per key
+    constexpr int32_t kSize = kN > 0 ? kN : 2 * kMaxSteps;
+    if constexpr (kN > 0) n = kN;
+    __m256i values[kSize], window[kSize];
+    const __m256i ones = _mm256_set1_epi32(-1);
+    const __m128i none = _mm_setzero_si128(), all = _mm_set1_epi32(-1);
+    for (int32_t s = 0; s < n; ++s) {
+        values[s] = valuesIn[s];
+        window[s] = ones;
+    }
+    const int32_t start = xa + c - D + 1;
+    for (int32_t t = 0; t < half + D - 1; ++t) {
+        const int32_t xb0 = start + t, xb1 = xb0 + half;
+        const bool in0 = xb0 >= 0 && xb0 < W, in1 = xb1 >= 0 && xb1 < W;
+        if (in0 || in1) {
+            const TA* A0 = row + static_cast<intptr_t>(in0 ? xb0 : 0) * (D + 2) + 1;
+            const TA* A1 = row + static_cast<intptr_t>(in1 ? xb1 : 0) * (D + 2) + 1;
+            const __m256i absent = _mm256_set_m128i(in1 ? none : all, in0 ? none : all);
+            for (int32_t s = 0; s < n; ++s) {
+                const __m256i key = keysOf<TA, kLanes>(A0 + kLanes * s, A1 + kLanes * s, values[s], absent);
+                window[s] = kLanes == 8 ? _mm256_min_epu16(window[s], key) : _mm256_min_epu32(window[s], key);
+            }
+        }
+        const int32_t x = xb0 - c;
+        if (x >= xa) {
+            keys[x - xa] = static_cast<uint32_t>(_mm256_cvtsi256_si32(window[0]));
+            keys[x - xa + half] =
+                static_cast<uint32_t>(_mm_cvtsi128_si32(_mm256_extracti128_si256(window[0], 1)));
+        }
+        for (int32_t s = 0; s + 1 < n; ++s) window[s] = _mm256_alignr_epi8(window[s + 1], window[s], kSlide);
+        window[n - 1] = _mm256_alignr_epi8(ones, window[n - 1], kSlide);
+    }
+}
+
 template <typename TA>
 void winnerMatch(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int32_t m, int32_t f,
                  int32_t swapped, int32_t x0, int32_t x1) {
     constexpr int32_t kLanes = sizeof(TA) == 1 ? 8 : 4;
-    constexpr int32_t kSlide = 16 / kLanes;  // bytes per key
     const TA* row = reinterpret_cast<const TA*>(bytes);
     const int32_t n = D / kLanes;
     const int32_t c = swapped != 0 ? m + D - 1 : -m;
@@ -91,8 +132,6 @@ void winnerMatch(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int32
                     : kLanes == 8 ? _mm256_sub_epi16(_mm256_set1_epi16(static_cast<int16_t>(D - 1)), k)
                                   : _mm256_sub_epi32(_mm256_set1_epi32(D - 1), k);
     }
-    const __m256i ones = _mm256_set1_epi32(-1);
-    const __m128i none = _mm_setzero_si128(), all = _mm_set1_epi32(-1);
     const intptr_t stride = D + 1;
     // Two halves of up to kBlock / 2 columns each (the second may run past
     // the block's end; those keys are not used).
@@ -100,32 +139,14 @@ void winnerMatch(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int32
     for (int32_t xa = x0; xa < x1; xa += kBlock) {
         const int32_t xe = x1 - xa < kBlock ? x1 : xa + kBlock;
         const int32_t half = (xe - xa + 1) / 2;
-        __m256i window[2 * kMaxSteps];
-        for (int32_t s = 0; s < n; ++s) window[s] = ones;
-        const int32_t start = xa + c - D + 1;
-        for (int32_t t = 0; t < half + D - 1; ++t) {
-            const int32_t xb0 = start + t, xb1 = xb0 + half;
-            const bool in0 = xb0 >= 0 && xb0 < W, in1 = xb1 >= 0 && xb1 < W;
-            if (in0 || in1) {
-                const TA* A0 = row + static_cast<intptr_t>(in0 ? xb0 : 0) * (D + 2) + 1;
-                const TA* A1 = row + static_cast<intptr_t>(in1 ? xb1 : 0) * (D + 2) + 1;
-                const __m256i absent = _mm256_set_m128i(in1 ? none : all, in0 ? none : all);
-                for (int32_t s = 0; s < n; ++s) {
-                    const __m256i key =
-                        keysOf<TA, kLanes>(A0 + kLanes * s, A1 + kLanes * s, values[s], absent);
-                    window[s] =
-                        kLanes == 8 ? _mm256_min_epu16(window[s], key) : _mm256_min_epu32(window[s], key);
-                }
-            }
-            const int32_t x = xb0 - c;
-            if (x >= xa) {
-                keys[x - xa] = static_cast<uint32_t>(_mm256_cvtsi256_si32(window[0]));
-                keys[x - xa + half] =
-                    static_cast<uint32_t>(_mm_cvtsi128_si32(_mm256_extracti128_si256(window[0], 1)));
-            }
-            for (int32_t s = 0; s + 1 < n; ++s)
-                window[s] = _mm256_alignr_epi8(window[s + 1], window[s], kSlide);
-            window[n - 1] = _mm256_alignr_epi8(ones, window[n - 1], kSlide);
+        switch (n) {
+            case 1: slideBlock<TA, 1>(keys, row, W, D, n, c, xa, half, values); break;
+            case 2: slideBlock<TA, 2>(keys, row, W, D, n, c, xa, half, values); break;
+            case 3: slideBlock<TA, 3>(keys, row, W, D, n, c, xa, half, values); break;
+            case 4: slideBlock<TA, 4>(keys, row, W, D, n, c, xa, half, values); break;
+            case 6: slideBlock<TA, 6>(keys, row, W, D, n, c, xa, half, values); break;
+            case 8: slideBlock<TA, 8>(keys, row, W, D, n, c, xa, half, values); break;
+            default: slideBlock<TA, 0>(keys, row, W, D, n, c, xa, half, values); break;
         }
         // The fit as the scalar form does it: neighbours along the diagonal,
         // mirrored at the ends of the run of slots inside the row.

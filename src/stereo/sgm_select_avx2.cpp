@@ -2,9 +2,9 @@
 // halves of a block of columns at once, one half in each 128-bit lane (the
 // byte alignment that slides the window works within lanes), and the
 // sub-pixel fit of 8 pixels at once with the scalar form's float operations in
-// the same order (a true division, no reciprocal estimate). The base view
-// keeps the SSE4.1 forms, whose per-pixel minimum by phminposuw an AVX2 form
-// did not beat.
+// the same order (a true division, no reciprocal estimate). The base view of
+// UINT8 volumes two pixels per register; that of UINT16 volumes keeps the
+// SSE4.1 form.
 #include <immintrin.h>
 
 #include "stereo/sgm_select.h"
@@ -46,6 +46,64 @@ inline void storeFit8(uint8_t* out, const int32_t* v, const int32_t* a, const in
     for (int32_t i = 0; i < 4; ++i) {
         out[i] = static_cast<uint8_t>(w0 >> (8 * i));
         out[4 + i] = static_cast<uint8_t>(w1 >> (8 * i));
+    }
+}
+
+// Base view, UINT8 volume: two pixels per register, 8 keys of each per step
+// (one pixel in each lane), the minimum of each lane by phminposuw. kN: the
+// steps per pixel when known at compile time (the key values then stay in
+// registers), 0 for D / 8 of them.
+template <int kN>
+void winnerBase8(uint8_t* out, const uint8_t* row, int32_t width, int32_t D, int32_t minDisparity, int32_t f,
+                 int32_t swapped, int32_t x0, int32_t x1) {
+    const int32_t n = kN > 0 ? kN : D / 8;
+    constexpr int32_t kSize = kN > 0 ? kN : kMaxSteps;
+    __m256i values[kSize];
+    for (int32_t s = 0; s < n; ++s) {
+        const __m256i k = _mm256_add_epi16(_mm256_setr_epi16(0, 1, 2, 3, 4, 5, 6, 7, 0, 1, 2, 3, 4, 5, 6, 7),
+                                           _mm256_set1_epi16(static_cast<int16_t>(8 * s)));
+        values[s] = swapped != 0 ? _mm256_sub_epi16(_mm256_set1_epi16(static_cast<int16_t>(D - 1)), k) : k;
+    }
+    const int32_t first = swapped != 0 ? D - 1 : 0, step = swapped != 0 ? -1 : 1;
+    const intptr_t pitch = D + 2;
+    int32_t v[8], a[8], b[8];
+    int32_t x = x0;
+    for (; x + 8 <= x1; x += 8) {
+        for (int32_t i = 0; i < 8; i += 2) {
+            const uint8_t* A0 = row + static_cast<intptr_t>(x + i) * pitch;
+            const uint8_t* A1 = A0 + pitch;
+            __m256i best = _mm256_set1_epi16(-1);
+            for (int32_t s = 0; s < n; ++s) {
+                const __m128i both = _mm_unpacklo_epi64(load8(A0 + 1 + 8 * s), load8(A1 + 1 + 8 * s));
+                const __m256i cost = _mm256_cvtepu8_epi16(both);
+                best = _mm256_min_epu16(best, _mm256_or_si256(_mm256_slli_epi16(cost, 8), values[s]));
+            }
+            const int32_t won0 = _mm_cvtsi128_si32(_mm_minpos_epu16(_mm256_castsi256_si128(best))) & 0xFF;
+            const int32_t won1 =
+                _mm_cvtsi128_si32(_mm_minpos_epu16(_mm256_extracti128_si256(best, 1))) & 0xFF;
+            const int32_t k0 = first + step * won0, k1 = first + step * won1;
+            const uint8_t c0 = A0[k0 + 1], c1 = A1[k1 + 1];
+            v[i] = won0;
+            a[i] = static_cast<uint8_t>(A0[k0] - c0);
+            b[i] = static_cast<uint8_t>(A0[k0 + 2] - c0);
+            v[i + 1] = won1;
+            a[i + 1] = static_cast<uint8_t>(A1[k1] - c1);
+            b[i + 1] = static_cast<uint8_t>(A1[k1 + 2] - c1);
+        }
+        storeFit8(out + x, v, a, b, f, swapped);
+    }
+    winnerBaseU8Row8_c(out, row, width, D, minDisparity, f, swapped, x, x1);
+}
+
+void winnerBase8Any(uint8_t* out, const uint8_t* row, int32_t width, int32_t D, int32_t minDisparity,
+                    int32_t f, int32_t swapped, int32_t x0, int32_t x1) {
+    switch (D / 8) {
+        case 1: return winnerBase8<1>(out, row, width, D, minDisparity, f, swapped, x0, x1);
+        case 2: return winnerBase8<2>(out, row, width, D, minDisparity, f, swapped, x0, x1);
+        case 3: return winnerBase8<3>(out, row, width, D, minDisparity, f, swapped, x0, x1);
+        case 4: return winnerBase8<4>(out, row, width, D, minDisparity, f, swapped, x0, x1);
+        case 8: return winnerBase8<8>(out, row, width, D, minDisparity, f, swapped, x0, x1);
+        default: return winnerBase8<0>(out, row, width, D, minDisparity, f, swapped, x0, x1);
     }
 }
 
@@ -183,6 +241,7 @@ void winnerMatch(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int32
 }  // namespace
 
 void SgmSelectKernels_addAvx2(SgmSelectKernels* table) {
+    table->baseU8[0] = winnerBase8Any;
     table->matchU8[0] = winnerMatch<uint8_t>;
     table->matchU8[1] = winnerMatch<uint16_t>;
 }

@@ -8,7 +8,8 @@
 // the 8-path full mode with 64 against the fine mode, block size 3 and the
 // usual penalties 8 and 32 times channels times block area. BM_SgmSteps
 // times the matcher's steps one by one (census and cost, aggregation, both
-// winners with their medians, left-right check) for their shares.
+// winners with their medians, left-right check) for their shares, and
+// BM_Median3x3Map the median of one map.
 #include <benchmark/benchmark.h>
 
 #include <chrono>
@@ -198,6 +199,39 @@ void runOpenCv(benchmark::State& state, int32_t width, int32_t height, int32_t c
         benchmark::Counter(evaluations / 1e6, benchmark::Counter::kIsIterationInvariantRate);
 }
 
+// The 3x3 median in place on a byte map of the normal mode, through the
+// matcher's own ImageProc as Sgm calls it after the winners; the map holds
+// values 0 to 191 (24 candidates with 3 fraction bits).
+void runMedian(benchmark::State& state) {
+    constexpr int32_t kWidth = 1080, kHeight = 810;
+    Env env{};
+    auto pel = std::make_unique<Pel>();
+    construct_Pel(pel.get(), &env);
+    pel->params.callerParticipates = 0;
+    Sgm sgm;
+    construct_Sgm(&sgm, &env);
+    if (Pel_init(pel.get()) != TL_OK || Sgm_setPel(&sgm, pel.get()) != TL_OK ||
+        Sgm_init(&sgm, kWidth, kHeight, 24, 0) != TL_OK) {
+        state.SkipWithError("set-up failed");
+        destruct_Sgm(&sgm);
+        destruct_Pel(pel.get());
+        return;
+    }
+    Owned map(kWidth, kHeight, IMAGE_FORMAT_UINT8);
+    std::mt19937 rng(11);
+    for (int32_t y = 0; y < kHeight; ++y) {
+        for (int32_t x = 0; x < kWidth; ++x) map.row(y)[x] = static_cast<uint8_t>(rng() % 192);
+    }
+    for (auto _ : state) {
+        if (ImageProc_filterMedian3x3(&sgm.imageProc, &map.image, &map.image, 0) != TL_OK)
+            state.SkipWithError("median failed");
+    }
+    state.counters["Mpx/s"] = benchmark::Counter(static_cast<double>(kWidth) * kHeight / 1e6,
+                                                 benchmark::Counter::kIsIterationInvariantRate);
+    destruct_Sgm(&sgm);
+    destruct_Pel(pel.get());
+}
+
 }  // namespace
 
 // Normal mode: 3x3 census, row window 9, 4 paths, one Pel task per path.
@@ -225,3 +259,8 @@ static void BM_OpenCvSgbmHH720x540x64(benchmark::State& state) {
     runOpenCv(state, 720, 540, 64, cv::StereoSGBM::MODE_HH);
 }
 BENCHMARK(BM_OpenCvSgbmHH720x540x64)->Unit(benchmark::kMillisecond)->UseRealTime()->MeasureProcessCPUTime();
+
+// The map's median alone (OpenCV's medianBlur is in imgproc, which this
+// program does not link).
+static void BM_Median3x3Map1080x810(benchmark::State& state) { runMedian(state); }
+BENCHMARK(BM_Median3x3Map1080x810)->Unit(benchmark::kMicrosecond)->UseRealTime()->MeasureProcessCPUTime();

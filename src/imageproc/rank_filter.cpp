@@ -2,8 +2,10 @@
 
 #include <array>
 #include <cstring>
+#include <type_traits>
 
 #include "imageproc/plane_views.h"
+#include "imageproc/rank_kernels.h"
 
 namespace vq_tl {
 
@@ -164,6 +166,15 @@ void medianRow3x3(T* d, const T* above, const T* at, const T* below, int32_t wid
     if (above == nullptr || below == nullptr || width < 3) {
         for (int32_t x = 0; x < width; ++x) {
             for (int32_t ch = 0; ch < C; ++ch) d[x * C + ch] = borderMedian<T, C>(rows, x, width, ch, false);
+        }
+        return;
+    }
+    if constexpr (std::is_same_v<T, uint8_t>) {
+        // Byte planes (the matcher's maps among them) through the row kernel.
+        RankKernels_get()->median3x3U8(d, above, at, below, C, C, n - C);
+        for (int32_t ch = 0; ch < C; ++ch) {
+            d[ch] = borderMedian<T, C>(rows, 0, width, ch, false);
+            d[n - C + ch] = borderMedian<T, C>(rows, width - 1, width, ch, false);
         }
         return;
     }

@@ -1,8 +1,11 @@
 // Hamming cost rows with AVX2. Byte words: two pixels per step, 16
 // candidates of each in one register (the candidate counts of the modes, 24
-// and 64, are not all multiples of 32). 32-bit words: 32 candidates per
+// and 64, are not all multiples of 32); with D = 16j + 8 the last 8
+// candidates of four pixels share one register. 32-bit words: 32 candidates per
 // step.
 #include <immintrin.h>
+
+#include <cstring>
 
 #include "stereo/sgm_cost.h"
 
@@ -51,6 +54,57 @@ void hamming8(uint8_t* out, const uint8_t* base, const uint8_t* const* match, in
     const Popcount pc;
     const int32_t n = kRows > 0 ? kRows : rows;
     int32_t x = x0;
+    if ((D & 15) != 0) {
+        // D = 16j + 8: the 16-candidate chunks two pixels at a time, the last
+        // 8 candidates of four pixels in one register (pixels x and x + 1 in
+        // the low half, x + 2 and x + 3 in the high half), so that no step
+        // runs half empty.
+        const __m256i spread = _mm256_setr_epi8(0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1, 2, 2, 2, 2, 2,
+                                                2, 2, 2, 3, 3, 3, 3, 3, 3, 3, 3);
+        const int32_t k = D - 8;
+        for (; x + 4 <= x1; x += 4) {
+            const intptr_t at = x + dLow;
+            uint8_t* o = out + static_cast<size_t>(x) * D;
+            for (int32_t p = 0; p < 4; p += 2) {
+                const __m256i b = pair(base[x + p], base[x + p + 1]);
+                const __m256i m = mask != nullptr ? pair(mask[x + p], mask[x + p + 1]) : _mm256_set1_epi8(-1);
+                uint8_t* op = o + static_cast<size_t>(p) * D;
+                for (int32_t kk = 0; kk < k; kk += 16) {
+                    const intptr_t c = at + p + kk;
+                    __m256i best = pc.bytes(_mm256_xor_si256(b, load2(match[0] + c, match[0] + c + 1)));
+                    for (int32_t i = 1; i < n; ++i)
+                        best = _mm256_min_epu8(
+                            best, pc.bytes(_mm256_xor_si256(b, load2(match[i] + c, match[i] + c + 1))));
+                    best = _mm256_and_si256(best, m);
+                    store(op + kk, _mm256_castsi256_si128(best));
+                    store(op + D + kk, _mm256_extracti128_si256(best, 1));
+                }
+            }
+            int32_t word;
+            std::memcpy(&word, base + x, 4);
+            const __m256i b4 = _mm256_shuffle_epi8(_mm256_set1_epi32(word), spread);
+            __m256i m4 = _mm256_set1_epi8(-1);
+            if (mask != nullptr) {
+                std::memcpy(&word, mask + x, 4);
+                m4 = _mm256_shuffle_epi8(_mm256_set1_epi32(word), spread);
+            }
+            const intptr_t c = at + k;
+            __m256i best =
+                pc.bytes(_mm256_xor_si256(b4, _mm256_set_m128i(load2x8(match[0] + c + 2, match[0] + c + 3),
+                                                               load2x8(match[0] + c, match[0] + c + 1))));
+            for (int32_t i = 1; i < n; ++i) {
+                const __m256i v = _mm256_set_m128i(load2x8(match[i] + c + 2, match[i] + c + 3),
+                                                   load2x8(match[i] + c, match[i] + c + 1));
+                best = _mm256_min_epu8(best, pc.bytes(_mm256_xor_si256(b4, v)));
+            }
+            best = _mm256_and_si256(best, m4);
+            const __m128i lo = _mm256_castsi256_si128(best), hi = _mm256_extracti128_si256(best, 1);
+            store8(o + k, lo);
+            store8(o + D + k, _mm_unpackhi_epi64(lo, lo));
+            store8(o + 2 * D + k, hi);
+            store8(o + 3 * D + k, _mm_unpackhi_epi64(hi, hi));
+        }
+    }
     for (; x + 2 <= x1; x += 2) {
         const __m256i b = pair(base[x], base[x + 1]);
         const __m256i m = mask != nullptr ? pair(mask[x], mask[x + 1]) : _mm256_set1_epi8(-1);

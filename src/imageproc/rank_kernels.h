@@ -1,0 +1,42 @@
+// Row kernels of the rank filters: the 3 by 3 median of byte planes, one row
+// at a time. The rank filter walks the rows, keeps copies for in-place work
+// and does the border pixels (partial windows); these kernels do the
+// elements whose whole window lies inside the plane.
+//
+// A byte plane row holds `step` interleaved channels (1 to 4): element i's
+// horizontal neighbours are i - step and i + step.
+//
+// The scalar kernels are the definition of the result; the table's other
+// forms give the same bytes (checked by the kernel harness). The median of
+// nine is one value whatever the order of exchanges, so every exact min/max
+// network gives the same bytes. No SSE4.1 form: the compiler already turns the
+// scalar loop into 16-byte min/max steps, and a hand-written one was no faster.
+#pragma once
+
+#include <cstdint>
+
+namespace vq_tl {
+
+// Elements x0 to x1 - 1 of one row: the fifth of the nine bytes at i - step,
+// i, i + step of the rows above, at and below. x0 >= step, and x1 + step is at
+// most the row's element count.
+using Median3x3U8RowFn = void (*)(uint8_t* out, const uint8_t* above, const uint8_t* at, const uint8_t* below,
+                                  int32_t step, int32_t x0, int32_t x1);
+
+struct RankKernels {
+    Median3x3U8RowFn median3x3U8;
+};
+
+void median3x3U8Row_c(uint8_t* out, const uint8_t* above, const uint8_t* at, const uint8_t* below,
+                      int32_t step, int32_t x0, int32_t x1);
+
+// The table for the instruction sets of `features` (kCpu* bits) that this
+// build holds; 0 gives the scalar table.
+void RankKernels_fill(RankKernels* table, uint32_t features);
+// The process's table, for Cpu_getFeatures().
+const RankKernels* RankKernels_get();
+
+void RankKernels_addAvx2(RankKernels* table);
+void RankKernels_addNeon(RankKernels* table);
+
+}  // namespace vq_tl

@@ -400,17 +400,19 @@ TEST(MvecDetectMulti2, ArenaAndPicturesFilledInPlace) {
     const Texture texture(9);
     const auto a = moved(texture, w, h, kIdentity, 1.0, 1), b = moved(texture, w, h, m, 1.0, 2);
     const std::vector<int32_t> want = detect({a.get(), b.get()});
+    // The arena's block outlives the detector, whose records lie in it.
+    std::unique_ptr<AlignedBlock> block;
     Detector det;
     EXPECT_EQ(MvecDetectMulti2_getNextImage(&det.d), nullptr);
     const int32_t size = MvecDetectMulti2_getArenaSize(&det.d, w, h, 2);
-    AlignedBlock block(static_cast<size_t>(size));
+    block = std::make_unique<AlignedBlock>(static_cast<size_t>(size));
     Arena arena;
-    Arena_init(&arena, block.data, static_cast<size_t>(size - kArenaAlign - 1));
+    Arena_init(&arena, block->data, static_cast<size_t>(size - kArenaAlign - 1));
     MvecDetectMulti2_setArena(&det.d, &arena);
     EXPECT_EQ(MvecDetectMulti2_init(&det.d, w, h, 2), TL_ERROR_MEMORY);
     EXPECT_EQ(arena.used, 0u);
     EXPECT_EQ(det.d.levelCount, 0);
-    Arena_init(&arena, block.data, static_cast<size_t>(size - kArenaAlign));
+    Arena_init(&arena, block->data, static_cast<size_t>(size - kArenaAlign));
     ASSERT_EQ(MvecDetectMulti2_init(&det.d, w, h, 2), TL_OK);
     for (const Picture* p : {a.get(), b.get()}) {
         Image* next = MvecDetectMulti2_getNextImage(&det.d);

@@ -289,6 +289,27 @@ void chainRows2_128(const AggregationRow* r0, const AggregationRow* r1) {
     }
 }
 
+// Four rows side by side up to D = 24: two rows leave about half of each
+// pixel's wait exposed.
+template <int kD>
+void chainRows4_128(const AggregationRow* rows) {
+    const __m128i p1 = _mm_set1_epi8(static_cast<char>(rows[0].smallPenalty));
+    const __m128i ones = _mm_set1_epi8(-1);
+    const int32_t W = rows[0].width, dx = rows[0].dx;
+    int32_t x = dx < 0 ? 0 : W - 1;
+    Chain128<kD> a, b, c, d;
+    a.start(&rows[0], x, ones);
+    b.start(&rows[1], x, ones);
+    c.start(&rows[2], x, ones);
+    d.start(&rows[3], x, ones);
+    for (int32_t n = 0; n < W; ++n, x -= dx) {
+        a.step(&rows[0], x, p1, ones);
+        b.step(&rows[1], x, p1, ones);
+        c.step(&rows[2], x, p1, ones);
+        d.step(&rows[3], x, p1, ones);
+    }
+}
+
 template <int kD>
 void chainRow(const AggregationRow* r) {
     const __m256i p1 = _mm256_set1_epi8(static_cast<char>(r->smallPenalty));
@@ -492,6 +513,20 @@ void chainRows2_avx2(const AggregationRow* r0, const AggregationRow* r1) {
     }
 }
 
+// Above D = 24 the four rows' state would not fit the 16 registers: two
+// pairs.
+void chainRows4_avx2(const AggregationRow* rows) {
+    switch (rows[0].numDisparities) {
+        case 8: return chainRows4_128<8>(rows);
+        case 16: return chainRows4_128<16>(rows);
+        case 24: return chainRows4_128<24>(rows);
+        default:
+            chainRows2_avx2(&rows[0], &rows[1]);
+            chainRows2_avx2(&rows[2], &rows[3]);
+            return;
+    }
+}
+
 void penaltyU8_avx2(const AggregationPenalty* r) { penaltyRow<1>(r); }
 void penaltyU88_avx2(const AggregationPenalty* r) { penaltyRow<2>(r); }
 
@@ -501,6 +536,7 @@ void AggregationKernels_addAvx2(AggregationKernels* table) {
     table->crossRow = crossRow_avx2;
     table->chainRow = chainRow_avx2;
     table->chainRows2 = chainRows2_avx2;
+    table->chainRows4 = chainRows4_avx2;
     table->sumU8 = sumU8_avx2;
     table->sumU16 = sumU16_avx2;
     table->penaltyU8 = penaltyU8_avx2;

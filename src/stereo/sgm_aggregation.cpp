@@ -66,6 +66,10 @@ void aggregationChainRows2_c(const AggregationRow* row0, const AggregationRow* r
     aggregationChainRow_c(row1);
 }
 
+void aggregationChainRows4_c(const AggregationRow* rows) {
+    for (int32_t i = 0; i < 4; ++i) aggregationChainRow_c(&rows[i]);
+}
+
 namespace {
 
 template <int kChannels>
@@ -133,6 +137,7 @@ void AggregationKernels_fill(AggregationKernels* table, uint32_t features) {
     table->crossRow = aggregationCrossRow_c;
     table->chainRow = aggregationChainRow_c;
     table->chainRows2 = aggregationChainRows2_c;
+    table->chainRows4 = aggregationChainRows4_c;
     table->penaltyU8 = aggregationPenaltyU8_c;
     table->penaltyU88 = aggregationPenaltyU88_c;
     table->sumU8 = aggregationSumU8_c;

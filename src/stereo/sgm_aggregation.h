@@ -55,6 +55,10 @@ using AggregationRowFn = void (*)(const AggregationRow* row);
 // Two chain rows with the same width, D, dx and P1 (other rows, costs,
 // penalties and sums): the same bytes as chainRow on each.
 using AggregationRows2Fn = void (*)(const AggregationRow* row0, const AggregationRow* row1);
+// Four chain rows rows[0] to rows[3], alike as for AggregationRows2Fn: the
+// same bytes as chainRow on each. Each pixel of a chain row waits for the
+// one before, so more rows side by side hide more of that wait.
+using AggregationRows4Fn = void (*)(const AggregationRow* rows);
 
 // The guided large penalty of the pixels of one row in one direction: with g
 // the guide step between pixel x and its previous pixel, |guide - guidePrev|
@@ -91,6 +95,7 @@ struct AggregationKernels {
     AggregationRowFn crossRow;
     AggregationRowFn chainRow;
     AggregationRows2Fn chainRows2;
+    AggregationRows4Fn chainRows4;
     AggregationPenaltyFn penaltyU8;   // one guide channel
     AggregationPenaltyFn penaltyU88;  // two
     AggregationSumFn sumU8;
@@ -100,6 +105,7 @@ struct AggregationKernels {
 void aggregationCrossRow_c(const AggregationRow* row);
 void aggregationChainRow_c(const AggregationRow* row);
 void aggregationChainRows2_c(const AggregationRow* row0, const AggregationRow* row1);
+void aggregationChainRows4_c(const AggregationRow* rows);
 void aggregationPenaltyU8_c(const AggregationPenalty* row);
 void aggregationPenaltyU88_c(const AggregationPenalty* row);
 void aggregationSumU8_c(const AggregationPlaneSum* row);

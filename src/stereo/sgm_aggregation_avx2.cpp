@@ -126,6 +126,11 @@ template <int kD>
 void crossRow(const AggregationRow* r) {
     using L = Layout<kD>;
     constexpr int kRestBytes = L::kRest == 0 ? 32 : L::kRest;
+    // A full load of the last chunk reads up to byte c + 32 * kFull + 31 of
+    // the costs and q + 32 * kFull + 32 of the previous row; pixel x + 1
+    // reads up to c + 2 * D - 1 and q + 2 * D + 1, so both are covered where
+    // 32 * kFull + 32 <= 2 * D (all D from 16; D = 8 would need pixel x + 3).
+    constexpr bool kWideRest = 32 * L::kFull + 32 <= 2 * kD;
     const __m256i p1 = _mm256_set1_epi8(static_cast<char>(r->smallPenalty));
     const __m256i ones = _mm256_set1_epi8(-1);
     const __m256i tail = tailMask<kD>();
@@ -141,11 +146,21 @@ void crossRow(const AggregationRow* r) {
             mn = _mm256_min_epu8(mn, l[i]);
         }
         if (L::kRest != 0) {
-            // The part loads read exactly the scalar form's bytes; the lanes
-            // above are kept out of the minimum.
+            // The lanes above the last chunk's slots are kept out of the
+            // minimum and never stored, so what they hold does not matter.
+            // Before the last pixel a full 32-byte load reads only bytes the
+            // scalar form reads for pixel x + 1 (its previous costs from
+            // q + D and its costs from c + D, at least 32 bytes on from the
+            // chunk's start for D >= 16): one load instead of two and an
+            // insert. The last pixel takes the part loads.
             const uint8_t* s = q + 32 * L::kFull;
-            l[L::kFull] = update(loadPart<kRestBytes>(s - 1), loadPart<kRestBytes>(s + 1),
-                                 loadPart<kRestBytes>(s), loadPart<kRestBytes>(c + 32 * L::kFull), p1, p2);
+            const uint8_t* cc = c + 32 * L::kFull;
+            if (kWideRest && x + 1 < r->width) {
+                l[L::kFull] = update(load32(s - 1), load32(s + 1), load32(s), load32(cc), p1, p2);
+            } else {
+                l[L::kFull] = update(loadPart<kRestBytes>(s - 1), loadPart<kRestBytes>(s + 1),
+                                     loadPart<kRestBytes>(s), loadPart<kRestBytes>(cc), p1, p2);
+            }
             mn = _mm256_min_epu8(mn, _mm256_or_si256(l[L::kFull], tail));
         }
         const __m256i m = minAll(mn);
@@ -274,6 +289,27 @@ void chainRows2_128(const AggregationRow* r0, const AggregationRow* r1) {
     }
 }
 
+// Four rows side by side up to D = 24: two rows leave about half of each
+// pixel's wait exposed.
+template <int kD>
+void chainRows4_128(const AggregationRow* rows) {
+    const __m128i p1 = _mm_set1_epi8(static_cast<char>(rows[0].smallPenalty));
+    const __m128i ones = _mm_set1_epi8(-1);
+    const int32_t W = rows[0].width, dx = rows[0].dx;
+    int32_t x = dx < 0 ? 0 : W - 1;
+    Chain128<kD> a, b, c, d;
+    a.start(&rows[0], x, ones);
+    b.start(&rows[1], x, ones);
+    c.start(&rows[2], x, ones);
+    d.start(&rows[3], x, ones);
+    for (int32_t n = 0; n < W; ++n, x -= dx) {
+        a.step(&rows[0], x, p1, ones);
+        b.step(&rows[1], x, p1, ones);
+        c.step(&rows[2], x, p1, ones);
+        d.step(&rows[3], x, p1, ones);
+    }
+}
+
 template <int kD>
 void chainRow(const AggregationRow* r) {
     const __m256i p1 = _mm256_set1_epi8(static_cast<char>(r->smallPenalty));
@@ -372,6 +408,15 @@ void penaltyRow(const AggregationPenalty* r) {
 // then 16 and 8 as D leaves.
 void sumU8_avx2(const AggregationPlaneSum* r) {
     const int32_t D = r->numDisparities, S = D + 1, n = r->numPlanes;
+    // Where D leaves a part chunk of 16 or 24 slots (D % 32 >= 16), a pixel
+    // before the last one takes it as one 32-byte step: the loads end at
+    // byte off + D / 32 * 32 + 31 <= off + 2 * D, the last of pixel x + 1's
+    // slots (the separator between the pixels is read and dropped), and the
+    // store ends at entry D / 32 * 32 + 32 <= 2 * D + 3,
+    // inside pixel x + 1's entries, which that pixel writes afterwards. The
+    // part chunk's lanes past slot D - 1 land on the pad (set below) and on
+    // pixel x + 1's entries.
+    const bool wideRest = D % 32 >= 16;
     for (int32_t x = 0; x < r->width; ++x) {
         uint8_t* A = static_cast<uint8_t*>(r->out) + static_cast<intptr_t>(x) * (D + 2);
         const intptr_t off = static_cast<intptr_t>(x) * S;
@@ -380,6 +425,12 @@ void sumU8_avx2(const AggregationPlaneSum* r) {
             __m256i s = load32(r->planes[0] + off + k);
             for (int32_t i = 1; i < n; ++i) s = _mm256_add_epi8(s, load32(r->planes[i] + off + k));
             _mm256_storeu_si256(reinterpret_cast<__m256i*>(A + 1 + k), s);
+        }
+        if (k < D && wideRest && x + 1 < r->width) {
+            __m256i s = load32(r->planes[0] + off + k);
+            for (int32_t i = 1; i < n; ++i) s = _mm256_add_epi8(s, load32(r->planes[i] + off + k));
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(A + 1 + k), s);
+            k = D;
         }
         if (k + 16 <= D) {
             __m128i s = load16(r->planes[0] + off + k);
@@ -462,6 +513,20 @@ void chainRows2_avx2(const AggregationRow* r0, const AggregationRow* r1) {
     }
 }
 
+// Above D = 24 the four rows' state would not fit the 16 registers: two
+// pairs.
+void chainRows4_avx2(const AggregationRow* rows) {
+    switch (rows[0].numDisparities) {
+        case 8: return chainRows4_128<8>(rows);
+        case 16: return chainRows4_128<16>(rows);
+        case 24: return chainRows4_128<24>(rows);
+        default:
+            chainRows2_avx2(&rows[0], &rows[1]);
+            chainRows2_avx2(&rows[2], &rows[3]);
+            return;
+    }
+}
+
 void penaltyU8_avx2(const AggregationPenalty* r) { penaltyRow<1>(r); }
 void penaltyU88_avx2(const AggregationPenalty* r) { penaltyRow<2>(r); }
 
@@ -471,6 +536,7 @@ void AggregationKernels_addAvx2(AggregationKernels* table) {
     table->crossRow = crossRow_avx2;
     table->chainRow = chainRow_avx2;
     table->chainRows2 = chainRows2_avx2;
+    table->chainRows4 = chainRows4_avx2;
     table->sumU8 = sumU8_avx2;
     table->sumU16 = sumU16_avx2;
     table->penaltyU8 = penaltyU8_avx2;

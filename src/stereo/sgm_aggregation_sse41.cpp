@@ -151,6 +151,27 @@ void chainRows2(const AggregationRow* r0, const AggregationRow* r1) {
     }
 }
 
+// Four rows side by side up to D = 24 (two chunks a row, eight registers of
+// state); above that the state would not fit the 16 registers, so two pairs.
+template <int kD>
+void chainRows4(const AggregationRow* rows) {
+    const __m128i p1 = _mm_set1_epi8(static_cast<char>(rows[0].smallPenalty));
+    const __m128i ones = _mm_set1_epi8(-1);
+    const int32_t W = rows[0].width, dx = rows[0].dx;
+    int32_t x = dx < 0 ? 0 : W - 1;
+    Chain<kD> a, b, c, d;
+    a.start(&rows[0], x, ones);
+    b.start(&rows[1], x, ones);
+    c.start(&rows[2], x, ones);
+    d.start(&rows[3], x, ones);
+    for (int32_t n = 0; n < W; ++n, x -= dx) {
+        a.step(&rows[0], x, p1, ones);
+        b.step(&rows[1], x, p1, ones);
+        c.step(&rows[2], x, p1, ones);
+        d.step(&rows[3], x, p1, ones);
+    }
+}
+
 // --- Guided penalties: 16 pixels per step ----------------------------------
 //
 // The quotient (P2 + (den >> 1)) / den has a numerator n <= 383 and den in
@@ -312,12 +333,25 @@ void chainRows2_sse41(const AggregationRow* r0, const AggregationRow* r1) {
 void penaltyU8_sse41(const AggregationPenalty* r) { penaltyRow<1>(r); }
 void penaltyU88_sse41(const AggregationPenalty* r) { penaltyRow<2>(r); }
 
+void chainRows4_sse41(const AggregationRow* rows) {
+    switch (rows[0].numDisparities) {
+        case 8: return chainRows4<8>(rows);
+        case 16: return chainRows4<16>(rows);
+        case 24: return chainRows4<24>(rows);
+        default:
+            chainRows2_sse41(&rows[0], &rows[1]);
+            chainRows2_sse41(&rows[2], &rows[3]);
+            return;
+    }
+}
+
 }  // namespace
 
 void AggregationKernels_addSse41(AggregationKernels* table) {
     table->crossRow = crossRow_sse41;
     table->chainRow = chainRow_sse41;
     table->chainRows2 = chainRows2_sse41;
+    table->chainRows4 = chainRows4_sse41;
     table->sumU8 = sumU8_sse41;
     table->sumU16 = sumU16_sse41;
     table->penaltyU8 = penaltyU8_sse41;

@@ -101,46 +101,58 @@ bool RowBuffers_check(CheckContext* ctx, const char* kernel, const Variant& v, c
            Check_outputs(ctx, kernel, v, &b->sumRef, &b->sumVar, text);
 }
 
-// One kernel call on one or two rows: the form under test takes `rows`.
+// One kernel call on one, two or four rows: the form under test takes
+// `rows`.
 struct AggCase {
     AggregationRowFn one;
     AggregationRows2Fn two;
-    AggregationRow rows[2];
+    vq_tl::AggregationRows4Fn four;
+    AggregationRow rows[4];
 };
 
 void callCase(void* arg) {
     const AggCase* c = static_cast<const AggCase*>(arg);
     if (c->one != nullptr) {
         c->one(&c->rows[0]);
-    } else {
+    } else if (c->two != nullptr) {
         c->two(&c->rows[0], &c->rows[1]);
+    } else {
+        c->four(c->rows);
     }
 }
 
-// ref/var: the single-row forms, or with null the two-row forms ref2/var2.
-void checkRows(CheckContext* ctx, const char* kernel, const Variant& v, AggregationRowFn ref,
-               AggregationRowFn var, AggregationRows2Fn ref2, AggregationRows2Fn var2) {
+// The forms of one entry: a single-row pair, a two-row pair or a four-row
+// pair (the others null).
+struct RowForms {
+    AggregationRowFn ref, var;
+    AggregationRows2Fn ref2, var2;
+    vq_tl::AggregationRows4Fn ref4, var4;
+};
+
+void checkRows(CheckContext* ctx, const char* kernel, const Variant& v, const RowForms& f) {
     ++ctx->kernelsChecked;
-    const int32_t count = ref != nullptr ? 1 : 2;
+    const int32_t count = f.ref != nullptr ? 1 : (f.ref2 != nullptr ? 2 : 4);
     for (int32_t it = 0; it < ctx->iterations; ++it) {
         CheckRandom* rnd = &ctx->random;
         const int32_t D = randomDisparities(rnd);
         const int32_t width = CheckRandom_range(rnd, 1, it % 4 == 0 ? 400 : 40);
         const int32_t dx = CheckRandom_range(rnd, 0, 1) == 0 ? -1 : 1;
         const uint8_t p1 = randomPenalty(rnd);
-        RowBuffers b[2];
+        RowBuffers b[4];
         AggCase c{};
         for (int32_t i = 0; i < count; ++i) {
             RowBuffers_init(&b[i], rnd, width, D);
             c.rows[i] = RowBuffers_row(&b[i], rnd, width, D, dx, p1);
             RowBuffers_point(&b[i], &c.rows[i], false);
         }
-        c.one = ref;
-        c.two = ref2;
+        c.one = f.ref;
+        c.two = f.ref2;
+        c.four = f.ref4;
         callCase(&c);
         for (int32_t i = 0; i < count; ++i) RowBuffers_point(&b[i], &c.rows[i], true);
-        c.one = var;
-        c.two = var2;
+        c.one = f.var;
+        c.two = f.var2;
+        c.four = f.var4;
         callCase(&c);
         char text[128];
         std::snprintf(text, sizeof(text), "D %d, width %d, dx %d, P1 %d, sum mode %d, pads %d%s", D, width,
@@ -154,7 +166,7 @@ void checkRows(CheckContext* ctx, const char* kernel, const Variant& v, Aggregat
     const int32_t jobs[2][2] = {{1080, 24}, {720, 64}};
     for (const auto& job : jobs) {
         const int32_t width = job[0], D = job[1];
-        RowBuffers b[2];
+        RowBuffers b[4];
         AggCase c{};
         for (int32_t i = 0; i < count; ++i) {
             RowBuffers_init(&b[i], &ctx->random, width, D);
@@ -170,11 +182,13 @@ void checkRows(CheckContext* ctx, const char* kernel, const Variant& v, Aggregat
                 c.rows[i].sumMode = mode;
                 c.rows[i].pads = mode == vq_tl::AGG_SUM_ADD ? 1 : 0;
             }
-            c.one = ref;
-            c.two = ref2;
+            c.one = f.ref;
+            c.two = f.ref2;
+            c.four = f.ref4;
             const double refNs = Check_timeNs(callCase, &c, 50);
-            c.one = var;
-            c.two = var2;
+            c.one = f.var;
+            c.two = f.var2;
+            c.four = f.var4;
             const double ns = Check_timeNs(callCase, &c, 50);
             char name[64];
             std::snprintf(name, sizeof(name), "%s D%d%s", kernel, D,
@@ -334,11 +348,15 @@ void runAggregation(CheckContext* ctx) {
         AggregationKernels t;
         vq_tl::AggregationKernels_fill(&t, v.features);
         if (t.crossRow != ref.crossRow)
-            checkRows(ctx, "aggregation cross row", v, ref.crossRow, t.crossRow, nullptr, nullptr);
+            checkRows(ctx, "aggregation cross row", v, RowForms{ref.crossRow, t.crossRow, {}, {}, {}, {}});
         if (t.chainRow != ref.chainRow)
-            checkRows(ctx, "aggregation chain row", v, ref.chainRow, t.chainRow, nullptr, nullptr);
+            checkRows(ctx, "aggregation chain row", v, RowForms{ref.chainRow, t.chainRow, {}, {}, {}, {}});
         if (t.chainRows2 != ref.chainRows2)
-            checkRows(ctx, "aggregation chain rows x2", v, nullptr, nullptr, ref.chainRows2, t.chainRows2);
+            checkRows(ctx, "aggregation chain rows x2", v,
+                      RowForms{{}, {}, ref.chainRows2, t.chainRows2, {}, {}});
+        if (t.chainRows4 != ref.chainRows4)
+            checkRows(ctx, "aggregation chain rows x4", v,
+                      RowForms{{}, {}, {}, {}, ref.chainRows4, t.chainRows4});
         if (t.sumU8 != ref.sumU8) checkSum(ctx, "aggregation sum u8", v, ref.sumU8, t.sumU8, 1);
         if (t.sumU16 != ref.sumU16) checkSum(ctx, "aggregation sum u16", v, ref.sumU16, t.sumU16, 2);
         if (t.penaltyU8 != ref.penaltyU8)

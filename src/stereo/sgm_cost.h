@@ -38,6 +38,23 @@ void SgmCostKernels_fill(SgmCostKernels* table, uint32_t features);
 // The process's table, for Cpu_getFeatures().
 const SgmCostKernels* SgmCostKernels_get();
 
+// The vector forms' row kernel from K<kRows>::run, K a template of each
+// instruction-set file: row windows 1 to 9 unrolled, any other count in the
+// loop form (kRows 0). Instantiated only with those files' own K, so no copy
+// compiled with one set's instructions is shared with another.
+template <template <int> class K>
+void SgmCost_byRows(uint8_t* out, const uint8_t* base, const uint8_t* const* match, int32_t rows,
+                    const uint8_t* mask, int32_t D, int32_t dLow, int32_t x0, int32_t x1) {
+    switch (rows) {
+        case 1: return K<1>::run(out, base, match, rows, mask, D, dLow, x0, x1);
+        case 3: return K<3>::run(out, base, match, rows, mask, D, dLow, x0, x1);
+        case 5: return K<5>::run(out, base, match, rows, mask, D, dLow, x0, x1);
+        case 7: return K<7>::run(out, base, match, rows, mask, D, dLow, x0, x1);
+        case 9: return K<9>::run(out, base, match, rows, mask, D, dLow, x0, x1);
+        default: return K<0>::run(out, base, match, rows, mask, D, dLow, x0, x1);
+    }
+}
+
 void SgmCostKernels_addSse41(SgmCostKernels* table);
 void SgmCostKernels_addAvx2(SgmCostKernels* table);
 void SgmCostKernels_addNeon(SgmCostKernels* table);

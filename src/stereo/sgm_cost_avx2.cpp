@@ -235,25 +235,11 @@ struct Hamming32 {
     }
 };
 
-// Row windows 1 to 9 unrolled, any other count in the loop form.
-template <template <int> class K>
-void byRows(uint8_t* out, const uint8_t* base, const uint8_t* const* match, int32_t rows, const uint8_t* mask,
-            int32_t D, int32_t dLow, int32_t x0, int32_t x1) {
-    switch (rows) {
-        case 1: return K<1>::run(out, base, match, rows, mask, D, dLow, x0, x1);
-        case 3: return K<3>::run(out, base, match, rows, mask, D, dLow, x0, x1);
-        case 5: return K<5>::run(out, base, match, rows, mask, D, dLow, x0, x1);
-        case 7: return K<7>::run(out, base, match, rows, mask, D, dLow, x0, x1);
-        case 9: return K<9>::run(out, base, match, rows, mask, D, dLow, x0, x1);
-        default: return K<0>::run(out, base, match, rows, mask, D, dLow, x0, x1);
-    }
-}
-
 }  // namespace
 
 void SgmCostKernels_addAvx2(SgmCostKernels* table) {
-    table->hamming8 = byRows<Hamming8>;
-    table->hamming32 = byRows<Hamming32>;
+    table->hamming8 = SgmCost_byRows<Hamming8>;
+    table->hamming32 = SgmCost_byRows<Hamming32>;
 }
 
 }  // namespace vq_tl

@@ -34,6 +34,10 @@ struct BlockCache {
     pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
     void* blocks[kCacheSlots] = {};
     size_t capacity[kCacheSlots] = {};
+    // When each block was kept: the oldest make room first, so a session that
+    // changes its sizes or modes soon holds its own blocks, not stale ones.
+    uint64_t keptAt[kCacheSlots] = {};
+    uint64_t clock = 0;
     size_t bytes = 0;
 };
 
@@ -69,22 +73,37 @@ void* takeCached(size_t size) {
     return found;
 }
 
-// Keeps the block when a slot and the budget allow; true when kept.
+// Keeps the block when it fits the budget at all, giving the oldest kept
+// blocks back to the system until a slot and the budget allow; true when kept.
 bool keep(void* raw, size_t capacity) {
-    bool kept = false;
+    if (capacity > kCacheBudget) return false;
+    void* evicted[kCacheSlots];
+    int evictedCount = 0;
     pthread_mutex_lock(&gCache.lock);
-    if (gCache.bytes + capacity <= kCacheBudget) {
-        for (int i = 0; i < kCacheSlots && !kept; ++i) {
+    for (;;) {
+        int freeSlot = -1, oldest = -1;
+        for (int i = 0; i < kCacheSlots; ++i) {
             if (gCache.blocks[i] == nullptr) {
-                gCache.blocks[i] = raw;
-                gCache.capacity[i] = capacity;
-                gCache.bytes += capacity;
-                kept = true;
+                if (freeSlot < 0) freeSlot = i;
+            } else if (oldest < 0 || gCache.keptAt[i] < gCache.keptAt[oldest]) {
+                oldest = i;
             }
         }
+        if (freeSlot >= 0 && gCache.bytes + capacity <= kCacheBudget) {
+            gCache.blocks[freeSlot] = raw;
+            gCache.capacity[freeSlot] = capacity;
+            gCache.keptAt[freeSlot] = ++gCache.clock;
+            gCache.bytes += capacity;
+            break;
+        }
+        evicted[evictedCount++] = gCache.blocks[oldest];
+        gCache.bytes -= gCache.capacity[oldest];
+        gCache.blocks[oldest] = nullptr;
+        gCache.capacity[oldest] = 0;
     }
     pthread_mutex_unlock(&gCache.lock);
-    return kept;
+    for (int i = 0; i < evictedCount; ++i) std::free(evicted[i]);
+    return true;
 }
 
 }  // namespace

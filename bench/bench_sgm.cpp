@@ -2,8 +2,8 @@
 // a 1080 x 810 pair (27 percent of a 4000 x 3000 frame) with 24 candidates,
 // and the fine mode on 720 x 540 (18 percent) with 64. Each iteration is one
 // Sgm_createDisparityU8 writing both maps, volumes allocated and freed inside
-// as in the pipeline, on a Pel set up as the session sets up its own (one
-// worker per processor, the caller waits). Beside them OpenCV's StereoSGBM on
+// as in the pipeline, on parallel layers set up as the session sets up the
+// estimator's. Beside them OpenCV's StereoSGBM on
 // the same pair: the 3-way mode with 32 candidates against the normal mode,
 // the 8-path full mode with 64 against the fine mode, block size 3 and the
 // usual penalties 8 and 32 times channels times block area. BM_SgmSteps
@@ -22,6 +22,7 @@
 
 #include "image/image.h"
 #include "imageproc/rank_filter.h"
+#include "runtime/parallel_executor.h"
 #include "runtime/pel.h"
 #include "stereo/sgm.h"
 
@@ -68,6 +69,32 @@ struct StereoPair {
     }
 };
 
+// The matcher on a Pel and a ParallelExecutor set up as the session sets up
+// the estimator's (one worker per processor, the caller waits; the executor
+// forwards to the Pel and carries the medians).
+struct Matcher {
+    Env env{};
+    std::unique_ptr<Pel> pel = std::make_unique<Pel>();
+    ParallelExecutor executor;
+    Sgm sgm;
+    bool ready = false;
+    Matcher(int32_t width, int32_t height, uint32_t candidates, uint32_t mode) {
+        construct_Pel(pel.get(), &env);
+        pel->params.callerParticipates = 0;
+        construct_ParallelExecutor(&executor, &env);
+        executor.pel = pel.get();
+        construct_Sgm(&sgm, &env);
+        ready = Pel_init(pel.get()) == TL_OK && ParallelExecutor_init(&executor, 64, 64) == TL_OK &&
+                Sgm_setPel(&sgm, pel.get()) == TL_OK && Sgm_setParallelExecutor(&sgm, &executor) == TL_OK &&
+                Sgm_init(&sgm, width, height, candidates, mode) == TL_OK;
+    }
+    ~Matcher() {
+        destruct_Sgm(&sgm);
+        destruct_ParallelExecutor(&executor);
+        destruct_Pel(pel.get());
+    }
+};
+
 struct Case {
     int32_t width, height;
     uint32_t candidates;
@@ -77,22 +104,12 @@ struct Case {
 };
 
 void runSgm(benchmark::State& state, const Case& c) {
-    Env env{};
-    auto pel = std::make_unique<Pel>();
-    construct_Pel(pel.get(), &env);  // one worker per processor
-    pel->params.callerParticipates = 0;
-    if (Pel_init(pel.get()) != TL_OK) {
-        state.SkipWithError("Pel_init failed");
+    Matcher matcher(c.width, c.height, c.candidates, c.mode);
+    if (!matcher.ready) {
+        state.SkipWithError("set-up failed");
         return;
     }
-    Sgm sgm;
-    construct_Sgm(&sgm, &env);
-    Sgm_setPel(&sgm, pel.get());
-    if (Sgm_init(&sgm, c.width, c.height, c.candidates, c.mode) != TL_OK) {
-        state.SkipWithError("Sgm_init failed");
-        destruct_Pel(pel.get());
-        return;
-    }
+    Sgm& sgm = matcher.sgm;
     StereoPair pair(c.width, c.height);
     Owned d1(c.width, c.height, IMAGE_FORMAT_UINT8), d2(c.width, c.height, IMAGE_FORMAT_UINT8);
     for (auto _ : state) {
@@ -113,27 +130,18 @@ void runSgm(benchmark::State& state, const Case& c) {
     const int64_t planes = int64_t{sgm.pathCosts.pitch[0]} * sgm.pathCosts.height;
     state.counters["init_MiB"] = static_cast<double>(planes) / (1 << 20);
     state.counters["call_peak_MiB"] = static_cast<double>(all - imageProc - planes) / (1 << 20);
-    destruct_Sgm(&sgm);
-    destruct_Pel(pel.get());
 }
 
 // The matcher's steps as Sgm_createDisparityU8 and the pipeline's left-right
 // check run them, timed with a steady clock; counters give each step's
 // milliseconds per call and share of the sum.
 void runSgmSteps(benchmark::State& state, const Case& c) {
-    Env env{};
-    auto pel = std::make_unique<Pel>();
-    construct_Pel(pel.get(), &env);
-    pel->params.callerParticipates = 0;
-    Sgm sgm;
-    construct_Sgm(&sgm, &env);
-    if (Pel_init(pel.get()) != TL_OK || Sgm_setPel(&sgm, pel.get()) != TL_OK ||
-        Sgm_init(&sgm, c.width, c.height, c.candidates, c.mode) != TL_OK) {
+    Matcher matcher(c.width, c.height, c.candidates, c.mode);
+    if (!matcher.ready) {
         state.SkipWithError("set-up failed");
-        destruct_Sgm(&sgm);
-        destruct_Pel(pel.get());
         return;
     }
+    Sgm& sgm = matcher.sgm;
     const uint8_t D = Sgm_round8(c.candidates);
     const int8_t m = -4;
     StereoPair pair(c.width, c.height);
@@ -175,8 +183,6 @@ void runSgmSteps(benchmark::State& state, const Case& c) {
             benchmark::Counter(seconds[i] * 1e3, benchmark::Counter::kAvgIterations);
         state.counters[std::string(names[i]) + " %"] = total > 0 ? 100.0 * seconds[i] / total : 0.0;
     }
-    destruct_Sgm(&sgm);
-    destruct_Pel(pel.get());
 }
 
 // OpenCV's semi-global block matching on the same pair, with its own
@@ -204,19 +210,12 @@ void runOpenCv(benchmark::State& state, int32_t width, int32_t height, int32_t c
 // values 0 to 191 (24 candidates with 3 fraction bits).
 void runMedian(benchmark::State& state) {
     constexpr int32_t kWidth = 1080, kHeight = 810;
-    Env env{};
-    auto pel = std::make_unique<Pel>();
-    construct_Pel(pel.get(), &env);
-    pel->params.callerParticipates = 0;
-    Sgm sgm;
-    construct_Sgm(&sgm, &env);
-    if (Pel_init(pel.get()) != TL_OK || Sgm_setPel(&sgm, pel.get()) != TL_OK ||
-        Sgm_init(&sgm, kWidth, kHeight, 24, 0) != TL_OK) {
+    Matcher matcher(kWidth, kHeight, 24, 0);
+    if (!matcher.ready) {
         state.SkipWithError("set-up failed");
-        destruct_Sgm(&sgm);
-        destruct_Pel(pel.get());
         return;
     }
+    Sgm& sgm = matcher.sgm;
     Owned map(kWidth, kHeight, IMAGE_FORMAT_UINT8);
     std::mt19937 rng(11);
     for (int32_t y = 0; y < kHeight; ++y) {
@@ -228,8 +227,6 @@ void runMedian(benchmark::State& state) {
     }
     state.counters["Mpx/s"] = benchmark::Counter(static_cast<double>(kWidth) * kHeight / 1e6,
                                                  benchmark::Counter::kIsIterationInvariantRate);
-    destruct_Sgm(&sgm);
-    destruct_Pel(pel.get());
 }
 
 }  // namespace

@@ -54,8 +54,8 @@ inline void storeFit8(uint8_t* out, const int32_t* v, const int32_t* a, const in
 // steps per pixel when known at compile time (the key values then stay in
 // registers), 0 for D / 8 of them.
 template <int kN>
-void winnerBase8(uint8_t* out, const uint8_t* row, int32_t width, int32_t D, int32_t minDisparity, int32_t f,
-                 int32_t swapped, int32_t x0, int32_t x1) {
+void baseTwoPixels(uint8_t* out, const uint8_t* row, int32_t width, int32_t D, int32_t minDisparity,
+                   int32_t f, int32_t swapped, int32_t x0, int32_t x1) {
     const int32_t n = kN > 0 ? kN : D / 8;
     constexpr int32_t kSize = kN > 0 ? kN : kMaxSteps;
     __m256i values[kSize];
@@ -95,16 +95,142 @@ void winnerBase8(uint8_t* out, const uint8_t* row, int32_t width, int32_t D, int
     winnerBaseU8Row8_c(out, row, width, D, minDisparity, f, swapped, x, x1);
 }
 
-void winnerBase8Any(uint8_t* out, const uint8_t* row, int32_t width, int32_t D, int32_t minDisparity,
-                    int32_t f, int32_t swapped, int32_t x0, int32_t x1) {
+void winnerBase8Pairs(uint8_t* out, const uint8_t* row, int32_t width, int32_t D, int32_t minDisparity,
+                      int32_t f, int32_t swapped, int32_t x0, int32_t x1) {
     switch (D / 8) {
-        case 1: return winnerBase8<1>(out, row, width, D, minDisparity, f, swapped, x0, x1);
-        case 2: return winnerBase8<2>(out, row, width, D, minDisparity, f, swapped, x0, x1);
-        case 3: return winnerBase8<3>(out, row, width, D, minDisparity, f, swapped, x0, x1);
-        case 4: return winnerBase8<4>(out, row, width, D, minDisparity, f, swapped, x0, x1);
-        case 8: return winnerBase8<8>(out, row, width, D, minDisparity, f, swapped, x0, x1);
-        default: return winnerBase8<0>(out, row, width, D, minDisparity, f, swapped, x0, x1);
+        case 1: return baseTwoPixels<1>(out, row, width, D, minDisparity, f, swapped, x0, x1);
+        case 2: return baseTwoPixels<2>(out, row, width, D, minDisparity, f, swapped, x0, x1);
+        case 3: return baseTwoPixels<3>(out, row, width, D, minDisparity, f, swapped, x0, x1);
+        case 4: return baseTwoPixels<4>(out, row, width, D, minDisparity, f, swapped, x0, x1);
+        case 8: return baseTwoPixels<8>(out, row, width, D, minDisparity, f, swapped, x0, x1);
+        default: return baseTwoPixels<0>(out, row, width, D, minDisparity, f, swapped, x0, x1);
     }
+}
+
+// Slot-major blocks for the UINT8 volume (16 to 128 candidates for the base
+// view, 16 to 64 for the match view; the two-pixel forms do the others).
+// A block of 32 pixels is transposed so that one entry of all of them is 32
+// contiguous bytes; a winner is then found for 32 pixels at once in 8-bit
+// lanes, costs being compared as they are (no key, no sentinel value).
+
+// Entries e to e + 15 of 32 pixels (src: entry e of the first, pitch bytes
+// apart) into 16 rows of 32 bytes, stride apart. Register i holds pixel i in
+// lane 0 and pixel i + 16 in lane 1; four unpack stages within the lanes
+// (bytes, words, double words, quad words) leave entry e of pixels 0 to 15
+// in lane 0 and 16 to 31 in lane 1 of register e.
+inline void transpose16x32(uint8_t* dst, intptr_t stride, const uint8_t* src, intptr_t pitch) {
+    __m256i r[16], t[16];
+    for (int32_t i = 0; i < 16; ++i) {
+        const __m128i lo = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + i * pitch));
+        const __m128i hi = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + (i + 16) * pitch));
+        r[i] = _mm256_inserti128_si256(_mm256_castsi128_si256(lo), hi, 1);
+    }
+    // t[i]: entries 0 to 7 of pixels 2i and 2i + 1, t[i + 8] entries 8 to 15.
+    for (int32_t i = 0; i < 8; ++i) {
+        t[i] = _mm256_unpacklo_epi8(r[2 * i], r[2 * i + 1]);
+        t[i + 8] = _mm256_unpackhi_epi8(r[2 * i], r[2 * i + 1]);
+    }
+    // r[8h + j]: entries 8h to 8h + 3 of pixels 4j to 4j + 3, r[8h + 4 + j]
+    // entries 8h + 4 to 8h + 7.
+    for (int32_t h = 0; h < 2; ++h) {
+        for (int32_t j = 0; j < 4; ++j) {
+            r[8 * h + j] = _mm256_unpacklo_epi16(t[8 * h + 2 * j], t[8 * h + 2 * j + 1]);
+            r[8 * h + 4 + j] = _mm256_unpackhi_epi16(t[8 * h + 2 * j], t[8 * h + 2 * j + 1]);
+        }
+    }
+    // t[4g + j]: entries 4g and 4g + 1 of pixels 8j to 8j + 7, t[4g + 2 + j]
+    // entries 4g + 2 and 4g + 3.
+    for (int32_t g = 0; g < 4; ++g) {
+        for (int32_t j = 0; j < 2; ++j) {
+            t[4 * g + j] = _mm256_unpacklo_epi32(r[4 * g + 2 * j], r[4 * g + 2 * j + 1]);
+            t[4 * g + 2 + j] = _mm256_unpackhi_epi32(r[4 * g + 2 * j], r[4 * g + 2 * j + 1]);
+        }
+    }
+    for (int32_t h = 0; h < 8; ++h) {
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + 2 * h * stride),
+                            _mm256_unpacklo_epi64(t[2 * h], t[2 * h + 1]));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + (2 * h + 1) * stride),
+                            _mm256_unpackhi_epi64(t[2 * h], t[2 * h + 1]));
+    }
+}
+
+// Entries 0 to n - 1 (n >= 16) of 32 pixels into rows 0 to n - 1 of dst, in
+// chunks of 16, the last one overlapping its predecessor so that no load
+// leaves the pixels' n entries.
+inline void transposeEntries(uint8_t* dst, intptr_t stride, const uint8_t* src, intptr_t pitch, int32_t n) {
+    for (int32_t e = 0;; e += 16) {
+        if (e + 16 > n) e = n - 16;
+        transpose16x32(dst + e * stride, stride, src + e, pitch);
+        if (e + 16 >= n) break;
+    }
+}
+
+// The fit of storeFit8 for 32 pixels from bytes: v the winners' values, a
+// and b their neighbours' costs less their own (modulo 256, as the scalar
+// form's winner holds them).
+inline void storeFit32(uint8_t* out, __m256i v, __m256i a, __m256i b, int32_t f, int32_t swapped) {
+    if (f == 0) {
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), v);
+        return;
+    }
+    const __m256i scale = _mm256_set1_epi32(1 << (f - 1));
+    const __m128i shift = _mm_cvtsi32_si128(f);
+    const __m256 tiny = _mm256_set1_ps(1e-9f);
+    const __m256i lowByte = _mm256_set1_epi32(0xFF);
+    __m256i words[4];
+    for (int32_t q = 0; q < 4; ++q) {
+        // Pixels 8q to 8q + 7 widened to 32 bits.
+        const __m128i v16 = q < 2 ? _mm256_castsi256_si128(v) : _mm256_extracti128_si256(v, 1);
+        const __m128i a16 = q < 2 ? _mm256_castsi256_si128(a) : _mm256_extracti128_si256(a, 1);
+        const __m128i b16 = q < 2 ? _mm256_castsi256_si128(b) : _mm256_extracti128_si256(b, 1);
+        const __m256i vv = _mm256_cvtepu8_epi32((q & 1) != 0 ? _mm_srli_si128(v16, 8) : v16);
+        const __m256i aa = _mm256_cvtepu8_epi32((q & 1) != 0 ? _mm_srli_si128(a16, 8) : a16);
+        const __m256i bb = _mm256_cvtepu8_epi32((q & 1) != 0 ? _mm_srli_si128(b16, 8) : b16);
+        const __m256 num = _mm256_cvtepi32_ps(_mm256_mullo_epi32(_mm256_sub_epi32(aa, bb), scale));
+        const __m256 den = _mm256_add_ps(_mm256_cvtepi32_ps(_mm256_add_epi32(aa, bb)), tiny);
+        const __m256 offset = _mm256_div_ps(num, den);
+        const __m256 whole = _mm256_cvtepi32_ps(_mm256_sll_epi32(vv, shift));
+        const __m256 value = swapped != 0 ? _mm256_sub_ps(whole, offset) : _mm256_add_ps(whole, offset);
+        // The low byte, as the scalar form's cast to uint8_t takes it.
+        words[q] = _mm256_and_si256(_mm256_cvttps_epi32(value), lowByte);
+    }
+    // Packing works within lanes: double word i of the result holds pixels
+    // 4i to 4i + 3 for i in 0-3 of lane 0 ... put back in order.
+    const __m256i packed =
+        _mm256_packus_epi16(_mm256_packus_epi32(words[0], words[1]), _mm256_packus_epi32(words[2], words[3]));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out),
+                        _mm256_permutevar8x32_epi32(packed, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7)));
+}
+
+// Base view: entries 0 to D + 1 of 32 pixels slot-major, then the slots in
+// order of decreasing value v, each taking the pixels where its cost is at
+// most the smallest so far: the last to take a pixel is the smallest cost
+// with, of equal costs, the smallest v.
+void winnerBase8(uint8_t* out, const uint8_t* row, int32_t width, int32_t D, int32_t minDisparity, int32_t f,
+                 int32_t swapped, int32_t x0, int32_t x1) {
+    if (D < 16 || D > 128) return winnerBase8Pairs(out, row, width, D, minDisparity, f, swapped, x0, x1);
+    const intptr_t pitch = D + 2;
+    alignas(32) uint8_t buf[130 * 32];
+    int32_t x = x0;
+    for (; x + 32 <= x1; x += 32) {
+        transposeEntries(buf, 32, row + x * pitch, pitch, D + 2);
+        __m256i best = _mm256_set1_epi8(-1), won = _mm256_setzero_si256();
+        __m256i left = won, right = won;
+        for (int32_t i = 0; i < D; ++i) {
+            const int32_t k = swapped != 0 ? i : D - 1 - i;
+            const uint8_t* A = buf + 32 * k;
+            const __m256i cost = _mm256_load_si256(reinterpret_cast<const __m256i*>(A + 32));
+            const __m256i low = _mm256_min_epu8(best, cost);
+            const __m256i take = _mm256_cmpeq_epi8(low, cost);
+            best = low;
+            won = _mm256_blendv_epi8(won, _mm256_set1_epi8(static_cast<char>(D - 1 - i)), take);
+            left = _mm256_blendv_epi8(left, _mm256_load_si256(reinterpret_cast<const __m256i*>(A)), take);
+            right =
+                _mm256_blendv_epi8(right, _mm256_load_si256(reinterpret_cast<const __m256i*>(A + 64)), take);
+        }
+        storeFit32(out + x, won, _mm256_sub_epi8(left, best), _mm256_sub_epi8(right, best), f, swapped);
+    }
+    winnerBase8Pairs(out, row, width, D, minDisparity, f, swapped, x, x1);
 }
 
 // Match view. Base pixel xb gives slot k to match column xb - c + k (c =
@@ -238,11 +364,76 @@ void winnerMatch(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int32
     }
 }
 
+// Match view, UINT8 volume: slot k of match column x is slot k of the base
+// pixel x + c - k, so with the base pixels slot-major (slot k of pixel p at
+// row k, column p - pb0) slot k of 32 columns is 32 contiguous bytes of row
+// k, one column earlier per slot. Only columns all of whose slots have their
+// base pixel inside the row; there the fit's neighbours are the slots
+// beside along the diagonal, slot 1 on both sides of slot 0 and slot D - 2
+// on both sides of slot D - 1. The columns near the row's ends go to
+// winnerMatch.
+constexpr int32_t kMatchBuffer = 16384;
+
+void winnerMatch8(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int32_t m, int32_t f,
+                  int32_t swapped, int32_t x0, int32_t x1) {
+    const int32_t c = swapped != 0 ? m + D - 1 : -m;
+    const int32_t xi0 = x0 > D - 1 - c ? x0 : D - 1 - c, xi1 = x1 < W - c ? x1 : W - c;
+    if (D < 16 || D > 64 || xi1 - xi0 < 32)
+        return winnerMatch<uint8_t>(out, bytes, W, D, m, f, swapped, x0, x1);
+    if (xi0 > x0) winnerMatch<uint8_t>(out, bytes, W, D, m, f, swapped, x0, xi0);
+    const intptr_t pitch = D + 2;
+    // Columns per block (a multiple of 32, at most 512) and the stride of
+    // the rows (their D - 1 more base pixels, rounded up to 32), D rows
+    // within the buffer: at least 192 columns for D = 64.
+    int32_t n = (kMatchBuffer / D / 32) * 32 - (D - 1);
+    n = n > 512 ? 512 : (n / 32) * 32;
+    const intptr_t stride = ((n + D - 1) + 31) / 32 * 32;
+    alignas(32) uint8_t buf[kMatchBuffer];
+    int32_t x = xi0;
+    while (xi1 - x >= 32) {
+        const int32_t nb = n < ((xi1 - x) / 32) * 32 ? n : ((xi1 - x) / 32) * 32;
+        // Base pixels x + c - D + 1 to x + nb - 1 + c, in groups of 32, the
+        // last one overlapping its predecessor.
+        const int32_t pb0 = x + c - D + 1, np = nb + D - 1;
+        for (int32_t g = 0;; g += 32) {
+            if (g + 32 > np) g = np - 32;
+            transposeEntries(buf + g, stride, bytes + (pb0 + g) * pitch + 1, pitch, D);
+            if (g + 32 >= np) break;
+        }
+        for (int32_t i = 0; i < nb; i += 32) {
+            const uint8_t* B = buf + i + (D - 1);
+            __m256i best = _mm256_set1_epi8(-1), won = _mm256_setzero_si256();
+            __m256i left = won, right = won;
+            for (int32_t j = 0; j < D; ++j) {
+                const int32_t k = swapped != 0 ? j : D - 1 - j;
+                // Slot k at row k, column i + D - 1 - k; its neighbours k - 1
+                // and k + 1 one column later and earlier.
+                const uint8_t* A = B + k * (stride - 1);
+                const __m256i cost = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(A));
+                const __m256i below = _mm256_loadu_si256(
+                    reinterpret_cast<const __m256i*>(A + (k > 0 ? 1 - stride : stride - 1)));
+                const __m256i above = _mm256_loadu_si256(
+                    reinterpret_cast<const __m256i*>(A + (k < D - 1 ? stride - 1 : 1 - stride)));
+                const __m256i low = _mm256_min_epu8(best, cost);
+                const __m256i take = _mm256_cmpeq_epi8(low, cost);
+                best = low;
+                won = _mm256_blendv_epi8(won, _mm256_set1_epi8(static_cast<char>(D - 1 - j)), take);
+                left = _mm256_blendv_epi8(left, below, take);
+                right = _mm256_blendv_epi8(right, above, take);
+            }
+            storeFit32(out + x + i, won, _mm256_sub_epi8(left, best), _mm256_sub_epi8(right, best), f,
+                       swapped);
+        }
+        x += nb;
+    }
+    if (x < x1) winnerMatch<uint8_t>(out, bytes, W, D, m, f, swapped, x, x1);
+}
+
 }  // namespace
 
 void SgmSelectKernels_addAvx2(SgmSelectKernels* table) {
-    table->baseU8[0] = winnerBase8Any;
-    table->matchU8[0] = winnerMatch<uint8_t>;
+    table->baseU8[0] = winnerBase8;
+    table->matchU8[0] = winnerMatch8;
     table->matchU8[1] = winnerMatch<uint16_t>;
 }
 

@@ -167,70 +167,105 @@ inline void transposeEntries(uint8_t* dst, intptr_t stride, const uint8_t* src, 
 
 // The fit of storeFit8 for 32 pixels from bytes: v the winners' values, a
 // and b their neighbours' costs less their own (modulo 256, as the scalar
-// form's winner holds them).
+// form's winner holds them). Byte q of each 32-bit word, pixels 4j + q,
+// widened in place by shift and mask and put back the same way, so that
+// no shuffle is needed.
 inline void storeFit32(uint8_t* out, __m256i v, __m256i a, __m256i b, int32_t f, int32_t swapped) {
     if (f == 0) {
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), v);
         return;
     }
-    const __m256i scale = _mm256_set1_epi32(1 << (f - 1));
+    const __m128i scaleShift = _mm_cvtsi32_si128(f - 1);
     const __m128i shift = _mm_cvtsi32_si128(f);
     const __m256 tiny = _mm256_set1_ps(1e-9f);
     const __m256i lowByte = _mm256_set1_epi32(0xFF);
-    __m256i words[4];
+    __m256i result = _mm256_setzero_si256();
+#pragma GCC unroll 4
     for (int32_t q = 0; q < 4; ++q) {
-        // Pixels 8q to 8q + 7 widened to 32 bits.
-        const __m128i v16 = q < 2 ? _mm256_castsi256_si128(v) : _mm256_extracti128_si256(v, 1);
-        const __m128i a16 = q < 2 ? _mm256_castsi256_si128(a) : _mm256_extracti128_si256(a, 1);
-        const __m128i b16 = q < 2 ? _mm256_castsi256_si128(b) : _mm256_extracti128_si256(b, 1);
-        const __m256i vv = _mm256_cvtepu8_epi32((q & 1) != 0 ? _mm_srli_si128(v16, 8) : v16);
-        const __m256i aa = _mm256_cvtepu8_epi32((q & 1) != 0 ? _mm_srli_si128(a16, 8) : a16);
-        const __m256i bb = _mm256_cvtepu8_epi32((q & 1) != 0 ? _mm_srli_si128(b16, 8) : b16);
-        const __m256 num = _mm256_cvtepi32_ps(_mm256_mullo_epi32(_mm256_sub_epi32(aa, bb), scale));
+        const __m256i vv = _mm256_and_si256(_mm256_srli_epi32(v, 8 * q), lowByte);
+        const __m256i aa = _mm256_and_si256(_mm256_srli_epi32(a, 8 * q), lowByte);
+        const __m256i bb = _mm256_and_si256(_mm256_srli_epi32(b, 8 * q), lowByte);
+        // (a - b) * 2^(f - 1) as a shift: the same 32-bit value.
+        const __m256 num = _mm256_cvtepi32_ps(_mm256_sll_epi32(_mm256_sub_epi32(aa, bb), scaleShift));
         const __m256 den = _mm256_add_ps(_mm256_cvtepi32_ps(_mm256_add_epi32(aa, bb)), tiny);
         const __m256 offset = _mm256_div_ps(num, den);
         const __m256 whole = _mm256_cvtepi32_ps(_mm256_sll_epi32(vv, shift));
         const __m256 value = swapped != 0 ? _mm256_sub_ps(whole, offset) : _mm256_add_ps(whole, offset);
         // The low byte, as the scalar form's cast to uint8_t takes it.
-        words[q] = _mm256_and_si256(_mm256_cvttps_epi32(value), lowByte);
+        const __m256i word = _mm256_cvttps_epi32(value);
+        result =
+            _mm256_or_si256(result, _mm256_slli_epi32(q < 3 ? _mm256_and_si256(word, lowByte) : word, 8 * q));
     }
-    // Packing works within lanes: double word i of the result holds pixels
-    // 4i to 4i + 3 for i in 0-3 of lane 0 ... put back in order.
-    const __m256i packed =
-        _mm256_packus_epi16(_mm256_packus_epi32(words[0], words[1]), _mm256_packus_epi32(words[2], words[3]));
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out),
-                        _mm256_permutevar8x32_epi32(packed, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7)));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), result);
+}
+
+// One slot of the walk: its cost where it is at most the smallest so far,
+// and with it its value and neighbours.
+struct Walk {
+    __m256i best, won, left, right;
+};
+
+inline void walkSlot(Walk* w, __m256i cost, __m256i below, __m256i above, __m256i v) {
+    const __m256i low = _mm256_min_epu8(w->best, cost);
+    const __m256i take = _mm256_cmpeq_epi8(low, cost);
+    w->best = low;
+    w->won = _mm256_blendv_epi8(w->won, v, take);
+    w->left = _mm256_blendv_epi8(w->left, below, take);
+    w->right = _mm256_blendv_epi8(w->right, above, take);
+}
+
+inline __m256i rowOf(const uint8_t* buf, int32_t e) {
+    return _mm256_load_si256(reinterpret_cast<const __m256i*>(buf + 32 * e));
 }
 
 // Base view: entries 0 to D + 1 of 32 pixels slot-major, then the slots in
 // order of decreasing value v, each taking the pixels where its cost is at
 // most the smallest so far: the last to take a pixel is the smallest cost
-// with, of equal costs, the smallest v.
-void winnerBase8(uint8_t* out, const uint8_t* row, int32_t width, int32_t D, int32_t minDisparity, int32_t f,
-                 int32_t swapped, int32_t x0, int32_t x1) {
-    if (D < 16 || D > 128) return winnerBase8Pairs(out, row, width, D, minDisparity, f, swapped, x0, x1);
+// with, of equal costs, the smallest v. Each row is loaded once, as the
+// cost of one slot and a neighbour of the two beside it.
+template <bool kSwapped>
+void winnerBase8Blocks(uint8_t* out, const uint8_t* row, int32_t width, int32_t D, int32_t minDisparity,
+                       int32_t f, int32_t x0, int32_t x1) {
     const intptr_t pitch = D + 2;
     alignas(32) uint8_t buf[130 * 32];
+    const __m256i minusOne = _mm256_set1_epi8(-1);
     int32_t x = x0;
     for (; x + 32 <= x1; x += 32) {
         transposeEntries(buf, 32, row + x * pitch, pitch, D + 2);
-        __m256i best = _mm256_set1_epi8(-1), won = _mm256_setzero_si256();
-        __m256i left = won, right = won;
-        for (int32_t i = 0; i < D; ++i) {
-            const int32_t k = swapped != 0 ? i : D - 1 - i;
-            const uint8_t* A = buf + 32 * k;
-            const __m256i cost = _mm256_load_si256(reinterpret_cast<const __m256i*>(A + 32));
-            const __m256i low = _mm256_min_epu8(best, cost);
-            const __m256i take = _mm256_cmpeq_epi8(low, cost);
-            best = low;
-            won = _mm256_blendv_epi8(won, _mm256_set1_epi8(static_cast<char>(D - 1 - i)), take);
-            left = _mm256_blendv_epi8(left, _mm256_load_si256(reinterpret_cast<const __m256i*>(A)), take);
-            right =
-                _mm256_blendv_epi8(right, _mm256_load_si256(reinterpret_cast<const __m256i*>(A + 64)), take);
+        Walk w{_mm256_set1_epi8(-1), _mm256_setzero_si256(), _mm256_setzero_si256(), _mm256_setzero_si256()};
+        if constexpr (kSwapped) {
+            // v = D - 1 - k: slots upwards.
+            __m256i lo = rowOf(buf, 0), cur = rowOf(buf, 1);
+            __m256i v = _mm256_set1_epi8(static_cast<char>(D - 1));
+            for (int32_t k = 0; k < D; ++k) {
+                const __m256i hi = rowOf(buf, k + 2);
+                walkSlot(&w, cur, lo, hi, v);
+                v = _mm256_add_epi8(v, minusOne);
+                lo = cur;
+                cur = hi;
+            }
+        } else {
+            __m256i hi = rowOf(buf, D + 1), cur = rowOf(buf, D);
+            __m256i v = _mm256_set1_epi8(static_cast<char>(D - 1));
+            for (int32_t k = D - 1; k >= 0; --k) {
+                const __m256i lo = rowOf(buf, k);
+                walkSlot(&w, cur, lo, hi, v);
+                v = _mm256_add_epi8(v, minusOne);
+                hi = cur;
+                cur = lo;
+            }
         }
-        storeFit32(out + x, won, _mm256_sub_epi8(left, best), _mm256_sub_epi8(right, best), f, swapped);
+        storeFit32(out + x, w.won, _mm256_sub_epi8(w.left, w.best), _mm256_sub_epi8(w.right, w.best), f,
+                   kSwapped ? 1 : 0);
     }
-    winnerBase8Pairs(out, row, width, D, minDisparity, f, swapped, x, x1);
+    winnerBase8Pairs(out, row, width, D, minDisparity, f, kSwapped ? 1 : 0, x, x1);
+}
+
+void winnerBase8(uint8_t* out, const uint8_t* row, int32_t width, int32_t D, int32_t minDisparity, int32_t f,
+                 int32_t swapped, int32_t x0, int32_t x1) {
+    if (D < 16 || D > 128) return winnerBase8Pairs(out, row, width, D, minDisparity, f, swapped, x0, x1);
+    if (swapped != 0) return winnerBase8Blocks<true>(out, row, width, D, minDisparity, f, x0, x1);
+    return winnerBase8Blocks<false>(out, row, width, D, minDisparity, f, x0, x1);
 }
 
 // Match view. Base pixel xb gives slot k to match column xb - c + k (c =
@@ -367,66 +402,144 @@ void winnerMatch(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int32
 // Match view, UINT8 volume: slot k of match column x is slot k of the base
 // pixel x + c - k, so with the base pixels slot-major (slot k of pixel p at
 // row k, column p - pb0) slot k of 32 columns is 32 contiguous bytes of row
-// k, one column earlier per slot. Only columns all of whose slots have their
-// base pixel inside the row; there the fit's neighbours are the slots
-// beside along the diagonal, slot 1 on both sides of slot 0 and slot D - 2
-// on both sides of slot D - 1. The columns near the row's ends go to
-// winnerMatch.
+// k, one column earlier per slot, and its neighbours k - 1 and k + 1 one
+// column later and earlier in the rows beside. Interior columns (all slots'
+// base pixels inside the row) in blocks of up to 512 columns; there the
+// fit's neighbours are mirrored at slots 0 and D - 1. The columns near the
+// row's ends in blocks of 32 with a mask of the slots present.
 constexpr int32_t kMatchBuffer = 16384;
+
+inline __m256i loadAt(const uint8_t* p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)); }
+
+// The base pixels pb0 + lo to pb0 + hi - 1 (hi - lo >= 32, all inside the
+// row) slot-major into rows of buf, pixel pb0 + j at column j, in groups of
+// 32, the last one overlapping its predecessor.
+inline void transposePixels(uint8_t* buf, intptr_t stride, const uint8_t* bytes, int32_t D, int32_t pb0,
+                            int32_t lo, int32_t hi) {
+    const intptr_t pitch = D + 2;
+    for (int32_t g = lo;; g += 32) {
+        if (g + 32 > hi) g = hi - 32;
+        transposeEntries(buf + g, stride, bytes + (pb0 + g) * pitch + 1, pitch, D);
+        if (g + 32 >= hi) break;
+    }
+}
+
+// 32 interior columns; B: row 0 at the columns' slot D - 1 (column D - 1 of
+// the block's first column). Slots in order of decreasing value as in the
+// base view.
+inline void matchInterior32(uint8_t* out, const uint8_t* B, intptr_t stride, int32_t D, int32_t f,
+                            int32_t swapped) {
+    const __m256i minusOne = _mm256_set1_epi8(-1);
+    Walk w{minusOne, _mm256_setzero_si256(), minusOne, minusOne};
+    __m256i v = _mm256_set1_epi8(static_cast<char>(D - 1));
+    for (int32_t j = 0; j < D; ++j) {
+        const int32_t k = swapped != 0 ? j : D - 1 - j;
+        const uint8_t* A = B + k * (stride - 1);
+        walkSlot(&w, loadAt(A), loadAt(A + (k > 0 ? 1 - stride : stride - 1)),
+                 loadAt(A + (k < D - 1 ? stride - 1 : 1 - stride)), v);
+        v = _mm256_add_epi8(v, minusOne);
+    }
+    storeFit32(out, w.won, _mm256_sub_epi8(w.left, w.best), _mm256_sub_epi8(w.right, w.best), f, swapped);
+}
+
+// 32 columns xs to xs + 31 anywhere in a row of at least 32 pixels: the
+// slots whose base pixel is outside the row take no part (a mask along the
+// same diagonal as the costs), the neighbours are mirrored at the ends of
+// the run of slots present, and a column with none gives 0, the value of a
+// tie with a = b = 0.
+void matchEdge32(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int32_t c, int32_t f,
+                 int32_t swapped, int32_t xs, uint8_t* buf) {
+    const int32_t pb0 = xs + c - D + 1, np = 32 + D - 1;
+    const int32_t lo = pb0 < 0 ? -pb0 : 0, hi = pb0 + np > W ? W - pb0 : np;
+    if (lo >= hi) {
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + xs), _mm256_setzero_si256());
+        return;
+    }
+    // Columns -32 to np + 31 (a group of 32 pixels inside the row may reach
+    // that far past the ones present), the absent ones set so that no
+    // load reads bytes never written.
+    const intptr_t stride = (np + 64 + 31) / 32 * 32;
+    uint8_t* B0 = buf + 32;
+    const __m256i minusOne = _mm256_set1_epi8(-1), none = _mm256_setzero_si256();
+    for (int32_t k = 0; k < D; ++k) {
+        for (int32_t j = 0; j < np; j += 32)
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(B0 + k * stride + j), minusOne);
+    }
+    alignas(32) uint8_t present[32 + 128];
+    // Columns below 128 (np <= 95): signed byte compares.
+    for (int32_t j = 0; j < np; j += 32) {
+        const __m256i index =
+            _mm256_add_epi8(_mm256_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18,
+                                             19, 20, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31),
+                            _mm256_set1_epi8(static_cast<char>(j)));
+        const __m256i inside =
+            _mm256_andnot_si256(_mm256_cmpgt_epi8(_mm256_set1_epi8(static_cast<char>(lo)), index),
+                                _mm256_cmpgt_epi8(_mm256_set1_epi8(static_cast<char>(hi)), index));
+        _mm256_store_si256(reinterpret_cast<__m256i*>(present + j), inside);
+    }
+    // Groups of 32 pixels inside the row covering lo to hi - 1 (W >= 32).
+    for (int32_t g = lo;; g += 32) {
+        const int32_t gs = g + 32 > W - pb0 ? W - pb0 - 32 : g;
+        transposeEntries(B0 + gs, stride, bytes + (pb0 + gs) * (D + 2) + 1, D + 2, D);
+        if (g + 32 >= hi) break;
+    }
+    Walk w{minusOne, none, minusOne, minusOne};
+    __m256i v = _mm256_set1_epi8(static_cast<char>(D - 1));
+    for (int32_t j = 0; j < D; ++j) {
+        const int32_t k = swapped != 0 ? j : D - 1 - j;
+        const int32_t col = D - 1 - k;
+        const uint8_t* A = B0 + k * stride + col;
+        const __m256i cost = loadAt(A), here = loadAt(present + col);
+        const __m256i hasBelow = k > 0 ? loadAt(present + col + 1) : none;
+        const __m256i hasAbove = k < D - 1 ? loadAt(present + col - 1) : none;
+        const __m256i costBelow = k > 0 ? loadAt(A + 1 - stride) : cost;
+        const __m256i costAbove = k < D - 1 ? loadAt(A + stride - 1) : cost;
+        const __m256i below =
+            _mm256_blendv_epi8(_mm256_blendv_epi8(cost, costAbove, hasAbove), costBelow, hasBelow);
+        const __m256i above =
+            _mm256_blendv_epi8(_mm256_blendv_epi8(cost, costBelow, hasBelow), costAbove, hasAbove);
+        // Absent slots count as 255 for the minimum and never take.
+        const __m256i masked = _mm256_or_si256(cost, _mm256_andnot_si256(here, minusOne));
+        const __m256i low = _mm256_min_epu8(w.best, masked);
+        const __m256i take = _mm256_and_si256(_mm256_cmpeq_epi8(low, masked), here);
+        w.best = low;
+        w.won = _mm256_blendv_epi8(w.won, v, take);
+        w.left = _mm256_blendv_epi8(w.left, below, take);
+        w.right = _mm256_blendv_epi8(w.right, above, take);
+        v = _mm256_add_epi8(v, minusOne);
+    }
+    storeFit32(out + xs, w.won, _mm256_sub_epi8(w.left, w.best), _mm256_sub_epi8(w.right, w.best), f,
+               swapped);
+}
 
 void winnerMatch8(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int32_t m, int32_t f,
                   int32_t swapped, int32_t x0, int32_t x1) {
-    const int32_t c = swapped != 0 ? m + D - 1 : -m;
-    const int32_t xi0 = x0 > D - 1 - c ? x0 : D - 1 - c, xi1 = x1 < W - c ? x1 : W - c;
-    if (D < 16 || D > 64 || xi1 - xi0 < 32)
+    if (D < 16 || D > 64 || W < 32 || x1 - x0 < 32)
         return winnerMatch<uint8_t>(out, bytes, W, D, m, f, swapped, x0, x1);
-    if (xi0 > x0) winnerMatch<uint8_t>(out, bytes, W, D, m, f, swapped, x0, xi0);
-    const intptr_t pitch = D + 2;
+    const int32_t c = swapped != 0 ? m + D - 1 : -m;
+    int32_t xi0 = x0 > D - 1 - c ? x0 : D - 1 - c, xi1 = x1 < W - c ? x1 : W - c;
+    // Too few interior columns for a block: all columns as edge ones.
+    if (xi1 - xi0 < 32) xi0 = xi1 = x1;
+    alignas(32) uint8_t buf[kMatchBuffer];
+    for (int32_t xs = x0; xs < xi0; xs += 32)
+        matchEdge32(out, bytes, W, D, c, f, swapped, xs < x1 - 32 ? xs : x1 - 32, buf);
     // Columns per block (a multiple of 32, at most 512) and the stride of
     // the rows (their D - 1 more base pixels, rounded up to 32), D rows
     // within the buffer: at least 192 columns for D = 64.
     int32_t n = (kMatchBuffer / D / 32) * 32 - (D - 1);
     n = n > 512 ? 512 : (n / 32) * 32;
     const intptr_t stride = ((n + D - 1) + 31) / 32 * 32;
-    alignas(32) uint8_t buf[kMatchBuffer];
-    int32_t x = xi0;
-    while (xi1 - x >= 32) {
+    for (int32_t x = xi0; x < xi1;) {
+        // The last block overlaps its predecessor rather than end short.
+        if (xi1 - x < 32) x = xi1 - 32;
         const int32_t nb = n < ((xi1 - x) / 32) * 32 ? n : ((xi1 - x) / 32) * 32;
-        // Base pixels x + c - D + 1 to x + nb - 1 + c, in groups of 32, the
-        // last one overlapping its predecessor.
-        const int32_t pb0 = x + c - D + 1, np = nb + D - 1;
-        for (int32_t g = 0;; g += 32) {
-            if (g + 32 > np) g = np - 32;
-            transposeEntries(buf + g, stride, bytes + (pb0 + g) * pitch + 1, pitch, D);
-            if (g + 32 >= np) break;
-        }
-        for (int32_t i = 0; i < nb; i += 32) {
-            const uint8_t* B = buf + i + (D - 1);
-            __m256i best = _mm256_set1_epi8(-1), won = _mm256_setzero_si256();
-            __m256i left = won, right = won;
-            for (int32_t j = 0; j < D; ++j) {
-                const int32_t k = swapped != 0 ? j : D - 1 - j;
-                // Slot k at row k, column i + D - 1 - k; its neighbours k - 1
-                // and k + 1 one column later and earlier.
-                const uint8_t* A = B + k * (stride - 1);
-                const __m256i cost = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(A));
-                const __m256i below = _mm256_loadu_si256(
-                    reinterpret_cast<const __m256i*>(A + (k > 0 ? 1 - stride : stride - 1)));
-                const __m256i above = _mm256_loadu_si256(
-                    reinterpret_cast<const __m256i*>(A + (k < D - 1 ? stride - 1 : 1 - stride)));
-                const __m256i low = _mm256_min_epu8(best, cost);
-                const __m256i take = _mm256_cmpeq_epi8(low, cost);
-                best = low;
-                won = _mm256_blendv_epi8(won, _mm256_set1_epi8(static_cast<char>(D - 1 - j)), take);
-                left = _mm256_blendv_epi8(left, below, take);
-                right = _mm256_blendv_epi8(right, above, take);
-            }
-            storeFit32(out + x + i, won, _mm256_sub_epi8(left, best), _mm256_sub_epi8(right, best), f,
-                       swapped);
-        }
+        transposePixels(buf, stride, bytes, D, x + c - D + 1, 0, nb + D - 1);
+        for (int32_t i = 0; i < nb; i += 32)
+            matchInterior32(out + x + i, buf + i + (D - 1), stride, D, f, swapped);
         x += nb;
     }
-    if (x < x1) winnerMatch<uint8_t>(out, bytes, W, D, m, f, swapped, x, x1);
+    for (int32_t xs = xi1; xs < x1; xs += 32)
+        matchEdge32(out, bytes, W, D, c, f, swapped, xs < x1 - 32 ? xs : x1 - 32, buf);
 }
 
 }  // namespace

@@ -224,13 +224,13 @@ inline __m256i rowOf(const uint8_t* buf, int32_t e) {
 // with, of equal costs, the smallest v. Each row is loaded once, as the
 // cost of one slot and a neighbour of the two beside it.
 template <bool kSwapped>
-void winnerBase8Blocks(uint8_t* out, const uint8_t* row, int32_t width, int32_t D, int32_t minDisparity,
-                       int32_t f, int32_t x0, int32_t x1) {
+void winnerBase8Blocks(uint8_t* out, const uint8_t* row, int32_t D, int32_t f, int32_t x0, int32_t x1) {
     const intptr_t pitch = D + 2;
     alignas(32) uint8_t buf[130 * 32];
     const __m256i minusOne = _mm256_set1_epi8(-1);
-    int32_t x = x0;
-    for (; x + 32 <= x1; x += 32) {
+    for (int32_t x = x0; x < x1; x += 32) {
+        // The last block overlaps its predecessor rather than end short.
+        if (x1 - x < 32) x = x1 - 32;
         transposeEntries(buf, 32, row + x * pitch, pitch, D + 2);
         Walk w{_mm256_set1_epi8(-1), _mm256_setzero_si256(), _mm256_setzero_si256(), _mm256_setzero_si256()};
         if constexpr (kSwapped) {
@@ -258,14 +258,14 @@ void winnerBase8Blocks(uint8_t* out, const uint8_t* row, int32_t width, int32_t 
         storeFit32(out + x, w.won, _mm256_sub_epi8(w.left, w.best), _mm256_sub_epi8(w.right, w.best), f,
                    kSwapped ? 1 : 0);
     }
-    winnerBase8Pairs(out, row, width, D, minDisparity, f, kSwapped ? 1 : 0, x, x1);
 }
 
 void winnerBase8(uint8_t* out, const uint8_t* row, int32_t width, int32_t D, int32_t minDisparity, int32_t f,
                  int32_t swapped, int32_t x0, int32_t x1) {
-    if (D < 16 || D > 128) return winnerBase8Pairs(out, row, width, D, minDisparity, f, swapped, x0, x1);
-    if (swapped != 0) return winnerBase8Blocks<true>(out, row, width, D, minDisparity, f, x0, x1);
-    return winnerBase8Blocks<false>(out, row, width, D, minDisparity, f, x0, x1);
+    if (D < 16 || D > 128 || x1 - x0 < 32)
+        return winnerBase8Pairs(out, row, width, D, minDisparity, f, swapped, x0, x1);
+    if (swapped != 0) return winnerBase8Blocks<true>(out, row, D, f, x0, x1);
+    return winnerBase8Blocks<false>(out, row, D, f, x0, x1);
 }
 
 // Match view. Base pixel xb gives slot k to match column xb - c + k (c =
@@ -424,20 +424,41 @@ inline void transposePixels(uint8_t* buf, intptr_t stride, const uint8_t* bytes,
     }
 }
 
-// 32 interior columns; B: row 0 at the columns' slot D - 1 (column D - 1 of
+// 32 interior columns; B: row 0 at the columns' slot 0 (column D - 1 of
 // the block's first column). Slots in order of decreasing value as in the
-// base view.
+// base view; the neighbours of slot k are the costs of slots k - 1 and
+// k + 1, so each is loaded once.
 inline void matchInterior32(uint8_t* out, const uint8_t* B, intptr_t stride, int32_t D, int32_t f,
                             int32_t swapped) {
     const __m256i minusOne = _mm256_set1_epi8(-1);
     Walk w{minusOne, _mm256_setzero_si256(), minusOne, minusOne};
     __m256i v = _mm256_set1_epi8(static_cast<char>(D - 1));
-    for (int32_t j = 0; j < D; ++j) {
-        const int32_t k = swapped != 0 ? j : D - 1 - j;
-        const uint8_t* A = B + k * (stride - 1);
-        walkSlot(&w, loadAt(A), loadAt(A + (k > 0 ? 1 - stride : stride - 1)),
-                 loadAt(A + (k < D - 1 ? stride - 1 : 1 - stride)), v);
+    const intptr_t diagonal = stride - 1;
+    if (swapped != 0) {
+        // v = D - 1 - k: slots upwards, slot D - 2 on both sides of D - 1.
+        __m256i cur = loadAt(B), hi = loadAt(B + diagonal), lo;
+        walkSlot(&w, cur, hi, hi, v);
+        for (int32_t k = 1; k < D - 1; ++k) {
+            v = _mm256_add_epi8(v, minusOne);
+            lo = cur;
+            cur = hi;
+            hi = loadAt(B + (k + 1) * diagonal);
+            walkSlot(&w, cur, lo, hi, v);
+        }
         v = _mm256_add_epi8(v, minusOne);
+        walkSlot(&w, hi, cur, cur, v);
+    } else {
+        __m256i cur = loadAt(B + (D - 1) * diagonal), lo = loadAt(B + (D - 2) * diagonal), hi;
+        walkSlot(&w, cur, lo, lo, v);
+        for (int32_t k = D - 2; k > 0; --k) {
+            v = _mm256_add_epi8(v, minusOne);
+            hi = cur;
+            cur = lo;
+            lo = loadAt(B + (k - 1) * diagonal);
+            walkSlot(&w, cur, lo, hi, v);
+        }
+        v = _mm256_add_epi8(v, minusOne);
+        walkSlot(&w, lo, cur, cur, v);
     }
     storeFit32(out, w.won, _mm256_sub_epi8(w.left, w.best), _mm256_sub_epi8(w.right, w.best), f, swapped);
 }

@@ -1,10 +1,12 @@
-// Winner rows with AVX2: the match view's sliding window of keys over two
-// halves of a block of columns at once, one half in each 128-bit lane (the
-// byte alignment that slides the window works within lanes), and the
-// sub-pixel fit of 8 pixels at once with the scalar form's float operations in
-// the same order (a true division, no reciprocal estimate). The base view of
-// UINT8 volumes two pixels per register; that of UINT16 volumes keeps the
-// SSE4.1 form.
+// Winner rows with AVX2. UINT8 volumes with 16 to 128 candidates (base
+// view) or 16 to 64 (match view): blocks of 32 pixels transposed to
+// slot-major form, the winner of 32 pixels found at once in 8-bit lanes and
+// their sub-pixel fit 8 at a time with the scalar form's float operations in
+// the same order (a true division, no reciprocal estimate). Otherwise the
+// match view's sliding window of keys over two halves of a block of columns
+// at once, one half in each 128-bit lane (the byte alignment that slides the
+// window works within lanes), and the base view of UINT8 volumes two pixels
+// per register; that of UINT16 volumes keeps the SSE4.1 form.
 #include <immintrin.h>
 
 #include "stereo/sgm_select.h"
@@ -108,8 +110,8 @@ void winnerBase8Pairs(uint8_t* out, const uint8_t* row, int32_t width, int32_t D
 }
 
 // Slot-major blocks for the UINT8 volume (16 to 128 candidates for the base
-// view, 16 to 64 for the match view; the two-pixel forms do the others).
-// A block of 32 pixels is transposed so that one entry of all of them is 32
+// view, 16 to 64 for the match view, rows of 32 pixels or more; the forms
+// above do the others). A block of 32 pixels is transposed so that one entry of all of them is 32
 // contiguous bytes; a winner is then found for 32 pixels at once in 8-bit
 // lanes, costs being compared as they are (no key, no sentinel value).
 

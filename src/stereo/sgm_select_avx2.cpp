@@ -413,16 +413,16 @@ constexpr int32_t kMatchBuffer = 16384;
 
 inline __m256i loadAt(const uint8_t* p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)); }
 
-// The base pixels pb0 + lo to pb0 + hi - 1 (hi - lo >= 32, all inside the
-// row) slot-major into rows of buf, pixel pb0 + j at column j, in groups of
-// 32, the last one overlapping its predecessor.
+// The base pixels pb0 to pb0 + count - 1 (count >= 32, all inside the row)
+// slot-major into rows of buf, pixel pb0 + j at column j, in groups of 32,
+// the last one overlapping its predecessor.
 inline void transposePixels(uint8_t* buf, intptr_t stride, const uint8_t* bytes, int32_t D, int32_t pb0,
-                            int32_t lo, int32_t hi) {
+                            int32_t count) {
     const intptr_t pitch = D + 2;
-    for (int32_t g = lo;; g += 32) {
-        if (g + 32 > hi) g = hi - 32;
+    for (int32_t g = 0;; g += 32) {
+        if (g + 32 > count) g = count - 32;
         transposeEntries(buf + g, stride, bytes + (pb0 + g) * pitch + 1, pitch, D);
-        if (g + 32 >= hi) break;
+        if (g + 32 >= count) break;
     }
 }
 
@@ -478,9 +478,10 @@ void matchEdge32(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int32
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + xs), _mm256_setzero_si256());
         return;
     }
-    // Columns -32 to np + 31 (a group of 32 pixels inside the row may reach
-    // that far past the ones present), the absent ones set so that no
-    // load reads bytes never written.
+    // Rows span columns -32 to np + 31 (a group of 32 pixels inside the row
+    // may reach that far past the ones present); columns 0 to np, all the
+    // walk reads, are set to 255 first so that no load reads bytes never
+    // written.
     const intptr_t stride = (np + 64 + 31) / 32 * 32;
     uint8_t* B0 = buf + 32;
     const __m256i minusOne = _mm256_set1_epi8(-1), none = _mm256_setzero_si256();
@@ -556,7 +557,7 @@ void winnerMatch8(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int3
         // The last block overlaps its predecessor rather than end short.
         if (xi1 - x < 32) x = xi1 - 32;
         const int32_t nb = n < ((xi1 - x) / 32) * 32 ? n : ((xi1 - x) / 32) * 32;
-        transposePixels(buf, stride, bytes, D, x + c - D + 1, 0, nb + D - 1);
+        transposePixels(buf, stride, bytes, D, x + c - D + 1, nb + D - 1);
         for (int32_t i = 0; i < nb; i += 32)
             matchInterior32(out + x + i, buf + i + (D - 1), stride, D, f, swapped);
         x += nb;

@@ -1,10 +1,12 @@
-// Winner rows with AVX2: the match view's sliding window of keys over two
-// halves of a block of columns at once, one half in each 128-bit lane (the
-// byte alignment that slides the window works within lanes), and the
-// sub-pixel fit of 8 pixels at once with the scalar form's float operations in
-// the same order (a true division, no reciprocal estimate). The base view of
-// UINT8 volumes two pixels per register; that of UINT16 volumes keeps the
-// SSE4.1 form.
+// Winner rows with AVX2. UINT8 volumes with 16 to 128 candidates (base
+// view) or 16 to 64 (match view): blocks of 32 pixels transposed to
+// slot-major form, the winner of 32 pixels found at once in 8-bit lanes and
+// their sub-pixel fit 8 at a time with the scalar form's float operations in
+// the same order (a true division, no reciprocal estimate). Otherwise the
+// match view's sliding window of keys over two halves of a block of columns
+// at once, one half in each 128-bit lane (the byte alignment that slides the
+// window works within lanes), and the base view of UINT8 volumes two pixels
+// per register; that of UINT16 volumes keeps the SSE4.1 form.
 #include <immintrin.h>
 
 #include "stereo/sgm_select.h"
@@ -54,8 +56,8 @@ inline void storeFit8(uint8_t* out, const int32_t* v, const int32_t* a, const in
 // steps per pixel when known at compile time (the key values then stay in
 // registers), 0 for D / 8 of them.
 template <int kN>
-void winnerBase8(uint8_t* out, const uint8_t* row, int32_t width, int32_t D, int32_t minDisparity, int32_t f,
-                 int32_t swapped, int32_t x0, int32_t x1) {
+void baseTwoPixels(uint8_t* out, const uint8_t* row, int32_t width, int32_t D, int32_t minDisparity,
+                   int32_t f, int32_t swapped, int32_t x0, int32_t x1) {
     const int32_t n = kN > 0 ? kN : D / 8;
     constexpr int32_t kSize = kN > 0 ? kN : kMaxSteps;
     __m256i values[kSize];
@@ -95,16 +97,177 @@ void winnerBase8(uint8_t* out, const uint8_t* row, int32_t width, int32_t D, int
     winnerBaseU8Row8_c(out, row, width, D, minDisparity, f, swapped, x, x1);
 }
 
-void winnerBase8Any(uint8_t* out, const uint8_t* row, int32_t width, int32_t D, int32_t minDisparity,
-                    int32_t f, int32_t swapped, int32_t x0, int32_t x1) {
+void winnerBase8Pairs(uint8_t* out, const uint8_t* row, int32_t width, int32_t D, int32_t minDisparity,
+                      int32_t f, int32_t swapped, int32_t x0, int32_t x1) {
     switch (D / 8) {
-        case 1: return winnerBase8<1>(out, row, width, D, minDisparity, f, swapped, x0, x1);
-        case 2: return winnerBase8<2>(out, row, width, D, minDisparity, f, swapped, x0, x1);
-        case 3: return winnerBase8<3>(out, row, width, D, minDisparity, f, swapped, x0, x1);
-        case 4: return winnerBase8<4>(out, row, width, D, minDisparity, f, swapped, x0, x1);
-        case 8: return winnerBase8<8>(out, row, width, D, minDisparity, f, swapped, x0, x1);
-        default: return winnerBase8<0>(out, row, width, D, minDisparity, f, swapped, x0, x1);
+        case 1: return baseTwoPixels<1>(out, row, width, D, minDisparity, f, swapped, x0, x1);
+        case 2: return baseTwoPixels<2>(out, row, width, D, minDisparity, f, swapped, x0, x1);
+        case 3: return baseTwoPixels<3>(out, row, width, D, minDisparity, f, swapped, x0, x1);
+        case 4: return baseTwoPixels<4>(out, row, width, D, minDisparity, f, swapped, x0, x1);
+        case 8: return baseTwoPixels<8>(out, row, width, D, minDisparity, f, swapped, x0, x1);
+        default: return baseTwoPixels<0>(out, row, width, D, minDisparity, f, swapped, x0, x1);
     }
+}
+
+// Slot-major blocks for the UINT8 volume (16 to 128 candidates for the base
+// view, 16 to 64 for the match view, rows of 32 pixels or more; the forms
+// above do the others). A block of 32 pixels is transposed so that one entry of all of them is 32
+// contiguous bytes; a winner is then found for 32 pixels at once in 8-bit
+// lanes, costs being compared as they are (no key, no sentinel value).
+
+// Entries e to e + 15 of 32 pixels (src: entry e of the first, pitch bytes
+// apart) into 16 rows of 32 bytes, stride apart. Register i holds pixel i in
+// lane 0 and pixel i + 16 in lane 1; four unpack stages within the lanes
+// (bytes, words, double words, quad words) leave entry e of pixels 0 to 15
+// in lane 0 and 16 to 31 in lane 1 of register e.
+inline void transpose16x32(uint8_t* dst, intptr_t stride, const uint8_t* src, intptr_t pitch) {
+    __m256i r[16], t[16];
+    for (int32_t i = 0; i < 16; ++i) {
+        const __m128i lo = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + i * pitch));
+        const __m128i hi = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + (i + 16) * pitch));
+        r[i] = _mm256_inserti128_si256(_mm256_castsi128_si256(lo), hi, 1);
+    }
+    // t[i]: entries 0 to 7 of pixels 2i and 2i + 1, t[i + 8] entries 8 to 15.
+    for (int32_t i = 0; i < 8; ++i) {
+        t[i] = _mm256_unpacklo_epi8(r[2 * i], r[2 * i + 1]);
+        t[i + 8] = _mm256_unpackhi_epi8(r[2 * i], r[2 * i + 1]);
+    }
+    // r[8h + j]: entries 8h to 8h + 3 of pixels 4j to 4j + 3, r[8h + 4 + j]
+    // entries 8h + 4 to 8h + 7.
+    for (int32_t h = 0; h < 2; ++h) {
+        for (int32_t j = 0; j < 4; ++j) {
+            r[8 * h + j] = _mm256_unpacklo_epi16(t[8 * h + 2 * j], t[8 * h + 2 * j + 1]);
+            r[8 * h + 4 + j] = _mm256_unpackhi_epi16(t[8 * h + 2 * j], t[8 * h + 2 * j + 1]);
+        }
+    }
+    // t[4g + j]: entries 4g and 4g + 1 of pixels 8j to 8j + 7, t[4g + 2 + j]
+    // entries 4g + 2 and 4g + 3.
+    for (int32_t g = 0; g < 4; ++g) {
+        for (int32_t j = 0; j < 2; ++j) {
+            t[4 * g + j] = _mm256_unpacklo_epi32(r[4 * g + 2 * j], r[4 * g + 2 * j + 1]);
+            t[4 * g + 2 + j] = _mm256_unpackhi_epi32(r[4 * g + 2 * j], r[4 * g + 2 * j + 1]);
+        }
+    }
+    for (int32_t h = 0; h < 8; ++h) {
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + 2 * h * stride),
+                            _mm256_unpacklo_epi64(t[2 * h], t[2 * h + 1]));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + (2 * h + 1) * stride),
+                            _mm256_unpackhi_epi64(t[2 * h], t[2 * h + 1]));
+    }
+}
+
+// Entries 0 to n - 1 (n >= 16) of 32 pixels into rows 0 to n - 1 of dst, in
+// chunks of 16, the last one overlapping its predecessor so that no load
+// leaves the pixels' n entries.
+inline void transposeEntries(uint8_t* dst, intptr_t stride, const uint8_t* src, intptr_t pitch, int32_t n) {
+    for (int32_t e = 0;; e += 16) {
+        if (e + 16 > n) e = n - 16;
+        transpose16x32(dst + e * stride, stride, src + e, pitch);
+        if (e + 16 >= n) break;
+    }
+}
+
+// The fit of storeFit8 for 32 pixels from bytes: v the winners' values, a
+// and b their neighbours' costs less their own (modulo 256, as the scalar
+// form's winner holds them). Byte q of each 32-bit word, pixels 4j + q,
+// widened in place by shift and mask and put back the same way, so that
+// no shuffle is needed.
+inline void storeFit32(uint8_t* out, __m256i v, __m256i a, __m256i b, int32_t f, int32_t swapped) {
+    if (f == 0) {
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), v);
+        return;
+    }
+    const __m128i scaleShift = _mm_cvtsi32_si128(f - 1);
+    const __m128i shift = _mm_cvtsi32_si128(f);
+    const __m256 tiny = _mm256_set1_ps(1e-9f);
+    const __m256i lowByte = _mm256_set1_epi32(0xFF);
+    __m256i result = _mm256_setzero_si256();
+#pragma GCC unroll 4
+    for (int32_t q = 0; q < 4; ++q) {
+        const __m256i vv = _mm256_and_si256(_mm256_srli_epi32(v, 8 * q), lowByte);
+        const __m256i aa = _mm256_and_si256(_mm256_srli_epi32(a, 8 * q), lowByte);
+        const __m256i bb = _mm256_and_si256(_mm256_srli_epi32(b, 8 * q), lowByte);
+        // (a - b) * 2^(f - 1) as a shift: the same 32-bit value.
+        const __m256 num = _mm256_cvtepi32_ps(_mm256_sll_epi32(_mm256_sub_epi32(aa, bb), scaleShift));
+        const __m256 den = _mm256_add_ps(_mm256_cvtepi32_ps(_mm256_add_epi32(aa, bb)), tiny);
+        const __m256 offset = _mm256_div_ps(num, den);
+        const __m256 whole = _mm256_cvtepi32_ps(_mm256_sll_epi32(vv, shift));
+        const __m256 value = swapped != 0 ? _mm256_sub_ps(whole, offset) : _mm256_add_ps(whole, offset);
+        // The low byte, as the scalar form's cast to uint8_t takes it.
+        const __m256i word = _mm256_cvttps_epi32(value);
+        result =
+            _mm256_or_si256(result, _mm256_slli_epi32(q < 3 ? _mm256_and_si256(word, lowByte) : word, 8 * q));
+    }
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), result);
+}
+
+// One slot of the walk: its cost where it is at most the smallest so far,
+// and with it its value and neighbours.
+struct Walk {
+    __m256i best, won, left, right;
+};
+
+inline void walkSlot(Walk* w, __m256i cost, __m256i below, __m256i above, __m256i v) {
+    const __m256i low = _mm256_min_epu8(w->best, cost);
+    const __m256i take = _mm256_cmpeq_epi8(low, cost);
+    w->best = low;
+    w->won = _mm256_blendv_epi8(w->won, v, take);
+    w->left = _mm256_blendv_epi8(w->left, below, take);
+    w->right = _mm256_blendv_epi8(w->right, above, take);
+}
+
+inline __m256i rowOf(const uint8_t* buf, int32_t e) {
+    return _mm256_load_si256(reinterpret_cast<const __m256i*>(buf + 32 * e));
+}
+
+// Base view: entries 0 to D + 1 of 32 pixels slot-major, then the slots in
+// order of decreasing value v, each taking the pixels where its cost is at
+// most the smallest so far: the last to take a pixel is the smallest cost
+// with, of equal costs, the smallest v. Each row is loaded once, as the
+// cost of one slot and a neighbour of the two beside it.
+template <bool kSwapped>
+void winnerBase8Blocks(uint8_t* out, const uint8_t* row, int32_t D, int32_t f, int32_t x0, int32_t x1) {
+    const intptr_t pitch = D + 2;
+    alignas(32) uint8_t buf[130 * 32];
+    const __m256i minusOne = _mm256_set1_epi8(-1);
+    for (int32_t x = x0; x < x1; x += 32) {
+        // The last block overlaps its predecessor rather than end short.
+        if (x1 - x < 32) x = x1 - 32;
+        transposeEntries(buf, 32, row + x * pitch, pitch, D + 2);
+        Walk w{_mm256_set1_epi8(-1), _mm256_setzero_si256(), _mm256_setzero_si256(), _mm256_setzero_si256()};
+        if constexpr (kSwapped) {
+            // v = D - 1 - k: slots upwards.
+            __m256i lo = rowOf(buf, 0), cur = rowOf(buf, 1);
+            __m256i v = _mm256_set1_epi8(static_cast<char>(D - 1));
+            for (int32_t k = 0; k < D; ++k) {
+                const __m256i hi = rowOf(buf, k + 2);
+                walkSlot(&w, cur, lo, hi, v);
+                v = _mm256_add_epi8(v, minusOne);
+                lo = cur;
+                cur = hi;
+            }
+        } else {
+            __m256i hi = rowOf(buf, D + 1), cur = rowOf(buf, D);
+            __m256i v = _mm256_set1_epi8(static_cast<char>(D - 1));
+            for (int32_t k = D - 1; k >= 0; --k) {
+                const __m256i lo = rowOf(buf, k);
+                walkSlot(&w, cur, lo, hi, v);
+                v = _mm256_add_epi8(v, minusOne);
+                hi = cur;
+                cur = lo;
+            }
+        }
+        storeFit32(out + x, w.won, _mm256_sub_epi8(w.left, w.best), _mm256_sub_epi8(w.right, w.best), f,
+                   kSwapped ? 1 : 0);
+    }
+}
+
+void winnerBase8(uint8_t* out, const uint8_t* row, int32_t width, int32_t D, int32_t minDisparity, int32_t f,
+                 int32_t swapped, int32_t x0, int32_t x1) {
+    if (D < 16 || D > 128 || x1 - x0 < 32)
+        return winnerBase8Pairs(out, row, width, D, minDisparity, f, swapped, x0, x1);
+    if (swapped != 0) return winnerBase8Blocks<true>(out, row, D, f, x0, x1);
+    return winnerBase8Blocks<false>(out, row, D, f, x0, x1);
 }
 
 // Match view. Base pixel xb gives slot k to match column xb - c + k (c =
@@ -238,11 +401,176 @@ void winnerMatch(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int32
     }
 }
 
+// Match view, UINT8 volume: slot k of match column x is slot k of the base
+// pixel x + c - k, so with the base pixels slot-major (slot k of pixel p at
+// row k, column p - pb0) slot k of 32 columns is 32 contiguous bytes of row
+// k, one column earlier per slot, and its neighbours k - 1 and k + 1 one
+// column later and earlier in the rows beside. Interior columns (all slots'
+// base pixels inside the row) in blocks of up to 512 columns; there the
+// fit's neighbours are mirrored at slots 0 and D - 1. The columns near the
+// row's ends in blocks of 32 with a mask of the slots present.
+constexpr int32_t kMatchBuffer = 16384;
+
+inline __m256i loadAt(const uint8_t* p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)); }
+
+// The base pixels pb0 to pb0 + count - 1 (count >= 32, all inside the row)
+// slot-major into rows of buf, pixel pb0 + j at column j, in groups of 32,
+// the last one overlapping its predecessor.
+inline void transposePixels(uint8_t* buf, intptr_t stride, const uint8_t* bytes, int32_t D, int32_t pb0,
+                            int32_t count) {
+    const intptr_t pitch = D + 2;
+    for (int32_t g = 0;; g += 32) {
+        if (g + 32 > count) g = count - 32;
+        transposeEntries(buf + g, stride, bytes + (pb0 + g) * pitch + 1, pitch, D);
+        if (g + 32 >= count) break;
+    }
+}
+
+// 32 interior columns; B: row 0 at the columns' slot 0 (column D - 1 of
+// the block's first column). Slots in order of decreasing value as in the
+// base view; the neighbours of slot k are the costs of slots k - 1 and
+// k + 1, so each is loaded once.
+inline void matchInterior32(uint8_t* out, const uint8_t* B, intptr_t stride, int32_t D, int32_t f,
+                            int32_t swapped) {
+    const __m256i minusOne = _mm256_set1_epi8(-1);
+    Walk w{minusOne, _mm256_setzero_si256(), minusOne, minusOne};
+    __m256i v = _mm256_set1_epi8(static_cast<char>(D - 1));
+    const intptr_t diagonal = stride - 1;
+    if (swapped != 0) {
+        // v = D - 1 - k: slots upwards, slot D - 2 on both sides of D - 1.
+        __m256i cur = loadAt(B), hi = loadAt(B + diagonal), lo;
+        walkSlot(&w, cur, hi, hi, v);
+        for (int32_t k = 1; k < D - 1; ++k) {
+            v = _mm256_add_epi8(v, minusOne);
+            lo = cur;
+            cur = hi;
+            hi = loadAt(B + (k + 1) * diagonal);
+            walkSlot(&w, cur, lo, hi, v);
+        }
+        v = _mm256_add_epi8(v, minusOne);
+        walkSlot(&w, hi, cur, cur, v);
+    } else {
+        __m256i cur = loadAt(B + (D - 1) * diagonal), lo = loadAt(B + (D - 2) * diagonal), hi;
+        walkSlot(&w, cur, lo, lo, v);
+        for (int32_t k = D - 2; k > 0; --k) {
+            v = _mm256_add_epi8(v, minusOne);
+            hi = cur;
+            cur = lo;
+            lo = loadAt(B + (k - 1) * diagonal);
+            walkSlot(&w, cur, lo, hi, v);
+        }
+        v = _mm256_add_epi8(v, minusOne);
+        walkSlot(&w, lo, cur, cur, v);
+    }
+    storeFit32(out, w.won, _mm256_sub_epi8(w.left, w.best), _mm256_sub_epi8(w.right, w.best), f, swapped);
+}
+
+// 32 columns xs to xs + 31 anywhere in a row of at least 32 pixels: the
+// slots whose base pixel is outside the row take no part (a mask along the
+// same diagonal as the costs), the neighbours are mirrored at the ends of
+// the run of slots present, and a column with none gives 0, the value of a
+// tie with a = b = 0.
+void matchEdge32(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int32_t c, int32_t f,
+                 int32_t swapped, int32_t xs, uint8_t* buf) {
+    const int32_t pb0 = xs + c - D + 1, np = 32 + D - 1;
+    const int32_t lo = pb0 < 0 ? -pb0 : 0, hi = pb0 + np > W ? W - pb0 : np;
+    if (lo >= hi) {
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + xs), _mm256_setzero_si256());
+        return;
+    }
+    // Rows span columns -32 to np + 31 (a group of 32 pixels inside the row
+    // may reach that far past the ones present); columns 0 to np, all the
+    // walk reads, are set to 255 first so that no load reads bytes never
+    // written.
+    const intptr_t stride = (np + 64 + 31) / 32 * 32;
+    uint8_t* B0 = buf + 32;
+    const __m256i minusOne = _mm256_set1_epi8(-1), none = _mm256_setzero_si256();
+    for (int32_t k = 0; k < D; ++k) {
+        for (int32_t j = 0; j < np; j += 32)
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(B0 + k * stride + j), minusOne);
+    }
+    alignas(32) uint8_t present[32 + 128];
+    // Columns below 128 (np <= 95): signed byte compares.
+    for (int32_t j = 0; j < np; j += 32) {
+        const __m256i index =
+            _mm256_add_epi8(_mm256_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18,
+                                             19, 20, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31),
+                            _mm256_set1_epi8(static_cast<char>(j)));
+        const __m256i inside =
+            _mm256_andnot_si256(_mm256_cmpgt_epi8(_mm256_set1_epi8(static_cast<char>(lo)), index),
+                                _mm256_cmpgt_epi8(_mm256_set1_epi8(static_cast<char>(hi)), index));
+        _mm256_store_si256(reinterpret_cast<__m256i*>(present + j), inside);
+    }
+    // Groups of 32 pixels inside the row covering lo to hi - 1 (W >= 32).
+    for (int32_t g = lo;; g += 32) {
+        const int32_t gs = g + 32 > W - pb0 ? W - pb0 - 32 : g;
+        transposeEntries(B0 + gs, stride, bytes + (pb0 + gs) * (D + 2) + 1, D + 2, D);
+        if (g + 32 >= hi) break;
+    }
+    Walk w{minusOne, none, minusOne, minusOne};
+    __m256i v = _mm256_set1_epi8(static_cast<char>(D - 1));
+    for (int32_t j = 0; j < D; ++j) {
+        const int32_t k = swapped != 0 ? j : D - 1 - j;
+        const int32_t col = D - 1 - k;
+        const uint8_t* A = B0 + k * stride + col;
+        const __m256i cost = loadAt(A), here = loadAt(present + col);
+        const __m256i hasBelow = k > 0 ? loadAt(present + col + 1) : none;
+        const __m256i hasAbove = k < D - 1 ? loadAt(present + col - 1) : none;
+        const __m256i costBelow = k > 0 ? loadAt(A + 1 - stride) : cost;
+        const __m256i costAbove = k < D - 1 ? loadAt(A + stride - 1) : cost;
+        const __m256i below =
+            _mm256_blendv_epi8(_mm256_blendv_epi8(cost, costAbove, hasAbove), costBelow, hasBelow);
+        const __m256i above =
+            _mm256_blendv_epi8(_mm256_blendv_epi8(cost, costBelow, hasBelow), costAbove, hasAbove);
+        // Absent slots count as 255 for the minimum and never take.
+        const __m256i masked = _mm256_or_si256(cost, _mm256_andnot_si256(here, minusOne));
+        const __m256i low = _mm256_min_epu8(w.best, masked);
+        const __m256i take = _mm256_and_si256(_mm256_cmpeq_epi8(low, masked), here);
+        w.best = low;
+        w.won = _mm256_blendv_epi8(w.won, v, take);
+        w.left = _mm256_blendv_epi8(w.left, below, take);
+        w.right = _mm256_blendv_epi8(w.right, above, take);
+        v = _mm256_add_epi8(v, minusOne);
+    }
+    storeFit32(out + xs, w.won, _mm256_sub_epi8(w.left, w.best), _mm256_sub_epi8(w.right, w.best), f,
+               swapped);
+}
+
+void winnerMatch8(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int32_t m, int32_t f,
+                  int32_t swapped, int32_t x0, int32_t x1) {
+    if (D < 16 || D > 64 || W < 32 || x1 - x0 < 32)
+        return winnerMatch<uint8_t>(out, bytes, W, D, m, f, swapped, x0, x1);
+    const int32_t c = swapped != 0 ? m + D - 1 : -m;
+    int32_t xi0 = x0 > D - 1 - c ? x0 : D - 1 - c, xi1 = x1 < W - c ? x1 : W - c;
+    // Too few interior columns for a block: all columns as edge ones.
+    if (xi1 - xi0 < 32) xi0 = xi1 = x1;
+    alignas(32) uint8_t buf[kMatchBuffer];
+    for (int32_t xs = x0; xs < xi0; xs += 32)
+        matchEdge32(out, bytes, W, D, c, f, swapped, xs < x1 - 32 ? xs : x1 - 32, buf);
+    // Columns per block (a multiple of 32, at most 512) and the stride of
+    // the rows (their D - 1 more base pixels, rounded up to 32), D rows
+    // within the buffer: at least 192 columns for D = 64.
+    int32_t n = (kMatchBuffer / D / 32) * 32 - (D - 1);
+    n = n > 512 ? 512 : (n / 32) * 32;
+    const intptr_t stride = ((n + D - 1) + 31) / 32 * 32;
+    for (int32_t x = xi0; x < xi1;) {
+        // The last block overlaps its predecessor rather than end short.
+        if (xi1 - x < 32) x = xi1 - 32;
+        const int32_t nb = n < ((xi1 - x) / 32) * 32 ? n : ((xi1 - x) / 32) * 32;
+        transposePixels(buf, stride, bytes, D, x + c - D + 1, nb + D - 1);
+        for (int32_t i = 0; i < nb; i += 32)
+            matchInterior32(out + x + i, buf + i + (D - 1), stride, D, f, swapped);
+        x += nb;
+    }
+    for (int32_t xs = xi1; xs < x1; xs += 32)
+        matchEdge32(out, bytes, W, D, c, f, swapped, xs < x1 - 32 ? xs : x1 - 32, buf);
+}
+
 }  // namespace
 
 void SgmSelectKernels_addAvx2(SgmSelectKernels* table) {
-    table->baseU8[0] = winnerBase8Any;
-    table->matchU8[0] = winnerMatch<uint8_t>;
+    table->baseU8[0] = winnerBase8;
+    table->matchU8[0] = winnerMatch8;
     table->matchU8[1] = winnerMatch<uint16_t>;
 }
 

@@ -24,12 +24,20 @@ void callWinner(void* arg) {
 
 // A row of the aggregated volume at random (pads included, since the fit
 // reads them), about one case in eight at the extremes; element 1 or 2
-// bytes. Small cost ranges make ties, which the value in the key breaks.
+// bytes. Small cost ranges make ties, which the value in the key breaks;
+// bytes from the ends of the range only (0, 1, 254, 255) make ties at the
+// extremes and neighbour differences that wrap.
 void fillVolume(CheckContext* ctx, GuardedPlane* row, int32_t element) {
     if (element == 1) {
-        if (CheckRandom_range(&ctx->random, 0, 3) == 0) {
+        const int32_t kind = CheckRandom_range(&ctx->random, 0, 4);
+        if (kind == 0) {
             for (int32_t i = 0; i < row->rowBytes; ++i)
                 row->data[i] = static_cast<uint8_t>(CheckRandom_range(&ctx->random, 0, 3));
+        } else if (kind == 1) {
+            for (int32_t i = 0; i < row->rowBytes; ++i) {
+                const int32_t r = CheckRandom_range(&ctx->random, 0, 3);
+                row->data[i] = static_cast<uint8_t>(r < 2 ? r : 252 + r);
+            }
         }
         return;
     }
@@ -49,7 +57,9 @@ void checkWinner(CheckContext* ctx, const char* kernel, const Variant& v, Winner
     ++ctx->kernelsChecked;
     for (int32_t it = 0; it < ctx->iterations; ++it) {
         const int32_t D = 8 * CheckRandom_range(&ctx->random, 1, it % 5 == 0 ? 16 : 8);
-        const int32_t width = CheckRandom_range(&ctx->random, 1, it % 4 == 0 ? 300 : 40);
+        // Wide rows reach the block forms' interiors (32 columns and more
+        // with every slot inside the row).
+        const int32_t width = CheckRandom_range(&ctx->random, 1, it % 2 == 0 ? 300 : 40);
         GuardedPlane row, outRef, outVar;
         GuardedPlane_init(&row, width * (D + 2) * element, 1, element, &ctx->random);
         fillVolume(ctx, &row, element);
@@ -63,8 +73,14 @@ void checkWinner(CheckContext* ctx, const char* kernel, const Variant& v, Winner
         c.minDisparity = CheckRandom_range(&ctx->random, -D, D);
         c.fractionBits = CheckRandom_range(&ctx->random, 0, 7);
         c.swapped = CheckRandom_range(&ctx->random, 0, 1);
-        c.x0 = CheckRandom_range(&ctx->random, 0, width < 3 ? width : 3);
-        c.x1 = width - CheckRandom_range(&ctx->random, 0, width - c.x0 < 3 ? width - c.x0 : 3);
+        if (it % 3 == 0) {
+            // Any run of a row.
+            c.x0 = CheckRandom_range(&ctx->random, 0, width);
+            c.x1 = CheckRandom_range(&ctx->random, c.x0, width);
+        } else {
+            c.x0 = CheckRandom_range(&ctx->random, 0, width < 3 ? width : 3);
+            c.x1 = width - CheckRandom_range(&ctx->random, 0, width - c.x0 < 3 ? width - c.x0 : 3);
+        }
         c.fn = ref;
         c.out = outRef.data;
         callWinner(&c);

@@ -117,6 +117,25 @@ void AggregationKernels_fill(AggregationKernels* table, uint32_t features);
 // The process's table, for Cpu_getFeatures().
 const AggregationKernels* AggregationKernels_get();
 
+// The vector forms' dispatch over the candidate count: K<kD>::run(args...)
+// for D = 8 to 64, `fallback` for any other D. Instantiated only with an
+// instruction-set file's own K, so no copy compiled with one set's flags is
+// shared with another.
+template <template <int> class K, typename... Args>
+void Aggregation_byCandidates(int32_t D, void (*fallback)(Args...), Args... args) {
+    switch (D) {
+        case 8: return K<8>::run(args...);
+        case 16: return K<16>::run(args...);
+        case 24: return K<24>::run(args...);
+        case 32: return K<32>::run(args...);
+        case 40: return K<40>::run(args...);
+        case 48: return K<48>::run(args...);
+        case 56: return K<56>::run(args...);
+        case 64: return K<64>::run(args...);
+        default: return fallback(args...);
+    }
+}
+
 void AggregationKernels_addSse41(AggregationKernels* table);
 void AggregationKernels_addAvx2(AggregationKernels* table);
 void AggregationKernels_addNeon(AggregationKernels* table);

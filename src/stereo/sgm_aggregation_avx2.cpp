@@ -471,46 +471,42 @@ void sumU16_avx2(const AggregationPlaneSum* r) {
     }
 }
 
-void crossRow_avx2(const AggregationRow* r) {
-    switch (r->numDisparities) {
-        case 8: return crossRow<8>(r);
-        case 16: return crossRow<16>(r);
-        case 24: return crossRow<24>(r);
-        case 32: return crossRow<32>(r);
-        case 40: return crossRow<40>(r);
-        case 48: return crossRow<48>(r);
-        case 56: return crossRow<56>(r);
-        case 64: return crossRow<64>(r);
-        default: return aggregationCrossRow_c(r);
+template <int kD>
+struct CrossRowK {
+    static void run(const AggregationRow* r) { crossRow<kD>(r); }
+};
+// Up to 24 slots a pixel fits 16-byte chunks.
+template <int kD>
+struct ChainRowK {
+    static void run(const AggregationRow* r) {
+        if constexpr (kD <= 24) {
+            chainRow128<kD>(r);
+        } else {
+            chainRow<kD>(r);
+        }
     }
+};
+template <int kD>
+struct ChainRows2K {
+    static void run(const AggregationRow* r0, const AggregationRow* r1) {
+        if constexpr (kD <= 24) {
+            chainRows2_128<kD>(r0, r1);
+        } else {
+            chainRows2<kD>(r0, r1);
+        }
+    }
+};
+
+void crossRow_avx2(const AggregationRow* r) {
+    Aggregation_byCandidates<CrossRowK>(r->numDisparities, aggregationCrossRow_c, r);
 }
 
 void chainRow_avx2(const AggregationRow* r) {
-    switch (r->numDisparities) {
-        case 8: return chainRow128<8>(r);
-        case 16: return chainRow128<16>(r);
-        case 24: return chainRow128<24>(r);
-        case 32: return chainRow<32>(r);
-        case 40: return chainRow<40>(r);
-        case 48: return chainRow<48>(r);
-        case 56: return chainRow<56>(r);
-        case 64: return chainRow<64>(r);
-        default: return aggregationChainRow_c(r);
-    }
+    Aggregation_byCandidates<ChainRowK>(r->numDisparities, aggregationChainRow_c, r);
 }
 
 void chainRows2_avx2(const AggregationRow* r0, const AggregationRow* r1) {
-    switch (r0->numDisparities) {
-        case 8: return chainRows2_128<8>(r0, r1);
-        case 16: return chainRows2_128<16>(r0, r1);
-        case 24: return chainRows2_128<24>(r0, r1);
-        case 32: return chainRows2<32>(r0, r1);
-        case 40: return chainRows2<40>(r0, r1);
-        case 48: return chainRows2<48>(r0, r1);
-        case 56: return chainRows2<56>(r0, r1);
-        case 64: return chainRows2<64>(r0, r1);
-        default: return aggregationChainRows2_c(r0, r1);
-    }
+    Aggregation_byCandidates<ChainRows2K>(r0->numDisparities, aggregationChainRows2_c, r0, r1);
 }
 
 // Above D = 24 the four rows' state would not fit the 16 registers: two

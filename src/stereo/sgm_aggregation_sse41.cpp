@@ -288,46 +288,29 @@ void sumU16_sse41(const AggregationPlaneSum* r) {
     }
 }
 
+template <int kD>
+struct CrossRowK {
+    static void run(const AggregationRow* r) { crossRow<kD>(r); }
+};
+template <int kD>
+struct ChainRowK {
+    static void run(const AggregationRow* r) { chainRow<kD>(r); }
+};
+template <int kD>
+struct ChainRows2K {
+    static void run(const AggregationRow* r0, const AggregationRow* r1) { chainRows2<kD>(r0, r1); }
+};
+
 void crossRow_sse41(const AggregationRow* r) {
-    switch (r->numDisparities) {
-        case 8: return crossRow<8>(r);
-        case 16: return crossRow<16>(r);
-        case 24: return crossRow<24>(r);
-        case 32: return crossRow<32>(r);
-        case 40: return crossRow<40>(r);
-        case 48: return crossRow<48>(r);
-        case 56: return crossRow<56>(r);
-        case 64: return crossRow<64>(r);
-        default: return aggregationCrossRow_c(r);
-    }
+    Aggregation_byCandidates<CrossRowK>(r->numDisparities, aggregationCrossRow_c, r);
 }
 
 void chainRow_sse41(const AggregationRow* r) {
-    switch (r->numDisparities) {
-        case 8: return chainRow<8>(r);
-        case 16: return chainRow<16>(r);
-        case 24: return chainRow<24>(r);
-        case 32: return chainRow<32>(r);
-        case 40: return chainRow<40>(r);
-        case 48: return chainRow<48>(r);
-        case 56: return chainRow<56>(r);
-        case 64: return chainRow<64>(r);
-        default: return aggregationChainRow_c(r);
-    }
+    Aggregation_byCandidates<ChainRowK>(r->numDisparities, aggregationChainRow_c, r);
 }
 
 void chainRows2_sse41(const AggregationRow* r0, const AggregationRow* r1) {
-    switch (r0->numDisparities) {
-        case 8: return chainRows2<8>(r0, r1);
-        case 16: return chainRows2<16>(r0, r1);
-        case 24: return chainRows2<24>(r0, r1);
-        case 32: return chainRows2<32>(r0, r1);
-        case 40: return chainRows2<40>(r0, r1);
-        case 48: return chainRows2<48>(r0, r1);
-        case 56: return chainRows2<56>(r0, r1);
-        case 64: return chainRows2<64>(r0, r1);
-        default: return aggregationChainRows2_c(r0, r1);
-    }
+    Aggregation_byCandidates<ChainRows2K>(r0->numDisparities, aggregationChainRows2_c, r0, r1);
 }
 
 void penaltyU8_sse41(const AggregationPenalty* r) { penaltyRow<1>(r); }

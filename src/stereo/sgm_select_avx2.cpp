@@ -10,6 +10,7 @@
 #include <immintrin.h>
 
 #include "stereo/sgm_select.h"
+#include "stereo/sgm_select_fit.h"
 
 namespace vq_tl {
 
@@ -341,7 +342,6 @@ void winnerMatch(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int32
     const TA* row = reinterpret_cast<const TA*>(bytes);
     const int32_t n = D / kLanes;
     const int32_t c = swapped != 0 ? m + D - 1 : -m;
-    const int32_t first = swapped != 0 ? D - 1 : 0, step = swapped != 0 ? -1 : 1;
     __m256i values[2 * kMaxSteps];
     for (int32_t s = 0; s < n; ++s) {
         const __m256i k =
@@ -353,7 +353,6 @@ void winnerMatch(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int32
                     : kLanes == 8 ? _mm256_sub_epi16(_mm256_set1_epi16(static_cast<int16_t>(D - 1)), k)
                                   : _mm256_sub_epi32(_mm256_set1_epi32(D - 1), k);
     }
-    const intptr_t stride = D + 1;
     // Two halves of up to kBlock / 2 columns each (the second may run past
     // the block's end; those keys are not used).
     uint32_t keys[kBlock + 8];
@@ -369,35 +368,10 @@ void winnerMatch(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int32
             case 8: slideBlock<TA, 8>(keys, row, W, D, n, c, xa, half, values); break;
             default: slideBlock<TA, 0>(keys, row, W, D, n, c, xa, half, values); break;
         }
-        // The fit as the scalar form does it: neighbours along the diagonal,
-        // mirrored at the ends of the run of slots inside the row.
-        int32_t v[8], a[8], b[8];
-        for (int32_t x = xa; x < xe; x += 8) {
-            const int32_t count = xe - x < 8 ? xe - x : 8;
-            for (int32_t i = 0; i < 8; ++i) {
-                v[i] = a[i] = b[i] = 0;
-                if (i >= count) continue;
-                const int32_t xb0 = x + i + c;
-                const int32_t kLo = xb0 - W + 1 > 0 ? xb0 - W + 1 : 0, kHi = D - 1 < xb0 ? D - 1 : xb0;
-                if (kLo > kHi) continue;  // no base pixel: the value of a tie, 0
-                const int32_t won = static_cast<int32_t>(keys[x + i - xa] & 0xFF);
-                const int32_t kStar = first + step * won;
-                const intptr_t origin = static_cast<intptr_t>(xb0) * (D + 2) + 1;
-                const TA c0 = row[origin - kStar * stride];
-                const TA below = kStar > kLo ? row[origin - (kStar - 1) * stride] : c0;
-                const TA above = kStar < kHi ? row[origin - (kStar + 1) * stride] : c0;
-                v[i] = won;
-                a[i] = static_cast<TA>((kStar > kLo ? below : above) - c0);
-                b[i] = static_cast<TA>((kStar < kHi ? above : below) - c0);
-            }
-            if (count == 8) {
-                storeFit8(out + x, v, a, b, f, swapped);
-            } else {
-                uint8_t part[8];
-                storeFit8(part, v, a, b, f, swapped);
-                for (int32_t i = 0; i < count; ++i) out[x + i] = part[i];
-            }
-        }
+        SgmSelect_fitMatchColumns<8>(out, keys, row, W, D, c, swapped, xa, xe,
+                                     [&](uint8_t* o, const int32_t* v, const int32_t* a, const int32_t* b) {
+                                         storeFit8(o, v, a, b, f, swapped);
+                                     });
     }
 }
 

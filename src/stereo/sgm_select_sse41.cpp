@@ -6,6 +6,7 @@
 #include <smmintrin.h>
 
 #include "stereo/sgm_select.h"
+#include "stereo/sgm_select_fit.h"
 
 namespace vq_tl {
 
@@ -144,7 +145,6 @@ void winnerMatch(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int32
     const TA* row = reinterpret_cast<const TA*>(bytes);
     const int32_t n = D / kLanes;
     const int32_t c = swapped != 0 ? m + D - 1 : -m;
-    const int32_t first = swapped != 0 ? D - 1 : 0, step = swapped != 0 ? -1 : 1;
     __m128i values[2 * kMaxSteps];
     for (int32_t s = 0; s < n; ++s) {
         const __m128i k = kLanes == 8 ? _mm_add_epi16(_mm_setr_epi16(0, 1, 2, 3, 4, 5, 6, 7),
@@ -155,7 +155,6 @@ void winnerMatch(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int32
                                   : _mm_sub_epi32(_mm_set1_epi32(D - 1), k);
     }
     const __m128i ones = _mm_set1_epi32(-1);
-    const intptr_t stride = D + 1;
     uint32_t keys[kBlock];
     for (int32_t xa = x0; xa < x1; xa += kBlock) {
         const int32_t xe = x1 - xa < kBlock ? x1 : xa + kBlock;
@@ -174,35 +173,10 @@ void winnerMatch(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int32
             for (int32_t s = 0; s + 1 < n; ++s) window[s] = _mm_alignr_epi8(window[s + 1], window[s], kSlide);
             window[n - 1] = _mm_alignr_epi8(ones, window[n - 1], kSlide);
         }
-        // The fit as the scalar form does it: neighbours along the diagonal,
-        // mirrored at the ends of the run of slots inside the row.
-        int32_t v[4], a[4], b[4];
-        for (int32_t x = xa; x < xe; x += 4) {
-            const int32_t count = xe - x < 4 ? xe - x : 4;
-            for (int32_t i = 0; i < 4; ++i) {
-                v[i] = a[i] = b[i] = 0;
-                if (i >= count) continue;
-                const int32_t xb0 = x + i + c;
-                const int32_t kLo = xb0 - W + 1 > 0 ? xb0 - W + 1 : 0, kHi = D - 1 < xb0 ? D - 1 : xb0;
-                if (kLo > kHi) continue;  // no base pixel: the value of a tie, 0
-                const int32_t won = static_cast<int32_t>(keys[x + i - xa] & 0xFF);
-                const int32_t kStar = first + step * won;
-                const intptr_t origin = static_cast<intptr_t>(xb0) * (D + 2) + 1;
-                const TA c0 = row[origin - kStar * stride];
-                const TA below = kStar > kLo ? row[origin - (kStar - 1) * stride] : c0;
-                const TA above = kStar < kHi ? row[origin - (kStar + 1) * stride] : c0;
-                v[i] = won;
-                a[i] = static_cast<TA>((kStar > kLo ? below : above) - c0);
-                b[i] = static_cast<TA>((kStar < kHi ? above : below) - c0);
-            }
-            if (count == 4) {
-                storeFit(out + x, v, a, b, f, swapped);
-            } else {
-                uint8_t part[4];
-                storeFit(part, v, a, b, f, swapped);
-                for (int32_t i = 0; i < count; ++i) out[x + i] = part[i];
-            }
-        }
+        SgmSelect_fitMatchColumns<4>(out, keys, row, W, D, c, swapped, xa, xe,
+                                     [&](uint8_t* o, const int32_t* v, const int32_t* a, const int32_t* b) {
+                                         storeFit(o, v, a, b, f, swapped);
+                                     });
     }
 }
 

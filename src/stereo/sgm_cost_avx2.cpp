@@ -7,16 +7,12 @@
 
 #include <cstring>
 
-#include "stereo/sgm_cost.h"
+#include "stereo/sgm_cost_x86.h"
 
 namespace vq_tl {
 
 namespace {
 
-inline __m128i load(const uint8_t* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
-inline __m128i load8(const uint8_t* p) { return _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)); }
-inline void store(uint8_t* p, __m128i v) { _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v); }
-inline void store8(uint8_t* p, __m128i v) { _mm_storel_epi64(reinterpret_cast<__m128i*>(p), v); }
 // 16 bytes from each of p and q, p in the low half.
 inline __m256i load2(const uint8_t* p, const uint8_t* q) {
     return _mm256_inserti128_si256(_mm256_castsi128_si256(load(p)), load(q), 1);
@@ -41,10 +37,7 @@ struct Popcount {
         return _mm256_add_epi8(_mm256_shuffle_epi8(table, lo), _mm256_shuffle_epi8(table, hi));
     }
     __m128i bytes(__m128i v) const {
-        const __m128i t = _mm256_castsi256_si128(table), n = _mm256_castsi256_si128(nibble);
-        const __m128i lo = _mm_and_si128(v, n);
-        const __m128i hi = _mm_and_si128(_mm_srli_epi16(v, 4), n);
-        return _mm_add_epi8(_mm_shuffle_epi8(t, lo), _mm_shuffle_epi8(t, hi));
+        return popcountBytes(v, _mm256_castsi256_si128(table), _mm256_castsi256_si128(nibble));
     }
 };
 
@@ -170,15 +163,6 @@ inline __m128i wordSums16(const Popcount& pc, __m256i b, const uint32_t* m, __m2
     const __m128i lo = _mm256_castsi256_si128(w), hi = _mm256_extracti128_si256(w, 1);
     // lo: A0 B0, hi: A1 B1 (4 words each); candidate order is A0 A1 B0 B1.
     return _mm_packus_epi16(_mm_unpacklo_epi64(lo, hi), _mm_unpackhi_epi64(lo, hi));
-}
-
-// 8 words in one register: 8 bytes in the low half.
-inline __m128i wordSums8(const Popcount& pc, __m128i b, const uint32_t* m, __m128i ones) {
-    const __m128i* p = reinterpret_cast<const __m128i*>(m);
-    const __m128i s0 = _mm_maddubs_epi16(pc.bytes(_mm_xor_si128(b, _mm_loadu_si128(p + 0))), ones);
-    const __m128i s1 = _mm_maddubs_epi16(pc.bytes(_mm_xor_si128(b, _mm_loadu_si128(p + 1))), ones);
-    const __m128i w01 = _mm_maddubs_epi16(_mm_packus_epi16(s0, s1), ones);
-    return _mm_packus_epi16(w01, w01);
 }
 
 template <int kRows>

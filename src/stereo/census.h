@@ -73,8 +73,10 @@ void Census_5x5Row(uint32_t* out, const uint8_t* const* rows, int32_t x0, int32_
     int32_t x = x0;
     for (; x + V::kLanes <= x1; x += V::kLanes) {
         const typename V::Reg c = v.load(rows[2] + x);
-        v.storeWords(out + x, Census_byte<2>(v, rows, x, 0, c), Census_byte<2>(v, rows, x, 8, c),
-                     Census_byte<2>(v, rows, x, 16, c));
+        const typename V::Reg hi = Census_byte<2>(v, rows, x, 0, c);
+        const typename V::Reg mid = Census_byte<2>(v, rows, x, 8, c);
+        const typename V::Reg low = Census_byte<2>(v, rows, x, 16, c);
+        v.storeWords(out + x, hi, mid, low);
     }
     census5x5Row_c(out, rows, x, x1);
 }

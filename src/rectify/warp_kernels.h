@@ -109,7 +109,8 @@ int32_t Warp_groups(const WarpLumaRow* w, int32_t x, int32_t groupEnd) {
 // from the 16 bytes at src, column low.
 template <class K>
 void Warp_chroma(const WarpChromaRow* w, int32_t x0, int32_t x1) {
-    const auto clampRow = [w](int32_t v) { return v < 0 ? 0 : (v > w->srcCh - 1 ? w->srcCh - 1 : v); };
+    const int32_t rowMax = w->srcCh - 1;
+    const auto clampRow = [rowMax](int32_t v) { return v < 0 ? 0 : (v > rowMax ? rowMax : v); };
     const int32_t rowBytes = 2 * w->srcCw;
     const K k(w);
     int32_t x = x0;

@@ -26,7 +26,9 @@
 // kernel for byte values only.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace vq_tl {
 
@@ -72,6 +74,94 @@ void bilateralSplit3_c(float* const* planes, float* values, const uint8_t* guide
 void BilateralKernels_fill(BilateralKernels* table, uint32_t features);
 // The process's table, for Cpu_getFeatures().
 const BilateralKernels* BilateralKernels_get();
+
+// The vector forms, written once over V, the float-vector operations of one
+// instruction-set file: type Reg of kLanes floats, kVecs registers per step
+// (independent chains of additions), load, set1, zero, add, sub, mul,
+// positive(r) (r's bits cleared where its sign bit is set: max(r, 0) for
+// the integers here), and storeQuotient(q, v, w) (q[0 .. kLanes - 1] = v / w,
+// a true division lane by lane). Each operation is the scalar form's, in its
+// order (multiplies and additions apart, never fused). Instantiated only with
+// those files' own V, so no copy compiled with one set's instructions is
+// shared with another.
+template <class V, int C, int H>
+void Bilateral_blockRun(float* q, const float* const* g, const float* const* s, const BilateralBlockParams* p,
+                        int32_t n) {
+    using Reg = typename V::Reg;
+    constexpr int kVecs = V::kVecs;
+    constexpr int32_t kLanes = V::kLanes;
+    static_assert(kBilateralBlockLanes % (kLanes * kVecs) == 0);
+    const int32_t half = H > 0 ? H : p->half;
+    if (p->range == 0) {
+        std::memcpy(q, s[half], sizeof(float) * static_cast<size_t>(n));
+        return;
+    }
+    const Reg start = V::set1(static_cast<float>(p->range * 128));
+    const Reg range = V::set1(static_cast<float>(p->range));
+    float sp[2 * kBilateralBlockMaxHalf + 1];
+    for (int32_t t = 0; t <= 2 * half; ++t) sp[t] = static_cast<float>(p->spatial[t]);
+    for (int32_t i = 0; i < n; i += kLanes * kVecs) {
+        Reg gc[kVecs][C], ws[kVecs], vs[kVecs];
+        for (int b = 0; b < kVecs; ++b) {
+            const int32_t o = i + kLanes * b;
+            for (int c = 0; c < C; ++c) gc[b][c] = V::load(g[half * C + c] + o);
+            vs[b] = V::mul(V::load(s[half] + o), start);
+            ws[b] = start;
+        }
+        for (int32_t t = 0; t <= 2 * half; ++t) {
+            if (t == half) continue;
+            const Reg spt = V::set1(sp[t]);
+            for (int b = 0; b < kVecs; ++b) {
+                const int32_t o = i + kLanes * b;
+                Reg e = V::zero();
+                for (int c = 0; c < C; ++c) {
+                    const Reg d = V::sub(gc[b][c], V::load(g[t * C + c] + o));
+                    e = c == 0 ? V::mul(d, d) : V::add(e, V::mul(d, d));
+                }
+                const Reg w = V::mul(V::positive(V::sub(range, e)), spt);
+                ws[b] = V::add(ws[b], w);
+                vs[b] = V::add(vs[b], V::mul(w, V::load(s[t] + o)));
+            }
+        }
+        for (int b = 0; b < kVecs; ++b) V::storeQuotient(q + i + kLanes * b, vs[b], ws[b]);
+    }
+}
+
+// forms[c - 1][h]: Bilateral_blockRun for c guide channels, h as in
+// BilateralKernels.
+template <class V>
+void Bilateral_blockForms(BilateralBlockFn forms[3][4]) {
+    static constexpr BilateralBlockFn kForms[3][4] = {
+        {Bilateral_blockRun<V, 1, 0>, Bilateral_blockRun<V, 1, 1>, Bilateral_blockRun<V, 1, 2>,
+         Bilateral_blockRun<V, 1, 3>},
+        {Bilateral_blockRun<V, 2, 0>, Bilateral_blockRun<V, 2, 1>, Bilateral_blockRun<V, 2, 2>,
+         Bilateral_blockRun<V, 2, 3>},
+        {Bilateral_blockRun<V, 3, 0>, Bilateral_blockRun<V, 3, 1>, Bilateral_blockRun<V, 3, 2>,
+         Bilateral_blockRun<V, 3, 3>},
+    };
+    std::memcpy(forms, kForms, sizeof(kForms));
+}
+
+// The conversion over S, one instruction-set file's steps of 16 pixels:
+// S::guide16<C>(planes, j, g) converts the C interleaved channels of pixels
+// j .. j + 15 from g, S::values16(d, p) 16 value bytes; the scalar form does
+// the rest of the run.
+template <class S, int C>
+void Bilateral_splitRun(float* const* planes, float* values, const uint8_t* guide, const uint8_t* src,
+                        int32_t n) {
+    const int32_t done = n & ~15;
+    for (int32_t j = 0; j < done; j += 16) {
+        S::template guide16<C>(planes, j, guide + j * C);
+        S::values16(values + j, src + j);
+    }
+    if (done < n) {
+        float* rest[C];
+        for (int c = 0; c < C; ++c) rest[c] = planes[c] + done;
+        const BilateralSplitFn tail =
+            C == 1 ? bilateralSplit1_c : (C == 2 ? bilateralSplit2_c : bilateralSplit3_c);
+        tail(rest, values + done, guide + done * C, src + done, n - done);
+    }
+}
 
 void BilateralKernels_addSse41(BilateralKernels* table);  // the conversions only
 void BilateralKernels_addAvx2(BilateralKernels* table);

@@ -42,11 +42,9 @@ inline __m128i mask(int j, int ch) {
     return _mm_load_si128(reinterpret_cast<const __m128i*>(kMasks.m[j][ch]));
 }
 
-template <int C>
-void split(float* const* planes, float* values, const uint8_t* guide, const uint8_t* src, int32_t n) {
-    const int32_t done = n & ~15;
-    for (int32_t j = 0; j < done; j += 16) {
-        const uint8_t* g = guide + j * C;
+struct S {
+    template <int C>
+    static void guide16(float* const* planes, int32_t j, const uint8_t* g) {
         if constexpr (C == 1) {
             widen16(planes[0] + j, load(g));
         } else if constexpr (C == 2) {
@@ -62,22 +60,15 @@ void split(float* const* planes, float* values, const uint8_t* guide, const uint
                 widen16(planes[ch] + j, c);
             }
         }
-        widen16(values + j, load(src + j));
     }
-    if (done < n) {
-        float* rest[C];
-        for (int c = 0; c < C; ++c) rest[c] = planes[c] + done;
-        const BilateralSplitFn tail =
-            C == 1 ? bilateralSplit1_c : (C == 2 ? bilateralSplit2_c : bilateralSplit3_c);
-        tail(rest, values + done, guide + done * C, src + done, n - done);
-    }
-}
+    static void values16(float* d, const uint8_t* p) { widen16(d, load(p)); }
+};
 
 }  // namespace
 
 // One and two channels: the compiler vectorises the scalar loops as well
 // (0.13 and 0.24 ns/px either way); three interleaved channels it leaves
 // to one byte at a time (1.1 ns/px, 0.36 here).
-void BilateralKernels_addSse41(BilateralKernels* table) { table->split[2] = split<3>; }
+void BilateralKernels_addSse41(BilateralKernels* table) { table->split[2] = Bilateral_splitRun<S, 3>; }
 
 }  // namespace vq_tl

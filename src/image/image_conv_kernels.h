@@ -36,6 +36,42 @@ void ConvKernels_fill(ConvKernels* table, uint32_t features);
 // The process's table, for Cpu_getFeatures().
 const ConvKernels* ConvKernels_get();
 
+// The vector forms' row walkers, written once over K, one instruction-set
+// file's steps of kPairs chroma pairs (2 kPairs pixels): K::Chroma holds
+// kPairs chroma samples as the step takes them, K::split(p, &first,
+// &second) the even and odd bytes of the 2 kPairs bytes at p, K::widen(p)
+// the kPairs bytes at p, K::pixels(rgb, y, u, v) converts the step's pixels.
+// The scalar forms do the pairs past the last whole step. Instantiated only
+// with those files' own K, so no copy compiled with one set's instructions
+// is shared with another.
+template <class K>
+void Conv_semiplanarRow(uint8_t* rgb, const uint8_t* y, const uint8_t* u, const uint8_t* v, int32_t pairs) {
+    // The bytes of the pairs start at the lower of u and v.
+    const bool vFirst = v < u;
+    const uint8_t* uv = vFirst ? v : u;
+    const int32_t n = pairs & ~(K::kPairs - 1);
+    for (int32_t c = 0; c < n; c += K::kPairs) {
+        typename K::Chroma first, second;
+        K::split(uv + 2 * c, &first, &second);
+        K::pixels(rgb + 6 * c, y + 2 * c, vFirst ? second : first, vFirst ? first : second);
+    }
+    if (n < pairs) yuvSemiplanarToRgb888Row_c(rgb + 6 * n, y + 2 * n, u + 2 * n, v + 2 * n, pairs - n);
+}
+
+template <class K>
+void Conv_planarRow(uint8_t* rgb, const uint8_t* y, const uint8_t* u, const uint8_t* v, int32_t pairs) {
+    const int32_t n = pairs & ~(K::kPairs - 1);
+    for (int32_t c = 0; c < n; c += K::kPairs)
+        K::pixels(rgb + 6 * c, y + 2 * c, K::widen(u + c), K::widen(v + c));
+    if (n < pairs) yuvPlanarToRgb888Row_c(rgb + 6 * n, y + 2 * n, u + n, v + n, pairs - n);
+}
+
+template <class K>
+void Conv_setRows(ConvKernels* table) {
+    table->semiplanarToRgb888 = Conv_semiplanarRow<K>;
+    table->planarToRgb888 = Conv_planarRow<K>;
+}
+
 void ConvKernels_addSse41(ConvKernels* table);
 void ConvKernels_addAvx2(ConvKernels* table);
 void ConvKernels_addNeon(ConvKernels* table);

@@ -73,41 +73,26 @@ inline void pixels32(uint8_t* rgb, const uint8_t* y, __m256i tr, __m256i tg, __m
     store(rgb + 64, _mm256_permute2x128_si256(o[1], o[2], 0x31));
 }
 
-void semiplanarToRgb888Row(uint8_t* rgb, const uint8_t* y, const uint8_t* u, const uint8_t* v,
-                           int32_t pairs) {
-    // The 32 bytes of 16 pairs start at the lower of u and v.
-    const bool vFirst = v < u;
-    const uint8_t* uv = vFirst ? v : u;
-    const __m256i low = _mm256_set1_epi16(0xFF);
-    const int32_t n = pairs & ~15;
-    for (int32_t c = 0; c < n; c += 16) {
-        const __m256i both = load(uv + 2 * c);
-        const __m256i first = _mm256_and_si256(both, low), second = _mm256_srli_epi16(both, 8);
-        __m256i tr, tg, tb;
-        chromaTerms(vFirst ? second : first, vFirst ? first : second, &tr, &tg, &tb);
-        pixels32(rgb + 6 * c, y + 2 * c, tr, tg, tb);
+struct K {
+    static constexpr int32_t kPairs = 16;
+    using Chroma = __m256i;  // 16-bit, 0 to 255: pairs 0 to 7 in lane 0, 8 to 15 in lane 1
+    static void split(const uint8_t* p, __m256i* first, __m256i* second) {
+        const __m256i both = load(p);
+        *first = _mm256_and_si256(both, _mm256_set1_epi16(0xFF));
+        *second = _mm256_srli_epi16(both, 8);
     }
-    if (n < pairs) yuvSemiplanarToRgb888Row_c(rgb + 6 * n, y + 2 * n, u + 2 * n, v + 2 * n, pairs - n);
-}
-
-void planarToRgb888Row(uint8_t* rgb, const uint8_t* y, const uint8_t* u, const uint8_t* v, int32_t pairs) {
-    const int32_t n = pairs & ~15;
-    for (int32_t c = 0; c < n; c += 16) {
-        // Pairs 0 to 7 to lane 0 and 8 to 15 to lane 1, as 16-bit.
-        const __m256i uu = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(u + c)));
-        const __m256i vv = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(v + c)));
-        __m256i tr, tg, tb;
-        chromaTerms(uu, vv, &tr, &tg, &tb);
-        pixels32(rgb + 6 * c, y + 2 * c, tr, tg, tb);
+    static __m256i widen(const uint8_t* p) {
+        return _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
     }
-    if (n < pairs) yuvPlanarToRgb888Row_c(rgb + 6 * n, y + 2 * n, u + n, v + n, pairs - n);
-}
+    static void pixels(uint8_t* rgb, const uint8_t* y, __m256i u, __m256i v) {
+        __m256i tr, tg, tb;
+        chromaTerms(u, v, &tr, &tg, &tb);
+        pixels32(rgb, y, tr, tg, tb);
+    }
+};
 
 }  // namespace
 
-void ConvKernels_addAvx2(ConvKernels* table) {
-    table->semiplanarToRgb888 = semiplanarToRgb888Row;
-    table->planarToRgb888 = planarToRgb888Row;
-}
+void ConvKernels_addAvx2(ConvKernels* table) { Conv_setRows<K>(table); }
 
 }  // namespace vq_tl

@@ -38,31 +38,20 @@ inline void pixels16(uint8_t* rgb, const uint8_t* y, uint8x8_t u8, uint8x8_t v8)
     vst3q_u8(rgb, o);
 }
 
-void semiplanarToRgb888Row(uint8_t* rgb, const uint8_t* y, const uint8_t* u, const uint8_t* v,
-                           int32_t pairs) {
-    // The 16 bytes of 8 pairs start at the lower of u and v.
-    const bool vFirst = v < u;
-    const uint8_t* uv = vFirst ? v : u;
-    const int32_t n = pairs & ~7;
-    for (int32_t c = 0; c < n; c += 8) {
-        const uint8x8x2_t both = vld2_u8(uv + 2 * c);
-        pixels16(rgb + 6 * c, y + 2 * c, vFirst ? both.val[1] : both.val[0],
-                 vFirst ? both.val[0] : both.val[1]);
+struct K {
+    static constexpr int32_t kPairs = 8;
+    using Chroma = uint8x8_t;
+    static void split(const uint8_t* p, uint8x8_t* first, uint8x8_t* second) {
+        const uint8x8x2_t both = vld2_u8(p);
+        *first = both.val[0];
+        *second = both.val[1];
     }
-    if (n < pairs) yuvSemiplanarToRgb888Row_c(rgb + 6 * n, y + 2 * n, u + 2 * n, v + 2 * n, pairs - n);
-}
-
-void planarToRgb888Row(uint8_t* rgb, const uint8_t* y, const uint8_t* u, const uint8_t* v, int32_t pairs) {
-    const int32_t n = pairs & ~7;
-    for (int32_t c = 0; c < n; c += 8) pixels16(rgb + 6 * c, y + 2 * c, vld1_u8(u + c), vld1_u8(v + c));
-    if (n < pairs) yuvPlanarToRgb888Row_c(rgb + 6 * n, y + 2 * n, u + n, v + n, pairs - n);
-}
+    static uint8x8_t widen(const uint8_t* p) { return vld1_u8(p); }
+    static void pixels(uint8_t* rgb, const uint8_t* y, uint8x8_t u, uint8x8_t v) { pixels16(rgb, y, u, v); }
+};
 
 }  // namespace
 
-void ConvKernels_addNeon(ConvKernels* table) {
-    table->semiplanarToRgb888 = semiplanarToRgb888Row;
-    table->planarToRgb888 = planarToRgb888Row;
-}
+void ConvKernels_addNeon(ConvKernels* table) { Conv_setRows<K>(table); }
 
 }  // namespace vq_tl

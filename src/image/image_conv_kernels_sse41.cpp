@@ -71,40 +71,26 @@ inline void pixels16(uint8_t* rgb, const uint8_t* y, __m128i tr, __m128i tg, __m
     }
 }
 
-void semiplanarToRgb888Row(uint8_t* rgb, const uint8_t* y, const uint8_t* u, const uint8_t* v,
-                           int32_t pairs) {
-    // The 16 bytes of 8 pairs start at the lower of u and v.
-    const bool vFirst = v < u;
-    const uint8_t* uv = vFirst ? v : u;
-    const __m128i low = _mm_set1_epi16(0xFF);
-    const int32_t n = pairs & ~7;
-    for (int32_t c = 0; c < n; c += 8) {
-        const __m128i both = load(uv + 2 * c);
-        const __m128i first = _mm_and_si128(both, low), second = _mm_srli_epi16(both, 8);
-        __m128i tr, tg, tb;
-        chromaTerms(vFirst ? second : first, vFirst ? first : second, &tr, &tg, &tb);
-        pixels16(rgb + 6 * c, y + 2 * c, tr, tg, tb);
+struct K {
+    static constexpr int32_t kPairs = 8;
+    using Chroma = __m128i;  // 16-bit, 0 to 255
+    static void split(const uint8_t* p, __m128i* first, __m128i* second) {
+        const __m128i both = load(p);
+        *first = _mm_and_si128(both, _mm_set1_epi16(0xFF));
+        *second = _mm_srli_epi16(both, 8);
     }
-    if (n < pairs) yuvSemiplanarToRgb888Row_c(rgb + 6 * n, y + 2 * n, u + 2 * n, v + 2 * n, pairs - n);
-}
-
-void planarToRgb888Row(uint8_t* rgb, const uint8_t* y, const uint8_t* u, const uint8_t* v, int32_t pairs) {
-    const int32_t n = pairs & ~7;
-    for (int32_t c = 0; c < n; c += 8) {
-        const __m128i uu = _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(u + c)));
-        const __m128i vv = _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(v + c)));
-        __m128i tr, tg, tb;
-        chromaTerms(uu, vv, &tr, &tg, &tb);
-        pixels16(rgb + 6 * c, y + 2 * c, tr, tg, tb);
+    static __m128i widen(const uint8_t* p) {
+        return _mm_cvtepu8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
     }
-    if (n < pairs) yuvPlanarToRgb888Row_c(rgb + 6 * n, y + 2 * n, u + n, v + n, pairs - n);
-}
+    static void pixels(uint8_t* rgb, const uint8_t* y, __m128i u, __m128i v) {
+        __m128i tr, tg, tb;
+        chromaTerms(u, v, &tr, &tg, &tb);
+        pixels16(rgb, y, tr, tg, tb);
+    }
+};
 
 }  // namespace
 
-void ConvKernels_addSse41(ConvKernels* table) {
-    table->semiplanarToRgb888 = semiplanarToRgb888Row;
-    table->planarToRgb888 = planarToRgb888Row;
-}
+void ConvKernels_addSse41(ConvKernels* table) { Conv_setRows<K>(table); }
 
 }  // namespace vq_tl

@@ -36,6 +36,37 @@ void RankKernels_fill(RankKernels* table, uint32_t features);
 // The process's table, for Cpu_getFeatures().
 const RankKernels* RankKernels_get();
 
+// The vector forms' row kernel, written once over V, the byte-vector
+// operations of one instruction-set file (type Reg, kLanes bytes a register,
+// load, store, min, max; all unsigned). Instantiated only with those files'
+// own V, so no copy compiled with one set's instructions is shared with
+// another. Every kLanes elements: the three columns sorted (each loaded at
+// its own offset, so any channel step works), then the median of the
+// columns' highest lows, middle middles and lowest highs.
+template <class V>
+void RankKernels_median3x3Row(uint8_t* out, const uint8_t* above, const uint8_t* at, const uint8_t* below,
+                              int32_t step, int32_t x0, int32_t x1) {
+    using Reg = typename V::Reg;
+    const auto median3 = [](Reg a, Reg b, Reg c) { return V::max(V::min(a, b), V::min(V::max(a, b), c)); };
+    int32_t i = x0;
+    for (; i + V::kLanes <= x1; i += V::kLanes) {
+        Reg lo[3], mid[3], hi[3];
+        for (int32_t c = 0; c < 3; ++c) {
+            const int32_t j = i + (c - 1) * step;
+            const Reg a = V::load(above + j), b = V::load(at + j), d = V::load(below + j);
+            const Reg l = V::min(a, b), h = V::max(a, b);
+            lo[c] = V::min(l, d);
+            hi[c] = V::max(h, d);
+            mid[c] = V::max(l, V::min(h, d));
+        }
+        const Reg l = V::max(V::max(lo[0], lo[1]), lo[2]);
+        const Reg m = median3(mid[0], mid[1], mid[2]);
+        const Reg h = V::min(V::min(hi[0], hi[1]), hi[2]);
+        V::store(out + i, median3(l, m, h));
+    }
+    median3x3U8Row_c(out, above, at, below, step, i, x1);
+}
+
 void RankKernels_addAvx2(RankKernels* table);
 void RankKernels_addNeon(RankKernels* table);
 

@@ -1,9 +1,9 @@
-// Grid-warp rows with NEON. Luma: the eight lanes of a group as 16-bit
-// lanes, their two columns picked by table lookups in a 16-byte load at the
-// group's first column, the rows of each lane chosen from at most four
-// loaded rows. Chroma: four byte pairs from one row per step, picked by a
-// table lookup in a 16-byte load. Steps near the edges of the source, or
-// spread wider than one load, take the scalar form.
+// Grid-warp rows with NEON (the walkers are Warp_groups and Warp_chroma of
+// the family's header). Luma: the eight lanes of a group as 16-bit lanes,
+// their two columns picked by table lookups in a 16-byte load at the group's
+// first column, the rows of each lane chosen from at most four loaded rows.
+// Chroma: four byte pairs from one row per step, picked by a table lookup in
+// a 16-byte load.
 #include <arm_neon.h>
 
 #include "rectify/warp_kernels.h"
@@ -12,38 +12,18 @@ namespace vq_tl {
 
 namespace {
 
-struct RowSteps {
-    uint16x8_t xStep;  // (dx >> 3) * k as 16 bits, >> 8
-    int16x8_t yStep;   // ((dy >> 3) * k + round) >> 8
-    int32_t yLow, yHigh;
-    int32_t lastLane;
-};
-
-RowSteps rowSteps(const WarpLumaRow* w) {
-    RowSteps r;
-    static const uint16_t kLanes[8] = {0, 1, 2, 3, 4, 5, 6, 7};
-    const uint16x8_t lanes = vld1q_u16(kLanes);
-    const int32_t round = w->dy < 1 ? 255 : 0;
-    // dx >> 3 is below 7680 and |dy >> 3| at most 1024: the products, and
-    // the rounded ones, fit 16 bits.
-    r.xStep = vshrq_n_u16(vmulq_u16(vdupq_n_u16(static_cast<uint16_t>(w->dx >> 3)), lanes), 8);
-    r.yStep = vshrq_n_s16(
-        vaddq_s16(vmulq_s16(vdupq_n_s16(static_cast<int16_t>(w->dy >> 3)), vreinterpretq_s16_u16(lanes)),
-                  vdupq_n_s16(static_cast<int16_t>(round))),
-        8);
-    const int32_t yLast = (((w->dy >> 3) * 7) + round) >> 8;
-    r.yLow = yLast < 0 ? yLast : 0;
-    r.yHigh = yLast > 0 ? yLast : 0;
-    r.lastLane = static_cast<uint16_t>((w->dx >> 3) * 7) >> 8;
-    return r;
-}
-
-// (16 - wx) * row[col] + wx * row[col + 1] of each lane.
-inline uint16x8_t horizontal(const uint8_t* p, uint8x8_t col, uint8x8_t col1, uint8x8_t wx, uint8x8_t wx16) {
+// The 16 bytes at p as a two-register lookup table.
+inline uint8x8x2_t table16(const uint8_t* p) {
     const uint8x16_t b = vld1q_u8(p);
     uint8x8x2_t table;
     table.val[0] = vget_low_u8(b);
     table.val[1] = vget_high_u8(b);
+    return table;
+}
+
+// (16 - wx) * row[col] + wx * row[col + 1] of each lane.
+inline uint16x8_t horizontal(const uint8_t* p, uint8x8_t col, uint8x8_t col1, uint8x8_t wx, uint8x8_t wx16) {
+    const uint8x8x2_t table = table16(p);
     return vmlal_u8(vmull_u8(vtbl2_u8(table, col), wx16), vtbl2_u8(table, col1), wx);
 }
 
@@ -52,92 +32,80 @@ inline uint8x8_t vertical(uint16x8_t a, uint16x8_t b, uint16x8_t wy, uint16x8_t 
     return vmovn_u16(vshrq_n_u16(vaddq_u16(vmlaq_u16(vmulq_u16(a, wy16), b, wy), vdupq_n_u16(128)), 8));
 }
 
-bool drawGroup(const WarpLumaRow* w, const RowSteps& st, int32_t x) {
-    const int32_t px = w->xq + (x - w->L) * w->dx, py = w->yq + (x - w->L) * w->dy;
-    const int32_t subX = (px >> 11) & 15, subY = (py >> 11) & 15;
-    if ((subX + st.lastLane) >> 4 > 11) return false;
-    const int32_t s = px >> 15, r = py >> 15;
-    const int32_t baseRow = (32 + subY + st.yLow) >> 4;
-    const int32_t selLow = r + baseRow - 2, selHigh = r + ((32 + subY + st.yHigh) >> 4) - 2;
-    if (s < 0 || s > w->srcW - 16 || selLow < 0 || selHigh + 2 > w->srcH - 1 || selHigh - selLow > 1) {
-        warpGroups_c(w, x, x);
-        return true;
+struct Groups {
+    uint16x8_t xStep;  // (dx >> 3) * k as 16 bits, >> 8
+    int16x8_t yStep;   // ((dy >> 3) * k + round) >> 8
+
+    Groups(const WarpLumaRow* w, int32_t round) {
+        static const uint16_t kLanes[8] = {0, 1, 2, 3, 4, 5, 6, 7};
+        const uint16x8_t lanes = vld1q_u16(kLanes);
+        xStep = vshrq_n_u16(vmulq_u16(vdupq_n_u16(static_cast<uint16_t>(w->dx >> 3)), lanes), 8);
+        yStep = vshrq_n_s16(
+            vaddq_s16(vmulq_s16(vdupq_n_s16(static_cast<int16_t>(w->dy >> 3)), vreinterpretq_s16_u16(lanes)),
+                      vdupq_n_s16(static_cast<int16_t>(round))),
+            8);
     }
-    const uint16x8_t xPos = vaddq_u16(vdupq_n_u16(static_cast<uint16_t>(subX)), st.xStep);
-    const uint16x8_t yPos =
-        vreinterpretq_u16_s16(vaddq_s16(vdupq_n_s16(static_cast<int16_t>(32 + subY)), st.yStep));
-    const uint16x8_t fifteen = vdupq_n_u16(15), sixteen = vdupq_n_u16(16);
-    const uint8x8_t col = vmovn_u16(vshrq_n_u16(xPos, 4));
-    const uint8x8_t col1 = vadd_u8(col, vdup_n_u8(1));
-    const uint8x8_t wx = vmovn_u16(vandq_u16(xPos, fifteen));
-    const uint8x8_t wx16 = vsub_u8(vdup_n_u8(16), wx);
-    const uint16x8_t wy = vandq_u16(yPos, fifteen), wy16 = vsubq_u16(sixteen, wy);
-    const uint16x8_t lower = vcgtq_u16(vshrq_n_u16(yPos, 4), vdupq_n_u16(static_cast<uint16_t>(baseRow)));
-    const uint8_t* base = w->src + w->srcPitch * selLow + s;
-    const ptrdiff_t p = w->srcPitch;
-    const uint16x8_t h0 = horizontal(base, col, col1, wx, wx16);
-    const uint16x8_t h1 = horizontal(base + p, col, col1, wx, wx16);
-    const uint16x8_t h2 = horizontal(base + 2 * p, col, col1, wx, wx16);
-    // The fourth row only when some lane needs it: it may lie past the source.
-    const uint16x8_t h3 = selHigh > selLow ? horizontal(base + 3 * p, col, col1, wx, wx16) : h2;
-    const uint16x8_t top = vbslq_u16(lower, h1, h0), mid = vbslq_u16(lower, h2, h1);
-    vst1_u8(w->d1 + x, vertical(top, mid, wy, wy16));
-    if (w->d2 != nullptr) vst1_u8(w->d2 + x, vertical(mid, vbslq_u16(lower, h3, h2), wy, wy16));
-    return true;
-}
 
-int32_t warpGroups_neon(const WarpLumaRow* w, int32_t x, int32_t groupEnd) {
-    if (w->stride != 1) return warpGroups_c(w, x, groupEnd);
-    const RowSteps st = rowSteps(w);
-    for (; x <= groupEnd; x += 8) {
-        if (!drawGroup(w, st, x)) break;
+    void draw(const WarpLumaRow* w, int32_t x, int32_t subX, int32_t subY, int32_t s, int32_t baseRow,
+              int32_t selLow, int32_t selHigh) const {
+        const uint16x8_t xPos = vaddq_u16(vdupq_n_u16(static_cast<uint16_t>(subX)), xStep);
+        const uint16x8_t yPos =
+            vreinterpretq_u16_s16(vaddq_s16(vdupq_n_s16(static_cast<int16_t>(32 + subY)), yStep));
+        const uint16x8_t fifteen = vdupq_n_u16(15), sixteen = vdupq_n_u16(16);
+        const uint8x8_t col = vmovn_u16(vshrq_n_u16(xPos, 4));
+        const uint8x8_t col1 = vadd_u8(col, vdup_n_u8(1));
+        const uint8x8_t wx = vmovn_u16(vandq_u16(xPos, fifteen));
+        const uint8x8_t wx16 = vsub_u8(vdup_n_u8(16), wx);
+        const uint16x8_t wy = vandq_u16(yPos, fifteen), wy16 = vsubq_u16(sixteen, wy);
+        // Lanes one row set lower than the first.
+        const uint16x8_t lower = vcgtq_u16(vshrq_n_u16(yPos, 4), vdupq_n_u16(static_cast<uint16_t>(baseRow)));
+        const uint8_t* base = w->src + w->srcPitch * selLow + s;
+        const ptrdiff_t p = w->srcPitch;
+        const uint16x8_t h0 = horizontal(base, col, col1, wx, wx16);
+        const uint16x8_t h1 = horizontal(base + p, col, col1, wx, wx16);
+        const uint16x8_t h2 = horizontal(base + 2 * p, col, col1, wx, wx16);
+        // The fourth row only when some lane needs it: it may lie past the source.
+        const uint16x8_t h3 = selHigh > selLow ? horizontal(base + 3 * p, col, col1, wx, wx16) : h2;
+        const uint16x8_t top = vbslq_u16(lower, h1, h0), mid = vbslq_u16(lower, h2, h1);
+        vst1_u8(w->d1 + x, vertical(top, mid, wy, wy16));
+        if (w->d2 != nullptr) vst1_u8(w->d2 + x, vertical(mid, vbslq_u16(lower, h3, h2), wy, wy16));
     }
-    return x;
-}
+};
 
-inline int32_t clampInt(int32_t v, int32_t low, int32_t high) {
-    return v < low ? low : (v > high ? high : v);
-}
+struct Chroma {
+    int32x4_t steps;  // lanes k = 0..3 are pairs x + 2k: 2k * dx past the first
+    int32x4_t colMax;
 
-void warpChroma_neon(const WarpChromaRow* w, int32_t x0, int32_t x1) {
-    const int32_t rowBytes = 2 * w->srcCw;
-    static const int32_t kLanes[4] = {0, 1, 2, 3};
-    // Lanes k = 0..3 are pairs x + 2k: 2k * dx past the first, as the
-    // scalar positions wrap (6 dx is below the cell's width times dx).
-    const int32x4_t steps = vmulq_n_s32(vld1q_s32(kLanes), 2 * w->dx);
-    const int32x4_t colMax = vdupq_n_s32(2 * (w->srcCw - 1));
-    int32_t x = x0;
-    for (; x + 6 < x1; x += 8) {
-        const int32_t cy0 = w->yq + (x - w->L) * w->dy + w->cyOffset;
-        const int32_t cy3 = w->yq + (x + 6 - w->L) * w->dy + w->cyOffset;
-        const int32_t r0 = clampInt(cy0 >> 16, 0, w->srcCh - 1), r3 = clampInt(cy3 >> 16, 0, w->srcCh - 1);
-        const int32_t cx0 = w->xq + (x - w->L) * w->dx + w->cxOffset;
-        int32x4_t cols = vandq_s32(vshrq_n_s32(vaddq_s32(vdupq_n_s32(cx0), steps), 15), vdupq_n_s32(~1));
-        cols = vminq_s32(vmaxq_s32(cols, vdupq_n_s32(0)), colMax);
-        // Columns move one way along the row: the ends bound them.
-        const int32_t c0 = vgetq_lane_s32(cols, 0), c3 = vgetq_lane_s32(cols, 3);
-        const int32_t low = c0 < c3 ? c0 : c3, high = c0 < c3 ? c3 : c0;
-        if (r0 != r3 || high + 2 - low > 16 || low + 16 > rowBytes) {
-            warpChroma_c(w, x, x + 7);
-            continue;
-        }
+    // The scalar positions wrap as these do (6 dx is below the cell's width
+    // times dx).
+    explicit Chroma(const WarpChromaRow* w) {
+        static const int32_t kLanes[4] = {0, 1, 2, 3};
+        steps = vmulq_n_s32(vld1q_s32(kLanes), 2 * w->dx);
+        colMax = vdupq_n_s32(2 * (w->srcCw - 1));
+    }
+
+    int32x4_t columns(int32_t cx0) const {
+        const int32x4_t cols =
+            vandq_s32(vshrq_n_s32(vaddq_s32(vdupq_n_s32(cx0), steps), 15), vdupq_n_s32(~1));
+        return vminq_s32(vmaxq_s32(cols, vdupq_n_s32(0)), colMax);
+    }
+    static void ends(int32x4_t cols, int32_t* c0, int32_t* c3) {
+        *c0 = vgetq_lane_s32(cols, 0);
+        *c3 = vgetq_lane_s32(cols, 3);
+    }
+    static void copy(uint8_t* dst, const uint8_t* src, int32x4_t cols, int32_t low) {
         // Byte offsets 0..14 of each pair's first byte, then (o, o + 1).
         const uint16x4_t at = vmovn_u32(vreinterpretq_u32_s32(vsubq_s32(cols, vdupq_n_s32(low))));
         const uint8x8_t pick = vreinterpret_u8_u16(vorr_u16(at, vshl_n_u16(vadd_u16(at, vdup_n_u16(1)), 8)));
-        const uint8x16_t b = vld1q_u8(w->src + w->srcPitch * r0 + low);
-        uint8x8x2_t table;
-        table.val[0] = vget_low_u8(b);
-        table.val[1] = vget_high_u8(b);
-        vst1_u8(w->dst + x, vtbl2_u8(table, pick));
+        vst1_u8(dst, vtbl2_u8(table16(src), pick));
     }
-    warpChroma_c(w, x, x1);
-}
+};
 
 }  // namespace
 
 void WarpKernels_addNeon(WarpKernels* table) {
-    table->groups = warpGroups_neon;
-    table->chroma = warpChroma_neon;
+    table->groups = Warp_groups<Groups>;
+    table->chroma = Warp_chroma<Chroma>;
 }
 
 }  // namespace vq_tl

@@ -55,6 +55,14 @@ void SgmCost_byRows(uint8_t* out, const uint8_t* base, const uint8_t* const* mat
     }
 }
 
+// The vector forms' entries: H8 and H32, the byte-word and 32-bit-word row
+// kernel templates of one instruction-set file, through SgmCost_byRows.
+template <template <int> class H8, template <int> class H32>
+void SgmCost_setByRows(SgmCostKernels* table) {
+    table->hamming8 = SgmCost_byRows<H8>;
+    table->hamming32 = SgmCost_byRows<H32>;
+}
+
 void SgmCostKernels_addSse41(SgmCostKernels* table);
 void SgmCostKernels_addAvx2(SgmCostKernels* table);
 void SgmCostKernels_addNeon(SgmCostKernels* table);

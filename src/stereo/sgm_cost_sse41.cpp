@@ -2,16 +2,11 @@
 // nibble table (pshufb).
 #include <smmintrin.h>
 
-#include "stereo/sgm_cost.h"
+#include "stereo/sgm_cost_x86.h"
 
 namespace vq_tl {
 
 namespace {
-
-inline __m128i load(const uint8_t* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
-inline __m128i load8(const uint8_t* p) { return _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)); }
-inline void store(uint8_t* p, __m128i v) { _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v); }
-inline void store8(uint8_t* p, __m128i v) { _mm_storel_epi64(reinterpret_cast<__m128i*>(p), v); }
 
 struct Popcount {
     __m128i table;  // bits set in 0 to 15
@@ -19,11 +14,7 @@ struct Popcount {
     Popcount()
         : table(_mm_setr_epi8(0, 1, 1, 2, 1, 2, 2, 3, 1, 2, 2, 3, 2, 3, 3, 4)), nibble(_mm_set1_epi8(0x0F)) {}
     // Bits set per byte.
-    __m128i bytes(__m128i v) const {
-        const __m128i lo = _mm_and_si128(v, nibble);
-        const __m128i hi = _mm_and_si128(_mm_srli_epi16(v, 4), nibble);
-        return _mm_add_epi8(_mm_shuffle_epi8(table, lo), _mm_shuffle_epi8(table, hi));
-    }
+    __m128i bytes(__m128i v) const { return popcountBytes(v, table, nibble); }
 };
 
 // Distances of 16 (or, with kHalf, 8) byte candidates from match + at,
@@ -40,20 +31,22 @@ inline __m128i bytesMin(const Popcount& pc, const uint8_t* const* match, int32_t
 }
 
 template <int kRows>
-void hamming8(uint8_t* out, const uint8_t* base, const uint8_t* const* match, int32_t rows,
-              const uint8_t* mask, int32_t D, int32_t dLow, int32_t x0, int32_t x1) {
-    const Popcount pc;
-    for (int32_t x = x0; x < x1; ++x) {
-        const __m128i b = _mm_set1_epi8(static_cast<char>(base[x]));
-        const __m128i m = _mm_set1_epi8(static_cast<char>(mask != nullptr ? mask[x] : 0xFF));
-        const intptr_t at = x + dLow;
-        uint8_t* o = out + static_cast<size_t>(x) * D;
-        int32_t k = 0;
-        for (; k + 16 <= D; k += 16)
-            store(o + k, _mm_and_si128(bytesMin<kRows, false>(pc, match, rows, at + k, b), m));
-        if (k < D) store8(o + k, _mm_and_si128(bytesMin<kRows, true>(pc, match, rows, at + k, b), m));
+struct Hamming8 {
+    static void run(uint8_t* out, const uint8_t* base, const uint8_t* const* match, int32_t rows,
+                    const uint8_t* mask, int32_t D, int32_t dLow, int32_t x0, int32_t x1) {
+        const Popcount pc;
+        for (int32_t x = x0; x < x1; ++x) {
+            const __m128i b = _mm_set1_epi8(static_cast<char>(base[x]));
+            const __m128i m = _mm_set1_epi8(static_cast<char>(mask != nullptr ? mask[x] : 0xFF));
+            const intptr_t at = x + dLow;
+            uint8_t* o = out + static_cast<size_t>(x) * D;
+            int32_t k = 0;
+            for (; k + 16 <= D; k += 16)
+                store(o + k, _mm_and_si128(bytesMin<kRows, false>(pc, match, rows, at + k, b), m));
+            if (k < D) store8(o + k, _mm_and_si128(bytesMin<kRows, true>(pc, match, rows, at + k, b), m));
+        }
     }
-}
+};
 
 // Distances of 32-bit words: the bytes' counts summed per word with two
 // multiply-adds by one and a pack, for 4 vectors (16 words) into 16 bytes in
@@ -69,65 +62,40 @@ inline __m128i wordSums(const Popcount& pc, __m128i b, const uint32_t* m, __m128
     return _mm_packus_epi16(w01, w23);
 }
 
-// The same for 2 vectors (8 words), in the low 8 bytes.
-inline __m128i wordSumsHalf(const Popcount& pc, __m128i b, const uint32_t* m, __m128i ones) {
-    const __m128i* p = reinterpret_cast<const __m128i*>(m);
-    const __m128i s0 = _mm_maddubs_epi16(pc.bytes(_mm_xor_si128(b, _mm_loadu_si128(p + 0))), ones);
-    const __m128i s1 = _mm_maddubs_epi16(pc.bytes(_mm_xor_si128(b, _mm_loadu_si128(p + 1))), ones);
-    const __m128i w01 = _mm_maddubs_epi16(_mm_packus_epi16(s0, s1), ones);
-    return _mm_packus_epi16(w01, w01);
-}
-
-template <int kRows>
-void hamming32(uint8_t* out, const uint8_t* baseRow, const uint8_t* const* match, int32_t rows,
-               const uint8_t* mask, int32_t D, int32_t dLow, int32_t x0, int32_t x1) {
-    const Popcount pc;
-    const __m128i ones = _mm_set1_epi8(1);
-    const int32_t n = kRows > 0 ? kRows : rows;
-    const uint32_t* base = reinterpret_cast<const uint32_t*>(baseRow);
-    for (int32_t x = x0; x < x1; ++x) {
-        const __m128i b = _mm_set1_epi32(static_cast<int32_t>(base[x]));
-        const __m128i m = _mm_set1_epi8(static_cast<char>(mask != nullptr ? mask[x] : 0xFF));
-        const intptr_t at = x + dLow;
-        uint8_t* o = out + static_cast<size_t>(x) * D;
-        int32_t k = 0;
-        for (; k + 16 <= D; k += 16) {
-            __m128i best = wordSums(pc, b, reinterpret_cast<const uint32_t*>(match[0]) + at + k, ones);
-            for (int32_t i = 1; i < n; ++i)
-                best = _mm_min_epu8(
-                    best, wordSums(pc, b, reinterpret_cast<const uint32_t*>(match[i]) + at + k, ones));
-            store(o + k, _mm_and_si128(best, m));
-        }
-        if (k < D) {
-            __m128i best = wordSumsHalf(pc, b, reinterpret_cast<const uint32_t*>(match[0]) + at + k, ones);
-            for (int32_t i = 1; i < n; ++i)
-                best = _mm_min_epu8(
-                    best, wordSumsHalf(pc, b, reinterpret_cast<const uint32_t*>(match[i]) + at + k, ones));
-            store8(o + k, _mm_and_si128(best, m));
-        }
-    }
-}
-
-template <int kRows>
-struct Hamming8 {
-    static void run(uint8_t* out, const uint8_t* base, const uint8_t* const* match, int32_t rows,
-                    const uint8_t* mask, int32_t D, int32_t dLow, int32_t x0, int32_t x1) {
-        hamming8<kRows>(out, base, match, rows, mask, D, dLow, x0, x1);
-    }
-};
 template <int kRows>
 struct Hamming32 {
-    static void run(uint8_t* out, const uint8_t* base, const uint8_t* const* match, int32_t rows,
+    static void run(uint8_t* out, const uint8_t* baseRow, const uint8_t* const* match, int32_t rows,
                     const uint8_t* mask, int32_t D, int32_t dLow, int32_t x0, int32_t x1) {
-        hamming32<kRows>(out, base, match, rows, mask, D, dLow, x0, x1);
+        const Popcount pc;
+        const __m128i ones = _mm_set1_epi8(1);
+        const int32_t n = kRows > 0 ? kRows : rows;
+        const uint32_t* base = reinterpret_cast<const uint32_t*>(baseRow);
+        for (int32_t x = x0; x < x1; ++x) {
+            const __m128i b = _mm_set1_epi32(static_cast<int32_t>(base[x]));
+            const __m128i m = _mm_set1_epi8(static_cast<char>(mask != nullptr ? mask[x] : 0xFF));
+            const intptr_t at = x + dLow;
+            uint8_t* o = out + static_cast<size_t>(x) * D;
+            int32_t k = 0;
+            for (; k + 16 <= D; k += 16) {
+                __m128i best = wordSums(pc, b, reinterpret_cast<const uint32_t*>(match[0]) + at + k, ones);
+                for (int32_t i = 1; i < n; ++i)
+                    best = _mm_min_epu8(
+                        best, wordSums(pc, b, reinterpret_cast<const uint32_t*>(match[i]) + at + k, ones));
+                store(o + k, _mm_and_si128(best, m));
+            }
+            if (k < D) {
+                __m128i best = wordSums8(pc, b, reinterpret_cast<const uint32_t*>(match[0]) + at + k, ones);
+                for (int32_t i = 1; i < n; ++i)
+                    best = _mm_min_epu8(
+                        best, wordSums8(pc, b, reinterpret_cast<const uint32_t*>(match[i]) + at + k, ones));
+                store8(o + k, _mm_and_si128(best, m));
+            }
+        }
     }
 };
 
 }  // namespace
 
-void SgmCostKernels_addSse41(SgmCostKernels* table) {
-    table->hamming8 = SgmCost_byRows<Hamming8>;
-    table->hamming32 = SgmCost_byRows<Hamming32>;
-}
+void SgmCostKernels_addSse41(SgmCostKernels* table) { SgmCost_setByRows<Hamming8, Hamming32>(table); }
 
 }  // namespace vq_tl

@@ -70,6 +70,10 @@ void aggregationChainRows4_c(const AggregationRow* rows) {
     for (int32_t i = 0; i < 4; ++i) aggregationChainRow_c(&rows[i]);
 }
 
+void aggregationChainRows8_c(const AggregationRow* rows) {
+    for (int32_t i = 0; i < 8; ++i) aggregationChainRow_c(&rows[i]);
+}
+
 namespace {
 
 template <int kChannels>
@@ -138,6 +142,7 @@ void AggregationKernels_fill(AggregationKernels* table, uint32_t features) {
     table->chainRow = aggregationChainRow_c;
     table->chainRows2 = aggregationChainRows2_c;
     table->chainRows4 = aggregationChainRows4_c;
+    table->chainRows8 = nullptr;
     table->penaltyU8 = aggregationPenaltyU8_c;
     table->penaltyU88 = aggregationPenaltyU88_c;
     table->sumU8 = aggregationSumU8_c;

@@ -59,6 +59,8 @@ using AggregationRows2Fn = void (*)(const AggregationRow* row0, const Aggregatio
 // same bytes as chainRow on each. Each pixel of a chain row waits for the
 // one before, so more rows side by side hide more of that wait.
 using AggregationRows4Fn = void (*)(const AggregationRow* rows);
+// Eight chain rows rows[0] to rows[7], alike as for AggregationRows2Fn.
+using AggregationRows8Fn = void (*)(const AggregationRow* rows);
 
 // The guided large penalty of the pixels of one row in one direction: with g
 // the guide step between pixel x and its previous pixel, |guide - guidePrev|
@@ -96,6 +98,10 @@ struct AggregationKernels {
     AggregationRowFn chainRow;
     AggregationRows2Fn chainRows2;
     AggregationRows4Fn chainRows4;
+    // Null where the instruction set has no form that gains from eight rows
+    // over two calls of chainRows4 (the scalar table too): the caller then
+    // takes its rows four at a time.
+    AggregationRows8Fn chainRows8;
     AggregationPenaltyFn penaltyU8;   // one guide channel
     AggregationPenaltyFn penaltyU88;  // two
     AggregationSumFn sumU8;
@@ -106,6 +112,8 @@ void aggregationCrossRow_c(const AggregationRow* row);
 void aggregationChainRow_c(const AggregationRow* row);
 void aggregationChainRows2_c(const AggregationRow* row0, const AggregationRow* row1);
 void aggregationChainRows4_c(const AggregationRow* rows);
+// The reference of the eight-row forms (in no table).
+void aggregationChainRows8_c(const AggregationRow* rows);
 void aggregationPenaltyU8_c(const AggregationPenalty* row);
 void aggregationPenaltyU88_c(const AggregationPenalty* row);
 void aggregationSumU8_c(const AggregationPlaneSum* row);

@@ -310,6 +310,185 @@ void chainRows4_128(const AggregationRow* rows) {
     }
 }
 
+// Two rows in one 256-bit register up to D = 24: row A's 16-byte chunks in
+// the low half, row B's in the high half. alignr, the byte arithmetic and
+// the unpacks work within the halves, so the two rows cost one instruction
+// where Chain128 spends one per row; only the loads, stores and sums go per
+// row. Part chunks (8 slots) hold 255 in bytes 8 to 15 of each half, as in
+// Chain128.
+inline __m256i loadPair16(const uint8_t* a, const uint8_t* b) {
+    return _mm256_inserti128_si256(_mm256_castsi128_si256(load16(a)), load16(b), 1);
+}
+inline __m256i loadPair8(const uint8_t* a, const uint8_t* b) {
+    return _mm256_inserti128_si256(_mm256_castsi128_si256(load8(a)), load8(b), 1);
+}
+
+// Byte 0 of each half in all of that half's bytes.
+inline __m256i broadcastHalves(__m256i v) { return _mm256_shuffle_epi8(v, _mm256_setzero_si256()); }
+
+// The smallest of bytes 0 to 7 of each half in byte 0 of that half (the
+// other bytes hold partial minima): element shifts, which stay off the
+// shuffle port that alignr and the unpacks load.
+inline __m256i min8InByte0(__m256i v) {
+    v = _mm256_min_epu8(v, _mm256_srli_epi64(v, 32));
+    v = _mm256_min_epu8(v, _mm256_srli_epi32(v, 16));
+    return _mm256_min_epu8(v, _mm256_srli_epi16(v, 8));
+}
+
+// One row of a pair: its pointers at the current pixel, kept in locals so
+// that the byte stores, which may alias anything, do not make the compiler
+// read them back from the row descriptions every pixel.
+struct PairRow {
+    uint8_t* out;
+    const uint8_t* cost;
+    const uint8_t* p2;
+    uint16_t* sum;
+    intptr_t p2Step;
+    int32_t sumMode, pads;
+};
+
+template <int kD>
+inline PairRow PairRow_at(const AggregationRow* r, int32_t x) {
+    PairRow p;
+    p.out = r->out + static_cast<intptr_t>(x) * (kD + 1);
+    p.cost = r->cost + static_cast<intptr_t>(x) * kD;
+    p.p2Step = r->p2Step;
+    p.p2 = r->p2 + x * p.p2Step;
+    p.sum = r->sumMode == AGG_SUM_NONE ? nullptr : r->sum + static_cast<intptr_t>(x) * (kD + 2);
+    p.sumMode = r->sumMode;
+    p.pads = r->pads;
+    return p;
+}
+
+template <int kD>
+struct ChainPair {
+    static constexpr int kFull = kD / 16, kN = (kD + 15) / 16;
+    __m256i v[kN];
+    PairRow a, b;
+
+    void start(const AggregationRow* ra, const AggregationRow* rb, int32_t x, __m256i ones) {
+        a = PairRow_at<kD>(ra, x);
+        b = PairRow_at<kD>(rb, x);
+        const uint8_t* qa = a.out + static_cast<intptr_t>(ra->dx) * (kD + 1);
+        const uint8_t* qb = b.out + static_cast<intptr_t>(rb->dx) * (kD + 1);
+        for (int i = 0; i < kFull; ++i) v[i] = loadPair16(qa + 16 * i, qb + 16 * i);
+        if (kD % 16 != 0) v[kFull] = _mm256_unpacklo_epi64(loadPair8(qa + 16 * kFull, qb + 16 * kFull), ones);
+    }
+
+    static void store(const PairRow& r, const __m128i* o) {
+        for (int i = 0; i < kFull; ++i) _mm_storeu_si128(reinterpret_cast<__m128i*>(r.out + 16 * i), o[i]);
+        if (kD % 16 != 0) _mm_storel_epi64(reinterpret_cast<__m128i*>(r.out + 16 * kFull), o[kFull]);
+        if (r.sumMode == AGG_SUM_NONE) return;
+        const bool add = r.sumMode == AGG_SUM_ADD;
+        uint16_t* A = r.sum;
+        for (int i = 0; i < kFull; ++i) sum16(A + 16 * i, o[i], add);
+        if (kD % 16 != 0) sum8(A + 16 * kFull, o[kFull], add);
+        if (r.pads != 0) {
+            A[-1] = A[1];
+            A[kD] = A[kD - 2];
+        }
+    }
+
+    // One pixel of both rows, then both rows' pointers moved by dx pixels
+    // the other way (to the next pixel of the chain).
+    void step(intptr_t back, __m256i p1, __m256i ones, __m256i halfIndex) {
+        // Row A's P2 in byte 0 of the word, row B's in byte 1; the word in
+        // every word, then byte 0 across the low half and byte 1 across the
+        // high half.
+        const uint32_t pa = *a.p2, pb = *b.p2;
+        const __m256i p2 = _mm256_shuffle_epi8(
+            _mm256_broadcastw_epi16(_mm_cvtsi32_si128(static_cast<int>(pa | pb << 8))), halfIndex);
+        __m256i l[kN];
+        for (int i = 0; i < kN; ++i) {
+            const __m256i left = _mm256_alignr_epi8(v[i], i == 0 ? ones : v[i - 1], 15);
+            const __m256i right = _mm256_alignr_epi8(i + 1 < kN ? v[i + 1] : ones, v[i], 1);
+            const __m256i cost = i < kFull ? loadPair16(a.cost + 16 * i, b.cost + 16 * i)
+                                           : loadPair8(a.cost + 16 * i, b.cost + 16 * i);
+            l[i] = update(left, right, v[i], cost, p1, p2);
+        }
+        // Each half's minimum over its row's D slots. D = 8: bytes 0 to 7.
+        // D = 16: the upper 8 bytes folded onto the lower. D = 24: the part
+        // chunk's 8 slots (its upper bytes are not slots and stay out) and
+        // that fold side by side.
+        __m256i mn = l[0];
+        if (kD == 16) mn = _mm256_min_epu8(mn, _mm256_srli_si256(mn, 8));
+        if (kD == 24) mn = _mm256_min_epu8(_mm256_min_epu8(l[0], l[1]), _mm256_srli_si256(l[0], 8));
+        const __m256i m = broadcastHalves(min8InByte0(mn));
+        __m128i lo[kN], hi[kN];
+        for (int i = 0; i < kN; ++i) {
+            v[i] = _mm256_sub_epi8(l[i], m);
+            if (i == kFull) v[i] = _mm256_unpacklo_epi64(v[i], ones);
+            lo[i] = _mm256_castsi256_si128(v[i]);
+            hi[i] = _mm256_extracti128_si256(v[i], 1);
+        }
+        store(a, lo);
+        store(b, hi);
+        advance(&a, back);
+        advance(&b, back);
+    }
+
+    static void advance(PairRow* r, intptr_t back) {
+        r->out -= back * (kD + 1);
+        r->cost -= back * kD;
+        r->p2 -= back * r->p2Step;
+        if (r->sum != nullptr) r->sum -= back * (kD + 2);
+    }
+};
+
+inline __m256i pairHalfIndex() { return _mm256_setr_m128i(_mm_setzero_si128(), _mm_set1_epi8(1)); }
+
+template <int kD>
+void chainRows2_pair(const AggregationRow* r0, const AggregationRow* r1) {
+    const __m256i p1 = _mm256_set1_epi8(static_cast<char>(r0->smallPenalty));
+    const __m256i ones = _mm256_set1_epi8(-1);
+    const __m256i halfIndex = pairHalfIndex();
+    const int32_t W = r0->width, dx = r0->dx;
+    int32_t x = dx < 0 ? 0 : W - 1;
+    ChainPair<kD> a;
+    a.start(r0, r1, x, ones);
+    for (int32_t n = 0; n < W; ++n, x -= dx) a.step(dx, p1, ones, halfIndex);
+}
+
+// Four rows as two pairs: one pair's reductions wait while the other's
+// updates run.
+template <int kD>
+void chainRows4_pair(const AggregationRow* rows) {
+    const __m256i p1 = _mm256_set1_epi8(static_cast<char>(rows[0].smallPenalty));
+    const __m256i ones = _mm256_set1_epi8(-1);
+    const __m256i halfIndex = pairHalfIndex();
+    const int32_t W = rows[0].width, dx = rows[0].dx;
+    int32_t x = dx < 0 ? 0 : W - 1;
+    ChainPair<kD> a, b;
+    a.start(&rows[0], &rows[1], x, ones);
+    b.start(&rows[2], &rows[3], x, ones);
+    for (int32_t n = 0; n < W; ++n, x -= dx) {
+        a.step(dx, p1, ones, halfIndex);
+        b.step(dx, p1, ones, halfIndex);
+    }
+}
+
+// Eight rows as four pairs: a pair's minimum runs through a serial chain
+// of shifts, and four pairs keep the vector units busy while each waits.
+template <int kD>
+void chainRows8_pair(const AggregationRow* rows) {
+    const __m256i p1 = _mm256_set1_epi8(static_cast<char>(rows[0].smallPenalty));
+    const __m256i ones = _mm256_set1_epi8(-1);
+    const __m256i halfIndex = pairHalfIndex();
+    const int32_t W = rows[0].width, dx = rows[0].dx;
+    int32_t x = dx < 0 ? 0 : W - 1;
+    ChainPair<kD> a, b, c, d;
+    a.start(&rows[0], &rows[1], x, ones);
+    b.start(&rows[2], &rows[3], x, ones);
+    c.start(&rows[4], &rows[5], x, ones);
+    d.start(&rows[6], &rows[7], x, ones);
+    for (int32_t n = 0; n < W; ++n, x -= dx) {
+        a.step(dx, p1, ones, halfIndex);
+        b.step(dx, p1, ones, halfIndex);
+        c.step(dx, p1, ones, halfIndex);
+        d.step(dx, p1, ones, halfIndex);
+    }
+}
+
 template <int kD>
 void chainRow(const AggregationRow* r) {
     const __m256i p1 = _mm256_set1_epi8(static_cast<char>(r->smallPenalty));
@@ -513,12 +692,27 @@ void chainRows2_avx2(const AggregationRow* r0, const AggregationRow* r1) {
 // pairs.
 void chainRows4_avx2(const AggregationRow* rows) {
     switch (rows[0].numDisparities) {
-        case 8: return chainRows4_128<8>(rows);
-        case 16: return chainRows4_128<16>(rows);
-        case 24: return chainRows4_128<24>(rows);
+        case 8: return chainRows4_pair<8>(rows);
+        case 16: return chainRows4_pair<16>(rows);
+        case 24: return chainRows4_pair<24>(rows);
         default:
             chainRows2_avx2(&rows[0], &rows[1]);
             chainRows2_avx2(&rows[2], &rows[3]);
+            return;
+    }
+}
+
+// Up to D = 24 four pairs side by side: with two, each pixel still waits
+// on its pair's minimum. Above that the state of eight rows would not fit
+// the registers, and the four-row form takes them in two calls.
+void chainRows8_avx2(const AggregationRow* rows) {
+    switch (rows[0].numDisparities) {
+        case 8: return chainRows8_pair<8>(rows);
+        case 16: return chainRows8_pair<16>(rows);
+        case 24: return chainRows8_pair<24>(rows);
+        default:
+            chainRows4_avx2(&rows[0]);
+            chainRows4_avx2(&rows[4]);
             return;
     }
 }
@@ -533,6 +727,7 @@ void AggregationKernels_addAvx2(AggregationKernels* table) {
     table->chainRow = chainRow_avx2;
     table->chainRows2 = chainRows2_avx2;
     table->chainRows4 = chainRows4_avx2;
+    table->chainRows8 = chainRows8_avx2;
     table->sumU8 = sumU8_avx2;
     table->sumU16 = sumU16_avx2;
     table->penaltyU8 = penaltyU8_avx2;

@@ -94,20 +94,20 @@ PenaltyRow penaltyRow(const AggInputs& in, PenaltyRowFn fill, int32_t dir, int32
 constexpr int32_t kChainRun = 512;
 
 // Chain rows (directions with dy = 0) of rows ys[0] to ys[count - 1] (count
-// 1 to 4), side by side: each pixel of a chain row waits for the one before,
-// and independent rows hide that wait. rows[i] describe the whole rows;
+// 1 to 4, or 8 with the table's chainRows8), side by side: each pixel of a
+// chain row waits for the one before, and independent rows hide that wait. rows[i] describe the whole rows;
 // they are cut into runs from the start of the path, each run taking its
 // previous pixel from the run before, so the bytes are those of one call per
 // row.
 void chainRows(const AggInputs& in, const AggregationKernels* kernels, PenaltyRowFn fill, int32_t dir,
                const AggregationRow* rows, const int32_t* ys, int32_t count) {
     const int32_t W = in.width, D = in.numDisparities, S = D + 1;
-    uint8_t penalties[4][kChainRun];
+    uint8_t penalties[8][kChainRun];
     const bool forward = kDx[dir] < 0;
     for (int32_t done = 0; done < W; done += kChainRun) {
         const int32_t len = W - done < kChainRun ? W - done : kChainRun;
         const int32_t x0 = forward ? done : W - done - len;
-        AggregationRow run[4];
+        AggregationRow run[8];
         for (int32_t i = 0; i < count; ++i) {
             run[i] = rows[i];
             run[i].out += static_cast<intptr_t>(x0) * S;
@@ -126,14 +126,17 @@ void chainRows(const AggInputs& in, const AggregationKernels* kernels, PenaltyRo
                 run[i].p2Step = 0;
             }
         }
-        if (count == 4) {
-            kernels->chainRows4(run);
-        } else if (count >= 2) {
-            kernels->chainRows2(&run[0], &run[1]);
-            if (count == 3) kernels->chainRow(&run[2]);
-        } else {
-            kernels->chainRow(&run[0]);
+        int32_t i = 0;
+        if (count == 8) {
+            kernels->chainRows8(run);
+            i = 8;
         }
+        for (; i + 4 <= count; i += 4) kernels->chainRows4(&run[i]);
+        if (i + 2 <= count) {
+            kernels->chainRows2(&run[i], &run[i + 1]);
+            i += 2;
+        }
+        if (i < count) kernels->chainRow(&run[i]);
     }
 }
 
@@ -157,12 +160,13 @@ TLResult directionTask(void* arg, int32_t dir, int32_t count) {
     row.smallPenalty = in.smallPenalty;
     row.sumMode = AGG_SUM_NONE;
     if (dy == 0) {
-        // Rows along the path are independent of each other: four at a
-        // time.
-        for (int32_t n = 0; n < H; n += 4) {
-            AggregationRow rows[4] = {row, row, row, row};
-            int32_t ys[4];
-            const int32_t count = H - n < 4 ? H - n : 4;
+        // Rows along the path are independent of each other: eight at a
+        // time where the table has an eight-row form, else four.
+        const int32_t group = kernels->chainRows8 != nullptr ? 8 : 4;
+        for (int32_t n = 0; n < H; n += group) {
+            AggregationRow rows[8] = {row, row, row, row, row, row, row, row};
+            int32_t ys[8];
+            const int32_t count = H - n < group ? H - n : group;
             for (int32_t i = 0; i < count; ++i) {
                 ys[i] = forward ? n + i : H - 1 - n - i;
                 rows[i].out = in.path + in.pathPitch * (planeRow + ys[i] + 1) + S + 1;

@@ -101,13 +101,14 @@ bool RowBuffers_check(CheckContext* ctx, const char* kernel, const Variant& v, c
            Check_outputs(ctx, kernel, v, &b->sumRef, &b->sumVar, text);
 }
 
-// One kernel call on one, two or four rows: the form under test takes
-// `rows`.
+// One kernel call on one, two, four or eight rows: the form under test
+// takes `rows`.
 struct AggCase {
     AggregationRowFn one;
     AggregationRows2Fn two;
     vq_tl::AggregationRows4Fn four;
-    AggregationRow rows[4];
+    vq_tl::AggregationRows8Fn eight;
+    AggregationRow rows[8];
 };
 
 void callCase(void* arg) {
@@ -116,29 +117,32 @@ void callCase(void* arg) {
         c->one(&c->rows[0]);
     } else if (c->two != nullptr) {
         c->two(&c->rows[0], &c->rows[1]);
-    } else {
+    } else if (c->four != nullptr) {
         c->four(c->rows);
+    } else {
+        c->eight(c->rows);
     }
 }
 
-// The forms of one entry: a single-row pair, a two-row pair or a four-row
-// pair (the others null).
+// The forms of one entry: a single-row pair, a two-row, four-row or
+// eight-row pair (the others null).
 struct RowForms {
     AggregationRowFn ref, var;
     AggregationRows2Fn ref2, var2;
     vq_tl::AggregationRows4Fn ref4, var4;
+    vq_tl::AggregationRows8Fn ref8, var8;
 };
 
 void checkRows(CheckContext* ctx, const char* kernel, const Variant& v, const RowForms& f) {
     ++ctx->kernelsChecked;
-    const int32_t count = f.ref != nullptr ? 1 : (f.ref2 != nullptr ? 2 : 4);
+    const int32_t count = f.ref != nullptr ? 1 : (f.ref2 != nullptr ? 2 : (f.ref4 != nullptr ? 4 : 8));
     for (int32_t it = 0; it < ctx->iterations; ++it) {
         CheckRandom* rnd = &ctx->random;
         const int32_t D = randomDisparities(rnd);
         const int32_t width = CheckRandom_range(rnd, 1, it % 4 == 0 ? 400 : 40);
         const int32_t dx = CheckRandom_range(rnd, 0, 1) == 0 ? -1 : 1;
         const uint8_t p1 = randomPenalty(rnd);
-        RowBuffers b[4];
+        RowBuffers b[8];
         AggCase c{};
         for (int32_t i = 0; i < count; ++i) {
             RowBuffers_init(&b[i], rnd, width, D);
@@ -148,11 +152,13 @@ void checkRows(CheckContext* ctx, const char* kernel, const Variant& v, const Ro
         c.one = f.ref;
         c.two = f.ref2;
         c.four = f.ref4;
+        c.eight = f.ref8;
         callCase(&c);
         for (int32_t i = 0; i < count; ++i) RowBuffers_point(&b[i], &c.rows[i], true);
         c.one = f.var;
         c.two = f.var2;
         c.four = f.var4;
+        c.eight = f.var8;
         callCase(&c);
         char text[128];
         std::snprintf(text, sizeof(text), "D %d, width %d, dx %d, P1 %d, sum mode %d, pads %d%s", D, width,
@@ -166,7 +172,7 @@ void checkRows(CheckContext* ctx, const char* kernel, const Variant& v, const Ro
     const int32_t jobs[2][2] = {{1080, 24}, {720, 64}};
     for (const auto& job : jobs) {
         const int32_t width = job[0], D = job[1];
-        RowBuffers b[4];
+        RowBuffers b[8];
         AggCase c{};
         for (int32_t i = 0; i < count; ++i) {
             RowBuffers_init(&b[i], &ctx->random, width, D);
@@ -185,10 +191,12 @@ void checkRows(CheckContext* ctx, const char* kernel, const Variant& v, const Ro
             c.one = f.ref;
             c.two = f.ref2;
             c.four = f.ref4;
+            c.eight = f.ref8;
             const double refNs = Check_timeNs(callCase, &c, 50);
             c.one = f.var;
             c.two = f.var2;
             c.four = f.var4;
+            c.eight = f.var8;
             const double ns = Check_timeNs(callCase, &c, 50);
             char name[64];
             std::snprintf(name, sizeof(name), "%s D%d%s", kernel, D,
@@ -348,15 +356,22 @@ void runAggregation(CheckContext* ctx) {
         AggregationKernels t;
         vq_tl::AggregationKernels_fill(&t, v.features);
         if (t.crossRow != ref.crossRow)
-            checkRows(ctx, "aggregation cross row", v, RowForms{ref.crossRow, t.crossRow, {}, {}, {}, {}});
+            checkRows(ctx, "aggregation cross row", v,
+                      RowForms{ref.crossRow, t.crossRow, {}, {}, {}, {}, {}, {}});
         if (t.chainRow != ref.chainRow)
-            checkRows(ctx, "aggregation chain row", v, RowForms{ref.chainRow, t.chainRow, {}, {}, {}, {}});
+            checkRows(ctx, "aggregation chain row", v,
+                      RowForms{ref.chainRow, t.chainRow, {}, {}, {}, {}, {}, {}});
         if (t.chainRows2 != ref.chainRows2)
             checkRows(ctx, "aggregation chain rows x2", v,
-                      RowForms{{}, {}, ref.chainRows2, t.chainRows2, {}, {}});
+                      RowForms{{}, {}, ref.chainRows2, t.chainRows2, {}, {}, {}, {}});
         if (t.chainRows4 != ref.chainRows4)
             checkRows(ctx, "aggregation chain rows x4", v,
-                      RowForms{{}, {}, {}, {}, ref.chainRows4, t.chainRows4});
+                      RowForms{{}, {}, {}, {}, ref.chainRows4, t.chainRows4, {}, {}});
+        // The scalar table has no eight-row form: its reference is eight
+        // scalar rows.
+        if (t.chainRows8 != nullptr)
+            checkRows(ctx, "aggregation chain rows x8", v,
+                      RowForms{{}, {}, {}, {}, {}, {}, vq_tl::aggregationChainRows8_c, t.chainRows8});
         if (t.sumU8 != ref.sumU8) checkSum(ctx, "aggregation sum u8", v, ref.sumU8, t.sumU8, 1);
         if (t.sumU16 != ref.sumU16) checkSum(ctx, "aggregation sum u16", v, ref.sumU16, t.sumU16, 2);
         if (t.penaltyU8 != ref.penaltyU8)

@@ -1,7 +1,8 @@
 // Path updates with AVX2: the D slots of one pixel in 32-byte chunks and one
 // last chunk of 8, 16 or 24 slots, D = 8 to 64; larger D takes the scalar
-// kernels (chain rows up to D = 24 in 16-byte chunks). The plane sums go
-// the same way for any D, the guided penalties 16 pixels at a time.
+// kernels (chain rows up to D = 24 in 16-byte chunks, eight rows as four
+// pairs of rows in 256-bit registers). The plane sums go the same way for
+// any D, the guided penalties 16 pixels at a time.
 #include <immintrin.h>
 
 #include "stereo/sgm_aggregation.h"
@@ -315,7 +316,10 @@ void chainRows4_128(const AggregationRow* rows) {
 // the unpacks work within the halves, so the two rows cost one instruction
 // where Chain128 spends one per row; only the loads, stores and sums go per
 // row. Part chunks (8 slots) hold 255 in bytes 8 to 15 of each half, as in
-// Chain128.
+// Chain128. The per-row minimum becomes a serial in-half reduction (about
+// nine steps), so a pair pays off only with enough pairs beside it: one or
+// two pairs were slower than Chain128's two or four rows; four pairs (the
+// eight-row form) take about a third less time than two four-row calls.
 inline __m256i loadPair16(const uint8_t* a, const uint8_t* b) {
     return _mm256_inserti128_si256(_mm256_castsi128_si256(load16(a)), load16(b), 1);
 }
@@ -436,36 +440,6 @@ struct ChainPair {
 };
 
 inline __m256i pairHalfIndex() { return _mm256_setr_m128i(_mm_setzero_si128(), _mm_set1_epi8(1)); }
-
-template <int kD>
-void chainRows2_pair(const AggregationRow* r0, const AggregationRow* r1) {
-    const __m256i p1 = _mm256_set1_epi8(static_cast<char>(r0->smallPenalty));
-    const __m256i ones = _mm256_set1_epi8(-1);
-    const __m256i halfIndex = pairHalfIndex();
-    const int32_t W = r0->width, dx = r0->dx;
-    int32_t x = dx < 0 ? 0 : W - 1;
-    ChainPair<kD> a;
-    a.start(r0, r1, x, ones);
-    for (int32_t n = 0; n < W; ++n, x -= dx) a.step(dx, p1, ones, halfIndex);
-}
-
-// Four rows as two pairs: one pair's reductions wait while the other's
-// updates run.
-template <int kD>
-void chainRows4_pair(const AggregationRow* rows) {
-    const __m256i p1 = _mm256_set1_epi8(static_cast<char>(rows[0].smallPenalty));
-    const __m256i ones = _mm256_set1_epi8(-1);
-    const __m256i halfIndex = pairHalfIndex();
-    const int32_t W = rows[0].width, dx = rows[0].dx;
-    int32_t x = dx < 0 ? 0 : W - 1;
-    ChainPair<kD> a, b;
-    a.start(&rows[0], &rows[1], x, ones);
-    b.start(&rows[2], &rows[3], x, ones);
-    for (int32_t n = 0; n < W; ++n, x -= dx) {
-        a.step(dx, p1, ones, halfIndex);
-        b.step(dx, p1, ones, halfIndex);
-    }
-}
 
 // Eight rows as four pairs: a pair's minimum runs through a serial chain
 // of shifts, and four pairs keep the vector units busy while each waits.
@@ -692,9 +666,9 @@ void chainRows2_avx2(const AggregationRow* r0, const AggregationRow* r1) {
 // pairs.
 void chainRows4_avx2(const AggregationRow* rows) {
     switch (rows[0].numDisparities) {
-        case 8: return chainRows4_pair<8>(rows);
-        case 16: return chainRows4_pair<16>(rows);
-        case 24: return chainRows4_pair<24>(rows);
+        case 8: return chainRows4_128<8>(rows);
+        case 16: return chainRows4_128<16>(rows);
+        case 24: return chainRows4_128<24>(rows);
         default:
             chainRows2_avx2(&rows[0], &rows[1]);
             chainRows2_avx2(&rows[2], &rows[3]);

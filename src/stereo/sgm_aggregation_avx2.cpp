@@ -393,9 +393,8 @@ struct ChainPair {
         }
     }
 
-    // One pixel of both rows, then both rows' pointers moved by dx pixels
-    // the other way (to the next pixel of the chain).
-    void step(intptr_t back, __m256i p1, __m256i ones, __m256i halfIndex) {
+    // One pixel of both rows.
+    void step(__m256i p1, __m256i ones, __m256i halfIndex) {
         // Row A's P2 in byte 0 of the word, row B's in byte 1; the word in
         // every word, then byte 0 across the low half and byte 1 across the
         // high half.
@@ -427,11 +426,17 @@ struct ChainPair {
         }
         store(a, lo);
         store(b, hi);
-        advance(&a, back);
-        advance(&b, back);
     }
 
-    static void advance(PairRow* r, intptr_t back) {
+    // Both rows' pointers moved by dx pixels the other way, to the next
+    // pixel of the chain (only while there is one, so that no pointer
+    // leaves the rows).
+    void advance(intptr_t back) {
+        advanceRow(&a, back);
+        advanceRow(&b, back);
+    }
+
+    static void advanceRow(PairRow* r, intptr_t back) {
         r->out -= back * (kD + 1);
         r->cost -= back * kD;
         r->p2 -= back * r->p2Step;
@@ -449,17 +454,22 @@ void chainRows8_pair(const AggregationRow* rows) {
     const __m256i ones = _mm256_set1_epi8(-1);
     const __m256i halfIndex = pairHalfIndex();
     const int32_t W = rows[0].width, dx = rows[0].dx;
-    int32_t x = dx < 0 ? 0 : W - 1;
+    const int32_t x = dx < 0 ? 0 : W - 1;
     ChainPair<kD> a, b, c, d;
     a.start(&rows[0], &rows[1], x, ones);
     b.start(&rows[2], &rows[3], x, ones);
     c.start(&rows[4], &rows[5], x, ones);
     d.start(&rows[6], &rows[7], x, ones);
-    for (int32_t n = 0; n < W; ++n, x -= dx) {
-        a.step(dx, p1, ones, halfIndex);
-        b.step(dx, p1, ones, halfIndex);
-        c.step(dx, p1, ones, halfIndex);
-        d.step(dx, p1, ones, halfIndex);
+    for (int32_t n = 1;; ++n) {
+        a.step(p1, ones, halfIndex);
+        b.step(p1, ones, halfIndex);
+        c.step(p1, ones, halfIndex);
+        d.step(p1, ones, halfIndex);
+        if (n == W) break;
+        a.advance(dx);
+        b.advance(dx);
+        c.advance(dx);
+        d.advance(dx);
     }
 }
 

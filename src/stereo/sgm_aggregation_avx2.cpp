@@ -6,6 +6,7 @@
 #include <immintrin.h>
 
 #include "stereo/sgm_aggregation.h"
+#include "stereo/sgm_aggregation_x86.h"
 
 namespace vq_tl {
 
@@ -208,47 +209,13 @@ struct Chain {
 };
 
 // With D up to 24 the 256-bit chunk's shifts across its halves cost more
-// than they save on the chain's critical path: 16-byte chunks instead, as
-// in the SSE4.1 form.
-inline __m128i update128(__m128i left, __m128i right, __m128i same, __m128i cost, __m128i p1, __m128i p2) {
-    const __m128i a = _mm_min_epu8(left, right);
-    const __m128i b = _mm_min_epu8(_mm_add_epi8(a, p1), p2);
-    return _mm_add_epi8(_mm_min_epu8(b, same), cost);
-}
-
-inline __m128i minAll128(__m128i v) {
-    const __m128i pairs = _mm_min_epu8(v, _mm_srli_epi16(v, 8));
-    return _mm_shuffle_epi8(_mm_minpos_epu16(pairs), _mm_setzero_si128());
-}
-
+// than they save on the chain's critical path: the SSE4.1 form's 16-byte
+// chunks instead (sgm_aggregation_x86.h), with this finish: a pixel's slots
+// stored and added to the sums.
 template <int kD>
-struct Chain128 {
-    static constexpr int kFull = kD / 16, kN = (kD + 15) / 16;
-    __m128i v[kN];
-
-    void start(const AggregationRow* r, int32_t x, __m128i ones) {
-        const uint8_t* q = r->out + static_cast<intptr_t>(x + r->dx) * (kD + 1);
-        for (int i = 0; i < kFull; ++i) v[i] = load16(q + 16 * i);
-        if (kD % 16 != 0) v[kFull] = _mm_unpacklo_epi64(load8(q + 16 * kFull), ones);
-    }
-
-    void step(const AggregationRow* r, int32_t x, __m128i p1, __m128i ones) {
-        const uint8_t* c = r->cost + static_cast<intptr_t>(x) * kD;
-        const __m128i p2 = _mm_set1_epi8(static_cast<char>(r->p2[x * r->p2Step]));
-        __m128i l[kN];
-        __m128i mn = ones;
-        for (int i = 0; i < kN; ++i) {
-            const __m128i left = _mm_alignr_epi8(v[i], i == 0 ? ones : v[i - 1], 15);
-            const __m128i right = _mm_alignr_epi8(i + 1 < kN ? v[i + 1] : ones, v[i], 1);
-            const __m128i cost = i < kFull ? load16(c + 16 * i) : load8(c + 16 * i);
-            l[i] = update128(left, right, v[i], cost, p1, p2);
-            mn = _mm_min_epu8(mn, i < kFull ? l[i] : _mm_unpacklo_epi64(l[i], ones));
-        }
-        const __m128i m = minAll128(mn);
-        for (int i = 0; i < kN; ++i) {
-            v[i] = _mm_sub_epi8(l[i], m);
-            if (i == kFull) v[i] = _mm_unpacklo_epi64(v[i], ones);
-        }
+struct Finish128 {
+    static void run(const AggregationRow* r, int32_t x, const __m128i* v) {
+        constexpr int kFull = kD / 16;
         uint8_t* out = r->out + static_cast<intptr_t>(x) * (kD + 1);
         for (int i = 0; i < kFull; ++i) _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 16 * i), v[i]);
         if (kD % 16 != 0) _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 16 * kFull), v[kFull]);
@@ -264,62 +231,16 @@ struct Chain128 {
     }
 };
 
-template <int kD>
-void chainRow128(const AggregationRow* r) {
-    const __m128i p1 = _mm_set1_epi8(static_cast<char>(r->smallPenalty));
-    const __m128i ones = _mm_set1_epi8(-1);
-    const int32_t W = r->width, dx = r->dx;
-    int32_t x = dx < 0 ? 0 : W - 1;
-    Chain128<kD> a;
-    a.start(r, x, ones);
-    for (int32_t n = 0; n < W; ++n, x -= dx) a.step(r, x, p1, ones);
-}
-
-template <int kD>
-void chainRows2_128(const AggregationRow* r0, const AggregationRow* r1) {
-    const __m128i p1 = _mm_set1_epi8(static_cast<char>(r0->smallPenalty));
-    const __m128i ones = _mm_set1_epi8(-1);
-    const int32_t W = r0->width, dx = r0->dx;
-    int32_t x = dx < 0 ? 0 : W - 1;
-    Chain128<kD> a, b;
-    a.start(r0, x, ones);
-    b.start(r1, x, ones);
-    for (int32_t n = 0; n < W; ++n, x -= dx) {
-        a.step(r0, x, p1, ones);
-        b.step(r1, x, p1, ones);
-    }
-}
-
-// Four rows side by side up to D = 24: two rows leave about half of each
-// pixel's wait exposed.
-template <int kD>
-void chainRows4_128(const AggregationRow* rows) {
-    const __m128i p1 = _mm_set1_epi8(static_cast<char>(rows[0].smallPenalty));
-    const __m128i ones = _mm_set1_epi8(-1);
-    const int32_t W = rows[0].width, dx = rows[0].dx;
-    int32_t x = dx < 0 ? 0 : W - 1;
-    Chain128<kD> a, b, c, d;
-    a.start(&rows[0], x, ones);
-    b.start(&rows[1], x, ones);
-    c.start(&rows[2], x, ones);
-    d.start(&rows[3], x, ones);
-    for (int32_t n = 0; n < W; ++n, x -= dx) {
-        a.step(&rows[0], x, p1, ones);
-        b.step(&rows[1], x, p1, ones);
-        c.step(&rows[2], x, p1, ones);
-        d.step(&rows[3], x, p1, ones);
-    }
-}
-
 // Two rows in one 256-bit register up to D = 24: row A's 16-byte chunks in
 // the low half, row B's in the high half. alignr, the byte arithmetic and
 // the unpacks work within the halves, so the two rows cost one instruction
-// where Chain128 spends one per row; only the loads, stores and sums go per
-// row. Part chunks (8 slots) hold 255 in bytes 8 to 15 of each half, as in
-// Chain128. The per-row minimum becomes a serial in-half reduction (about
-// nine steps), so a pair pays off only with enough pairs beside it: one or
-// two pairs were slower than Chain128's two or four rows; four pairs (the
-// eight-row form) take about a third less time than two four-row calls.
+// where the 16-byte chain spends one per row; only the loads, stores and
+// sums go per row. Part chunks (8 slots) hold 255 in bytes 8 to 15 of each
+// half, as in the 16-byte chain. The per-row minimum becomes a serial
+// in-half reduction (about nine steps), so a pair pays off only with enough
+// pairs beside it: one or two pairs were slower than the 16-byte chain's two
+// or four rows; four pairs (the eight-row form) take about a third less
+// time than two four-row calls.
 inline __m256i loadPair16(const uint8_t* a, const uint8_t* b) {
     return _mm256_inserti128_si256(_mm256_castsi128_si256(load16(a)), load16(b), 1);
 }
@@ -643,7 +564,7 @@ template <int kD>
 struct ChainRowK {
     static void run(const AggregationRow* r) {
         if constexpr (kD <= 24) {
-            chainRow128<kD>(r);
+            AggX86_chainRow<kD, Finish128>(r);
         } else {
             chainRow<kD>(r);
         }
@@ -653,7 +574,7 @@ template <int kD>
 struct ChainRows2K {
     static void run(const AggregationRow* r0, const AggregationRow* r1) {
         if constexpr (kD <= 24) {
-            chainRows2_128<kD>(r0, r1);
+            AggX86_chainRows2<kD, Finish128>(r0, r1);
         } else {
             chainRows2<kD>(r0, r1);
         }
@@ -676,9 +597,9 @@ void chainRows2_avx2(const AggregationRow* r0, const AggregationRow* r1) {
 // pairs.
 void chainRows4_avx2(const AggregationRow* rows) {
     switch (rows[0].numDisparities) {
-        case 8: return chainRows4_128<8>(rows);
-        case 16: return chainRows4_128<16>(rows);
-        case 24: return chainRows4_128<24>(rows);
+        case 8: return AggX86_chainRows4<8, Finish128>(rows);
+        case 16: return AggX86_chainRows4<16, Finish128>(rows);
+        case 24: return AggX86_chainRows4<24, Finish128>(rows);
         default:
             chainRows2_avx2(&rows[0], &rows[1]);
             chainRows2_avx2(&rows[2], &rows[3]);

@@ -5,6 +5,7 @@
 #include <smmintrin.h>
 
 #include "stereo/sgm_aggregation.h"
+#include "stereo/sgm_aggregation_x86.h"
 
 namespace vq_tl {
 
@@ -15,22 +16,6 @@ inline __m128i load8(const uint8_t* p) { return _mm_loadl_epi64(reinterpret_cast
 inline void store16(uint8_t* p, __m128i v) { _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v); }
 inline void store8(uint8_t* p, __m128i v) { _mm_storel_epi64(reinterpret_cast<__m128i*>(p), v); }
 
-// The wrapping byte arithmetic of the scalar form: add_epi8 wraps as the
-// uint8_t casts do, min_epu8 is the unsigned min.
-inline __m128i update(__m128i left, __m128i right, __m128i same, __m128i cost, __m128i p1, __m128i p2) {
-    const __m128i a = _mm_min_epu8(left, right);
-    const __m128i b = _mm_min_epu8(_mm_add_epi8(a, p1), p2);
-    return _mm_add_epi8(_mm_min_epu8(b, same), cost);
-}
-
-// The smallest byte of v in every byte: the low byte of each word becomes
-// the smaller of the word's two bytes and the high byte 0, then minpos finds
-// the smallest word.
-inline __m128i minAll(__m128i v) {
-    const __m128i pairs = _mm_min_epu8(v, _mm_srli_epi16(v, 8));
-    return _mm_shuffle_epi8(_mm_minpos_epu16(pairs), _mm_setzero_si128());
-}
-
 // Eight slots (the low bytes of o) into the 16-bit sums.
 inline void sum8(uint16_t* A, __m128i o, bool add) {
     __m128i w = _mm_cvtepu8_epi16(o);
@@ -40,24 +25,26 @@ inline void sum8(uint16_t* A, __m128i o, bool add) {
 
 // Stores the D slots of one pixel (chunks o) and adds them to the sums.
 template <int kD>
-inline void finish(const AggregationRow* r, int32_t x, const __m128i* o) {
-    constexpr int kFull = kD / 16;
-    uint8_t* out = r->out + static_cast<intptr_t>(x) * (kD + 1);
-    for (int i = 0; i < kFull; ++i) store16(out + 16 * i, o[i]);
-    if (kD % 16 != 0) store8(out + 16 * kFull, o[kFull]);
-    if (r->sumMode == AGG_SUM_NONE) return;
-    const bool add = r->sumMode == AGG_SUM_ADD;
-    uint16_t* A = r->sum + static_cast<intptr_t>(x) * (kD + 2);
-    for (int i = 0; i < kFull; ++i) {
-        sum8(A + 16 * i, o[i], add);
-        sum8(A + 16 * i + 8, _mm_srli_si128(o[i], 8), add);
+struct Finish {
+    static void run(const AggregationRow* r, int32_t x, const __m128i* o) {
+        constexpr int kFull = kD / 16;
+        uint8_t* out = r->out + static_cast<intptr_t>(x) * (kD + 1);
+        for (int i = 0; i < kFull; ++i) store16(out + 16 * i, o[i]);
+        if (kD % 16 != 0) store8(out + 16 * kFull, o[kFull]);
+        if (r->sumMode == AGG_SUM_NONE) return;
+        const bool add = r->sumMode == AGG_SUM_ADD;
+        uint16_t* A = r->sum + static_cast<intptr_t>(x) * (kD + 2);
+        for (int i = 0; i < kFull; ++i) {
+            sum8(A + 16 * i, o[i], add);
+            sum8(A + 16 * i + 8, _mm_srli_si128(o[i], 8), add);
+        }
+        if (kD % 16 != 0) sum8(A + 16 * kFull, o[kFull], add);
+        if (r->pads != 0) {
+            A[-1] = A[1];
+            A[kD] = A[kD - 2];
+        }
     }
-    if (kD % 16 != 0) sum8(A + 16 * kFull, o[kFull], add);
-    if (r->pads != 0) {
-        A[-1] = A[1];
-        A[kD] = A[kD - 2];
-    }
-}
+};
 
 template <int kD>
 void crossRow(const AggregationRow* r) {
@@ -72,104 +59,35 @@ void crossRow(const AggregationRow* r) {
         __m128i mn = ones;
         for (int i = 0; i < kFull; ++i) {
             const uint8_t* s = q + 16 * i;
-            l[i] = update(load16(s - 1), load16(s + 1), load16(s), load16(c + 16 * i), p1, p2);
+            l[i] = AggX86_update(load16(s - 1), load16(s + 1), load16(s), load16(c + 16 * i), p1, p2);
             mn = _mm_min_epu8(mn, l[i]);
         }
         if (kD % 16 != 0) {
             // The 8-byte loads read exactly the scalar form's bytes; the
             // upper lanes are kept out of the minimum.
             const uint8_t* s = q + 16 * kFull;
-            l[kFull] = update(load8(s - 1), load8(s + 1), load8(s), load8(c + 16 * kFull), p1, p2);
+            l[kFull] = AggX86_update(load8(s - 1), load8(s + 1), load8(s), load8(c + 16 * kFull), p1, p2);
             mn = _mm_min_epu8(mn, _mm_unpacklo_epi64(l[kFull], ones));
         }
-        const __m128i m = minAll(mn);
+        const __m128i m = AggX86_minAll(mn);
         for (int i = 0; i < kN; ++i) l[i] = _mm_sub_epi8(l[i], m);
-        finish<kD>(r, x, l);
+        Finish<kD>::run(r, x, l);
     }
 }
-
-// Chain rows keep the previous pixel's slots in registers, with 255 in the
-// lanes past slot D - 1 (the separator the scalar form reads at slot D), so
-// that the neighbours are byte shifts across the chunks. Each pixel waits for
-// the minimum of the one before, so two rows go side by side where the
-// caller has them.
-template <int kD>
-struct Chain {
-    static constexpr int kFull = kD / 16, kN = (kD + 15) / 16;
-    __m128i v[kN];
-
-    void start(const AggregationRow* r, int32_t x, __m128i ones) {
-        const uint8_t* q = r->out + static_cast<intptr_t>(x + r->dx) * (kD + 1);
-        for (int i = 0; i < kFull; ++i) v[i] = load16(q + 16 * i);
-        if (kD % 16 != 0) v[kFull] = _mm_unpacklo_epi64(load8(q + 16 * kFull), ones);
-    }
-
-    void step(const AggregationRow* r, int32_t x, __m128i p1, __m128i ones) {
-        const uint8_t* c = r->cost + static_cast<intptr_t>(x) * kD;
-        const __m128i p2 = _mm_set1_epi8(static_cast<char>(r->p2[x * r->p2Step]));
-        __m128i l[kN];
-        __m128i mn = ones;
-        for (int i = 0; i < kN; ++i) {
-            const __m128i left = _mm_alignr_epi8(v[i], i == 0 ? ones : v[i - 1], 15);
-            const __m128i right = _mm_alignr_epi8(i + 1 < kN ? v[i + 1] : ones, v[i], 1);
-            const __m128i cost = i < kFull ? load16(c + 16 * i) : load8(c + 16 * i);
-            l[i] = update(left, right, v[i], cost, p1, p2);
-            mn = _mm_min_epu8(mn, i < kFull ? l[i] : _mm_unpacklo_epi64(l[i], ones));
-        }
-        const __m128i m = minAll(mn);
-        for (int i = 0; i < kN; ++i) {
-            v[i] = _mm_sub_epi8(l[i], m);
-            if (i == kFull) v[i] = _mm_unpacklo_epi64(v[i], ones);
-        }
-        finish<kD>(r, x, v);
-    }
-};
 
 template <int kD>
 void chainRow(const AggregationRow* r) {
-    const __m128i p1 = _mm_set1_epi8(static_cast<char>(r->smallPenalty));
-    const __m128i ones = _mm_set1_epi8(-1);
-    const int32_t W = r->width, dx = r->dx;
-    int32_t x = dx < 0 ? 0 : W - 1;
-    Chain<kD> a;
-    a.start(r, x, ones);
-    for (int32_t n = 0; n < W; ++n, x -= dx) a.step(r, x, p1, ones);
+    AggX86_chainRow<kD, Finish>(r);
 }
-
 template <int kD>
 void chainRows2(const AggregationRow* r0, const AggregationRow* r1) {
-    const __m128i p1 = _mm_set1_epi8(static_cast<char>(r0->smallPenalty));
-    const __m128i ones = _mm_set1_epi8(-1);
-    const int32_t W = r0->width, dx = r0->dx;
-    int32_t x = dx < 0 ? 0 : W - 1;
-    Chain<kD> a, b;
-    a.start(r0, x, ones);
-    b.start(r1, x, ones);
-    for (int32_t n = 0; n < W; ++n, x -= dx) {
-        a.step(r0, x, p1, ones);
-        b.step(r1, x, p1, ones);
-    }
+    AggX86_chainRows2<kD, Finish>(r0, r1);
 }
-
 // Four rows side by side up to D = 24 (two chunks a row, eight registers of
 // state); above that the state would not fit the 16 registers, so two pairs.
 template <int kD>
 void chainRows4(const AggregationRow* rows) {
-    const __m128i p1 = _mm_set1_epi8(static_cast<char>(rows[0].smallPenalty));
-    const __m128i ones = _mm_set1_epi8(-1);
-    const int32_t W = rows[0].width, dx = rows[0].dx;
-    int32_t x = dx < 0 ? 0 : W - 1;
-    Chain<kD> a, b, c, d;
-    a.start(&rows[0], x, ones);
-    b.start(&rows[1], x, ones);
-    c.start(&rows[2], x, ones);
-    d.start(&rows[3], x, ones);
-    for (int32_t n = 0; n < W; ++n, x -= dx) {
-        a.step(&rows[0], x, p1, ones);
-        b.step(&rows[1], x, p1, ones);
-        c.step(&rows[2], x, p1, ones);
-        d.step(&rows[3], x, p1, ones);
-    }
+    AggX86_chainRows4<kD, Finish>(rows);
 }
 
 // --- Guided penalties: 16 pixels per step ----------------------------------

@@ -11,7 +11,7 @@ namespace vq_tl {
 uint32_t Cpu_getCompiledFeatures() {
     uint32_t compiled = 0;
 #if defined(VQ_TL_KERNELS_X86)
-    compiled |= kCpuSse41 | kCpuAvx2;
+    compiled |= kCpuSse41 | kCpuAvx2 | kCpuAvx512;
 #endif
 #if defined(VQ_TL_KERNELS_NEON)
     compiled |= kCpuNeon;
@@ -26,6 +26,11 @@ uint32_t Cpu_detectFeatures() {
     if (__builtin_cpu_supports("sse4.1")) found |= kCpuSse41;
     // The runtime's answer for AVX2 includes the OS's saving of the ymm state.
     if ((found & kCpuSse41) != 0 && __builtin_cpu_supports("avx2")) found |= kCpuAvx2;
+    // Likewise the zmm and mask state for the AVX-512 sets.
+    if ((found & kCpuAvx2) != 0 && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+        __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512bitalg") &&
+        __builtin_cpu_supports("avx512vbmi"))
+        found |= kCpuAvx512;
 #endif
 #if defined(VQ_TL_KERNELS_NEON)
 #if defined(__aarch64__)

@@ -19,6 +19,9 @@ namespace vq_tl {
 constexpr uint32_t kCpuSse41 = 1u << 0;  // x86-64: SSE2 to SSE4.1
 constexpr uint32_t kCpuAvx2 = 1u << 1;   // x86-64: AVX2 with the OS saving its registers
 constexpr uint32_t kCpuNeon = 1u << 2;   // 32- and 64-bit Arm: Advanced SIMD
+// x86-64: AVX-512 F, BW and VL with BITALG (byte popcounts) and VBMI (byte
+// permutes), with the OS saving its registers; chosen only with AVX2.
+constexpr uint32_t kCpuAvx512 = 1u << 3;
 
 // The sets this build holds variants for.
 uint32_t Cpu_getCompiledFeatures();

@@ -128,9 +128,9 @@ const AggregationKernels* AggregationKernels_get();
 // The vector forms' dispatch over the candidate count: K<kD>::run(args...)
 // for D = 8 to 64, `fallback` for any other D. Instantiated only with an
 // instruction-set file's own K, so no copy compiled with one set's flags is
-// shared with another.
+// shared with another (static: see SgmCost_byRows in sgm_cost.h).
 template <template <int> class K, typename... Args>
-void Aggregation_byCandidates(int32_t D, void (*fallback)(Args...), Args... args) {
+static void Aggregation_byCandidates(int32_t D, void (*fallback)(Args...), Args... args) {
     switch (D) {
         case 8: return K<8>::run(args...);
         case 16: return K<16>::run(args...);

@@ -102,6 +102,8 @@ void SgmCostKernels_fill(SgmCostKernels* table, uint32_t features) {
 #if defined(VQ_TL_KERNELS_X86)
     if ((features & kCpuSse41) != 0) SgmCostKernels_addSse41(table);
     if ((features & kCpuSse41) != 0 && (features & kCpuAvx2) != 0) SgmCostKernels_addAvx2(table);
+    if ((features & kCpuSse41) != 0 && (features & kCpuAvx2) != 0 && (features & kCpuAvx512) != 0)
+        SgmCostKernels_addAvx512(table);
 #endif
 #if defined(VQ_TL_KERNELS_NEON)
     if ((features & kCpuNeon) != 0) SgmCostKernels_addNeon(table);

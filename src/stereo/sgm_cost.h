@@ -40,11 +40,13 @@ const SgmCostKernels* SgmCostKernels_get();
 
 // The vector forms' row kernel from K<kRows>::run, K a template of each
 // instruction-set file: row windows 1 to 9 unrolled, any other count in the
-// loop form (kRows 0). Instantiated only with those files' own K, so no copy
-// compiled with one set's instructions is shared with another.
+// loop form (kRows 0). Static, so that each file keeps its own copy: GCC
+// gives an instantiation whose template template argument comes from an
+// unnamed namespace vague linkage, and the linker would keep one set's copy
+// for all of them.
 template <template <int> class K>
-void SgmCost_byRows(uint8_t* out, const uint8_t* base, const uint8_t* const* match, int32_t rows,
-                    const uint8_t* mask, int32_t D, int32_t dLow, int32_t x0, int32_t x1) {
+static void SgmCost_byRows(uint8_t* out, const uint8_t* base, const uint8_t* const* match, int32_t rows,
+                           const uint8_t* mask, int32_t D, int32_t dLow, int32_t x0, int32_t x1) {
     switch (rows) {
         case 1: return K<1>::run(out, base, match, rows, mask, D, dLow, x0, x1);
         case 3: return K<3>::run(out, base, match, rows, mask, D, dLow, x0, x1);
@@ -58,13 +60,14 @@ void SgmCost_byRows(uint8_t* out, const uint8_t* base, const uint8_t* const* mat
 // The vector forms' entries: H8 and H32, the byte-word and 32-bit-word row
 // kernel templates of one instruction-set file, through SgmCost_byRows.
 template <template <int> class H8, template <int> class H32>
-void SgmCost_setByRows(SgmCostKernels* table) {
+static void SgmCost_setByRows(SgmCostKernels* table) {
     table->hamming8 = SgmCost_byRows<H8>;
     table->hamming32 = SgmCost_byRows<H32>;
 }
 
 void SgmCostKernels_addSse41(SgmCostKernels* table);
 void SgmCostKernels_addAvx2(SgmCostKernels* table);
+void SgmCostKernels_addAvx512(SgmCostKernels* table);
 void SgmCostKernels_addNeon(SgmCostKernels* table);
 
 }  // namespace vq_tl

@@ -129,9 +129,11 @@ const std::vector<Variant>& Check_variants() {
     static const std::vector<Variant> variants = [] {
         std::vector<Variant> v;
         const uint32_t have = vq_tl::Cpu_getFeatures();
-        using vq_tl::kCpuAvx2, vq_tl::kCpuNeon, vq_tl::kCpuSse41;
+        using vq_tl::kCpuAvx2, vq_tl::kCpuAvx512, vq_tl::kCpuNeon, vq_tl::kCpuSse41;
         if ((have & kCpuSse41) != 0) v.push_back({"sse41", kCpuSse41});
         if ((have & kCpuSse41) != 0 && (have & kCpuAvx2) != 0) v.push_back({"avx2", kCpuSse41 | kCpuAvx2});
+        if ((have & kCpuSse41) != 0 && (have & kCpuAvx2) != 0 && (have & kCpuAvx512) != 0)
+            v.push_back({"avx512", kCpuSse41 | kCpuAvx2 | kCpuAvx512});
         if ((have & kCpuNeon) != 0) v.push_back({"neon", kCpuNeon});
         return v;
     }();

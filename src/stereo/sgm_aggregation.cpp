@@ -150,6 +150,8 @@ void AggregationKernels_fill(AggregationKernels* table, uint32_t features) {
 #if defined(VQ_TL_KERNELS_X86)
     if ((features & kCpuSse41) != 0) AggregationKernels_addSse41(table);
     if ((features & kCpuSse41) != 0 && (features & kCpuAvx2) != 0) AggregationKernels_addAvx2(table);
+    if ((features & kCpuSse41) != 0 && (features & kCpuAvx2) != 0 && (features & kCpuAvx512) != 0)
+        AggregationKernels_addAvx512(table);
 #endif
 #if defined(VQ_TL_KERNELS_NEON)
     if ((features & kCpuNeon) != 0) AggregationKernels_addNeon(table);

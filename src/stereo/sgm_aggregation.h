@@ -146,6 +146,7 @@ static void Aggregation_byCandidates(int32_t D, void (*fallback)(Args...), Args.
 
 void AggregationKernels_addSse41(AggregationKernels* table);
 void AggregationKernels_addAvx2(AggregationKernels* table);
+void AggregationKernels_addAvx512(AggregationKernels* table);
 void AggregationKernels_addNeon(AggregationKernels* table);
 
 }  // namespace vq_tl

@@ -60,8 +60,6 @@ struct V512 {
     static T permute(T index, T v) { return _mm512_maskz_permutexvar_epi8(~__mmask64{0}, index, v); }
 };
 
-constexpr int32_t kPlanePrefetch = 3072;
-
 // D + 2 <= V::kBytes.
 template <class V>
 void sumPixels(const AggregationPlaneSum* r) {
@@ -79,10 +77,6 @@ void sumPixels(const AggregationPlaneSum* r) {
     // x * E + kB - 1, within the row's W * E entries.
     for (; x < W && x * S + kB <= (W - 1) * S + D && x * E + kB <= W * E; ++x) {
         const intptr_t off = static_cast<intptr_t>(x) * S;
-        // The planes come from memory: ask for each about 3 KB ahead (a
-        // prefetch past a row is harmless).
-        for (int32_t i = 0; i < n; ++i)
-            _mm_prefetch(reinterpret_cast<const char*>(r->planes[i] + off + kPlanePrefetch), _MM_HINT_T0);
         T s = V::load(r->planes[0] + off);
         for (int32_t i = 1; i < n; ++i) s = V::add(s, V::load(r->planes[i] + off));
         V::store(out + static_cast<intptr_t>(x) * E, V::permute(index, s));

@@ -13,27 +13,13 @@
 
 #include <cstdint>
 
-// GCC 12's AVX-512 intrinsics pass an undefined register as the unused
-// source of their masked builtins, which its maybe-uninitialized analysis
-// reports once inlined.
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#endif
-
 #include "stereo/sgm_aggregation.h"
+#include "stereo/sgm_avx512.h"
 
 namespace vq_tl {
 
 namespace {
 
-// The low n bits set, n 0 to 64.
-inline __mmask64 lowBits(int32_t n) {
-    return n >= 64 ? ~__mmask64{0} : n <= 0 ? __mmask64{0} : (__mmask64{1} << n) - 1;
-}
-
-// The byte permutes go through the zero-masking forms: the plain
-// intrinsics' undefined source trips GCC 12's maybe-uninitialized warning,
-// and the all-ones masks cost nothing.
 struct V256 {
     using T = __m256i;
     static constexpr int32_t kBytes = 32;
@@ -46,7 +32,7 @@ struct V256 {
         _mm256_mask_storeu_epi8(p, static_cast<__mmask32>(m), v);
     }
     static T add(T a, T b) { return _mm256_add_epi8(a, b); }
-    static T permute(T index, T v) { return _mm256_maskz_permutexvar_epi8(~__mmask32{0}, index, v); }
+    static T permute(T index, T v) { return _mm256_permutexvar_epi8(index, v); }
 };
 
 struct V512 {
@@ -57,7 +43,7 @@ struct V512 {
     static void store(uint8_t* p, T v) { _mm512_storeu_si512(reinterpret_cast<void*>(p), v); }
     static void store(uint8_t* p, T v, __mmask64 m) { _mm512_mask_storeu_epi8(p, m, v); }
     static T add(T a, T b) { return _mm512_add_epi8(a, b); }
-    static T permute(T index, T v) { return _mm512_maskz_permutexvar_epi8(~__mmask64{0}, index, v); }
+    static T permute(T index, T v) { return vq_tl::permute(index, v); }
 };
 
 // D + 2 <= V::kBytes.
@@ -91,8 +77,7 @@ void sumPixels(const AggregationPlaneSum* r) {
 }
 
 inline uint8_t byteAt(__m512i v, int32_t i) {
-    return static_cast<uint8_t>(_mm512_cvtsi512_si32(
-        _mm512_maskz_permutexvar_epi8(~__mmask64{0}, _mm512_set1_epi8(static_cast<char>(i)), v)));
+    return static_cast<uint8_t>(_mm512_cvtsi512_si32(permute(_mm512_set1_epi8(static_cast<char>(i)), v)));
 }
 
 void sumU8_avx512(const AggregationPlaneSum* r) {

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 
+#include "stereo/sgm_avx512.h"
 #include "stereo/sgm_cost.h"
 
 namespace vq_tl {
@@ -39,18 +40,6 @@ constexpr IndexTables makeIndexTables() {
 }
 
 alignas(64) constexpr IndexTables kIndex = makeIndexTables();
-
-// The low n bits set, n 0 to 64.
-inline __mmask64 lowBits(int32_t n) {
-    return n >= 64 ? ~__mmask64{0} : n <= 0 ? __mmask64{0} : (__mmask64{1} << n) - 1;
-}
-
-// vpermb; through the zero-masking form, whose all-ones mask the compiler
-// drops, because the plain intrinsic's undefined source trips GCC 12's
-// maybe-uninitialized warning.
-inline __m512i permute(__m512i index, __m512i v) {
-    return _mm512_maskz_permutexvar_epi8(~__mmask64{0}, index, v);
-}
 
 inline __m512i loadIndex(const uint8_t* p) { return _mm512_load_si512(reinterpret_cast<const void*>(p)); }
 

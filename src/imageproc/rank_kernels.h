@@ -19,7 +19,8 @@ namespace vq_tl {
 
 // Elements x0 to x1 - 1 of one row: the fifth of the nine bytes at i - step,
 // i, i + step of the rows above, at and below. x0 >= step, and x1 + step is at
-// most the row's element count.
+// most the row's element count. out overlaps none of the input rows (the
+// vector forms end a row with one block backed off to end at x1).
 using Median3x3U8RowFn = void (*)(uint8_t* out, const uint8_t* above, const uint8_t* at, const uint8_t* below,
                                   int32_t step, int32_t x0, int32_t x1);
 
@@ -48,8 +49,7 @@ void RankKernels_median3x3Row(uint8_t* out, const uint8_t* above, const uint8_t*
                               int32_t step, int32_t x0, int32_t x1) {
     using Reg = typename V::Reg;
     const auto median3 = [](Reg a, Reg b, Reg c) { return V::max(V::min(a, b), V::min(V::max(a, b), c)); };
-    int32_t i = x0;
-    for (; i + V::kLanes <= x1; i += V::kLanes) {
+    const auto block = [&](int32_t i) {
         Reg lo[3], mid[3], hi[3];
         for (int32_t c = 0; c < 3; ++c) {
             const int32_t j = i + (c - 1) * step;
@@ -63,8 +63,13 @@ void RankKernels_median3x3Row(uint8_t* out, const uint8_t* above, const uint8_t*
         const Reg m = median3(mid[0], mid[1], mid[2]);
         const Reg h = V::min(V::min(hi[0], hi[1]), hi[2]);
         V::store(out + i, median3(l, m, h));
-    }
-    median3x3U8Row_c(out, above, at, below, step, i, x1);
+    };
+    if (x1 - x0 < V::kLanes) return median3x3U8Row_c(out, above, at, below, step, x0, x1);
+    int32_t i = x0;
+    for (; i + V::kLanes <= x1; i += V::kLanes) block(i);
+    // The last few elements by one more block ending at x1: cheaper than the
+    // scalar network over up to kLanes - 1 of them.
+    if (i < x1) block(x1 - V::kLanes);
 }
 
 void RankKernels_addAvx2(RankKernels* table);

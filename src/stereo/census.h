@@ -18,6 +18,8 @@ namespace vq_tl {
 // i in 0..2R (R = 1 or 2), and x0 >= R, x1 <= width - R.
 using Census3x3RowFn = void (*)(uint8_t* out, const uint8_t* const* rows, int32_t x0, int32_t x1);
 using Census5x5RowFn = void (*)(uint32_t* out, const uint8_t* const* rows, int32_t x0, int32_t x1);
+// (out never overlaps the view's rows: the vector forms end a row with one
+// step backed off to end at x1, writing some pixels twice.)
 
 struct CensusKernels {
     Census3x3RowFn census3x3;
@@ -61,24 +63,32 @@ inline typename V::Reg Census_byte(const V& v, const uint8_t* const* rows, int32
 template <class V>
 void Census_3x3Row(uint8_t* out, const uint8_t* const* rows, int32_t x0, int32_t x1) {
     const V v;
-    int32_t x = x0;
-    for (; x + V::kLanes <= x1; x += V::kLanes)
+    const auto block = [&](int32_t x) {
         v.store(out + x, Census_byte<1>(v, rows, x, 0, v.load(rows[1] + x)));
-    census3x3Row_c(out, rows, x, x1);
+    };
+    if (x1 - x0 < V::kLanes) return census3x3Row_c(out, rows, x0, x1);
+    int32_t x = x0;
+    for (; x + V::kLanes <= x1; x += V::kLanes) block(x);
+    // The last few pixels by one more block ending at x1: the scalar loop
+    // over up to kLanes - 1 pixels costs about as much as a whole block of
+    // the row's vector work.
+    if (x < x1) block(x1 - V::kLanes);
 }
 
 template <class V>
 void Census_5x5Row(uint32_t* out, const uint8_t* const* rows, int32_t x0, int32_t x1) {
     const V v;
-    int32_t x = x0;
-    for (; x + V::kLanes <= x1; x += V::kLanes) {
+    const auto block = [&](int32_t x) {
         const typename V::Reg c = v.load(rows[2] + x);
         const typename V::Reg hi = Census_byte<2>(v, rows, x, 0, c);
         const typename V::Reg mid = Census_byte<2>(v, rows, x, 8, c);
         const typename V::Reg low = Census_byte<2>(v, rows, x, 16, c);
         v.storeWords(out + x, hi, mid, low);
-    }
-    census5x5Row_c(out, rows, x, x1);
+    };
+    if (x1 - x0 < V::kLanes) return census5x5Row_c(out, rows, x0, x1);
+    int32_t x = x0;
+    for (; x + V::kLanes <= x1; x += V::kLanes) block(x);
+    if (x < x1) block(x1 - V::kLanes);
 }
 
 template <class V>

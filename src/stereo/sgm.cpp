@@ -34,6 +34,17 @@ bool isImage(const Image* i, uint32_t format) {
 
 bool hasSize(const Image* i, int32_t w, int32_t h) { return i->width == w && i->height == h; }
 
+// The plane sums of the parallel shape left for the winners to make row by
+// row (pending), so that each row of the volume is used while in cache.
+struct PendingSum {
+    SgmPathSum sum;
+    bool pending;
+};
+
+TLResult aggregateVolume(Sgm* sgm, Image* aggregated, const Image* costVolume, const Image* guide,
+                         int32_t useGuide, uint8_t numDisparities, uint32_t smallPenalty,
+                         uint32_t largePenalty, PendingSum* pending);
+
 // Work images of one call, released together on every path.
 struct Temps {
     Image image[6];
@@ -79,21 +90,49 @@ struct WinnerJob {
 };
 
 template <typename Out, bool kMatch>
+void winnerRow(const WinnerJob& j, const SgmSelectKernels* t, int32_t y) {
+    const uint8_t* row = j.aggregated + static_cast<intptr_t>(j.aggregatedPitch) * y;
+    Out* out = reinterpret_cast<Out*>(j.out + static_cast<intptr_t>(j.outPitch) * y);
+    if constexpr (sizeof(Out) == 1) {
+        const WinnerU8RowFn fn = kMatch ? t->matchU8[j.wide] : t->baseU8[j.wide];
+        fn(out, row, j.width, j.numDisparities, j.minDisparity, j.fractionBits, j.swapped, 0, j.width);
+    } else {
+        const WinnerF32RowFn fn = kMatch ? t->matchF32[j.wide] : t->baseF32[j.wide];
+        fn(out, row, j.width, j.numDisparities, j.minDisparity, j.subPixel, j.swapped, 0, j.width);
+    }
+}
+
+template <typename Out, bool kMatch>
 TLResult winnerStripe(void* arg, int32_t index, int32_t count) {
     const WinnerJob& j = *static_cast<const WinnerJob*>(arg);
     const SgmSelectKernels* t = SgmSelectKernels_get();
     int32_t y0, y1;
     ImageStripe_rows(j.height, index, count, &y0, &y1);
+    for (int32_t y = y0; y < y1; ++y) winnerRow<Out, kMatch>(j, t, y);
+    return TL_OK;
+}
+
+// The maps of a call, row by row: the pending plane sums of the row (if
+// any), then the base view's and the match view's winners (where present).
+// Each row of the volume is made and read while in cache: separate passes
+// over the volume (23 MB in mode 0) cost about 1 ms a call here for each
+// read from memory.
+struct MapsJob {
+    WinnerJob views[2];  // base, match
+    bool present[2];
+    const SgmPathSum* sum;  // null: the volume is complete
+};
+
+template <typename Out>
+TLResult mapsStripe(void* arg, int32_t index, int32_t count) {
+    const MapsJob& j = *static_cast<const MapsJob*>(arg);
+    const SgmSelectKernels* t = SgmSelectKernels_get();
+    int32_t y0, y1;
+    ImageStripe_rows(j.views[0].height, index, count, &y0, &y1);
     for (int32_t y = y0; y < y1; ++y) {
-        const uint8_t* row = j.aggregated + static_cast<intptr_t>(j.aggregatedPitch) * y;
-        Out* out = reinterpret_cast<Out*>(j.out + static_cast<intptr_t>(j.outPitch) * y);
-        if constexpr (sizeof(Out) == 1) {
-            const WinnerU8RowFn fn = kMatch ? t->matchU8[j.wide] : t->baseU8[j.wide];
-            fn(out, row, j.width, j.numDisparities, j.minDisparity, j.fractionBits, j.swapped, 0, j.width);
-        } else {
-            const WinnerF32RowFn fn = kMatch ? t->matchF32[j.wide] : t->baseF32[j.wide];
-            fn(out, row, j.width, j.numDisparities, j.minDisparity, j.subPixel, j.swapped, 0, j.width);
-        }
+        if (j.sum != nullptr) SgmCostAggregator_sumPathRows(j.sum, y, y + 1);
+        if (j.present[0]) winnerRow<Out, false>(j.views[0], t, y);
+        if (j.present[1]) winnerRow<Out, true>(j.views[1], t, y);
     }
     return TL_OK;
 }
@@ -242,14 +281,16 @@ TLResult checkMap(const Sgm* sgm, const Image* map, uint32_t format) {
 // aggregated volume on success.
 TLResult buildVolume(Sgm* sgm, Temps* temps, Image** aggregated, const Image* view1, const Image* view2,
                      const Image* mask, const Image* guide, uint8_t D, int8_t minDisparity, int32_t rowWindow,
-                     uint32_t smallPenalty, uint32_t largePenalty, int32_t useGuide, int32_t swapped) {
+                     uint32_t smallPenalty, uint32_t largePenalty, int32_t useGuide, int32_t swapped,
+                     PendingSum* pending) {
     const int32_t w = width(sgm), h = height(sgm);
     TLResult r = TL_OK;
     Image* cost = Temps_make(temps, w * D, h, IMAGE_FORMAT_UINT8, &r);
     *aggregated = Temps_make(temps, w * (D + 2), h,
                              sgm->censusMode == 0 ? IMAGE_FORMAT_UINT8 : IMAGE_FORMAT_UINT16, &r);
     if (r == TL_OK) r = Sgm_computeCost(sgm, cost, view1, view2, mask, D, minDisparity, rowWindow, swapped);
-    if (r == TL_OK) r = Sgm_aggregate(sgm, *aggregated, cost, guide, useGuide, D, smallPenalty, largePenalty);
+    if (r == TL_OK)
+        r = aggregateVolume(sgm, *aggregated, cost, guide, useGuide, D, smallPenalty, largePenalty, pending);
     return r;
 }
 
@@ -285,16 +326,43 @@ TLResult selectInto(Sgm* sgm, Image* map, const Image* aggregated, uint8_t D, in
     return ImageStripeExec_run(&exec, fn, &j, kBands);
 }
 
-// Both maps, base view first, each followed by the median in place.
-TLResult writeMaps(Sgm* sgm, const Image* aggregated, Image* disparity1, Image* disparity2, uint8_t D,
-                   int8_t minDisparity, int32_t fractionBits, int32_t subPixel, int32_t swapped) {
-    Image* base = swapped != 0 ? disparity1 : disparity2;
-    Image* match = swapped != 0 ? disparity2 : disparity1;
+// Whether the first planes of two images may share a byte (whole pitch rows
+// compared).
+bool planesOverlap(const Image* a, const Image* b) {
+    const auto end = [](const Image* i) {
+        return i->plane[0] + static_cast<intptr_t>(i->pitch[0]) * i->height;
+    };
+    return a->plane[0] < end(b) && b->plane[0] < end(a);
+}
+
+// Both maps, base view first, each followed by the median in place, after
+// the pending sums. Where the maps are apart (or one is absent) the sums and
+// both views' winners go in one pass before the medians: the same bytes,
+// since the winners read only the volume and each median only its own map.
+TLResult writeMaps(Sgm* sgm, Image* aggregated, const PendingSum* pending, Image* disparity1,
+                   Image* disparity2, uint8_t D, int8_t minDisparity, int32_t fractionBits, int32_t subPixel,
+                   int32_t swapped) {
+    Image* maps[2] = {swapped != 0 ? disparity1 : disparity2, swapped != 0 ? disparity2 : disparity1};
+    const bool apart = maps[0] == nullptr || maps[1] == nullptr || !planesOverlap(maps[0], maps[1]);
+    MapsJob j{};
+    j.sum = pending->pending ? &pending->sum : nullptr;
+    for (int32_t view = 0; view < 2; ++view) {
+        Image* map = maps[view] != nullptr ? maps[view] : maps[1 - view];
+        j.views[view] = winnerJob(sgm, aggregated, map, D, minDisparity, swapped);
+        j.views[view].fractionBits = fractionBits;
+        j.views[view].subPixel = subPixel;
+        j.present[view] = apart && maps[view] != nullptr;
+    }
+    const ImageStripeExec exec{sgm->pel, nullptr};
+    const Image* any = maps[0] != nullptr ? maps[0] : maps[1];
+    const ImageStripeFn fn = any->format == IMAGE_FORMAT_UINT8 ? mapsStripe<uint8_t> : mapsStripe<float>;
     TLResult r = TL_OK;
+    if (j.sum != nullptr || apart) r = ImageStripeExec_run(&exec, fn, &j, kBands);
     for (int32_t view = 0; view < 2 && r == TL_OK; ++view) {
-        Image* map = view == 0 ? base : match;
+        Image* map = maps[view];
         if (map == nullptr) continue;
-        r = selectInto(sgm, map, aggregated, D, minDisparity, fractionBits, subPixel, swapped, view == 1);
+        if (!apart)
+            r = selectInto(sgm, map, aggregated, D, minDisparity, fractionBits, subPixel, swapped, view == 1);
         if (r == TL_OK) r = ImageProc_filterMedian3x3(&sgm->imageProc, map, map, 0);
     }
     return r;
@@ -316,11 +384,12 @@ TLResult createDisparity(Sgm* sgm, Image* disparity1, Image* disparity2, const I
     Temps temps;
     Temps_construct(&temps, sgm->env);
     Image* aggregated = nullptr;
+    PendingSum pending{};
     r = buildVolume(sgm, &temps, &aggregated, view1, view2, mask, guide, D, minDisparity, rowWindow,
-                    smallPenalty, largePenalty, useGuide, swapped);
+                    smallPenalty, largePenalty, useGuide, swapped, &pending);
     if (r == TL_OK)
-        r = writeMaps(sgm, aggregated, disparity1, disparity2, D, minDisparity, fractionBits, subPixel,
-                      swapped);
+        r = writeMaps(sgm, aggregated, &pending, disparity1, disparity2, D, minDisparity, fractionBits,
+                      subPixel, swapped);
     Temps_release(&temps);
     return r;
 }
@@ -570,6 +639,15 @@ TLResult Sgm_makeRadialPenalty(Sgm* sgm, Image* penalty, uint8_t largePenalty, f
 TLResult Sgm_aggregate(Sgm* sgm, Image* aggregated, const Image* costVolume, const Image* guide,
                        int32_t useGuide, uint8_t numDisparities, uint32_t smallPenalty,
                        uint32_t largePenalty) {
+    return aggregateVolume(sgm, aggregated, costVolume, guide, useGuide, numDisparities, smallPenalty,
+                           largePenalty, nullptr);
+}
+
+namespace {
+
+TLResult aggregateVolume(Sgm* sgm, Image* aggregated, const Image* costVolume, const Image* guide,
+                         int32_t useGuide, uint8_t numDisparities, uint32_t smallPenalty,
+                         uint32_t largePenalty, PendingSum* pending) {
     if (sgm == nullptr || aggregated == nullptr || costVolume == nullptr) return TL_ERROR_PARAM;
     if (sgm->maxDisparities == 0) return TL_ERROR_STATE;
     const uint8_t D = numDisparities;
@@ -634,7 +712,13 @@ TLResult Sgm_aggregate(Sgm* sgm, Image* aggregated, const Image* costVolume, con
                     : SgmCostAggregator_aggregateParallel(&sgm->aggregator, &scratch, costVolume, bordered,
                                                           rowPenalty, D, p1, p2, paths);
         }
-        if (r == TL_OK) r = SgmCostAggregator_sumPaths(&sgm->aggregator, aggregated, &scratch, D, paths);
+        if (r == TL_OK && pending != nullptr) {
+            r = SgmCostAggregator_initPathSum(&sgm->aggregator, &pending->sum, aggregated, &scratch, D,
+                                              paths);
+            pending->pending = r == TL_OK;
+        } else if (r == TL_OK) {
+            r = SgmCostAggregator_sumPaths(&sgm->aggregator, aggregated, &scratch, D, paths);
+        }
     } else if (r == TL_OK) {
         // The two-row rings of the other shapes overwrite the first rows of
         // the planes, so a later parallel call lays them out again.
@@ -668,6 +752,8 @@ TLResult Sgm_aggregate(Sgm* sgm, Image* aggregated, const Image* costVolume, con
     Temps_release(&temps);
     return r;
 }
+
+}  // namespace
 
 TLResult Sgm_createDisparityU8(Sgm* sgm, Image* disparity1, Image* disparity2, const Image* view1,
                                const Image* view2, const Image* mask, const Image* guide,
@@ -724,7 +810,7 @@ TLResult Sgm_createDisparityAndConfidenceByPKRN(Sgm* sgm, Image* disparity, Imag
     Temps_construct(&temps, sgm->env);
     Image* aggregated = nullptr;
     r = buildVolume(sgm, &temps, &aggregated, view1, view2, mask, guide, D, minDisparity, rowWindow,
-                    smallPenalty, largePenalty, useGuide, swapped);
+                    smallPenalty, largePenalty, useGuide, swapped, nullptr);
     if (r == TL_OK) {
         WinnerJob j = winnerJob(sgm, aggregated, disparity, D, minDisparity, swapped);
         j.fractionBits = subPixel;

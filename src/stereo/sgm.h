@@ -81,7 +81,9 @@ TLResult Sgm_init(Sgm* sgm, int32_t width, int32_t height, uint32_t numDispariti
 
 // Disparity maps (UINT8) of both views; either may be null. The map of the
 // base view is written first, then that of the match view, each followed by
-// a 3x3 median in place. fractionBits 0 to 7. Penalties in units of a 5x5
+// a 3x3 median in place (where the two maps are apart, the volume's rows are
+// summed and both maps' winners found in one pass before the medians: the
+// same bytes, one read of the volume). fractionBits 0 to 7. Penalties in units of a 5x5
 // census bit. TL_ERROR_PARAM for round8(numDisparities) above 128 or above
 // the candidates of init, a bad row window, absent or mis-sized images;
 // TL_ERROR_UNSUPPORTED for maps that are not UINT8, views that are not UINT8,

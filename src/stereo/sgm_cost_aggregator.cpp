@@ -476,35 +476,11 @@ TLResult prepareStripe(void* arg, int32_t index, int32_t count) {
     return TL_OK;
 }
 
-struct SumArgs {
-    uint8_t* out;
-    int32_t outPitch;
-    const uint8_t* path;
-    int32_t pathPitch;
-    int32_t width, height, numDisparities;
-};
-
-template <int kPaths, bool kWide>
 TLResult sumStripe(void* arg, int32_t index, int32_t count) {
-    const SumArgs& j = *static_cast<const SumArgs*>(arg);
-    const int32_t D = j.numDisparities, S = D + 1;
-    const AggregationKernels* kernels = AggregationKernels_get();
-    const AggregationSumFn fn = kWide ? kernels->sumU16 : kernels->sumU8;
-    AggregationPlaneSum row{};
-    row.numPlanes = kPaths;
-    row.width = j.width;
-    row.numDisparities = D;
+    const SgmPathSum* sum = static_cast<const SgmPathSum*>(arg);
     int32_t first, last;
-    ImageStripe_rows(j.height, index, count, &first, &last);
-    for (int32_t y = first; y < last; ++y) {
-        for (int32_t i = 0; i < kPaths; ++i)
-            row.planes[i] =
-                j.path +
-                static_cast<intptr_t>(j.pathPitch) * (static_cast<intptr_t>(j.height + 1) * i + y + 1) + S +
-                1;
-        row.out = j.out + static_cast<intptr_t>(j.outPitch) * y;
-        fn(&row);
-    }
+    ImageStripe_rows(sum->height, index, count, &first, &last);
+    SgmCostAggregator_sumPathRows(sum, first, last);
     return TL_OK;
 }
 
@@ -668,9 +644,10 @@ TLResult SgmCostAggregator_aggregateSerialVariablePenalty(SgmCostAggregator* agg
     return aggregateSerial(aggregator, r);
 }
 
-TLResult SgmCostAggregator_sumPaths(SgmCostAggregator* aggregator, Image* aggregated, const Image* pathCosts,
-                                    uint8_t numDisparities, uint8_t numPaths) {
-    if (aggregator == nullptr) return TL_ERROR_PARAM;
+TLResult SgmCostAggregator_initPathSum(const SgmCostAggregator* aggregator, SgmPathSum* sum,
+                                       Image* aggregated, const Image* pathCosts, uint8_t numDisparities,
+                                       uint8_t numPaths) {
+    if (aggregator == nullptr || sum == nullptr) return TL_ERROR_PARAM;
     if (aggregator->width == 0) return TL_ERROR_STATE;
     const int32_t D = numDisparities;
     if (D == 0 || (D & 7) != 0 || (numPaths != 4 && numPaths != 8)) return TL_ERROR_PARAM;
@@ -682,23 +659,50 @@ TLResult SgmCostAggregator_sumPaths(SgmCostAggregator* aggregator, Image* aggreg
         pathCosts->width != SgmCostAggregator_getPathCostsWidth(static_cast<int32_t>(W), D) ||
         pathCosts->height < numPaths * (H + 1) + 1)
         return TL_ERROR_PARAM;
-    ImageStripeFn fn;
+    const AggregationKernels* kernels = AggregationKernels_get();
     if (aggregated->format == IMAGE_FORMAT_UINT8) {
-        fn = numPaths == 4 ? sumStripe<4, false> : sumStripe<8, false>;
+        sum->fn = kernels->sumU8;
     } else if (aggregated->format == IMAGE_FORMAT_UINT16) {
-        fn = numPaths == 4 ? sumStripe<4, true> : sumStripe<8, true>;
+        sum->fn = kernels->sumU16;
     } else {
         return TL_ERROR_UNSUPPORTED;
     }
-    SumArgs args{aggregated->plane[0],
-                 aggregated->pitch[0],
-                 pathCosts->plane[0],
-                 pathCosts->pitch[0],
-                 static_cast<int32_t>(W),
-                 static_cast<int32_t>(H),
-                 D};
+    sum->out = aggregated->plane[0];
+    sum->outPitch = aggregated->pitch[0];
+    sum->path = pathCosts->plane[0];
+    sum->pathPitch = pathCosts->pitch[0];
+    sum->width = static_cast<int32_t>(W);
+    sum->height = static_cast<int32_t>(H);
+    sum->numDisparities = D;
+    sum->numPaths = numPaths;
+    return TL_OK;
+}
+
+void SgmCostAggregator_sumPathRows(const SgmPathSum* sum, int32_t y0, int32_t y1) {
+    const int32_t D = sum->numDisparities, S = D + 1;
+    AggregationPlaneSum row{};
+    row.numPlanes = sum->numPaths;
+    row.width = sum->width;
+    row.numDisparities = D;
+    for (int32_t y = y0; y < y1; ++y) {
+        for (int32_t i = 0; i < sum->numPaths; ++i)
+            row.planes[i] =
+                sum->path +
+                static_cast<intptr_t>(sum->pathPitch) * (static_cast<intptr_t>(sum->height + 1) * i + y + 1) +
+                S + 1;
+        row.out = sum->out + static_cast<intptr_t>(sum->outPitch) * y;
+        sum->fn(&row);
+    }
+}
+
+TLResult SgmCostAggregator_sumPaths(SgmCostAggregator* aggregator, Image* aggregated, const Image* pathCosts,
+                                    uint8_t numDisparities, uint8_t numPaths) {
+    SgmPathSum sum;
+    const TLResult r =
+        SgmCostAggregator_initPathSum(aggregator, &sum, aggregated, pathCosts, numDisparities, numPaths);
+    if (r != TL_OK) return r;
     const ImageStripeExec exec{aggregator->pel, nullptr};
-    return ImageStripeExec_run(&exec, fn, &args, kBands);
+    return ImageStripeExec_run(&exec, sumStripe, &sum, kBands);
 }
 
 }  // namespace vq_tl

@@ -127,4 +127,22 @@ TLResult SgmCostAggregator_aggregateSerialVariablePenalty(SgmCostAggregator* agg
 TLResult SgmCostAggregator_sumPaths(SgmCostAggregator* aggregator, Image* aggregated, const Image* pathCosts,
                                     uint8_t numDisparities, uint8_t numPaths);
 
+// The sums of SgmCostAggregator_sumPaths row by row, for a driver that uses
+// each row right after it is made, while it is in cache: initPathSum checks
+// as sumPaths does (same codes) and fills `sum`; sumPathRows then writes
+// rows y0 to y1 - 1 on the calling thread (any threads, disjoint rows).
+struct AggregationPlaneSum;
+struct SgmPathSum {
+    uint8_t* out;
+    int32_t outPitch;
+    const uint8_t* path;
+    int32_t pathPitch;
+    int32_t width, height, numDisparities, numPaths;
+    void (*fn)(const AggregationPlaneSum* row);
+};
+TLResult SgmCostAggregator_initPathSum(const SgmCostAggregator* aggregator, SgmPathSum* sum,
+                                       Image* aggregated, const Image* pathCosts, uint8_t numDisparities,
+                                       uint8_t numPaths);
+void SgmCostAggregator_sumPathRows(const SgmPathSum* sum, int32_t y0, int32_t y1);
+
 }  // namespace vq_tl

@@ -242,6 +242,8 @@ void SgmSelectKernels_fill(SgmSelectKernels* table, uint32_t features) {
 #if defined(VQ_TL_KERNELS_X86)
     if ((features & kCpuSse41) != 0) SgmSelectKernels_addSse41(table);
     if ((features & kCpuSse41) != 0 && (features & kCpuAvx2) != 0) SgmSelectKernels_addAvx2(table);
+    if ((features & kCpuSse41) != 0 && (features & kCpuAvx2) != 0 && (features & kCpuAvx512) != 0)
+        SgmSelectKernels_addAvx512(table);
 #endif
 #if defined(VQ_TL_KERNELS_NEON)
     if ((features & kCpuNeon) != 0) SgmSelectKernels_addNeon(table);

@@ -78,6 +78,13 @@ const SgmSelectKernels* SgmSelectKernels_get();
 
 void SgmSelectKernels_addSse41(SgmSelectKernels* table);
 void SgmSelectKernels_addAvx2(SgmSelectKernels* table);
+void SgmSelectKernels_addAvx512(SgmSelectKernels* table);
+// The AVX2 forms of UINT8 volumes, which the AVX-512 forms take for the rows,
+// candidate counts and column runs they do not cover.
+void winnerBaseU8Row8_avx2(uint8_t* out, const uint8_t* row, int32_t width, int32_t D, int32_t minDisparity,
+                           int32_t fractionBits, int32_t swapped, int32_t x0, int32_t x1);
+void winnerMatchU8Row8_avx2(uint8_t* out, const uint8_t* row, int32_t width, int32_t D, int32_t minDisparity,
+                            int32_t fractionBits, int32_t swapped, int32_t x0, int32_t x1);
 void SgmSelectKernels_addNeon(SgmSelectKernels* table);
 
 }  // namespace vq_tl

@@ -263,14 +263,6 @@ void winnerBase8Blocks(uint8_t* out, const uint8_t* row, int32_t D, int32_t f, i
     }
 }
 
-void winnerBase8(uint8_t* out, const uint8_t* row, int32_t width, int32_t D, int32_t minDisparity, int32_t f,
-                 int32_t swapped, int32_t x0, int32_t x1) {
-    if (D < 16 || D > 128 || x1 - x0 < 32)
-        return winnerBase8Pairs(out, row, width, D, minDisparity, f, swapped, x0, x1);
-    if (swapped != 0) return winnerBase8Blocks<true>(out, row, D, f, x0, x1);
-    return winnerBase8Blocks<false>(out, row, D, f, x0, x1);
-}
-
 // Match view. Base pixel xb gives slot k to match column xb - c + k (c =
 // xb0 - x, the same for the whole row), so its D contiguous costs land on D
 // contiguous columns: a window of registers over columns xb - c to xb - c +
@@ -510,8 +502,18 @@ void matchEdge32(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int32
                swapped);
 }
 
-void winnerMatch8(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int32_t m, int32_t f,
-                  int32_t swapped, int32_t x0, int32_t x1) {
+}  // namespace
+
+void winnerBaseU8Row8_avx2(uint8_t* out, const uint8_t* row, int32_t width, int32_t D, int32_t minDisparity,
+                           int32_t f, int32_t swapped, int32_t x0, int32_t x1) {
+    if (D < 16 || D > 128 || x1 - x0 < 32)
+        return winnerBase8Pairs(out, row, width, D, minDisparity, f, swapped, x0, x1);
+    if (swapped != 0) return winnerBase8Blocks<true>(out, row, D, f, x0, x1);
+    return winnerBase8Blocks<false>(out, row, D, f, x0, x1);
+}
+
+void winnerMatchU8Row8_avx2(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int32_t m, int32_t f,
+                            int32_t swapped, int32_t x0, int32_t x1) {
     if (D < 16 || D > 64 || W < 32 || x1 - x0 < 32)
         return winnerMatch<uint8_t>(out, bytes, W, D, m, f, swapped, x0, x1);
     const int32_t c = swapped != 0 ? m + D - 1 : -m;
@@ -540,11 +542,9 @@ void winnerMatch8(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int3
         matchEdge32(out, bytes, W, D, c, f, swapped, xs < x1 - 32 ? xs : x1 - 32, buf);
 }
 
-}  // namespace
-
 void SgmSelectKernels_addAvx2(SgmSelectKernels* table) {
-    table->baseU8[0] = winnerBase8;
-    table->matchU8[0] = winnerMatch8;
+    table->baseU8[0] = winnerBaseU8Row8_avx2;
+    table->matchU8[0] = winnerMatchU8Row8_avx2;
     table->matchU8[1] = winnerMatch<uint16_t>;
 }
 

@@ -57,9 +57,11 @@ void checkWinner(CheckContext* ctx, const char* kernel, const Variant& v, Winner
     ++ctx->kernelsChecked;
     for (int32_t it = 0; it < ctx->iterations; ++it) {
         const int32_t D = 8 * CheckRandom_range(&ctx->random, 1, it % 5 == 0 ? 16 : 8);
-        // Wide rows reach the block forms' interiors (32 columns and more
-        // with every slot inside the row).
-        const int32_t width = CheckRandom_range(&ctx->random, 1, it % 2 == 0 ? 300 : 40);
+        // Wide rows reach the block forms' interiors (32 or 64 columns and
+        // more with every slot inside the row), the widest several blocks
+        // of the match view's buffer (384 to 512 columns).
+        const int32_t width =
+            CheckRandom_range(&ctx->random, 1, it % 4 == 0 ? 1200 : (it % 2 == 0 ? 300 : 40));
         GuardedPlane row, outRef, outVar;
         GuardedPlane_init(&row, width * (D + 2) * element, 1, element, &ctx->random);
         fillVolume(ctx, &row, element);

@@ -10,6 +10,8 @@
 #include <random>
 #include <vector>
 
+#include "imageproc/image_proc.h"
+#include "imageproc/rank_filter.h"
 #include "runtime/pel.h"
 #include "stereo/sgm.h"
 #include "stereo/sgm_cost_aggregator.h"
@@ -489,6 +491,35 @@ TEST(Sgm, RecoversPiecewisePlanarStereogram) {
                             e1.samePixels(d1) && e2.samePixels(d2))
                     << turn << " " << call;
             }
+        }
+        // One map at a time gives the same map as both together; one picture
+        // given as both ends as the match view's map (written second).
+        {
+            Picture e1(W, H, IMAGE_FORMAT_UINT8), e2(W, H, IMAGE_FORMAT_UINT8),
+                same(W, H, IMAGE_FORMAT_UINT8);
+            const auto run = [&](Image* a, Image* b) {
+                return Sgm_createDisparityU8(g, a, b, v1, v2, &mask.image, guide, c.D, m, c.window, c.f, 5,
+                                             40, 1, c.swapped);
+            };
+            EXPECT_TRUE(run(&e1.image, nullptr) == TL_OK && run(nullptr, &e2.image) == TL_OK &&
+                        run(&same.image, &same.image) == TL_OK);
+            EXPECT_TRUE(e1.samePixels(d1) && e2.samePixels(d2) && same.samePixels(c.swapped ? d2 : d1));
+            // The steps one at a time (the volume summed in its own pass, each view's winners in theirs,
+            // then the medians) give the same maps as the call that sums and selects row by row.
+            Picture cost(W * c.D, H, IMAGE_FORMAT_UINT8),
+                volume(W * (c.D + 2), H, c.mode == 0 ? IMAGE_FORMAT_UINT8 : IMAGE_FORMAT_UINT16);
+            Owned<ImageProc, construct_ImageProc, destruct_ImageProc> proc;
+            ASSERT_TRUE(ImageProc_init(&proc) == TL_OK &&
+                        Sgm_computeCost(g, &cost.image, v1, v2, &mask.image, c.D, m, c.window, c.swapped) ==
+                            TL_OK &&
+                        Sgm_aggregate(g, &volume.image, &cost.image, guide, 1, c.D, 5, 40) == TL_OK);
+            for (const int matchView : {0, 1}) {
+                Picture& step = (matchView != 0) == (c.swapped != 0) ? e2 : e1;
+                EXPECT_TRUE(Sgm_selectDisparity(g, &step.image, &volume.image, c.D, m, c.f, 0, c.swapped,
+                                                matchView) == TL_OK &&
+                            ImageProc_filterMedian3x3(&proc, &step.image, &step.image, 0) == TL_OK);
+            }
+            EXPECT_TRUE(e1.samePixels(d1) && e2.samePixels(d2));
         }
         Picture& map = c.swapped ? d1 : d2;
         // Columns whose every candidate lies inside the match view.

@@ -535,6 +535,12 @@ bool planeGeometry(int32_t width, uint32_t format, int64_t* rowBytes) {
 
 }  // namespace
 
+void RankFilter_median3x3RowU8(uint8_t* d, const uint8_t* above, const uint8_t* at, const uint8_t* below,
+                               int32_t width) {
+    // The byte rows take the row kernel, which needs no column scratch.
+    medianRow3x3<uint8_t, 1>(d, above, at, below, width, nullptr, nullptr, nullptr);
+}
+
 int32_t ImageProc_filterRank_getBufferSize(int32_t width, int32_t height, uint32_t format) {
     if (width < 1 || height < 1) return -1;
     int64_t rowBytes;

@@ -49,6 +49,12 @@ TLResult ImageProc2_filterMax3x3(ImageProc2* self, Image* dst, const Image* src,
 TLResult ImageProc2_filterMin3x3(ImageProc2* self, Image* dst, const Image* src, uint32_t planeMask);
 // The fifth of nine, by a fixed exchange network on sorted columns.
 TLResult ImageProc_filterMedian3x3(ImageProc* self, Image* dst, const Image* src, uint32_t planeMask);
+// One row of ImageProc_filterMedian3x3 on a one-channel byte plane, on the
+// calling thread: d (apart from the other rows) from the rows above, at and
+// below; above is null at the first row, below at the last. For drivers that
+// filter each row while its neighbours are still in cache.
+void RankFilter_median3x3RowU8(uint8_t* d, const uint8_t* above, const uint8_t* at, const uint8_t* below,
+                               int32_t width);
 // The third of five over the pixel and its four direct neighbours.
 TLResult ImageProc_filterMedianCross(ImageProc* self, Image* dst, const Image* src, uint32_t planeMask);
 // Separable forms: a row pass into a work image of ImageProc_filterRank_getBufferSize

@@ -113,15 +113,33 @@ TLResult winnerStripe(void* arg, int32_t index, int32_t count) {
 }
 
 // The maps of a call, row by row: the pending plane sums of the row (if
-// any), then the base view's and the match view's winners (where present).
-// Each row of the volume is made and read while in cache: separate passes
-// over the volume (23 MB in mode 0) cost about 1 ms a call here for each
-// read from memory.
+// any), then the base view's and the match view's winners (where present),
+// and for byte maps the 3x3 median of the row before. Each row of the volume
+// is made and read while in cache: separate passes over the volume (23 MB in
+// mode 0) cost about 1 ms a call here for each read from memory, and the
+// medians as passes of their own about 0.4 ms each. The filtered maps take
+// their winners in `raw` (the cost volume's memory, free by then) and their
+// medians from there, so a band's median never reads a row another band has
+// filtered; each band's first and last rows, whose windows reach into the
+// bands beside, are filtered once all bands are done.
 struct MapsJob {
-    WinnerJob views[2];  // base, match
+    WinnerJob views[2];  // base, match: their `out` is raw[view] when filtering
     bool present[2];
     const SgmPathSum* sum;  // null: the volume is complete
+    bool filter;
+    uint8_t* raw[2];
+    int32_t rawPitch;
+    uint8_t* maps[2];
+    int32_t mapPitch[2];
 };
+
+void MapsJob_medianRow(const MapsJob& j, int32_t view, int32_t y) {
+    const int32_t H = j.views[view].height;
+    const uint8_t* at = j.raw[view] + static_cast<intptr_t>(j.rawPitch) * y;
+    RankFilter_median3x3RowU8(j.maps[view] + static_cast<intptr_t>(j.mapPitch[view]) * y,
+                              y > 0 ? at - j.rawPitch : nullptr, at, y + 1 < H ? at + j.rawPitch : nullptr,
+                              j.views[view].width);
+}
 
 template <typename Out>
 TLResult mapsStripe(void* arg, int32_t index, int32_t count) {
@@ -131,8 +149,15 @@ TLResult mapsStripe(void* arg, int32_t index, int32_t count) {
     ImageStripe_rows(j.views[0].height, index, count, &y0, &y1);
     for (int32_t y = y0; y < y1; ++y) {
         if (j.sum != nullptr) SgmCostAggregator_sumPathRows(j.sum, y, y + 1);
-        if (j.present[0]) winnerRow<Out, false>(j.views[0], t, y);
-        if (j.present[1]) winnerRow<Out, true>(j.views[1], t, y);
+        for (int32_t view = 0; view < 2; ++view) {
+            if (!j.present[view]) continue;
+            if (view == 0) {
+                winnerRow<Out, false>(j.views[0], t, y);
+            } else {
+                winnerRow<Out, true>(j.views[1], t, y);
+            }
+            if (j.filter && y - 1 > y0) MapsJob_medianRow(j, view, y - 1);
+        }
     }
     return TL_OK;
 }
@@ -282,10 +307,11 @@ TLResult checkMap(const Sgm* sgm, const Image* map, uint32_t format) {
 TLResult buildVolume(Sgm* sgm, Temps* temps, Image** aggregated, const Image* view1, const Image* view2,
                      const Image* mask, const Image* guide, uint8_t D, int8_t minDisparity, int32_t rowWindow,
                      uint32_t smallPenalty, uint32_t largePenalty, int32_t useGuide, int32_t swapped,
-                     PendingSum* pending) {
+                     PendingSum* pending, Image** costOut) {
     const int32_t w = width(sgm), h = height(sgm);
     TLResult r = TL_OK;
     Image* cost = Temps_make(temps, w * D, h, IMAGE_FORMAT_UINT8, &r);
+    if (costOut != nullptr) *costOut = cost;
     *aggregated = Temps_make(temps, w * (D + 2), h,
                              sgm->censusMode == 0 ? IMAGE_FORMAT_UINT8 : IMAGE_FORMAT_UINT16, &r);
     if (r == TL_OK) r = Sgm_computeCost(sgm, cost, view1, view2, mask, D, minDisparity, rowWindow, swapped);
@@ -339,25 +365,49 @@ bool planesOverlap(const Image* a, const Image* b) {
 // the pending sums. Where the maps are apart (or one is absent) the sums and
 // both views' winners go in one pass before the medians: the same bytes,
 // since the winners read only the volume and each median only its own map.
-TLResult writeMaps(Sgm* sgm, Image* aggregated, const PendingSum* pending, Image* disparity1,
+TLResult writeMaps(Sgm* sgm, Image* aggregated, const PendingSum* pending, Image* cost, Image* disparity1,
                    Image* disparity2, uint8_t D, int8_t minDisparity, int32_t fractionBits, int32_t subPixel,
                    int32_t swapped) {
     Image* maps[2] = {swapped != 0 ? disparity1 : disparity2, swapped != 0 ? disparity2 : disparity1};
     const bool apart = maps[0] == nullptr || maps[1] == nullptr || !planesOverlap(maps[0], maps[1]);
+    const Image* any = maps[0] != nullptr ? maps[0] : maps[1];
+    const int32_t w = width(sgm), h = height(sgm);
     MapsJob j{};
     j.sum = pending->pending ? &pending->sum : nullptr;
+    // Two byte maps fit the cost volume's w * D by h bytes (D >= 8).
+    j.filter = apart && any->format == IMAGE_FORMAT_UINT8 && cost != nullptr &&
+               int64_t{cost->pitch[0]} * cost->height >= int64_t{2} * w * h;
+    j.rawPitch = w;
     for (int32_t view = 0; view < 2; ++view) {
         Image* map = maps[view] != nullptr ? maps[view] : maps[1 - view];
         j.views[view] = winnerJob(sgm, aggregated, map, D, minDisparity, swapped);
         j.views[view].fractionBits = fractionBits;
         j.views[view].subPixel = subPixel;
         j.present[view] = apart && maps[view] != nullptr;
+        if (j.filter) {
+            j.raw[view] = cost->plane[0] + static_cast<intptr_t>(view) * w * h;
+            j.maps[view] = map->plane[0];
+            j.mapPitch[view] = map->pitch[0];
+            j.views[view].out = j.raw[view];
+            j.views[view].outPitch = j.rawPitch;
+        }
     }
     const ImageStripeExec exec{sgm->pel, nullptr};
-    const Image* any = maps[0] != nullptr ? maps[0] : maps[1];
     const ImageStripeFn fn = any->format == IMAGE_FORMAT_UINT8 ? mapsStripe<uint8_t> : mapsStripe<float>;
     TLResult r = TL_OK;
     if (j.sum != nullptr || apart) r = ImageStripeExec_run(&exec, fn, &j, kBands);
+    if (r == TL_OK && j.filter) {
+        for (int32_t band = 0; band < kBands; ++band) {
+            int32_t y0, y1;
+            ImageStripe_rows(h, band, kBands, &y0, &y1);
+            for (int32_t view = 0; view < 2 && y0 < y1; ++view) {
+                if (!j.present[view]) continue;
+                MapsJob_medianRow(j, view, y0);
+                if (y1 - 1 > y0) MapsJob_medianRow(j, view, y1 - 1);
+            }
+        }
+        return r;
+    }
     for (int32_t view = 0; view < 2 && r == TL_OK; ++view) {
         Image* map = maps[view];
         if (map == nullptr) continue;
@@ -385,10 +435,11 @@ TLResult createDisparity(Sgm* sgm, Image* disparity1, Image* disparity2, const I
     Temps_construct(&temps, sgm->env);
     Image* aggregated = nullptr;
     PendingSum pending{};
+    Image* cost = nullptr;
     r = buildVolume(sgm, &temps, &aggregated, view1, view2, mask, guide, D, minDisparity, rowWindow,
-                    smallPenalty, largePenalty, useGuide, swapped, &pending);
+                    smallPenalty, largePenalty, useGuide, swapped, &pending, &cost);
     if (r == TL_OK)
-        r = writeMaps(sgm, aggregated, &pending, disparity1, disparity2, D, minDisparity, fractionBits,
+        r = writeMaps(sgm, aggregated, &pending, cost, disparity1, disparity2, D, minDisparity, fractionBits,
                       subPixel, swapped);
     Temps_release(&temps);
     return r;
@@ -810,7 +861,7 @@ TLResult Sgm_createDisparityAndConfidenceByPKRN(Sgm* sgm, Image* disparity, Imag
     Temps_construct(&temps, sgm->env);
     Image* aggregated = nullptr;
     r = buildVolume(sgm, &temps, &aggregated, view1, view2, mask, guide, D, minDisparity, rowWindow,
-                    smallPenalty, largePenalty, useGuide, swapped, nullptr);
+                    smallPenalty, largePenalty, useGuide, swapped, nullptr, nullptr);
     if (r == TL_OK) {
         WinnerJob j = winnerJob(sgm, aggregated, disparity, D, minDisparity, swapped);
         j.fractionBits = subPixel;

@@ -678,21 +678,24 @@ TLResult SgmCostAggregator_initPathSum(const SgmCostAggregator* aggregator, SgmP
     return TL_OK;
 }
 
-void SgmCostAggregator_sumPathRows(const SgmPathSum* sum, int32_t y0, int32_t y1) {
-    const int32_t D = sum->numDisparities, S = D + 1;
+void SgmCostAggregator_sumPathRow(const SgmPathSum* sum, int32_t y, void* out) {
+    const int32_t S = sum->numDisparities + 1;
     AggregationPlaneSum row{};
     row.numPlanes = sum->numPaths;
     row.width = sum->width;
-    row.numDisparities = D;
-    for (int32_t y = y0; y < y1; ++y) {
-        for (int32_t i = 0; i < sum->numPaths; ++i)
-            row.planes[i] =
-                sum->path +
-                static_cast<intptr_t>(sum->pathPitch) * (static_cast<intptr_t>(sum->height + 1) * i + y + 1) +
-                S + 1;
-        row.out = sum->out + static_cast<intptr_t>(sum->outPitch) * y;
-        sum->fn(&row);
-    }
+    row.numDisparities = sum->numDisparities;
+    for (int32_t i = 0; i < sum->numPaths; ++i)
+        row.planes[i] =
+            sum->path +
+            static_cast<intptr_t>(sum->pathPitch) * (static_cast<intptr_t>(sum->height + 1) * i + y + 1) + S +
+            1;
+    row.out = out;
+    sum->fn(&row);
+}
+
+void SgmCostAggregator_sumPathRows(const SgmPathSum* sum, int32_t y0, int32_t y1) {
+    for (int32_t y = y0; y < y1; ++y)
+        SgmCostAggregator_sumPathRow(sum, y, sum->out + static_cast<intptr_t>(sum->outPitch) * y);
 }
 
 TLResult SgmCostAggregator_sumPaths(SgmCostAggregator* aggregator, Image* aggregated, const Image* pathCosts,

@@ -144,5 +144,7 @@ TLResult SgmCostAggregator_initPathSum(const SgmCostAggregator* aggregator, SgmP
                                        Image* aggregated, const Image* pathCosts, uint8_t numDisparities,
                                        uint8_t numPaths);
 void SgmCostAggregator_sumPathRows(const SgmPathSum* sum, int32_t y0, int32_t y1);
+// Row y's sums into `out` (a row of the volume's width and format) instead.
+void SgmCostAggregator_sumPathRow(const SgmPathSum* sum, int32_t y, void* out);
 
 }  // namespace vq_tl

@@ -132,9 +132,12 @@ void runSgm(benchmark::State& state, const Case& c) {
     state.counters["call_peak_MiB"] = static_cast<double>(all - imageProc - planes) / (1 << 20);
 }
 
-// The matcher's steps as Sgm_createDisparityU8 and the pipeline's left-right
-// check run them, timed with a steady clock; counters give each step's
-// milliseconds per call and share of the sum.
+// The matcher's steps one at a time through the public step functions and
+// the pipeline's left-right check, timed with a steady clock; counters give
+// each step's milliseconds per call and share of the sum. (The call itself,
+// BM_SgmNormal and BM_SgmFine, sums the planes, finds both views' winners and
+// filters both maps in one pass over the rows, so its time is not the sum of
+// these steps.)
 void runSgmSteps(benchmark::State& state, const Case& c) {
     Matcher matcher(c.width, c.height, c.candidates, c.mode);
     if (!matcher.ready) {

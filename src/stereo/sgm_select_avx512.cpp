@@ -219,7 +219,11 @@ void winnerMatch8(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int3
     const int32_t xi0 = x0 > D - 1 - c ? x0 : D - 1 - c, xi1 = x1 < W - c ? x1 : W - c;
     if (D < 16 || D > 64 || xi1 - xi0 < 64)
         return winnerMatchU8Row8_avx2(out, bytes, W, D, m, f, swapped, x0, x1);
-    if (x0 < xi0) winnerMatchU8Row8_avx2(out, bytes, W, D, m, f, swapped, x0, xi0);
+    // The edge runs are narrower than the AVX2 form's 32-column edge blocks
+    // (D - 1 - c columns at the left): widened into the interior, whose
+    // columns they write with the same bytes, so that they take the blocks
+    // and not its sliding window of keys.
+    if (x0 < xi0) winnerMatchU8Row8_avx2(out, bytes, W, D, m, f, swapped, x0, xi0 - x0 < 32 ? x0 + 32 : xi0);
     // Columns per block (a multiple of 64, at most 512) and the stride of
     // the rows (their D - 1 more base pixels, rounded up to 64), D rows
     // within the buffer: 384 columns for D = 64.
@@ -236,7 +240,7 @@ void winnerMatch8(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int3
             matchInterior64(out + x + i, buf + i + (D - 1), stride, D, f, swapped);
         x += nb;
     }
-    if (xi1 < x1) winnerMatchU8Row8_avx2(out, bytes, W, D, m, f, swapped, xi1, x1);
+    if (xi1 < x1) winnerMatchU8Row8_avx2(out, bytes, W, D, m, f, swapped, x1 - xi1 < 32 ? x1 - 32 : xi1, x1);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "runtime/memory.h"
 
 #include <pthread.h>
+#include <sys/mman.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -106,6 +107,25 @@ bool keep(void* raw, size_t capacity) {
     return true;
 }
 
+// Blocks from 4 MB on (the matcher's path planes and volumes, the 12 MP
+// frames' planes) ask for 2 MB pages where the system offers them on
+// request: their passes stream through tens of megabytes, and with 4 KB
+// pages each stream misses the TLB every 4 KB (the matcher's mode 0 call
+// took about 0.35 ms less here). Only the block's whole 2 MB spans are
+// advised; where the system has no such pages the advice changes nothing.
+void adviseLargePages(void* raw, size_t bytes) {
+#if defined(MADV_HUGEPAGE)
+    constexpr uintptr_t kPage = uintptr_t{2} << 20;
+    if (bytes < (size_t{4} << 20)) return;
+    const uintptr_t begin = (reinterpret_cast<uintptr_t>(raw) + kPage - 1) & ~(kPage - 1);
+    const uintptr_t end = (reinterpret_cast<uintptr_t>(raw) + bytes) & ~(kPage - 1);
+    if (end > begin) (void)madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+#else
+    (void)raw;
+    (void)bytes;
+#endif
+}
+
 }  // namespace
 
 void* Memory_alloc(size_t size) {
@@ -119,6 +139,7 @@ void* Memory_alloc(size_t size) {
         raw = std::malloc(size + kHeader);
         if (raw == nullptr) return nullptr;
         capacityOf(raw) = size;
+        adviseLargePages(raw, size + kHeader);
     }
 #if defined(VQ_TL_ALLOC_FAULTS)
     gLive.fetch_add(1);

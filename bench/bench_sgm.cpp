@@ -8,10 +8,13 @@
 // the 8-path full mode with 64 against the fine mode, block size 3 and the
 // usual penalties 8 and 32 times channels times block area. BM_SgmSteps
 // times the matcher's steps one by one (census and cost, aggregation, both
-// winners with their medians, left-right check) for their shares, and
+// winners with their medians, left-right check) for their shares,
+// BM_SgmNormalBesideOpenCv3Way runs the normal mode and OpenCV's 3-way mode
+// in turn for a ratio that the machine's changing load touches least, and
 // BM_Median3x3Map the median of one map.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <memory>
@@ -19,6 +22,7 @@
 #include <opencv2/core.hpp>
 #include <random>
 #include <string>
+#include <vector>
 
 #include "image/image.h"
 #include "imageproc/rank_filter.h"
@@ -232,6 +236,49 @@ void runMedian(benchmark::State& state) {
                                                  benchmark::Counter::kIsIterationInvariantRate);
 }
 
+// The library's call and OpenCV's in turn in every iteration, each timed by
+// a steady clock, so that a change of the machine's load falls on both
+// alike: counters give each one's milliseconds per call (the medians of the
+// iterations) and the median of the iterations' wall-time ratios.
+void runBesideOpenCv(benchmark::State& state, const Case& c, int mode, int32_t cvCandidates) {
+    Matcher matcher(c.width, c.height, c.candidates, c.mode);
+    if (!matcher.ready) {
+        state.SkipWithError("set-up failed");
+        return;
+    }
+    StereoPair pair(c.width, c.height);
+    Owned d1(c.width, c.height, IMAGE_FORMAT_UINT8), d2(c.width, c.height, IMAGE_FORMAT_UINT8);
+    const cv::Mat left(c.height, c.width, CV_8UC1, pair.match.image.plane[0], pair.match.image.pitch[0]);
+    const cv::Mat right(c.height, c.width, CV_8UC1, pair.base.image.plane[0], pair.base.image.pitch[0]);
+    constexpr int kBlock = 3;
+    const cv::Ptr<cv::StereoSGBM> sgbm = cv::StereoSGBM::create(0, cvCandidates, kBlock, 8 * kBlock * kBlock,
+                                                                32 * kBlock * kBlock, 1, 0, 0, 0, 0, mode);
+    cv::Mat disparity;
+    std::vector<double> library, opencv, ratio;
+    using Clock = std::chrono::steady_clock;
+    for (auto _ : state) {
+        const Clock::time_point t0 = Clock::now();
+        const TLResult r = Sgm_createDisparityU8(&matcher.sgm, &d1.image, &d2.image, &pair.base.image,
+                                                 &pair.match.image, &pair.mask.image, &pair.guide.image,
+                                                 c.candidates, -4, c.rowWindow, c.fractionBits, 5, 40, 1, 1);
+        const Clock::time_point t1 = Clock::now();
+        sgbm->compute(left, right, disparity);
+        const Clock::time_point t2 = Clock::now();
+        if (r != TL_OK) state.SkipWithError("Sgm_createDisparityU8 failed");
+        benchmark::DoNotOptimize(disparity.data);
+        library.push_back(std::chrono::duration<double, std::milli>(t1 - t0).count());
+        opencv.push_back(std::chrono::duration<double, std::milli>(t2 - t1).count());
+        ratio.push_back(opencv.back() / library.back());
+    }
+    const auto median = [](std::vector<double> v) {
+        std::nth_element(v.begin(), v.begin() + v.size() / 2, v.end());
+        return v.empty() ? 0.0 : v[v.size() / 2];
+    };
+    state.counters["library_ms"] = median(library);
+    state.counters["opencv_ms"] = median(opencv);
+    state.counters["ratio"] = median(ratio);
+}
+
 }  // namespace
 
 // Normal mode: 3x3 census, row window 9, 4 paths, one Pel task per path.
@@ -246,6 +293,14 @@ static void BM_SgmSteps(benchmark::State& state) {
     runSgmSteps(state, state.range(0) == 0 ? Case{1080, 810, 24, 0, 9, 3} : Case{720, 540, 64, 1, 21, 2});
 }
 BENCHMARK(BM_SgmSteps)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime()->MeasureProcessCPUTime();
+
+static void BM_SgmNormalBesideOpenCv3Way(benchmark::State& state) {
+    runBesideOpenCv(state, Case{1080, 810, 24, 0, 9, 3}, cv::StereoSGBM::MODE_SGBM_3WAY, 32);
+}
+BENCHMARK(BM_SgmNormalBesideOpenCv3Way)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->MeasureProcessCPUTime();
 
 static void BM_OpenCvSgbm3Way1080x810x32(benchmark::State& state) {
     runOpenCv(state, 1080, 810, 32, cv::StereoSGBM::MODE_SGBM_3WAY);

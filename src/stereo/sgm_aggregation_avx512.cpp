@@ -148,12 +148,25 @@ void penaltyRow(const AggregationPenalty* r) {
     const __m512i lower = _mm512_set1_epi32(r->lower);
     if (r->p2Step == 0) {
         // One P2 for the row: the 256 values of g, four registers, looked up.
-        alignas(64) uint8_t table[256];
-        const __m512i p2 = _mm512_set1_epi32(r->p2[0]);
-        const __m512i step = _mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
-        for (int32_t g = 0; g < 256; g += 16) {
-            _mm_store_si128(reinterpret_cast<__m128i*>(table + g),
-                            quotients16(_mm512_add_epi32(_mm512_set1_epi32(g), step), p2, lower));
+        // The matcher asks for rows of a few hundred pixels with the same P2
+        // and bound thousands of times a call, and the table's 16 divisions
+        // cost about as much as such a row's lookups: each thread keeps its
+        // last table.
+        struct Table {
+            int32_t p2 = -1, lower = -1;
+            alignas(64) uint8_t values[256];
+        };
+        static thread_local Table last;
+        uint8_t* table = last.values;
+        if (last.p2 != r->p2[0] || last.lower != r->lower) {
+            const __m512i p2 = _mm512_set1_epi32(r->p2[0]);
+            const __m512i step = _mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+            for (int32_t g = 0; g < 256; g += 16) {
+                _mm_store_si128(reinterpret_cast<__m128i*>(table + g),
+                                quotients16(_mm512_add_epi32(_mm512_set1_epi32(g), step), p2, lower));
+            }
+            last.p2 = r->p2[0];
+            last.lower = r->lower;
         }
         const __m512i t0 = _mm512_load_si512(reinterpret_cast<const void*>(table)),
                       t1 = _mm512_load_si512(reinterpret_cast<const void*>(table + 64)),

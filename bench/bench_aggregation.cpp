@@ -15,6 +15,7 @@
 #include <memory>
 #include <random>
 
+#include "bench_image.h"
 #include "image/image.h"
 #include "runtime/pel.h"
 #include "stereo/sgm_cost_aggregator.h"
@@ -23,17 +24,7 @@ using namespace vq_tl;
 
 namespace {
 
-struct Owned {
-    Env env{};
-    Image image;
-    Owned(int32_t w, int32_t h, uint32_t format) {
-        construct_Image(&image, &env);
-        Image_init(&image, w, h, nullptr, format);
-        std::memset(image.plane[0], 0, static_cast<size_t>(Image_getSize(w, h, format, IMAGE_SIZE_TOTAL)));
-    }
-    ~Owned() { destruct_Image(&image); }
-    uint8_t* row(int32_t y) { return image.plane[0] + static_cast<size_t>(image.pitch[0]) * y; }
-};
+using Owned = BenchImage;
 
 enum Shape { PARALLEL, TWO_WAY, SERIAL };
 

@@ -15,6 +15,7 @@
 #include <opencv2/imgproc.hpp>
 #include <vector>
 
+#include "bench_image.h"
 #include "image/image.h"
 #include "rectify/rectify_lens_dist.h"
 #include "rectify/renderer2.h"
@@ -29,17 +30,8 @@ constexpr int32_t kW = 1080, kH = 810, kCell = 32;
 constexpr int32_t kBigW = 4000, kBigH = 3000;
 constexpr int32_t kCalibW = 4000, kCalibH = 3000;
 
-struct Owned {
-    Env env{};
-    Image image;
-    Owned(int32_t w, int32_t h, uint32_t format) {
-        construct_Image(&image, &env);
-        Image_init(&image, w, h, nullptr, format);
-        const int32_t bytes = Image_getSize(w, h, format, IMAGE_SIZE_TOTAL);
-        // A smooth pattern, so that the work is not that of a constant.
-        for (int32_t i = 0; i < bytes; ++i) image.plane[0][i] = static_cast<uint8_t>((i * 7) ^ (i >> 9));
-    }
-    ~Owned() { destruct_Image(&image); }
+struct Owned : BenchImage {
+    Owned(int32_t w, int32_t h, uint32_t format) : BenchImage(w, h, format, BenchFill::kPattern) {}
 };
 
 RectifyLensDist lens(double k1, double k2, double k3, double p1, double p2) {

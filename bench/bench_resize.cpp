@@ -11,6 +11,7 @@
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "bench_image.h"
 #include "image/image.h"
 #include "imageproc/resize.h"
 #include "imageproc/rotate.h"
@@ -20,17 +21,8 @@ using namespace vq_tl;
 
 namespace {
 
-struct Owned {
-    Env env{};
-    Image image;
-    Owned(int32_t w, int32_t h, uint32_t format) {
-        construct_Image(&image, &env);
-        Image_init(&image, w, h, nullptr, format);
-        const int32_t bytes = Image_getSize(w, h, format, IMAGE_SIZE_TOTAL);
-        // A smooth pattern, so that the work is not that of a constant.
-        for (int32_t i = 0; i < bytes; ++i) image.plane[0][i] = static_cast<uint8_t>((i * 7) ^ (i >> 9));
-    }
-    ~Owned() { destruct_Image(&image); }
+struct Owned : BenchImage {
+    Owned(int32_t w, int32_t h, uint32_t format) : BenchImage(w, h, format, BenchFill::kPattern) {}
 };
 
 std::unique_ptr<Pel> makePel() {

@@ -24,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_image.h"
 #include "image/image.h"
 #include "imageproc/rank_filter.h"
 #include "runtime/parallel_executor.h"
@@ -34,17 +35,7 @@ using namespace vq_tl;
 
 namespace {
 
-struct Owned {
-    Env env{};
-    Image image;
-    Owned(int32_t w, int32_t h, uint32_t format) {
-        construct_Image(&image, &env);
-        Image_init(&image, w, h, nullptr, format);
-        std::memset(image.plane[0], 0, static_cast<size_t>(Image_getSize(w, h, format, IMAGE_SIZE_TOTAL)));
-    }
-    ~Owned() { destruct_Image(&image); }
-    uint8_t* row(int32_t y) { return image.plane[0] + static_cast<size_t>(image.pitch[0]) * y; }
-};
+using Owned = BenchImage;
 
 // A random-dot pair: dots of 2 by 2 pixels, the match view shifted by a
 // disparity that grows from 4 to 12 across the width, so that the search

@@ -10,6 +10,7 @@
 #include <immintrin.h>
 
 #include "stereo/sgm_select.h"
+#include "stereo/sgm_select_blocks.h"
 #include "stereo/sgm_select_fit.h"
 
 namespace vq_tl {
@@ -202,66 +203,28 @@ inline void storeFit32(uint8_t* out, __m256i v, __m256i a, __m256i b, int32_t f,
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), result);
 }
 
-// One slot of the walk: its cost where it is at most the smallest so far,
-// and with it its value and neighbours.
-struct Walk {
-    __m256i best, won, left, right;
-};
-
-inline void walkSlot(Walk* w, __m256i cost, __m256i below, __m256i above, __m256i v) {
-    const __m256i low = _mm256_min_epu8(w->best, cost);
-    const __m256i take = _mm256_cmpeq_epi8(low, cost);
-    w->best = low;
-    w->won = _mm256_blendv_epi8(w->won, v, take);
-    w->left = _mm256_blendv_epi8(w->left, below, take);
-    w->right = _mm256_blendv_epi8(w->right, above, take);
-}
-
-inline __m256i rowOf(const uint8_t* buf, int32_t e) {
-    return _mm256_load_si256(reinterpret_cast<const __m256i*>(buf + 32 * e));
-}
-
-// Base view: entries 0 to D + 1 of 32 pixels slot-major, then the slots in
-// order of decreasing value v, each taking the pixels where its cost is at
-// most the smallest so far: the last to take a pixel is the smallest cost
-// with, of equal costs, the smallest v. Each row is loaded once, as the
-// cost of one slot and a neighbour of the two beside it.
-template <bool kSwapped>
-void winnerBase8Blocks(uint8_t* out, const uint8_t* row, int32_t D, int32_t f, int32_t x0, int32_t x1) {
-    const intptr_t pitch = D + 2;
-    alignas(32) uint8_t buf[130 * 32];
-    const __m256i minusOne = _mm256_set1_epi8(-1);
-    for (int32_t x = x0; x < x1; x += 32) {
-        // The last block overlaps its predecessor rather than end short.
-        if (x1 - x < 32) x = x1 - 32;
-        transposeEntries(buf, 32, row + x * pitch, pitch, D + 2);
-        Walk w{_mm256_set1_epi8(-1), _mm256_setzero_si256(), _mm256_setzero_si256(), _mm256_setzero_si256()};
-        if constexpr (kSwapped) {
-            // v = D - 1 - k: slots upwards.
-            __m256i lo = rowOf(buf, 0), cur = rowOf(buf, 1);
-            __m256i v = _mm256_set1_epi8(static_cast<char>(D - 1));
-            for (int32_t k = 0; k < D; ++k) {
-                const __m256i hi = rowOf(buf, k + 2);
-                walkSlot(&w, cur, lo, hi, v);
-                v = _mm256_add_epi8(v, minusOne);
-                lo = cur;
-                cur = hi;
-            }
-        } else {
-            __m256i hi = rowOf(buf, D + 1), cur = rowOf(buf, D);
-            __m256i v = _mm256_set1_epi8(static_cast<char>(D - 1));
-            for (int32_t k = D - 1; k >= 0; --k) {
-                const __m256i lo = rowOf(buf, k);
-                walkSlot(&w, cur, lo, hi, v);
-                v = _mm256_add_epi8(v, minusOne);
-                hi = cur;
-                cur = lo;
-            }
-        }
-        storeFit32(out + x, w.won, _mm256_sub_epi8(w.left, w.best), _mm256_sub_epi8(w.right, w.best), f,
-                   kSwapped ? 1 : 0);
+// The block operations of sgm_select_blocks.h: 32 pixels a block.
+struct Blocks256 {
+    using Reg = __m256i;
+    static constexpr int32_t kPixels = 32;
+    static Reg load(const uint8_t* p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)); }
+    static Reg loadAligned(const uint8_t* p) {
+        return _mm256_load_si256(reinterpret_cast<const __m256i*>(p));
     }
-}
+    static Reg set1(int8_t v) { return _mm256_set1_epi8(v); }
+    static Reg add(Reg a, Reg b) { return _mm256_add_epi8(a, b); }
+    static Reg sub(Reg a, Reg b) { return _mm256_sub_epi8(a, b); }
+    static Reg min(Reg a, Reg b) { return _mm256_min_epu8(a, b); }
+    static Reg take(Reg low, Reg cost) { return _mm256_cmpeq_epi8(low, cost); }
+    static Reg select(Reg a, Reg take, Reg b) { return _mm256_blendv_epi8(a, b, take); }
+    static void transposeEntries(uint8_t* dst, intptr_t stride, const uint8_t* src, intptr_t pitch,
+                                 int32_t n) {
+        vq_tl::transposeEntries(dst, stride, src, pitch, n);
+    }
+    static void storeFit(uint8_t* out, Reg v, Reg a, Reg b, int32_t f, int32_t swapped) {
+        storeFit32(out, v, a, b, f, swapped);
+    }
+};
 
 // Match view. Base pixel xb gives slot k to match column xb - c + k (c =
 // xb0 - x, the same for the whole row), so its D contiguous costs land on D
@@ -379,58 +342,6 @@ constexpr int32_t kMatchBuffer = 16384;
 
 inline __m256i loadAt(const uint8_t* p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)); }
 
-// The base pixels pb0 to pb0 + count - 1 (count >= 32, all inside the row)
-// slot-major into rows of buf, pixel pb0 + j at column j, in groups of 32,
-// the last one overlapping its predecessor.
-inline void transposePixels(uint8_t* buf, intptr_t stride, const uint8_t* bytes, int32_t D, int32_t pb0,
-                            int32_t count) {
-    const intptr_t pitch = D + 2;
-    for (int32_t g = 0;; g += 32) {
-        if (g + 32 > count) g = count - 32;
-        transposeEntries(buf + g, stride, bytes + (pb0 + g) * pitch + 1, pitch, D);
-        if (g + 32 >= count) break;
-    }
-}
-
-// 32 interior columns; B: row 0 at the columns' slot 0 (column D - 1 of
-// the block's first column). Slots in order of decreasing value as in the
-// base view; the neighbours of slot k are the costs of slots k - 1 and
-// k + 1, so each is loaded once.
-inline void matchInterior32(uint8_t* out, const uint8_t* B, intptr_t stride, int32_t D, int32_t f,
-                            int32_t swapped) {
-    const __m256i minusOne = _mm256_set1_epi8(-1);
-    Walk w{minusOne, _mm256_setzero_si256(), minusOne, minusOne};
-    __m256i v = _mm256_set1_epi8(static_cast<char>(D - 1));
-    const intptr_t diagonal = stride - 1;
-    if (swapped != 0) {
-        // v = D - 1 - k: slots upwards, slot D - 2 on both sides of D - 1.
-        __m256i cur = loadAt(B), hi = loadAt(B + diagonal), lo;
-        walkSlot(&w, cur, hi, hi, v);
-        for (int32_t k = 1; k < D - 1; ++k) {
-            v = _mm256_add_epi8(v, minusOne);
-            lo = cur;
-            cur = hi;
-            hi = loadAt(B + (k + 1) * diagonal);
-            walkSlot(&w, cur, lo, hi, v);
-        }
-        v = _mm256_add_epi8(v, minusOne);
-        walkSlot(&w, hi, cur, cur, v);
-    } else {
-        __m256i cur = loadAt(B + (D - 1) * diagonal), lo = loadAt(B + (D - 2) * diagonal), hi;
-        walkSlot(&w, cur, lo, lo, v);
-        for (int32_t k = D - 2; k > 0; --k) {
-            v = _mm256_add_epi8(v, minusOne);
-            hi = cur;
-            cur = lo;
-            lo = loadAt(B + (k - 1) * diagonal);
-            walkSlot(&w, cur, lo, hi, v);
-        }
-        v = _mm256_add_epi8(v, minusOne);
-        walkSlot(&w, lo, cur, cur, v);
-    }
-    storeFit32(out, w.won, _mm256_sub_epi8(w.left, w.best), _mm256_sub_epi8(w.right, w.best), f, swapped);
-}
-
 // 32 columns xs to xs + 31 anywhere in a row of at least 32 pixels: the
 // slots whose base pixel is outside the row take no part (a mask along the
 // same diagonal as the costs), the neighbours are mirrored at the ends of
@@ -473,7 +384,7 @@ void matchEdge32(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int32
         transposeEntries(B0 + gs, stride, bytes + (pb0 + gs) * (D + 2) + 1, D + 2, D);
         if (g + 32 >= hi) break;
     }
-    Walk w{minusOne, none, minusOne, minusOne};
+    Walk<Blocks256> w{minusOne, none, minusOne, minusOne};
     __m256i v = _mm256_set1_epi8(static_cast<char>(D - 1));
     for (int32_t j = 0; j < D; ++j) {
         const int32_t k = swapped != 0 ? j : D - 1 - j;
@@ -508,8 +419,8 @@ void winnerBaseU8Row8_avx2(uint8_t* out, const uint8_t* row, int32_t width, int3
                            int32_t f, int32_t swapped, int32_t x0, int32_t x1) {
     if (D < 16 || D > 128 || x1 - x0 < 32)
         return winnerBase8Pairs(out, row, width, D, minDisparity, f, swapped, x0, x1);
-    if (swapped != 0) return winnerBase8Blocks<true>(out, row, D, f, x0, x1);
-    return winnerBase8Blocks<false>(out, row, D, f, x0, x1);
+    if (swapped != 0) return SelectBlocks_base<Blocks256, true>(out, row, D, f, x0, x1);
+    return SelectBlocks_base<Blocks256, false>(out, row, D, f, x0, x1);
 }
 
 void winnerMatchU8Row8_avx2(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int32_t m, int32_t f,
@@ -523,21 +434,8 @@ void winnerMatchU8Row8_avx2(uint8_t* out, const uint8_t* bytes, int32_t W, int32
     alignas(32) uint8_t buf[kMatchBuffer];
     for (int32_t xs = x0; xs < xi0; xs += 32)
         matchEdge32(out, bytes, W, D, c, f, swapped, xs < x1 - 32 ? xs : x1 - 32, buf);
-    // Columns per block (a multiple of 32, at most 512) and the stride of
-    // the rows (their D - 1 more base pixels, rounded up to 32), D rows
-    // within the buffer: at least 192 columns for D = 64.
-    int32_t n = (kMatchBuffer / D / 32) * 32 - (D - 1);
-    n = n > 512 ? 512 : (n / 32) * 32;
-    const intptr_t stride = ((n + D - 1) + 31) / 32 * 32;
-    for (int32_t x = xi0; x < xi1;) {
-        // The last block overlaps its predecessor rather than end short.
-        if (xi1 - x < 32) x = xi1 - 32;
-        const int32_t nb = n < ((xi1 - x) / 32) * 32 ? n : ((xi1 - x) / 32) * 32;
-        transposePixels(buf, stride, bytes, D, x + c - D + 1, nb + D - 1);
-        for (int32_t i = 0; i < nb; i += 32)
-            matchInterior32(out + x + i, buf + i + (D - 1), stride, D, f, swapped);
-        x += nb;
-    }
+    if (xi0 < xi1)
+        SelectBlocks_matchInterior<Blocks256, kMatchBuffer>(out, bytes, D, c, f, swapped, xi0, xi1, buf);
     for (int32_t xs = xi1; xs < x1; xs += 32)
         matchEdge32(out, bytes, W, D, c, f, swapped, xs < x1 - 32 ? xs : x1 - 32, buf);
 }

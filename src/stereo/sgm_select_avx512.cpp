@@ -9,6 +9,7 @@
 
 #include "stereo/sgm_avx512.h"
 #include "stereo/sgm_select.h"
+#include "stereo/sgm_select_blocks.h"
 
 namespace vq_tl {
 
@@ -94,124 +95,39 @@ inline void storeFit64(uint8_t* out, __m512i v, __m512i a, __m512i b, int32_t f,
     store64(out, result);
 }
 
-// One slot of the walk: its cost where it is at most the smallest so far,
-// and with it its value and neighbours.
-struct Walk {
-    __m512i best, won, left, right;
-};
-
-inline void walkSlot(Walk* w, __m512i cost, __m512i below, __m512i above, __m512i v) {
-    const __m512i low = _mm512_min_epu8(w->best, cost);
-    const __mmask64 take = _mm512_cmpeq_epu8_mask(low, cost);
-    w->best = low;
-    w->won = _mm512_mask_mov_epi8(w->won, take, v);
-    w->left = _mm512_mask_mov_epi8(w->left, take, below);
-    w->right = _mm512_mask_mov_epi8(w->right, take, above);
-}
-
-inline void storeWalk(uint8_t* out, const Walk& w, int32_t f, int32_t swapped) {
-    storeFit64(out, w.won, _mm512_sub_epi8(w.left, w.best), _mm512_sub_epi8(w.right, w.best), f, swapped);
-}
-
-// Base view: entries 0 to D + 1 of 64 pixels slot-major, then the slots in
-// order of decreasing value v as in the AVX2 form.
-template <bool kSwapped>
-void baseBlocks(uint8_t* out, const uint8_t* row, int32_t D, int32_t f, int32_t x0, int32_t x1) {
-    const intptr_t pitch = D + 2;
-    alignas(64) uint8_t buf[130 * 64];
-    const __m512i minusOne = _mm512_set1_epi8(-1);
-    const auto rowOf = [&](int32_t e) { return _mm512_load_si512(buf + 64 * e); };
-    for (int32_t x = x0; x < x1; x += 64) {
-        // The last block overlaps its predecessor rather than end short.
-        if (x1 - x < 64) x = x1 - 64;
-        transposeEntries(buf, 64, row + x * pitch, pitch, D + 2);
-        Walk w{minusOne, _mm512_setzero_si512(), _mm512_setzero_si512(), _mm512_setzero_si512()};
-        __m512i v = _mm512_set1_epi8(static_cast<char>(D - 1));
-        if constexpr (kSwapped) {
-            // v = D - 1 - k: slots upwards.
-            __m512i lo = rowOf(0), cur = rowOf(1);
-            for (int32_t k = 0; k < D; ++k) {
-                const __m512i hi = rowOf(k + 2);
-                walkSlot(&w, cur, lo, hi, v);
-                v = _mm512_add_epi8(v, minusOne);
-                lo = cur;
-                cur = hi;
-            }
-        } else {
-            __m512i hi = rowOf(D + 1), cur = rowOf(D);
-            for (int32_t k = D - 1; k >= 0; --k) {
-                const __m512i lo = rowOf(k);
-                walkSlot(&w, cur, lo, hi, v);
-                v = _mm512_add_epi8(v, minusOne);
-                hi = cur;
-                cur = lo;
-            }
-        }
-        storeWalk(out + x, w, f, kSwapped ? 1 : 0);
+// The block operations of sgm_select_blocks.h: 64 pixels a block, the
+// walk choosing its pixels with a mask register.
+struct Blocks512 {
+    using Reg = __m512i;
+    static constexpr int32_t kPixels = 64;
+    static Reg load(const uint8_t* p) { return _mm512_loadu_si512(p); }
+    static Reg loadAligned(const uint8_t* p) { return _mm512_load_si512(p); }
+    static Reg set1(int8_t v) { return _mm512_set1_epi8(v); }
+    static Reg add(Reg a, Reg b) { return _mm512_add_epi8(a, b); }
+    static Reg sub(Reg a, Reg b) { return _mm512_sub_epi8(a, b); }
+    static Reg min(Reg a, Reg b) { return _mm512_min_epu8(a, b); }
+    static __mmask64 take(Reg low, Reg cost) { return _mm512_cmpeq_epu8_mask(low, cost); }
+    static Reg select(Reg a, __mmask64 take, Reg b) { return _mm512_mask_mov_epi8(a, take, b); }
+    static void transposeEntries(uint8_t* dst, intptr_t stride, const uint8_t* src, intptr_t pitch,
+                                 int32_t n) {
+        vq_tl::transposeEntries(dst, stride, src, pitch, n);
     }
-}
+    static void storeFit(uint8_t* out, Reg v, Reg a, Reg b, int32_t f, int32_t swapped) {
+        storeFit64(out, v, a, b, f, swapped);
+    }
+};
 
 void winnerBase8(uint8_t* out, const uint8_t* row, int32_t width, int32_t D, int32_t minDisparity, int32_t f,
                  int32_t swapped, int32_t x0, int32_t x1) {
     if (D < 16 || D > 128 || x1 - x0 < 64)
         return winnerBaseU8Row8_avx2(out, row, width, D, minDisparity, f, swapped, x0, x1);
-    if (swapped != 0) return baseBlocks<true>(out, row, D, f, x0, x1);
-    return baseBlocks<false>(out, row, D, f, x0, x1);
+    if (swapped != 0) return SelectBlocks_base<Blocks512, true>(out, row, D, f, x0, x1);
+    return SelectBlocks_base<Blocks512, false>(out, row, D, f, x0, x1);
 }
 
-// Match view, interior columns (every slot's base pixel inside the row), as
-// in the AVX2 form: the base pixels slot-major in rows of a buffer, slot k
-// of 64 columns 64 contiguous bytes of row k, one column earlier per slot.
+// The match view's interior blocks: the base pixels' D rows of up to 512
+// columns in 32 KB (384 columns for D = 64).
 constexpr int32_t kMatchBuffer = 32768;
-
-// The base pixels pb0 to pb0 + count - 1 (count >= 64) slot-major into rows
-// of buf, pixel pb0 + j at column j, in groups of 64, the last one
-// overlapping its predecessor.
-inline void transposePixels(uint8_t* buf, intptr_t stride, const uint8_t* bytes, int32_t D, int32_t pb0,
-                            int32_t count) {
-    const intptr_t pitch = D + 2;
-    for (int32_t g = 0;; g += 64) {
-        if (g + 64 > count) g = count - 64;
-        transposeEntries(buf + g, stride, bytes + (pb0 + g) * pitch + 1, pitch, D);
-        if (g + 64 >= count) break;
-    }
-}
-
-// 64 interior columns; B: row 0 at the columns' slot 0. Neighbours are
-// mirrored at slots 0 and D - 1.
-inline void matchInterior64(uint8_t* out, const uint8_t* B, intptr_t stride, int32_t D, int32_t f,
-                            int32_t swapped) {
-    const __m512i minusOne = _mm512_set1_epi8(-1);
-    Walk w{minusOne, _mm512_setzero_si512(), minusOne, minusOne};
-    __m512i v = _mm512_set1_epi8(static_cast<char>(D - 1));
-    const intptr_t diagonal = stride - 1;
-    if (swapped != 0) {
-        __m512i cur = load64(B), hi = load64(B + diagonal), lo;
-        walkSlot(&w, cur, hi, hi, v);
-        for (int32_t k = 1; k < D - 1; ++k) {
-            v = _mm512_add_epi8(v, minusOne);
-            lo = cur;
-            cur = hi;
-            hi = load64(B + (k + 1) * diagonal);
-            walkSlot(&w, cur, lo, hi, v);
-        }
-        v = _mm512_add_epi8(v, minusOne);
-        walkSlot(&w, hi, cur, cur, v);
-    } else {
-        __m512i cur = load64(B + (D - 1) * diagonal), lo = load64(B + (D - 2) * diagonal), hi;
-        walkSlot(&w, cur, lo, lo, v);
-        for (int32_t k = D - 2; k > 0; --k) {
-            v = _mm512_add_epi8(v, minusOne);
-            hi = cur;
-            cur = lo;
-            lo = load64(B + (k - 1) * diagonal);
-            walkSlot(&w, cur, lo, hi, v);
-        }
-        v = _mm512_add_epi8(v, minusOne);
-        walkSlot(&w, lo, cur, cur, v);
-    }
-    storeWalk(out, w, f, swapped);
-}
 
 void winnerMatch8(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int32_t m, int32_t f,
                   int32_t swapped, int32_t x0, int32_t x1) {
@@ -224,22 +140,8 @@ void winnerMatch8(uint8_t* out, const uint8_t* bytes, int32_t W, int32_t D, int3
     // columns they write with the same bytes, so that they take the blocks
     // and not its sliding window of keys.
     if (x0 < xi0) winnerMatchU8Row8_avx2(out, bytes, W, D, m, f, swapped, x0, xi0 - x0 < 32 ? x0 + 32 : xi0);
-    // Columns per block (a multiple of 64, at most 512) and the stride of
-    // the rows (their D - 1 more base pixels, rounded up to 64), D rows
-    // within the buffer: 384 columns for D = 64.
-    int32_t n = kMatchBuffer / D - (D - 1) - 63;
-    n = n > 512 ? 512 : (n / 64) * 64;
-    const intptr_t stride = ((n + D - 1) + 63) / 64 * 64;
     alignas(64) uint8_t buf[kMatchBuffer];
-    for (int32_t x = xi0; x < xi1;) {
-        // The last block overlaps its predecessor rather than end short.
-        if (xi1 - x < 64) x = xi1 - 64;
-        const int32_t nb = n < ((xi1 - x) / 64) * 64 ? n : ((xi1 - x) / 64) * 64;
-        transposePixels(buf, stride, bytes, D, x + c - D + 1, nb + D - 1);
-        for (int32_t i = 0; i < nb; i += 64)
-            matchInterior64(out + x + i, buf + i + (D - 1), stride, D, f, swapped);
-        x += nb;
-    }
+    SelectBlocks_matchInterior<Blocks512, kMatchBuffer>(out, bytes, D, c, f, swapped, xi0, xi1, buf);
     if (xi1 < x1) winnerMatchU8Row8_avx2(out, bytes, W, D, m, f, swapped, x1 - xi1 < 32 ? x1 - 32 : xi1, x1);
 }
 

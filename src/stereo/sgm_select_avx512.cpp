@@ -16,7 +16,6 @@ namespace vq_tl {
 namespace {
 
 inline __m128i load16(const uint8_t* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
-inline __m512i load64(const uint8_t* p) { return _mm512_loadu_si512(p); }
 inline void store64(uint8_t* p, __m512i v) { _mm512_storeu_si512(p, v); }
 
 // Entries e to e + 15 of 64 pixels (src: entry e of the first, pitch bytes
